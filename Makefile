@@ -1,0 +1,76 @@
+# The two commands of the README are `make demo` and `make test`; both install
+# what is missing, configure and build on demand.
+BUILD      ?= build
+JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
+CMAKE_ARGS ?=
+DEB_PACKAGES := cmake g++ make pkg-config libgdal-dev gdal-bin libproj-dev proj-bin \
+                libboost-dev libeigen3-dev libgtest-dev libgmock-dev libbenchmark-dev
+BENCH_PACKAGES := libopencv-dev
+FUZZ_PACKAGES := clang libclang-rt-14-dev
+SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
+
+define install_missing
+	@missing=""; for p in $(1); do \
+	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing:$$missing"; \
+	  $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get update -qq && \
+	  $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $$missing; \
+	fi
+endef
+
+.PHONY: all deps build demo test bench asan tsan fuzz install symbols format clean
+all: build
+
+deps:
+	$(call install_missing,$(DEB_PACKAGES))
+
+$(BUILD)/CMakeCache.txt:
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DEPHO_WERROR=ON $(CMAKE_ARGS)
+
+build: deps $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j $(JOBS)
+
+demo: build
+	./$(BUILD)/epho demo
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 1200
+
+bench: deps
+	$(call install_missing,$(BENCH_PACKAGES))
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DEPHO_BENCH=ON -DEPHO_TESTS=OFF
+	cmake --build build-bench -j $(JOBS)
+	cmake --build build-bench --target run_benchmarks
+
+asan: deps
+	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DEPHO_SANITIZE=address,undefined
+	cmake --build build-asan -j $(JOBS)
+	cd build-asan && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j $(JOBS) --timeout 2400
+
+tsan: deps
+	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DEPHO_SANITIZE=thread
+	cmake --build build-tsan -j $(JOBS)
+	cd build-tsan && ctest --output-on-failure -j $(JOBS) --timeout 2400 -R 'Thread|Concurrent'
+
+fuzz: deps
+	$(call install_missing,$(FUZZ_PACKAGES))
+	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DEPHO_FUZZ=ON -DEPHO_SANITIZE=address,undefined
+	cmake --build build-fuzz -j $(JOBS)
+	@echo "Fuzzers are in build-fuzz/fuzz_*; e.g. build-fuzz/fuzz_camerafile_fuzz testdata/fuzz/camerafile_fuzz"
+
+install: build
+	cmake --install $(BUILD)
+
+# Refresh the exported-symbol reference lists after a deliberate interface change.
+symbols: build
+	for l in kzdvrasteru kzdvmodlibu kzdvpholibu; do \
+	  cmake/check_symbols.sh $(BUILD)/lib$$l.so cmake/exported_symbols/$$l.txt --write; done
+
+format:
+	clang-format -i $$(git ls-files '*.cpp' '*.h' '*.hpp' '*.c')
+
+clean:
+	rm -rf $(BUILD) build-bench build-asan build-tsan build-fuzz

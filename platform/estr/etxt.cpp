@@ -1,0 +1,211 @@
+#include "etxt.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+#include <cwctype>
+#include <vector>
+
+namespace kzdv {
+
+std::string ToUtf8(const std::wstring& s) {
+  std::string out;
+  out.reserve(s.size());
+  for (wchar_t wc : s) {
+    uint32_t c = static_cast<uint32_t>(wc);
+    if (c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) c = 0xFFFD;
+    if (c < 0x80) {
+      out += static_cast<char>(c);
+    } else if (c < 0x800) {
+      out += static_cast<char>(0xC0 | (c >> 6));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+      out += static_cast<char>(0xE0 | (c >> 12));
+      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+      out += static_cast<char>(0xF0 | (c >> 18));
+      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    }
+  }
+  return out;
+}
+
+std::wstring FromUtf8(const std::string& s) {
+  std::wstring out;
+  out.reserve(s.size());
+  size_t i = 0;
+  const size_t n = s.size();
+  while (i < n) {
+    unsigned char b = static_cast<unsigned char>(s[i]);
+    uint32_t c;
+    int extra;
+    if (b < 0x80) {
+      c = b;
+      extra = 0;
+    } else if ((b & 0xE0) == 0xC0) {
+      c = b & 0x1F;
+      extra = 1;
+    } else if ((b & 0xF0) == 0xE0) {
+      c = b & 0x0F;
+      extra = 2;
+    } else if ((b & 0xF8) == 0xF0) {
+      c = b & 0x07;
+      extra = 3;
+    } else {
+      out += static_cast<wchar_t>(0xFFFD);
+      ++i;
+      continue;
+    }
+    bool ok = true;
+    for (int k = 1; k <= extra; ++k) {
+      if (i + k >= n || (static_cast<unsigned char>(s[i + k]) & 0xC0) != 0x80) {
+        ok = false;
+        break;
+      }
+      c = (c << 6) | (static_cast<unsigned char>(s[i + k]) & 0x3F);
+    }
+    if (!ok) {
+      out += static_cast<wchar_t>(0xFFFD);
+      ++i;
+      continue;
+    }
+    out += static_cast<wchar_t>(c);
+    i += extra + 1;
+  }
+  return out;
+}
+
+// Rewrites a toolkit format for glibc's wide printf: a bare %s / %c means a
+// wide argument (%ls / %lc), %hs / %hc a narrow one (%s / %c).
+static std::wstring NativeFormat(const Etxt_Char* f) {
+  std::wstring out;
+  for (const wchar_t* p = f; *p;) {
+    if (*p != L'%') {
+      out += *p++;
+      continue;
+    }
+    out += *p++;
+    if (*p == L'%') {
+      out += *p++;
+      continue;
+    }
+    while (*p && std::wcschr(L"-+ #0'", *p)) out += *p++;
+    while (*p && (std::iswdigit(*p) || *p == L'*' || *p == L'.')) out += *p++;
+    std::wstring len;
+    while (*p && std::wcschr(L"hlLqjzt", *p)) len += *p++;
+    if (*p == L's' || *p == L'c') {
+      if (len.empty()) out += L'l';
+      else if (len != L"h") out += len;
+    } else {
+      out += len;
+    }
+    if (*p) out += *p++;
+  }
+  return out;
+}
+
+std::wstring FormatV(const Etxt_Char* format, va_list args) {
+  if (!format) return std::wstring();
+  const std::wstring fmt = NativeFormat(format);
+  std::vector<wchar_t> buf(256);
+  for (;;) {
+    va_list copy;
+    va_copy(copy, args);
+    int n = std::vswprintf(buf.data(), buf.size(), fmt.c_str(), copy);
+    va_end(copy);
+    if (n >= 0 && static_cast<size_t>(n) < buf.size()) return std::wstring(buf.data(), n);
+    if (buf.size() > (1u << 24)) return fmt;  // a format that never fits: give it back verbatim
+    buf.resize(buf.size() * 4);
+  }
+}
+
+std::wstring Format(const Etxt_Char* format, ...) {
+  va_list ap;
+  va_start(ap, format);
+  std::wstring s = FormatV(format, ap);
+  va_end(ap);
+  return s;
+}
+
+}  // namespace kzdv
+
+EtxtTextU EtxtTextU::FromUtf8(const std::string& s) { return EtxtTextU(kzdv::FromUtf8(s)); }
+std::string EtxtTextU::ToUtf8() const { return kzdv::ToUtf8(*this); }
+bool EtxtTextU::EqualsIgnoreCase(const Etxt_Char* other) const {
+  return estr_Eqic(c_str(), other) != EMSC_FALSE;
+}
+
+int etxt_Text_strcmp(const Etxt_Char* a, const Etxt_Char* b) {
+  if (!a || !b) return a == b ? 0 : (a ? 1 : -1);
+  return std::wcscmp(a, b);
+}
+
+size_t etxt_Text_strlen(const Etxt_Char* s) { return s ? std::wcslen(s) : 0; }
+
+Etxt_Char* etxt_Text_strdup(const Etxt_Char* s) {
+  if (!s) return nullptr;
+  return static_cast<Etxt_Char*>(emsc_MemDup(s, (std::wcslen(s) + 1) * sizeof(Etxt_Char)));
+}
+
+Etxt_Char* estr_Duplicate(const Etxt_Char* s) { return etxt_Text_strdup(s); }
+
+int estr_Cmpic(const Etxt_Char* a, const Etxt_Char* b) {
+  if (!a || !b) return a == b ? 0 : (a ? 1 : -1);
+  for (;; ++a, ++b) {
+    wint_t ca = std::towlower(*a), cb = std::towlower(*b);
+    if (ca != cb) return ca < cb ? -1 : 1;
+    if (!ca) return 0;
+  }
+}
+
+Emsc_Boolean estr_Eqic(const Etxt_Char* a, const Etxt_Char* b) {
+  return estr_Cmpic(a, b) == 0 ? EMSC_TRUE : EMSC_FALSE;
+}
+
+Etxt_Char* estr_Sprintf(const Etxt_Char* format, ...) {
+  if (!format) return nullptr;
+  va_list ap;
+  va_start(ap, format);
+  std::wstring s = kzdv::FormatV(format, ap);
+  va_end(ap);
+  return etxt_Text_strdup(s.c_str());
+}
+
+Emsc_Boolean estr_StringToDouble(const Etxt_Char* s, double* value) {
+  if (!s || !value) return EMSC_FALSE;
+  wchar_t* end = nullptr;
+  errno = 0;
+  double v = std::wcstod(s, &end);
+  if (end == s || errno == ERANGE) return EMSC_FALSE;
+  while (*end && std::iswspace(*end)) ++end;
+  if (*end) return EMSC_FALSE;
+  *value = v;
+  return EMSC_TRUE;
+}
+
+Emsc_Boolean estr_StringToLong(const Etxt_Char* s, long* value) {
+  if (!s || !value) return EMSC_FALSE;
+  wchar_t* end = nullptr;
+  errno = 0;
+  long v = std::wcstol(s, &end, 10);
+  if (end == s || errno == ERANGE) return EMSC_FALSE;
+  while (*end && std::iswspace(*end)) ++end;
+  if (*end) return EMSC_FALSE;
+  *value = v;
+  return EMSC_TRUE;
+}
+
+char* etxt_ToUtf8(const Etxt_Char* s) {
+  if (!s) return nullptr;
+  std::string u = kzdv::ToUtf8(s);
+  return static_cast<char*>(emsc_MemDup(u.c_str(), u.size() + 1));
+}
+
+Etxt_Char* etxt_FromUtf8(const char* s) {
+  if (!s) return nullptr;
+  return etxt_Text_strdup(kzdv::FromUtf8(s).c_str());
+}

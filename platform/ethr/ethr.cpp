@@ -1,0 +1,50 @@
+#include "ethr.h"
+
+#include <mutex>
+#include <new>
+
+#include "eerr_frame.hpp"
+
+struct Ethr_Mutex {
+  std::recursive_mutex mutex;
+};
+
+Ethr_Mutex* ethr_MutexCreate(Eerr_ErrorReport** err) {
+  kzdv::ErrorFrame frame(L"ethr_MutexCreate", err);
+  Ethr_Mutex* m = new (std::nothrow) Ethr_Mutex;
+  EERR_FAIL_IF(!m, frame, nullptr, L"Out of memory");
+  return m;
+}
+
+void ethr_MutexLock(Ethr_Mutex* mutex, Eerr_ErrorReport** err) {
+  kzdv::ErrorFrame frame(L"ethr_MutexLock", err);
+  EERR_FAIL_IF(!mutex, frame, , L"Null mutex");
+  mutex->mutex.lock();
+}
+
+void ethr_MutexUnlock(Ethr_Mutex* mutex, Eerr_ErrorReport** err) {
+  kzdv::ErrorFrame frame(L"ethr_MutexUnlock", err);
+  EERR_FAIL_IF(!mutex, frame, , L"Null mutex");
+  mutex->mutex.unlock();
+}
+
+void ethr_MutexDestroy(Ethr_Mutex* mutex, Eerr_ErrorReport** err) {
+  kzdv::ErrorFrame frame(L"ethr_MutexDestroy", err);
+  delete mutex;
+}
+
+static std::recursive_mutex& UnsafeSection() {
+  static std::recursive_mutex m;
+  return m;
+}
+
+void ethr_ThreadUnsafeCodeEnter(void) { UnsafeSection().lock(); }
+void ethr_ThreadUnsafeCodeExit(void) { UnsafeSection().unlock(); }
+
+EthrLockHolder::EthrLockHolder(Ethr_Mutex* mutex) : mutex_(mutex) {
+  if (mutex_) mutex_->mutex.lock();
+}
+
+EthrLockHolder::~EthrLockHolder() {
+  if (mutex_) mutex_->mutex.unlock();
+}

@@ -1,0 +1,51 @@
+/* ethr: mutexes and the process-wide thread-unsafe section.
+ *
+ * Toolkit mutexes are recursive (a thread may lock one it holds). The
+ * thread-unsafe section is one process-wide recursive lock around code that
+ * touches shared, lazily built state (the design dictionary, singletons). */
+#ifndef ETHR_H
+#define ETHR_H
+
+#include "eerr.h"
+#include "kzdv_export.h"
+
+typedef struct Ethr_Mutex Ethr_Mutex;
+
+KZDV_BEGIN_C
+
+/* Creates a recursive mutex; null with a report on failure. */
+KZDV_EXPORT Ethr_Mutex* ethr_MutexCreate(Eerr_ErrorReport** err);
+KZDV_EXPORT void ethr_MutexLock(Ethr_Mutex* mutex, Eerr_ErrorReport** err);
+KZDV_EXPORT void ethr_MutexUnlock(Ethr_Mutex* mutex, Eerr_ErrorReport** err);
+/* Destroys a mutex that no thread holds; null is ignored. */
+KZDV_EXPORT void ethr_MutexDestroy(Ethr_Mutex* mutex, Eerr_ErrorReport** err);
+KZDV_EXPORT void ethr_ThreadUnsafeCodeEnter(void);
+KZDV_EXPORT void ethr_ThreadUnsafeCodeExit(void);
+
+KZDV_END_C
+
+#ifdef __cplusplus
+/* Scope-bound lock holder: locks a non-null mutex on construction and unlocks
+ * it when the scope ends, also when an exception passes. */
+class KZDV_EXPORT EthrLockHolder {
+ public:
+  explicit EthrLockHolder(Ethr_Mutex* mutex);
+  ~EthrLockHolder();
+  EthrLockHolder(const EthrLockHolder&) = delete;
+  EthrLockHolder& operator=(const EthrLockHolder&) = delete;
+
+ private:
+  Ethr_Mutex* mutex_;
+};
+
+/* Scope-bound thread-unsafe section. */
+class KZDV_EXPORT EthrThreadUnsafeSection {
+ public:
+  EthrThreadUnsafeSection() { ethr_ThreadUnsafeCodeEnter(); }
+  ~EthrThreadUnsafeSection() { ethr_ThreadUnsafeCodeExit(); }
+  EthrThreadUnsafeSection(const EthrThreadUnsafeSection&) = delete;
+  EthrThreadUnsafeSection& operator=(const EthrThreadUnsafeSection&) = delete;
+};
+#endif
+
+#endif /* ETHR_H */

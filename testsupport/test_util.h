@@ -1,0 +1,60 @@
+// Helpers for tests: a scratch folder removed at the end of the test, and a
+// capture of the error reports that library functions print when the caller
+// passes no report pointer.
+#ifndef EPHO_TEST_UTIL_H
+#define EPHO_TEST_UTIL_H
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include <unistd.h>
+
+#include "eerr.h"
+
+namespace testutil {
+
+class ScratchDir {
+ public:
+  explicit ScratchDir(const std::string& tag = "t") {
+    static std::atomic<int> counter{0};
+    const char* base = std::getenv("EPHO_TEST_TMP");
+    std::filesystem::path root = base ? base : std::filesystem::temp_directory_path();
+    path_ = root / (tag + "_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
+    std::filesystem::remove_all(path_);
+    std::filesystem::create_directories(path_);
+  }
+  ~ScratchDir() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+  }
+  const std::filesystem::path& path() const { return path_; }
+  std::string File(const std::string& name) const { return (path_ / name).string(); }
+  std::wstring WFile(const std::string& name) const { return (path_ / name).wstring(); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// While alive, reports printed by eerr_PrintErrorReport are collected here
+// instead of going to standard error.
+class PrintedReports {
+ public:
+  PrintedReports() { old_ = eerr_SetPrintHandler(&PrintedReports::Handler, this); }
+  ~PrintedReports() { eerr_SetPrintHandler(old_, nullptr); }
+  const std::vector<std::wstring>& texts() const { return texts_; }
+
+ private:
+  static void Handler(const Eerr_ErrorReport* r, void* ctx) {
+    static_cast<PrintedReports*>(ctx)->texts_.push_back(kzdv::ReportText(r));
+  }
+  Eerr_PrintHandler old_;
+  std::vector<std::wstring> texts_;
+};
+
+}  // namespace testutil
+
+#endif  // EPHO_TEST_UTIL_H
