@@ -3,5 +3,11 @@
 #define EPHO_EPHO_H
 
 #include "epho/base.h"
+#include "epho/kernel.h"
+#include "epho/matching.h"
+#include "epho/pyramid.h"
+#include "epho/dtm.h"
+#include "epho/camerafile.h"
+#include "epho/fiducial.h"
 
 #endif /* EPHO_EPHO_H */
