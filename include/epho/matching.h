@@ -122,6 +122,57 @@ EPHO_EXPORT double epho_getCrossSumU32(const uint32_t* first, uint32_t firstStri
                                        uint32_t halfHeight);
 
 /* ------------------------------------------------------------------------ */
+/* Least-squares correlation: refines one right-image position (column *rx,
+ * row *ry, pixel centres at k + 0.5) of a left template by Gauss-Newton
+ * iterations on an affine geometric and linear radiometric model (8
+ * unknowns). Return code k, with M = maxIterations:
+ *   k < 0   converged after -k iterations (never on the first): position updated;
+ *   M + 1   iteration limit reached: position updated with the last shifts;
+ *   2M      failure: a sample left the permitted area or the normal matrix
+ *           was singular (position unchanged), or a total shift exceeded
+ *           maxShift (position updated with the shifts reached);
+ *   1       M < 1: nothing done.
+ * Convergence: both shift corrections of an iteration below `convergence`
+ * (pixels). A normal matrix is singular when a pivot of its factor is 0 or
+ * below 1e-12 of its diagonal cell (e.g. a flat template): "Least Square
+ * Matching with inversible matrix!". */
+
+/* Template of (2*hw+1) x (2*hh+1) samples (full sizes made odd, as above)
+ * resampled around (lx, ly), turned by leftAngle (radians), half-pixel
+ * centres; the right window starts turned by rightAngle. The right buffer is
+ * a search patch of twice the window: every sample's bilinear cell index must
+ * stay within 1..4*hw (columns) and 1..4*hh (rows), so the patch must hold
+ * columns 0..4*hw+2 and rows 0..4*hh+2. Reports in the common way. */
+EPHO_EXPORT int16_t epho_OnePtLSCByte(const uint8_t* left, int32_t leftStride, double leftAngle,
+                                      double lx, double ly, const uint8_t* right,
+                                      int32_t rightStride, double rightAngle, double* rx,
+                                      double* ry, int16_t width, int16_t height,
+                                      int16_t maxIterations, float convergence, float maxShift,
+                                      Eerr_ErrorReport** err);
+EPHO_EXPORT int16_t epho_OnePtLSCDouble(const double* left, int32_t leftStride, double leftAngle,
+                                        double lx, double ly, const double* right,
+                                        int32_t rightStride, double rightAngle, double* rx,
+                                        double* ry, int16_t width, int16_t height,
+                                        int16_t maxIterations, float convergence, float maxShift,
+                                        Eerr_ErrorReport** err);
+/* Template read in place at whole pixels around left pixel (lx, ly), not
+ * turned; window 2*halfWidth+1 by 2*halfHeight+1. Template pixel lx lines up
+ * with right position lx + 0.5 (half-pixel centres on the right side). The
+ * right buffer is taken as a square patch: cell indices must stay within
+ * 1..rightStride-2 along both axes, so it must hold rightStride rows. No
+ * report: the code alone tells the outcome. */
+EPHO_EXPORT int16_t epho_OnePtLSCByteHalf(const uint8_t* left, int32_t leftStride, int32_t lx,
+                                          int32_t ly, const uint8_t* right, int32_t rightStride,
+                                          double* rx, double* ry, uint32_t halfWidth,
+                                          uint32_t halfHeight, int16_t maxIterations,
+                                          float convergence, float maxShift);
+EPHO_EXPORT int16_t epho_OnePtLSCU32(const uint32_t* left, int32_t leftStride, int32_t lx,
+                                     int32_t ly, const uint32_t* right, int32_t rightStride,
+                                     double* rx, double* ry, uint32_t halfWidth,
+                                     uint32_t halfHeight, int16_t maxIterations,
+                                     float convergence, float maxShift);
+
+/* ------------------------------------------------------------------------ */
 /* Template search: the best whole-pixel NCC position of a left window inside
  * a range of right-window centres, with a sub-pixel peak.
  *
