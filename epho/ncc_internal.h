@@ -50,6 +50,12 @@ inline double BilinearHalfPixel(const P* image, std::ptrdiff_t stride, double u,
 
 }  // namespace epho_ncc
 
+namespace epho_search_internal {
+// Pins the template search to one vector path: 0 the best available, 1 no
+// AVX2, 2 plain C++. For tests only; not thread-safe.
+void SetVectorPathForTesting(int path);
+}  // namespace epho_search_internal
+
 // Cross sums with the first window mirrored, for the symmetry-centre search:
 //   RowMirror:    sum A(x1+j, y1-i) * B(x2+j, y2+i)  (first window bottom row first)
 //   ColumnMirror: sum A(x1-j, y1+i) * B(x2+j, y2+i)  (first window right to left)

@@ -185,7 +185,7 @@ EPHO_EXPORT int16_t epho_OnePtLSCU32(const uint32_t* left, int32_t leftStride, i
  * Work memory is the caller's: `scratch` of at least
  * epho_NccSearchScratchBytes(...) bytes, any alignment; nothing is allocated,
  * so one scratch block per thread makes the search thread-safe. */
-#define EPHO_NCC_SEARCH_MAX_HALF 255
+#define EPHO_NCC_SEARCH_MAX_HALF 127
 
 typedef struct Epho_NccPeak {
   int32_t column, row;  /* best whole-pixel right centre */
