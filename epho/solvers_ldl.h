@@ -29,52 +29,121 @@ struct TableRows {
 // by the reciprocal (row-offset family); the two may differ in the last bit.
 enum class Pivot { kDivide, kReciprocal };
 
-// Columns handled per pass: the partial sums of one row for this many
-// columns live on the stack (no allocation) and stay in L1.
+// Blocking of the factorisation. Rows are finished kRowBlock at a time so
+// that every earlier row is read once per block instead of once per row; the
+// partial sums of the block's rows are kept on the stack (no allocation) for
+// kColumnBlock columns at a time, and the pivot-weighted column cells of the
+// earlier rows are gathered kChunk rows at a time.
+constexpr int kRowBlock = 4;
 constexpr int kColumnBlock = 256;
+constexpr int kChunk = 128;
 
-// Factorises the active block in place; true at the first exactly-zero pivot
-// (rows above it are finished, rows below keep their input values).
+// sums[r][t] += f[k][r] * a(k, jb + t) for k = k0 .. k1-1 in increasing k
+// (f row-major kChunk x R, sums R x kColumnBlock). Four columns at a time
+// with the R x 4 partial sums in registers; each sum still receives its
+// terms one by one in increasing k.
+template <int R, class Rows>
+inline void AccumulateRows(double* __restrict sums, const double* __restrict f,
+                           const double* a, Rows rows, int k0, int k1, int jb, int width) {
+  int t = 0;
+  for (; t + 4 <= width; t += 4) {
+    double acc[R][4];
+    for (int r = 0; r < R; ++r)
+      for (int c = 0; c < 4; ++c) acc[r][c] = sums[r * kColumnBlock + t + c];
+    for (int k = k0; k < k1; ++k) {
+      const double* x = a + rows[k] + jb + t;
+      const double* fk = f + (k - k0) * R;
+      for (int r = 0; r < R; ++r)
+        for (int c = 0; c < 4; ++c) acc[r][c] += fk[r] * x[c];
+    }
+    for (int r = 0; r < R; ++r)
+      for (int c = 0; c < 4; ++c) sums[r * kColumnBlock + t + c] = acc[r][c];
+  }
+  for (; t < width; ++t) {
+    double acc[R];
+    for (int r = 0; r < R; ++r) acc[r] = sums[r * kColumnBlock + t];
+    for (int k = k0; k < k1; ++k) {
+      const double x = a[rows[k] + jb + t];
+      for (int r = 0; r < R; ++r) acc[r] += f[(k - k0) * R + r] * x;
+    }
+    for (int r = 0; r < R; ++r) sums[r * kColumnBlock + t] = acc[r];
+  }
+}
+
+// Finishes rows i0 .. i0+R-1, column blocks from jb_start on (jb_start == i0
+// includes the diagonal). Each cell is
+//   d_i  = a(i,i) - sum_k u_ki d_k u_ki,
+//   u_ij = (a(i,j) - sum_k u_ki d_k u_kj) / d_i    (k = first .. i-1),
+// with the sum in increasing k. Returns R, or the block index of the first
+// exactly-zero pivot (its d is stored; later rows keep their input).
+template <Pivot kPivot, int R, class Rows>
+int FactorRows(double* a, Rows rows, int first, int end, int i0, int jb_start) {
+  double sums[R * kColumnBlock];
+  double f[kChunk * R];
+  for (int jb = jb_start; jb < end; jb += kColumnBlock) {
+    const int width = std::min(end - jb, kColumnBlock);
+    for (int r = 0; r < R; ++r)
+      for (int t = 0; t < width; ++t) sums[r * kColumnBlock + t] = 0.0;
+    for (int k0 = first; k0 < i0; k0 += kChunk) {
+      const int k1 = std::min(i0, k0 + kChunk);
+      for (int k = k0; k < k1; ++k) {
+        const double* rk = a + rows[k];
+        for (int r = 0; r < R; ++r) f[(k - k0) * R + r] = rk[i0 + r] * rk[k];
+      }
+      AccumulateRows<R>(sums, f, a, rows, k0, k1, jb, width);
+    }
+    for (int m = 0; m < R; ++m) {
+      const int i = i0 + m;
+      double* ri = a + rows[i];
+      double* s = sums + m * kColumnBlock;
+      const int t_first = (jb == i0) ? m : 0;  // columns j >= i only
+      for (int k = i0; k < i; ++k) {  // rows of this block finished above
+        const double* rk = a + rows[k] + jb;
+        const double fk = a[rows[k] + i] * a[rows[k] + k];
+        for (int t = t_first; t < width; ++t) s[t] += fk * rk[t];
+      }
+      int t0 = t_first;
+      if (jb == i0) {
+        const double di = ri[i] - s[m];
+        ri[i] = di;
+        if (di == 0.0) return m;
+        t0 = m + 1;
+      }
+      const double di = ri[i];
+      double* out = ri + jb;
+      if (kPivot == Pivot::kDivide) {
+        for (int t = t0; t < width; ++t) out[t] = (out[t] - s[t]) / di;
+      } else {
+        const double rcp = 1.0 / di;
+        for (int t = t0; t < width; ++t) out[t] = (out[t] - s[t]) * rcp;
+      }
+    }
+  }
+  return R;
+}
+
+template <Pivot kPivot, class Rows>
+int FactorRowsN(int n_rows, double* a, Rows rows, int first, int end, int i0, int jb_start) {
+  switch (n_rows) {
+    case 1: return FactorRows<kPivot, 1>(a, rows, first, end, i0, jb_start);
+    case 2: return FactorRows<kPivot, 2>(a, rows, first, end, i0, jb_start);
+    case 3: return FactorRows<kPivot, 3>(a, rows, first, end, i0, jb_start);
+    default: return FactorRows<kPivot, kRowBlock>(a, rows, first, end, i0, jb_start);
+  }
+}
+
+// Factorises the active block in place (first < end); true at the first
+// exactly-zero pivot: rows above it are finished, its diagonal holds the zero
+// pivot and the rows below keep their input values.
 template <Pivot kPivot, class Rows>
 bool Factor(double* a, Rows rows, int first, int end) {
-  double* row0 = a + rows[first];
-  const double d0 = row0[first];
-  if (d0 == 0.0) return true;
-  if (kPivot == Pivot::kDivide) {
-    for (int j = first + 1; j < end; ++j) row0[j] = row0[j] / d0;
-  } else {
-    const double r0 = 1.0 / d0;
-    for (int j = first + 1; j < end; ++j) row0[j] = row0[j] * r0;
-  }
-  double sums[kColumnBlock];
-  for (int i = first + 1; i < end; ++i) {
-    double* ri = a + rows[i];
-    double di = 0.0;
-    for (int jb = i; jb < end; jb += kColumnBlock) {
-      const int width = std::min(end - jb, kColumnBlock);
-      for (int t = 0; t < width; ++t) sums[t] = 0.0;
-      // sums[t] = sum over k of u_ki * d_k * u_k(jb+t), taken in increasing k;
-      // the update runs along contiguous row cells so it vectorises.
-      for (int k = first; k < i; ++k) {
-        const double* rk = a + rows[k] + jb;
-        const double f = a[rows[k] + i] * a[rows[k] + k];
-        double* __restrict s = sums;
-        for (int t = 0; t < width; ++t) s[t] += f * rk[t];
-      }
-      double* __restrict out = ri + jb;
-      int t0 = 0;
-      if (jb == i) {
-        di = out[0] - sums[0];
-        out[0] = di;
-        if (di == 0.0) return true;
-        t0 = 1;
-      }
-      if (kPivot == Pivot::kDivide) {
-        for (int t = t0; t < width; ++t) out[t] = (out[t] - sums[t]) / di;
-      } else {
-        const double r = 1.0 / di;
-        for (int t = t0; t < width; ++t) out[t] = (out[t] - sums[t]) * r;
-      }
+  for (int i0 = first; i0 < end; i0 += kRowBlock) {
+    const int n_rows = std::min(kRowBlock, end - i0);
+    const int done = FactorRowsN<kPivot>(n_rows, a, rows, first, end, i0, i0);
+    if (done < n_rows) {
+      // Finish the rows above the failing one in the remaining column blocks.
+      if (done > 0) FactorRowsN<kPivot>(done, a, rows, first, end, i0, i0 + kColumnBlock);
+      return true;
     }
   }
   return false;
