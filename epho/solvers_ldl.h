@@ -176,14 +176,38 @@ bool Solve(const double* a, Rows rows, int first, int end, double* b) {
 // active block, in place; true when a diagonal cell is exactly zero.
 template <class Rows>
 bool Invert(double* a, Rows rows, int first, int end) {
-  // V = U^-1, row by row from the top. Row r's cells left of c are already V,
-  // the rows below are still U.
+  // V = U^-1, row by row from the top: v_rc = -(u_rc + sum_k v_rk u_kc),
+  // k = r+1 .. c-1 in increasing order. Row r's cells left of c are already
+  // V, the rows below are still U. The sums of a column block are built on the
+  // stack by running along contiguous rows of U.
+  double sums[kColumnBlock];
   for (int r = first; r < end - 1; ++r) {
     double* rr = a + rows[r];
-    for (int c = r + 1; c < end; ++c) {
-      double s = 0.0;
-      for (int k = r + 1; k < c; ++k) s += rr[k] * a[rows[k] + c];
-      rr[c] = -(rr[c] + s);
+    for (int cb = r + 1; cb < end; cb += kColumnBlock) {
+      const int width = std::min(end - cb, kColumnBlock);
+      for (int t = 0; t < width; ++t) sums[t] = 0.0;
+      int k = r + 1;
+      for (; k + 4 <= cb; k += 4) {  // four finished cells of row r at a time
+        const double f0 = rr[k], f1 = rr[k + 1], f2 = rr[k + 2], f3 = rr[k + 3];
+        const double* x0 = a + rows[k] + cb;
+        const double* x1 = a + rows[k + 1] + cb;
+        const double* x2 = a + rows[k + 2] + cb;
+        const double* x3 = a + rows[k + 3] + cb;
+        for (int t = 0; t < width; ++t)
+          sums[t] = (((sums[t] + f0 * x0[t]) + f1 * x1[t]) + f2 * x2[t]) + f3 * x3[t];
+      }
+      for (; k < cb; ++k) {
+        const double f = rr[k];
+        const double* x = a + rows[k] + cb;
+        for (int t = 0; t < width; ++t) sums[t] += f * x[t];
+      }
+      for (int t = 0; t < width; ++t) {
+        const int c = cb + t;
+        const double v = -(rr[c] + sums[t]);
+        rr[c] = v;
+        const double* x = a + rows[c] + cb;
+        for (int q = t + 1; q < width; ++q) sums[q] += v * x[q];
+      }
     }
   }
   for (int i = first; i < end; ++i) {
@@ -191,11 +215,36 @@ bool Invert(double* a, Rows rows, int first, int end) {
     if (d == 0.0) return true;
     d = 1.0 / d;
   }
-  // A^-1 = V D^-1 V^T, top row first and left to right: every cell read later
-  // still holds V or 1/d when it is read.
+  // A^-1 = V D^-1 V^T, top row first and left to right:
+  //   c_ij = v_ij / d_j + sum_k (v_ik / d_k) v_jk,  k = j+1 .. end-1,
+  // (c_ii = 1/d_i + ...). Every cell read later still holds V or 1/d when it
+  // is read. Four cells of row i at a time share the weights v_ik / d_k;
+  // they are written back after all four sums are complete.
   for (int i = first; i < end - 1; ++i) {
     double* ri = a + rows[i];
-    for (int j = i; j < end; ++j) {
+    int j0 = i;
+    for (; j0 + 4 <= end; j0 += 4) {
+      const double* rj[4] = {a + rows[j0], a + rows[j0 + 1], a + rows[j0 + 2], a + rows[j0 + 3]};
+      double sum[4] = {0.0, 0.0, 0.0, 0.0};
+      for (int q = 0; q < 3; ++q) {
+        for (int k = j0 + q + 1; k < j0 + 4; ++k) sum[q] += ri[k] * a[rows[k] + k] * rj[q][k];
+      }
+      for (int k = j0 + 4; k < end; ++k) {
+        const double w = ri[k] * a[rows[k] + k];
+        sum[0] += w * rj[0][k];
+        sum[1] += w * rj[1][k];
+        sum[2] += w * rj[2][k];
+        sum[3] += w * rj[3][k];
+      }
+      double out[4];
+      for (int q = 0; q < 4; ++q) {
+        const int j = j0 + q;
+        const double s = (j > i) ? ri[j] * rj[q][j] : ri[i];
+        out[q] = s + sum[q];
+      }
+      for (int q = 0; q < 4; ++q) ri[j0 + q] = out[q];
+    }
+    for (int j = j0; j < end; ++j) {
       const double* rj = a + rows[j];
       const double s = (j > i) ? ri[j] * rj[j] : ri[i];
       double sum = 0.0;

@@ -190,13 +190,40 @@ bool TextbookFactor(MatrixXd* m, bool reciprocal) {
   return false;
 }
 
-TEST(SolversRowOffset, BlockedFactorEqualsTextbookRecurrenceBitForBit) {
+// In-place inverse from a factor, straight from its recurrences:
+// v_rc = -(u_rc + sum_k v_rk u_kc), then c_ij = v_ij / d_j + sum_k v_ik / d_k v_jk.
+void TextbookInvert(MatrixXd* m) {
+  MatrixXd& a = *m;
+  const int n = static_cast<int>(a.rows());
+  for (int r = 0; r < n - 1; ++r) {
+    for (int c = r + 1; c < n; ++c) {
+      double s = 0.0;
+      for (int k = r + 1; k < c; ++k) s += a(r, k) * a(k, c);
+      a(r, c) = -(a(r, c) + s);
+    }
+  }
+  for (int i = 0; i < n; ++i) a(i, i) = 1.0 / a(i, i);
+  for (int i = 0; i < n - 1; ++i) {
+    for (int j = i; j < n; ++j) {
+      const double s = (j > i) ? a(i, j) * a(j, j) : a(i, i);
+      double sum = 0.0;
+      for (int k = j + 1; k < n; ++k) sum += a(i, k) * a(k, k) * a(j, k);
+      a(i, j) = s + sum;
+    }
+  }
+}
+
+TEST(SolversRowOffset, BlockedKernelsEqualTextbookRecurrencesBitForBit) {
   for (int m : {3, 8, 13, 257, 300}) {
     const MatrixXd a = RandomSpd(m, 300 + m);
     MatrixXd reference = a;
     ASSERT_FALSE(TextbookFactor(&reference, true));
     RowOffsetMatrix s(a, m + 5, 5, true);
     ASSERT_EQ(epho_Resolve1D(s.a.data(), s.rows.data(), 5, 5 + m), EMSC_FALSE);
+    for (int i = 0; i < m; ++i)
+      for (int j = i; j < m; ++j) ASSERT_EQ(s.at(5 + i, 5 + j), reference(i, j)) << i << "," << j;
+    TextbookInvert(&reference);
+    ASSERT_EQ(epho_Inverld1D(s.a.data(), s.rows.data(), 5, 5 + m), EMSC_FALSE);
     for (int i = 0; i < m; ++i)
       for (int j = i; j < m; ++j) ASSERT_EQ(s.at(5 + i, 5 + j), reference(i, j)) << i << "," << j;
   }
