@@ -1,24 +1,8 @@
 // The 3x4 projection matrix of a frame camera from its inner and outer
 // orientation.
-#include <cstring>
-
 #include "epho/angles.h"
 #include "epho/collinearity.h"
 #include "epho/solvers.h"
-
-// Until the solver family lands on this branch: the general 3x3 inverse by
-// the adjugate (weak, replaced by the solvers' definition).
-extern "C" Emsc_Boolean epho_Com_Reverse3(double* m);
-extern "C" __attribute__((weak)) Emsc_Boolean epho_Com_Reverse3(double* m) {
-  const double det = m[0] * (m[4] * m[8] - m[7] * m[5]) + m[1] * (m[6] * m[5] - m[3] * m[8]) +
-                     m[2] * (m[7] * m[3] - m[6] * m[4]);
-  if (det == 0.0) return EMSC_TRUE;
-  const double a[9] = {m[4] * m[8] - m[7] * m[5], m[7] * m[2] - m[1] * m[8], m[1] * m[5] - m[4] * m[2],
-                       m[6] * m[5] - m[3] * m[8], m[0] * m[8] - m[6] * m[2], m[3] * m[2] - m[5] * m[0],
-                       m[7] * m[3] - m[6] * m[4], m[6] * m[1] - m[7] * m[0], m[4] * m[0] - m[3] * m[1]};
-  for (int i = 0; i < 9; ++i) m[i] = a[i] / det;
-  return EMSC_FALSE;
-}
 
 extern "C" {
 
