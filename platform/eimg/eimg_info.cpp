@@ -146,6 +146,21 @@ Etxt_Char* eimg_LayerMapProjectionRead(Eimg_Layer* layer, Eerr_ErrorReport** err
   return out;
 }
 
+Etxt_Char* eimg_LayerUnitTypeGet(Eimg_Layer* layer, Eerr_ErrorReport** err) {
+  static const Etxt_Char* const kFn = L"eimg_LayerUnitTypeGet";
+  kzdv::ErrorFrame frame(kFn, err);
+  BandAccess access(layer, frame);
+  if (!access.band) return nullptr;
+  const char* unit = GDALGetRasterUnitType(access.band);
+  std::string u = unit ? unit : "";
+  // GDAL's short spellings of the common height units.
+  if (EQUAL(u.c_str(), "m") || EQUAL(u.c_str(), "metre") || EQUAL(u.c_str(), "meter")) u = "meters";
+  else if (EQUAL(u.c_str(), "ft") || EQUAL(u.c_str(), "foot")) u = "feet";
+  Etxt_Char* out = etxt_FromUtf8(u.c_str());
+  EERR_FAIL_IF(!out, frame, nullptr, L"Out of memory");
+  return out;
+}
+
 Etxt_Char* eimg_FileRasterDataOrderGet(const Etxt_Char* file_name, Eint_InitToolkitData* init,
                                        Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"eimg_FileRasterDataOrderGet";

@@ -202,6 +202,10 @@ KZDV_EXPORT void eimg_MapInfoFree(Eimg_MapInfo* info);
  * when it has none. */
 KZDV_EXPORT Etxt_Char* eimg_LayerMapProjectionRead(Eimg_Layer* layer, Eerr_ErrorReport** err);
 
+/* Unit of the layer's pixel values (e.g. "meters" for a DEM in metres), as
+ * the file records it; "" when it records none. Heap string. */
+KZDV_EXPORT Etxt_Char* eimg_LayerUnitTypeGet(Eimg_Layer* layer, Eerr_ErrorReport** err);
+
 /* Raster data order of a file: "BIP" (pixel interleaved), "BIL" (line
  * interleaved) or "BSQ" (band sequential, also every one-band file). Heap
  * string. */
