@@ -58,7 +58,7 @@ DatasetPtr OpenDataset(const std::string& path, int access, std::wstring* error)
   }
   if (!ds) {
     CPLErrorReset();
-    ds = GDALOpenEx(path.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY, nullptr, nullptr, nullptr);
+    ds = GDALOpenEx(path.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY | GDAL_OF_VERBOSE_ERROR, nullptr, nullptr, nullptr);
   }
   if (!ds) {
     *error = quiet.Message(L"cannot open the raster file");
