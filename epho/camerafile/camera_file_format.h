@@ -31,9 +31,9 @@ inline constexpr const Etxt_Char* kNone = L"NONE";
 inline constexpr const Etxt_Char* kModelNames[4] = {L"NONE", L"TARVO Parameters",
                                                     L"AUSTRALIS Parameters", L"SMAC Parameters"};
 
-inline constexpr const Etxt_Char* kTarvoKeys[19] = {L"a1", L"a2", L"a3", L"b1", L"b2", L"c1", L"c2",
-                                                    L"c3", L"d1", L"d2", L"d3", L"d4", L"d5", L"d6",
-                                                    L"d7", L"d8", L"d9", L"d10", L"r0"};
+inline constexpr const Etxt_Char* kTarvoKeys[19] = {
+    L"a1", L"a2", L"a3", L"b1", L"b2", L"c1", L"c2", L"c3",  L"d1", L"d2",
+    L"d3", L"d4", L"d5", L"d6", L"d7", L"d8", L"d9", L"d10", L"r0"};
 inline constexpr const Etxt_Char* kAustralisKeys[7] = {L"k1", L"k2", L"k3", L"p1",
                                                        L"p2", L"b1", L"b2"};
 inline constexpr const Etxt_Char* kSmacKeys[9] = {L"k0", L"k1", L"k2", L"k3", L"k4",
@@ -42,10 +42,14 @@ inline constexpr const Etxt_Char* kSmacKeys[9] = {L"k0", L"k1", L"k2", L"k3", L"
 // Keys of an extended model's values (null for none or unknown).
 inline const Etxt_Char* const* ExtendedKeys(int model) {
   switch (model) {
-    case EPHO_LENS_MODEL_TARVO: return kTarvoKeys;
-    case EPHO_LENS_MODEL_AUSTRALIS: return kAustralisKeys;
-    case EPHO_LENS_MODEL_SMAC: return kSmacKeys;
-    default: return nullptr;
+    case EPHO_LENS_MODEL_TARVO:
+      return kTarvoKeys;
+    case EPHO_LENS_MODEL_AUSTRALIS:
+      return kAustralisKeys;
+    case EPHO_LENS_MODEL_SMAC:
+      return kSmacKeys;
+    default:
+      return nullptr;
   }
 }
 

@@ -136,8 +136,8 @@ class Reader {
     const std::wstring text = AfterColon(line);
     long v = 0;
     if (!estr_StringToLong(text.c_str(), &v))
-      Fail(__LINE__, L"Line %d of camera parameter file %s: \"%s\" is not a whole number",
-           line_no_, name_, Trim(text).c_str());
+      Fail(__LINE__, L"Line %d of camera parameter file %s: \"%s\" is not a whole number", line_no_,
+           name_, Trim(text).c_str());
     if (v < 0 || v > max)
       Fail(__LINE__, L"Line %d of camera parameter file %s: %ld %s is out of range (0 to %ld)",
            line_no_, name_, v, what, max);
@@ -160,7 +160,8 @@ class Reader {
         continue;
       }
       if (got != 3 || !std::isfinite(a) || !std::isfinite(b))
-        Fail(__LINE__, L"Line %d of camera parameter file %s: %s %ld of %ld is not a row of numbers",
+        Fail(__LINE__,
+             L"Line %d of camera parameter file %s: %s %ld of %ld is not a row of numbers",
              line_no_, name_, what, i + 1, count);
       values.push_back(a);
       values.push_back(b);
@@ -267,8 +268,8 @@ void ReadOlder(Reader& r, kzdv::ErrorFrame& frame, Efio_File* file, const Etxt_C
     r.Fail(__LINE__, L"Camera parameter file %s ends before the camera description", name);
   c.cameraDescription = HeapText(frame, description);
   long kind = 0;
-  if (efio_Fscanf(file, "%lg %lg %lg %lg %lg %lg %ld", &c.focalLength_mm, &c.x0_mm, &c.y0_mm,
-                  &c.k0, &c.k1, &c.k2, &kind) != 7 ||
+  if (efio_Fscanf(file, "%lg %lg %lg %lg %lg %lg %ld", &c.focalLength_mm, &c.x0_mm, &c.y0_mm, &c.k0,
+                  &c.k1, &c.k2, &kind) != 7 ||
       !std::isfinite(c.focalLength_mm) || !std::isfinite(c.x0_mm) || !std::isfinite(c.y0_mm) ||
       !std::isfinite(c.k0) || !std::isfinite(c.k1) || !std::isfinite(c.k2))
     r.Fail(__LINE__,
@@ -354,8 +355,7 @@ extern "C" Epho_CameraFrameInfo* CameraInfoFileRead(const Etxt_Char* fileName,
     reader.SetReadErrorMessage(kFirstLineUnreadable);
     if (!reader.Next(first)) EERR_FAIL(frame, nullptr, kFirstLineUnreadable);
     reader.SetReadErrorMessage(L"efio_Fgets failed");
-    if (first.find(L':') != std::wstring::npos &&
-        first.substr(0, first.find(L':')) == kVersionKey)
+    if (first.find(L':') != std::wstring::npos && first.substr(0, first.find(L':')) == kVersionKey)
       ReadCurrent(reader, frame, *fresh);
     else
       ReadOlder(reader, frame, file.get(), fileName, first, *fresh);

@@ -29,8 +29,7 @@ void epho_CameraFrameInfoDelete(Epho_CameraFrameInfo* camera) {
 Epho_SensorFrameInfo* epho_SensorFrameInfoCreate(Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"epho_SensorFrameInfoCreate";
   kzdv::ErrorFrame frame(kFn, err);
-  auto* info =
-      static_cast<Epho_SensorFrameInfo*>(emsc_HeapCalloc(1, sizeof(Epho_SensorFrameInfo)));
+  auto* info = static_cast<Epho_SensorFrameInfo*>(emsc_HeapCalloc(1, sizeof(Epho_SensorFrameInfo)));
   EERR_FAIL_IF(!info, frame, nullptr, L"Unable to allocation memory for sensor frame information.");
   info->filmToImage[1] = 1.0;
   info->filmToImage[5] = 1.0;
@@ -45,10 +44,14 @@ void epho_SensorFrameInfoDelete(Epho_SensorFrameInfo* frame) {
 
 int epho_ExtendedLensModelValueCount(int32_t model) {
   switch (model) {
-    case EPHO_LENS_MODEL_TARVO: return 19;
-    case EPHO_LENS_MODEL_AUSTRALIS: return 7;
-    case EPHO_LENS_MODEL_SMAC: return 9;
-    default: return 0;
+    case EPHO_LENS_MODEL_TARVO:
+      return 19;
+    case EPHO_LENS_MODEL_AUSTRALIS:
+      return 7;
+    case EPHO_LENS_MODEL_SMAC:
+      return 9;
+    default:
+      return 0;
   }
 }
 

@@ -1,23 +1,22 @@
 // Fuzz target of the camera file reader: the bytes become a file on disk,
 // which is read with a report pointer and without one; whatever the bytes,
 // the read must end in a record or a report, never a crash or a leak.
+#include <unistd.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <string>
 
-#include <unistd.h>
-
 #include "epho/camerafile.h"
 
 namespace {
 
 const std::wstring& ScratchFile() {
-  static const std::wstring path =
-      (std::filesystem::temp_directory_path() /
-       ("camerafile_fuzz_" + std::to_string(::getpid()) + ".cam"))
-          .wstring();
+  static const std::wstring path = (std::filesystem::temp_directory_path() /
+                                    ("camerafile_fuzz_" + std::to_string(::getpid()) + ".cam"))
+                                       .wstring();
   return path;
 }
 

@@ -1,3 +1,5 @@
+#include "epho/camerafile.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -9,7 +11,6 @@
 #include <vector>
 
 #include "efio.h"
-#include "epho/camerafile.h"
 #include "test_util.h"
 
 namespace {
@@ -32,20 +33,21 @@ double* HeapCopy(const std::vector<double>& v) {
 // %g text of the file holds them exactly.
 CameraPtr MakeCamera(int fiducials, int32_t kind, int32_t model) {
   CameraPtr c(epho_CameraFrameInfoCreate(nullptr));
-  c->cameraName = etxt_Text_strdup(L"RC30 #5103");
+  c->cameraName = etxt_Text_strdup(L"wide-angle #5103");
   c->cameraDescription = etxt_Text_strdup(L"wide angle, calibrated 2019-04-02 (lab 7)");
   c->focalLength_mm = 153.456;
   c->x0_mm = -0.004;
   c->y0_mm = 0.012;
   const double corner = 106.004, mid = 112.998;
-  const std::vector<double> marks = {-corner, corner, corner, -corner, corner,  corner,
-                                     -corner, -corner, 0.0,   mid,     0.0,     -mid,
-                                     -mid,    0.0,     mid,   0.0};
+  const std::vector<double> marks = {-corner, corner,  corner, -corner, corner, corner,
+                                     -corner, -corner, 0.0,    mid,     0.0,    -mid,
+                                     -mid,    0.0,     mid,    0.0};
   c->fiducialValueCount = 2 * fiducials;
   c->fiducials_mm = HeapCopy(std::vector<double>(marks.begin(), marks.begin() + 2 * fiducials));
   c->observationKind = kind;
-  const std::vector<double> obs = kind ? std::vector<double>{7.5, 1.2, 15, 2.5, 22.5, -0.7, 30, -3.25}
-                                       : std::vector<double>{20, 1.2, 40, 2.5, 60, -0.7};
+  const std::vector<double> obs =
+      kind ? std::vector<double>{7.5, 1.2, 15, 2.5, 22.5, -0.7, 30, -3.25}
+           : std::vector<double>{20, 1.2, 40, 2.5, 60, -0.7};
   c->observationValueCount = static_cast<int32_t>(obs.size());
   c->observations = HeapCopy(obs);
   c->k0 = 1.5e-05;
@@ -55,8 +57,8 @@ CameraPtr MakeCamera(int fiducials, int32_t kind, int32_t model) {
   const int n = epho_ExtendedLensModelValueCount(model);
   std::vector<double> ext;
   for (int i = 0; i < n; ++i)  // -1.25e-06, 2.25e-06, ... as the text would hold them
-    ext.push_back(std::strtod(((i % 2 ? "-" : "") + std::to_string(i + 1) + ".25e-06").c_str(),
-                              nullptr));
+    ext.push_back(
+        std::strtod(((i % 2 ? "-" : "") + std::to_string(i + 1) + ".25e-06").c_str(), nullptr));
   c->extendedParameters = HeapCopy(ext);
   return c;
 }
@@ -107,7 +109,7 @@ void Spit(const std::string& path, const std::string& bytes) {
 // hand from the format description.
 const char* const kCurrentFile =
     "OVT Camera File Version: 2.0\n"
-    "Camera Name: \"UMK 10/1318\"\n"
+    "Camera Name: \"normal-angle 10/1318\"\n"
     "Camera Description: \"normal angle\"\n"
     "\n"
     "Focal Length [mm]: 99.82\n"
@@ -154,8 +156,8 @@ TEST(CameraFile, WriteThenReadKeepsEveryField) {
   for (int fiducials : {0, 4, 8})
     for (int32_t kind : {EPHO_DISTORTION_RADIAL_DISTANCE, EPHO_DISTORTION_FIELD_ANGLE})
       for (int32_t model : {0, 1, 2, 3}) {
-        SCOPED_TRACE(testing::Message() << fiducials << " fiducials, kind " << kind
-                                        << ", model " << model);
+        SCOPED_TRACE(testing::Message()
+                     << fiducials << " fiducials, kind " << kind << ", model " << model);
         CameraPtr written = MakeCamera(fiducials, kind, model);
         const std::wstring path = dir.WFile("cam.cam");
         Eerr_ErrorReport* err = nullptr;
@@ -177,7 +179,7 @@ TEST(CameraFile, TextMatchesTheLayout) {
   Eerr_ErrorReport* err = nullptr;
   CameraPtr c(CameraInfoFileRead(dir.WFile("hand.cam").c_str(), nullptr, &err));
   ASSERT_TRUE(c) << kzdv::ReportText(err);
-  EXPECT_STREQ(c->cameraName, L"UMK 10/1318");
+  EXPECT_STREQ(c->cameraName, L"normal-angle 10/1318");
   EXPECT_EQ(c->focalLength_mm, 99.82);
   ASSERT_EQ(c->fiducialValueCount, 8);
   EXPECT_EQ(c->fiducials_mm[6], -106.007);
@@ -250,7 +252,7 @@ TEST(CameraFile, CurrentLayoutVariants) {
 TEST(CameraFile, OlderLayoutReadsAndConverts) {
   testutil::ScratchDir dir("camfile");
   Spit(dir.File("old.cam"),
-       "Zeiss RMK A 15/23\r\n"
+       "Frame camera A-15/23\r\n"
        "old headerless calibration\n"
        "153.26 0.002 -0.003 1e-05 -2e-09 0\n"
        "1\n"
@@ -262,7 +264,7 @@ TEST(CameraFile, OlderLayoutReadsAndConverts) {
   Eerr_ErrorReport* err = nullptr;
   CameraPtr c(CameraInfoFileRead(dir.WFile("old.cam").c_str(), nullptr, &err));
   ASSERT_TRUE(c) << kzdv::ReportText(err);
-  EXPECT_STREQ(c->cameraName, L"Zeiss RMK A 15/23");
+  EXPECT_STREQ(c->cameraName, L"Frame camera A-15/23");
   EXPECT_STREQ(c->cameraDescription, L"old headerless calibration");
   EXPECT_EQ(c->focalLength_mm, 153.26);
   EXPECT_EQ(c->x0_mm, 0.002);
@@ -300,7 +302,7 @@ TEST(CameraFile, ReadIntoCallersRecord) {
   Eerr_ErrorReport* err = nullptr;
   EXPECT_EQ(CameraInfoFileRead(dir.WFile("bad.cam").c_str(), target.get(), &err), nullptr);
   ReportPtr hold(err);
-  EXPECT_STREQ(target->cameraName, L"RC30 #5103");
+  EXPECT_STREQ(target->cameraName, L"wide-angle #5103");
   EXPECT_EQ(target->fiducialValueCount, 16);
 
   EXPECT_EQ(CameraInfoFileRead(dir.WFile("hand.cam").c_str(), target.get(), &err), target.get());
@@ -308,7 +310,7 @@ TEST(CameraFile, ReadIntoCallersRecord) {
   EXPECT_EQ(target->id, 42);
   EXPECT_EQ(target->version, EPHO_CAMERA_FRAME_INFO_VERSION);
   EXPECT_EQ(target->applicationTag, -7);
-  EXPECT_STREQ(target->cameraName, L"UMK 10/1318");
+  EXPECT_STREQ(target->cameraName, L"normal-angle 10/1318");
   EXPECT_EQ(target->fiducialValueCount, 8);
   EXPECT_EQ(target->extendedModel, EPHO_LENS_MODEL_AUSTRALIS);
 }
@@ -335,7 +337,8 @@ TEST(CameraFile, BadInputIsReported) {
   for (int i = 0; i < 600; ++i) binary += static_cast<char>((i * 97 + 13) % 256);
   const std::vector<Case> cases = {
       {"empty", "", L"Error reading Frame Camera parameters file."},
-      {"wrong first line", "Camera: nothing here\nmore\nnot numbers\n", L"cannot read the focal length"},
+      {"wrong first line", "Camera: nothing here\nmore\nnot numbers\n",
+       L"cannot read the focal length"},
       {"missing name", replace("Camera Name", "Camera Nom"), unsupported},
       {"missing section", replace("Principal Point:\n", ""), unsupported},
       {"missing coefficients", replace("Radial Lens", "Lens"), unsupported},
@@ -349,7 +352,7 @@ TEST(CameraFile, BadInputIsReported) {
        L"2000000000 fiducials is out of range"},
       {"count not a number", replace("Fiducials: 4", "Fiducials: four"), L"is not a whole number"},
       {"focal not a number", replace("99.82", "9x9"), L"\"9x9\" is not a number"},
-      {"no quotes", replace("\"UMK 10/1318\"", "UMK"), L"must be in double quotes"},
+      {"no quotes", replace("\"normal-angle 10/1318\"", "unquoted"), L"must be in double quotes"},
       {"unknown kind", replace("Field Angle", "Field Angel"), L"unknown observation type"},
       {"unknown model", replace("AUSTRALIS Parameters", "OTHER"), L"unknown extended parameter"},
       {"missing extended value", replace("\tp2: 5\n", ""), unsupported},

@@ -23,10 +23,14 @@ int32_t AbsId(int32_t id) {
 
 double AxisAngle(Epho_FiducialAxis axis) {
   switch (static_cast<int>(axis)) {
-    case FIDUCIAL_AXIS_ROTATE_270: return 4.71238898038469;
-    case FIDUCIAL_AXIS_ROTATE_180: return 3.141592653589793;
-    case FIDUCIAL_AXIS_ROTATE_90: return 1.5707963267948966;
-    default: return 0.0;
+    case FIDUCIAL_AXIS_ROTATE_270:
+      return 4.71238898038469;
+    case FIDUCIAL_AXIS_ROTATE_180:
+      return 3.141592653589793;
+    case FIDUCIAL_AXIS_ROTATE_90:
+      return 1.5707963267948966;
+    default:
+      return 0.0;
   }
 }
 
@@ -192,7 +196,6 @@ int FiducialPrediction::NominalPairs(double* film_xy, double* image_xy) const {
   return fiducialCount_;
 }
 
-
 bool FiducialPrediction::Fit(int n, const double* film_xy, const double* image_xy) {
   if (n < 2) return false;
   if (n >= 3 && !SpanPlane(n, film_xy)) return false;
@@ -222,8 +225,8 @@ int FiducialPrediction::get_Prediction(int32_t id, double* x, double* y) {
   const int k = FindSlot(id);
   if (k < 0) return 2;
   double film_xy[2 * kMaxFiducials], image_xy[2 * kMaxFiducials];
-  const int n = measuredCount_ > 1 ? MeasuredPairs(film_xy, image_xy)
-                                   : NominalPairs(film_xy, image_xy);
+  const int n =
+      measuredCount_ > 1 ? MeasuredPairs(film_xy, image_xy) : NominalPairs(film_xy, image_xy);
   if (!Fit(n, film_xy, image_xy)) return 3;
   const double* a = transform_;
   if (x) *x = a[0] + a[1] * filmX_[k] + a[2] * filmY_[k];

@@ -1,11 +1,11 @@
+#include "epho/fiducial.h"
+
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>
 #include <cmath>
 #include <cstddef>
 #include <vector>
-
-#include "epho/fiducial.h"
 
 namespace {
 
@@ -18,7 +18,7 @@ constexpr double kCorner = 106.0, kMid = 110.0;
 // y up). The midpoints lie on the corner square, so the nominal targets are
 // exactly affine in them.
 std::vector<point2DWithID> EightMarks(double mid = kCorner) {
-  return {{1, kCorner, kCorner}, {2, -kCorner, kCorner}, {3, -kCorner, -kCorner},
+  return {{1, kCorner, kCorner},  {2, -kCorner, kCorner}, {3, -kCorner, -kCorner},
           {4, kCorner, -kCorner}, {5, mid, 0.0},          {6, 0.0, mid},
           {7, -mid, 0.0},         {8, 0.0, -mid}};
 }
@@ -222,7 +222,7 @@ TEST(FiducialPrediction, CollinearMarksCannotBeFitted) {
 // its residuals and the returned value their root mean square.
 TEST(FiducialPrediction, FinalSolveIsTheLeastSquaresAffine) {
   const std::vector<point2DWithID> marks = EightMarks(kMid);
-  const double noise[8][2] = {{0.7, -0.3}, {-0.4, 0.9}, {0.2, 0.5}, {-0.8, -0.6},
+  const double noise[8][2] = {{0.7, -0.3}, {-0.4, 0.9}, {0.2, 0.5},  {-0.8, -0.6},
                               {0.3, 0.1},  {0.6, -0.9}, {-0.5, 0.4}, {0.1, 0.8}};
   for (int measured : {4, 6, 8}) {
     SCOPED_TRACE(measured);

@@ -29,17 +29,17 @@ typedef enum {
  * file holds it (callers fill the frame camera model from it). Film
  * coordinates in mm; the record owns its texts and arrays. */
 typedef struct Epho_CameraFrameInfo {
-  int32_t id;                 /* application's id of the camera; not touched by the file */
-  int32_t version;            /* record version, EPHO_CAMERA_FRAME_INFO_VERSION; not touched */
-  Etxt_Char* cameraName;      /* owned, may be null (written as "") */
-  int32_t applicationTag;     /* free for the application; not touched by the file */
+  int32_t id;                   /* application's id of the camera; not touched by the file */
+  int32_t version;              /* record version, EPHO_CAMERA_FRAME_INFO_VERSION; not touched */
+  Etxt_Char* cameraName;        /* owned, may be null (written as "") */
+  int32_t applicationTag;       /* free for the application; not touched by the file */
   Etxt_Char* cameraDescription; /* owned, may be null */
   double focalLength_mm;
-  double x0_mm;               /* principal point */
+  double x0_mm; /* principal point */
   double y0_mm;
-  int32_t fiducialValueCount; /* twice the number of fiducials */
-  double* fiducials_mm;       /* x, y per fiducial; owned, null when the count is 0 */
-  int32_t observationKind;    /* EPHO_DISTORTION_FIELD_ANGLE (non-zero) or ..._RADIAL_DISTANCE */
+  int32_t fiducialValueCount;    /* twice the number of fiducials */
+  double* fiducials_mm;          /* x, y per fiducial; owned, null when the count is 0 */
+  int32_t observationKind;       /* EPHO_DISTORTION_FIELD_ANGLE (non-zero) or ..._RADIAL_DISTANCE */
   int32_t observationValueCount; /* twice the number of observations */
   double* observations;       /* (angle deg or distance mm, distortion microns) per observation */
   double k0, k1, k2;          /* radial lens distortion coefficients */
