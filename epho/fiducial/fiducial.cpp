@@ -225,6 +225,9 @@ int FiducialPrediction::get_Prediction(int32_t id, double* x, double* y) {
   const int k = FindSlot(id);
   if (k < 0) return 2;
   double film_xy[2 * kMaxFiducials], image_xy[2 * kMaxFiducials];
+  // Nominal positions need the image size; without it they would all
+  // collapse onto the origin.
+  if (measuredCount_ <= 1 && (imageWidth_ == 0 || imageHeight_ == 0)) return 3;
   const int n =
       measuredCount_ > 1 ? MeasuredPairs(film_xy, image_xy) : NominalPairs(film_xy, image_xy);
   if (!Fit(n, film_xy, image_xy)) return 3;

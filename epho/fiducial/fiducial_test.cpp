@@ -112,6 +112,8 @@ TEST(FiducialPrediction, SettingsAndMeasurementBookkeeping) {
   p.put_AllFilmCoordinates(9, marks.data());
   EXPECT_EQ(p.get_FiducialCount(), 0);
 
+  p.put_AllFilmCoordinates(4, marks.data());
+  EXPECT_EQ(p.get_Prediction(1, &x, &y), 3);  // no image size yet
   p = Nominal(4);
   EXPECT_EQ(p.get_Prediction(5, &x, &y), 2);
   EXPECT_EQ(p.get_Prediction(-1, &x, &y), 0);  // ids are matched by magnitude
@@ -235,7 +237,8 @@ TEST(FiducialPrediction, FinalSolveIsTheLeastSquaresAffine) {
       X += noise[i][0];
       Y += noise[i][1];
       p.put_MeasuredCoordinates(marks[i].id, X, Y);
-      A.row(i) << 1.0, marks[i].x, marks[i].y;
+      const double film_x = marks[i].x, film_y = marks[i].y;  // packed: copy out
+      A.row(i) << 1.0, film_x, film_y;
       b.row(i) << X, Y;
     }
     const Eigen::MatrixXd solution = A.colPivHouseholderQr().solve(b);

@@ -64,7 +64,8 @@ class EPHO_EXPORT FiducialPrediction {
    * positions near the image corners and edge midpoints (one measured mark
    * replacing its nominal position). Returns 0 (transform kept in the object),
    * 1 when there are no fiducials, 2 for an unknown id, 3 when the transform
-   * cannot be fitted (e.g. collinear marks); x, y are untouched unless 0. */
+   * cannot be fitted (collinear marks, or no image size for a nominal
+   * prediction); x, y are untouched unless 0. */
   int get_Prediction(int32_t id, double* x, double* y);
 
   /* Final film-to-image transform on all measured marks (affine from three,
