@@ -135,6 +135,11 @@ function(epho_add_symbol_and_c_header_checks)
                              ${CMAKE_CURRENT_SOURCE_DIR}/modlib/include)
   target_link_libraries(c_header_check PRIVATE kzdvpholibu kzdvmodlibu kzdvrasteru)
   add_test(NAME c_header_check COMMAND c_header_check)
+  if(NOT EPHO_SANITIZE)  # the consumer is built without the sanitizer runtime
+    add_test(NAME postinstall_consumer
+             COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cmake/postinstall/run.sh ${CMAKE_BINARY_DIR}
+                     ${CMAKE_CURRENT_SOURCE_DIR})
+  endif()
   foreach(lib kzdvrasteru kzdvmodlibu kzdvpholibu)
     add_test(NAME exported_symbols_${lib}
              COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cmake/check_symbols.sh $<TARGET_FILE:${lib}>

@@ -169,6 +169,95 @@ TEST(SolversRowOffset, FactorSolveInverseMatchEigenPackedAndFull) {
   }
 }
 
+// Row-by-row recurrence of the factor exactly as written in its definition:
+// d_i = a_ii - sum_k u_ki d_k u_ki, u_ij = (a_ij - sum_k u_ki d_k u_kj) / d_i,
+// sums in increasing k. The blocked kernels must reproduce it to the bit.
+bool TextbookFactor(MatrixXd* m, bool reciprocal) {
+  MatrixXd& a = *m;
+  const int n = static_cast<int>(a.rows());
+  for (int i = 0; i < n; ++i) {
+    double s = 0.0;
+    for (int k = 0; k < i; ++k) s += a(k, i) * a(k, k) * a(k, i);
+    const double d = a(i, i) - s;
+    a(i, i) = d;
+    if (d == 0.0) return true;
+    for (int j = i + 1; j < n; ++j) {
+      double sj = 0.0;
+      for (int k = 0; k < i; ++k) sj += a(k, i) * a(k, k) * a(k, j);
+      a(i, j) = reciprocal ? (a(i, j) - sj) * (1.0 / d) : (a(i, j) - sj) / d;
+    }
+  }
+  return false;
+}
+
+// In-place inverse from a factor, straight from its recurrences:
+// v_rc = -(u_rc + sum_k v_rk u_kc), then c_ij = v_ij / d_j + sum_k v_ik / d_k v_jk.
+void TextbookInvert(MatrixXd* m) {
+  MatrixXd& a = *m;
+  const int n = static_cast<int>(a.rows());
+  for (int r = 0; r < n - 1; ++r) {
+    for (int c = r + 1; c < n; ++c) {
+      double s = 0.0;
+      for (int k = r + 1; k < c; ++k) s += a(r, k) * a(k, c);
+      a(r, c) = -(a(r, c) + s);
+    }
+  }
+  for (int i = 0; i < n; ++i) a(i, i) = 1.0 / a(i, i);
+  for (int i = 0; i < n - 1; ++i) {
+    for (int j = i; j < n; ++j) {
+      const double s = (j > i) ? a(i, j) * a(j, j) : a(i, i);
+      double sum = 0.0;
+      for (int k = j + 1; k < n; ++k) sum += a(i, k) * a(k, k) * a(j, k);
+      a(i, j) = s + sum;
+    }
+  }
+}
+
+TEST(SolversRowOffset, BlockedKernelsEqualTextbookRecurrencesBitForBit) {
+  for (int m : {3, 8, 13, 257, 300}) {
+    const MatrixXd a = RandomSpd(m, 300 + m);
+    MatrixXd reference = a;
+    ASSERT_FALSE(TextbookFactor(&reference, true));
+    RowOffsetMatrix s(a, m + 5, 5, true);
+    ASSERT_EQ(epho_Resolve1D(s.a.data(), s.rows.data(), 5, 5 + m), EMSC_FALSE);
+    for (int i = 0; i < m; ++i)
+      for (int j = i; j < m; ++j) ASSERT_EQ(s.at(5 + i, 5 + j), reference(i, j)) << i << "," << j;
+    TextbookInvert(&reference);
+    ASSERT_EQ(epho_Inverld1D(s.a.data(), s.rows.data(), 5, 5 + m), EMSC_FALSE);
+    for (int i = 0; i < m; ++i)
+      for (int j = i; j < m; ++j) ASSERT_EQ(s.at(5 + i, 5 + j), reference(i, j)) << i << "," << j;
+  }
+  // The 8x8 family divides by its pivots.
+  const MatrixXd a8 = RandomSpd(8, 5);
+  MatrixXd reference8 = a8;
+  ASSERT_FALSE(TextbookFactor(&reference8, false));
+  Eigen::Matrix<double, 8, 8, Eigen::RowMajor> m8 = a8;
+  ASSERT_EQ(epho_Resolve8(m8.data()), EMSC_FALSE);
+  for (int i = 0; i < 8; ++i)
+    for (int j = i; j < 8; ++j) EXPECT_EQ(m8(i, j), reference8(i, j));
+}
+
+TEST(SolversRowOffset, ZeroPivotInsideWideRowFinishesEarlierRows) {
+  // Rows 0..5 couple only to columns 7.. and a(6,6) = 0, so d_6 is exactly 0;
+  // the rows above must be finished across the whole width (300 columns).
+  const int n = 300;
+  std::mt19937 rng(3);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  MatrixXd a = MatrixXd::Identity(n, n) * 4.0;
+  for (int i = 0; i < 6; ++i)
+    for (int j = 7; j < n; ++j) a(i, j) = a(j, i) = u(rng);
+  a(6, 6) = 0.0;
+  MatrixXd reference = a;
+  ASSERT_TRUE(TextbookFactor(&reference, true));
+  RowOffsetMatrix s(a, n, 0, false);
+  EXPECT_NE(epho_Resolve1D(s.a.data(), s.rows.data(), 0, n), EMSC_FALSE);
+  for (int i = 0; i < 6; ++i)
+    for (int j = i; j < n; ++j) ASSERT_EQ(s.at(i, j), reference(i, j)) << i << "," << j;
+  EXPECT_EQ(s.at(6, 6), 0.0);
+  for (int i = 7; i < n; ++i)
+    for (int j = i; j < n; ++j) ASSERT_EQ(s.at(i, j), a(i, j)) << i << "," << j;
+}
+
 TEST(SolversRowOffset, SingleElementBlockIsOneDivision) {
   RowOffsetMatrix s(MatrixXd::Constant(1, 1, 4.0), 4, 2, true);
   double b[4] = {kNaN, kNaN, 10.0, kNaN};

@@ -33,7 +33,7 @@ class ScratchDir {
   }
   const std::filesystem::path& path() const { return path_; }
   std::string File(const std::string& name) const { return (path_ / name).string(); }
-  std::wstring WFile(const std::string& name) const { return (path_ / name).wstring(); }
+  std::wstring WFile(const std::string& name) const { return kzdv::FromUtf8(File(name)); }
 
  private:
   std::filesystem::path path_;

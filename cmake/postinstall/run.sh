@@ -1,0 +1,15 @@
+#!/bin/sh
+# Installs the build into a scratch prefix, then builds a consumer with
+# find_package(kzdvpholibu) and another with pkg-config, and runs both.
+set -eu
+build="$1"; src="$2"
+prefix="$build/postinstall/prefix"
+rm -rf "$build/postinstall"
+cmake --install "$build" --prefix "$prefix" >/dev/null
+cmake -S "$src/cmake/postinstall" -B "$build/postinstall/cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$build/postinstall/cmake" >/dev/null
+LD_LIBRARY_PATH="$prefix/lib" "$build/postinstall/cmake/consumer"
+libdir=$(ls -d "$prefix"/lib*/pkgconfig | head -n1)
+PKG_CONFIG_PATH="$libdir" c++ -std=c++17 "$src/cmake/postinstall/consumer.cpp" \
+  -o "$build/postinstall/consumer_pc" $(PKG_CONFIG_PATH="$libdir" pkg-config --define-prefix --cflags --libs kzdvpholibu)
+LD_LIBRARY_PATH="$(dirname "$libdir")" "$build/postinstall/consumer_pc"
