@@ -78,7 +78,7 @@ Layout MakeLayout(const Geometry& g) {
   };
   l.area = take(4 * g.area_h * g.work_stride);
   l.templ = take(4 * static_cast<size_t>(g.th) * (g.tw + 1));
-  l.cross = take(4 * g.cols_padded);
+  l.cross = take(8 * g.cols_padded);  // two rows of results
   l.colsum = take(8 * g.area_w);
   l.colsq = take(8 * g.area_w);
   l.total = off + 64;  // room to align the block's start
@@ -173,6 +173,29 @@ void CrossRowByteSse2(const int32_t* pairs, size_t stride, const int32_t* coef, 
 }
 
 // ---- float cross products: out[x] = sum T' * F over the window at column x.
+// Columns [from, cols_padded) of one row, 8 at a time, four independent chains.
+__attribute__((target("avx2,fma"))) void CrossTailFloatAvx2(const float* area, size_t stride,
+                                                           const float* templ, int th, int tw,
+                                                           size_t from, size_t cols_padded,
+                                                           float* out) {
+  for (size_t xb = from; xb < cols_padded; xb += 8) {
+    __m256 a0 = _mm256_setzero_ps(), a1 = a0, a2 = a0, a3 = a0;
+    for (int tr = 0; tr < th; ++tr) {
+      const float* row = area + tr * stride + xb;
+      const float* t = templ + tr * tw;
+      int tc = 0;
+      for (; tc + 4 <= tw; tc += 4) {
+        a0 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc), _mm256_set1_ps(t[tc]), a0);
+        a1 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc + 1), _mm256_set1_ps(t[tc + 1]), a1);
+        a2 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc + 2), _mm256_set1_ps(t[tc + 2]), a2);
+        a3 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc + 3), _mm256_set1_ps(t[tc + 3]), a3);
+      }
+      for (; tc < tw; ++tc) a0 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc), _mm256_set1_ps(t[tc]), a0);
+    }
+    _mm256_storeu_ps(out + xb, _mm256_add_ps(_mm256_add_ps(a0, a1), _mm256_add_ps(a2, a3)));
+  }
+}
+
 __attribute__((target("avx2,fma"))) void CrossRowFloatAvx2(const float* area, size_t stride,
                                                           const float* templ, int th, int tw,
                                                           size_t cols_padded, float* out) {
@@ -196,21 +219,71 @@ __attribute__((target("avx2,fma"))) void CrossRowFloatAvx2(const float* area, si
     _mm256_storeu_ps(out + xb + 16, a2);
     _mm256_storeu_ps(out + xb + 24, a3);
   }
-  for (; xb < cols_padded; xb += 8) {  // 8 columns, four independent chains
-    __m256 a0 = _mm256_setzero_ps(), a1 = a0, a2 = a0, a3 = a0;
-    for (int tr = 0; tr < th; ++tr) {
-      const float* row = area + tr * stride + xb;
-      const float* t = templ + tr * tw;
-      int tc = 0;
-      for (; tc + 4 <= tw; tc += 4) {
-        a0 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc), _mm256_set1_ps(t[tc]), a0);
-        a1 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc + 1), _mm256_set1_ps(t[tc + 1]), a1);
-        a2 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc + 2), _mm256_set1_ps(t[tc + 2]), a2);
-        a3 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc + 3), _mm256_set1_ps(t[tc + 3]), a3);
+  if (xb < cols_padded) CrossTailFloatAvx2(area, stride, templ, th, tw, xb, cols_padded, out);
+}
+
+// Two neighbouring output rows at once (windows starting at stored rows 0
+// and 1): every loaded vector of the search area serves both, which halves
+// the loads per multiply-add. Needs th + 1 stored rows.
+__attribute__((target("avx2,fma"))) void CrossTwoRowsFloatAvx2(const float* area, size_t stride,
+                                                              const float* templ, int th, int tw,
+                                                              size_t cols_padded, float* out0,
+                                                              float* out1) {
+  size_t xb = 0;
+  for (; xb + kBlock <= cols_padded; xb += kBlock) {
+    __m256 p0 = _mm256_setzero_ps(), p1 = p0, p2 = p0, p3 = p0;  // row 0
+    __m256 q0 = p0, q1 = p0, q2 = p0, q3 = p0;                   // row 1
+    for (int r = 0; r <= th; ++r) {  // stored row r is template row r (row 0), r - 1 (row 1)
+      const float* row = area + r * stride + xb;
+      const float* t0 = templ + r * tw;
+      const float* t1 = templ + (r - 1) * tw;
+      if (r == 0) {
+        for (int tc = 0; tc < tw; ++tc) {
+          const __m256 k = _mm256_set1_ps(t0[tc]);
+          const float* q = row + tc;
+          p0 = _mm256_fmadd_ps(_mm256_loadu_ps(q), k, p0);
+          p1 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 8), k, p1);
+          p2 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 16), k, p2);
+          p3 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 24), k, p3);
+        }
+      } else if (r == th) {
+        for (int tc = 0; tc < tw; ++tc) {
+          const __m256 k = _mm256_set1_ps(t1[tc]);
+          const float* q = row + tc;
+          q0 = _mm256_fmadd_ps(_mm256_loadu_ps(q), k, q0);
+          q1 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 8), k, q1);
+          q2 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 16), k, q2);
+          q3 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 24), k, q3);
+        }
+      } else {
+        for (int tc = 0; tc < tw; ++tc) {
+          const __m256 k0 = _mm256_set1_ps(t0[tc]), k1 = _mm256_set1_ps(t1[tc]);
+          const float* q = row + tc;
+          const __m256 v0 = _mm256_loadu_ps(q), v1 = _mm256_loadu_ps(q + 8);
+          const __m256 v2 = _mm256_loadu_ps(q + 16), v3 = _mm256_loadu_ps(q + 24);
+          p0 = _mm256_fmadd_ps(v0, k0, p0);
+          p1 = _mm256_fmadd_ps(v1, k0, p1);
+          p2 = _mm256_fmadd_ps(v2, k0, p2);
+          p3 = _mm256_fmadd_ps(v3, k0, p3);
+          q0 = _mm256_fmadd_ps(v0, k1, q0);
+          q1 = _mm256_fmadd_ps(v1, k1, q1);
+          q2 = _mm256_fmadd_ps(v2, k1, q2);
+          q3 = _mm256_fmadd_ps(v3, k1, q3);
+        }
       }
-      for (; tc < tw; ++tc) a0 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc), _mm256_set1_ps(t[tc]), a0);
     }
-    _mm256_storeu_ps(out + xb, _mm256_add_ps(_mm256_add_ps(a0, a1), _mm256_add_ps(a2, a3)));
+    _mm256_storeu_ps(out0 + xb, p0);
+    _mm256_storeu_ps(out0 + xb + 8, p1);
+    _mm256_storeu_ps(out0 + xb + 16, p2);
+    _mm256_storeu_ps(out0 + xb + 24, p3);
+    _mm256_storeu_ps(out1 + xb, q0);
+    _mm256_storeu_ps(out1 + xb + 8, q1);
+    _mm256_storeu_ps(out1 + xb + 16, q2);
+    _mm256_storeu_ps(out1 + xb + 24, q3);
+  }
+  if (xb < cols_padded) {  // the last columns, row by row
+    CrossTailFloatAvx2(area, stride, templ, th, tw, xb, cols_padded, out0);
+    CrossTailFloatAvx2(area + stride, stride, templ, th, tw, xb, cols_padded, out1);
   }
 }
 #endif
@@ -409,7 +482,7 @@ int SearchFloat(const float* left, const float* right, uint32_t ls, uint32_t rs,
                 const Layout& lay, int32_t* best_x, int32_t* best_y, bool* any) {
   float* area = reinterpret_cast<float*>(base + lay.area);
   float* templ = reinterpret_cast<float*>(base + lay.templ);
-  float* cross = reinterpret_cast<float*>(base + lay.cross);
+  float* cross_rows = reinterpret_cast<float*>(base + lay.cross);
   double* colsum = reinterpret_cast<double*>(base + lay.colsum);
   double* colsq = reinterpret_cast<double*>(base + lay.colsq);
 
@@ -458,10 +531,15 @@ int SearchFloat(const float* left, const float* right, uint32_t ls, uint32_t rs,
       colsum[c] += v, colsq[c] += v * v;
     }
     const float* arow = area + y * g.work_stride;
+    float* cross = cross_rows + (y & 1) * g.cols_padded;
 #if EPHO_SEARCH_X86
-    if (avx2)
-      CrossRowFloatAvx2(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded, cross);
-    else
+    if (avx2) {
+      if ((y & 1) == 0 && y + 1 < g.rows)  // rows y and y + 1 in one pass
+        CrossTwoRowsFloatAvx2(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded, cross,
+                              cross + g.cols_padded);
+      else if ((y & 1) == 0)
+        CrossRowFloatAvx2(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded, cross);
+    } else
 #endif
       CrossRowFloatPortable(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded, cross);
     SlideRow(colsum, colsq, g, [&](size_t x, double s, double ss) {
