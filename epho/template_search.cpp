@@ -281,9 +281,88 @@ __attribute__((target("avx2,fma"))) void CrossTwoRowsFloatAvx2(const float* area
     _mm256_storeu_ps(out1 + xb + 16, q2);
     _mm256_storeu_ps(out1 + xb + 24, q3);
   }
-  if (xb < cols_padded) {  // the last columns, row by row
-    CrossTailFloatAvx2(area, stride, templ, th, tw, xb, cols_padded, out0);
-    CrossTailFloatAvx2(area + stride, stride, templ, th, tw, xb, cols_padded, out1);
+  // The last columns, still two rows a pass: 16 and then 8 columns, with the
+  // template columns split over independent chains to keep the adds in flight.
+  if (xb + 16 <= cols_padded) {
+    __m256 p0 = _mm256_setzero_ps(), p1 = p0, p2 = p0, p3 = p0;  // row 0: cols 0-7, 8-15, even/odd tc
+    __m256 q0 = p0, q1 = p0, q2 = p0, q3 = p0;                   // row 1
+    for (int r = 0; r <= th; ++r) {
+      const float* row = area + r * stride + xb;
+      const float* t0 = templ + r * tw;
+      const float* t1 = templ + (r - 1) * tw;
+      const bool first = r < th, second = r > 0;
+      int tc = 0;
+      for (; tc + 2 <= tw; tc += 2) {
+        const __m256 v0 = _mm256_loadu_ps(row + tc), v1 = _mm256_loadu_ps(row + tc + 8);
+        const __m256 w0 = _mm256_loadu_ps(row + tc + 1), w1 = _mm256_loadu_ps(row + tc + 9);
+        if (first) {
+          const __m256 k = _mm256_set1_ps(t0[tc]), l = _mm256_set1_ps(t0[tc + 1]);
+          p0 = _mm256_fmadd_ps(v0, k, p0);
+          p1 = _mm256_fmadd_ps(v1, k, p1);
+          p2 = _mm256_fmadd_ps(w0, l, p2);
+          p3 = _mm256_fmadd_ps(w1, l, p3);
+        }
+        if (second) {
+          const __m256 k = _mm256_set1_ps(t1[tc]), l = _mm256_set1_ps(t1[tc + 1]);
+          q0 = _mm256_fmadd_ps(v0, k, q0);
+          q1 = _mm256_fmadd_ps(v1, k, q1);
+          q2 = _mm256_fmadd_ps(w0, l, q2);
+          q3 = _mm256_fmadd_ps(w1, l, q3);
+        }
+      }
+      if (tc < tw) {
+        const __m256 v0 = _mm256_loadu_ps(row + tc), v1 = _mm256_loadu_ps(row + tc + 8);
+        if (first) {
+          const __m256 k = _mm256_set1_ps(t0[tc]);
+          p0 = _mm256_fmadd_ps(v0, k, p0);
+          p1 = _mm256_fmadd_ps(v1, k, p1);
+        }
+        if (second) {
+          const __m256 k = _mm256_set1_ps(t1[tc]);
+          q0 = _mm256_fmadd_ps(v0, k, q0);
+          q1 = _mm256_fmadd_ps(v1, k, q1);
+        }
+      }
+    }
+    _mm256_storeu_ps(out0 + xb, _mm256_add_ps(p0, p2));
+    _mm256_storeu_ps(out0 + xb + 8, _mm256_add_ps(p1, p3));
+    _mm256_storeu_ps(out1 + xb, _mm256_add_ps(q0, q2));
+    _mm256_storeu_ps(out1 + xb + 8, _mm256_add_ps(q1, q3));
+    xb += 16;
+  }
+  if (xb < cols_padded) {  // 8 columns: four chains per row
+    __m256 p0 = _mm256_setzero_ps(), p1 = p0, p2 = p0, p3 = p0;
+    __m256 q0 = p0, q1 = p0, q2 = p0, q3 = p0;
+    for (int r = 0; r <= th; ++r) {
+      const float* row = area + r * stride + xb;
+      const float* t0 = templ + r * tw;
+      const float* t1 = templ + (r - 1) * tw;
+      const bool first = r < th, second = r > 0;
+      int tc = 0;
+      for (; tc + 4 <= tw; tc += 4) {
+        const __m256 v0 = _mm256_loadu_ps(row + tc), v1 = _mm256_loadu_ps(row + tc + 1);
+        const __m256 v2 = _mm256_loadu_ps(row + tc + 2), v3 = _mm256_loadu_ps(row + tc + 3);
+        if (first) {
+          p0 = _mm256_fmadd_ps(v0, _mm256_set1_ps(t0[tc]), p0);
+          p1 = _mm256_fmadd_ps(v1, _mm256_set1_ps(t0[tc + 1]), p1);
+          p2 = _mm256_fmadd_ps(v2, _mm256_set1_ps(t0[tc + 2]), p2);
+          p3 = _mm256_fmadd_ps(v3, _mm256_set1_ps(t0[tc + 3]), p3);
+        }
+        if (second) {
+          q0 = _mm256_fmadd_ps(v0, _mm256_set1_ps(t1[tc]), q0);
+          q1 = _mm256_fmadd_ps(v1, _mm256_set1_ps(t1[tc + 1]), q1);
+          q2 = _mm256_fmadd_ps(v2, _mm256_set1_ps(t1[tc + 2]), q2);
+          q3 = _mm256_fmadd_ps(v3, _mm256_set1_ps(t1[tc + 3]), q3);
+        }
+      }
+      for (; tc < tw; ++tc) {
+        const __m256 v0 = _mm256_loadu_ps(row + tc);
+        if (first) p0 = _mm256_fmadd_ps(v0, _mm256_set1_ps(t0[tc]), p0);
+        if (second) q0 = _mm256_fmadd_ps(v0, _mm256_set1_ps(t1[tc]), q0);
+      }
+    }
+    _mm256_storeu_ps(out0 + xb, _mm256_add_ps(_mm256_add_ps(p0, p1), _mm256_add_ps(p2, p3)));
+    _mm256_storeu_ps(out1 + xb, _mm256_add_ps(_mm256_add_ps(q0, q1), _mm256_add_ps(q2, q3)));
   }
 }
 #endif

@@ -71,7 +71,8 @@ TEST_P(TemplateSearchPaths, AgreesWithKernelAtEveryConfiguration) {
   // square templates, ranges touching the image edge.
   const int configs[][6] = {  // hw, hh, x0, y0, x1, y1
       {5, 5, 5, 5, 70, 60},  {10, 10, 30, 20, 96, 86}, {1, 7, 40, 40, 44, 49},
-      {12, 3, 12, 3, 107, 106}, {0, 4, 50, 50, 50, 58}, {7, 7, 20, 30, 20, 30}};
+      {12, 3, 12, 3, 107, 106}, {0, 4, 50, 50, 50, 58}, {7, 7, 20, 30, 20, 30},
+      {3, 9, 30, 20, 74, 35},  {6, 2, 20, 60, 39, 62}};
   for (unsigned seed = 1; seed <= 2; ++seed) {
     Waves waves(seed);
     auto left8 = Render<uint8_t>(waves, W, H, 0, 0);
