@@ -105,6 +105,15 @@ struct ByteSums {
   int64_t l = 0, ll = 0, r = 0, rr = 0, lr = 0;
 };
 
+// The coefficient with every sum scaled by n, in exact integers up to the
+// final square root: n * var = n * sum(x^2) - sum(x)^2.
+inline double ByteCoefficient(const ByteSums& t, int64_t n) {
+  const int64_t var_l = n * t.ll - t.l * t.l, var_r = n * t.rr - t.r * t.r;
+  if (var_l == 0 || var_r == 0) return 0.0;
+  return static_cast<double>(n * t.lr - t.l * t.r) /
+         std::sqrt(static_cast<double>(var_l) * static_cast<double>(var_r));
+}
+
 constexpr int kFlushSteps = 16000;
 
 // 16 zero bytes then 16 0xFF bytes: 16 (or 8) bytes loaded from
@@ -114,21 +123,21 @@ alignas(32) const uint8_t kLeadZeros[32] = {0,    0,    0,    0,    0,    0,    
                                             0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
                                             0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
 
-void ByteSumsScalar(const uint8_t* pl, const uint8_t* pr, ptrdiff_t ls, ptrdiff_t rs, int w, int h,
-                    ByteSums* out) {
+double ByteCoefScalar(const uint8_t* pl, const uint8_t* pr, ptrdiff_t ls, ptrdiff_t rs, int w, int h,
+                    int64_t n) {
   ByteSums t;
   for (int i = 0; i < h; ++i, pl += ls, pr += rs)
     for (int j = 0; j < w; ++j) {
       const int64_t a = pl[j], b = pr[j];
       t.l += a, t.ll += a * a, t.r += b, t.rr += b * b, t.lr += a * b;
     }
-  *out = t;
+  return ByteCoefficient(t, n);
 }
 
 #if defined(__SSE2__)
 // SSE2: 16 and 8 pixels a step; needs w >= 8.
-void ByteSumsSse2(const uint8_t* pl, const uint8_t* pr, ptrdiff_t ls, ptrdiff_t rs, int w, int h,
-                  ByteSums* out) {
+double ByteCoefSse2(const uint8_t* pl, const uint8_t* pr, ptrdiff_t ls, ptrdiff_t rs, int w, int h,
+                  int64_t n) {
   const __m128i zero = _mm_setzero_si128(), ones = _mm_set1_epi16(1);
   __m128i vl = zero, vll = zero, vr = zero, vrr = zero, vlr = zero;
   ByteSums t;
@@ -173,7 +182,7 @@ void ByteSumsSse2(const uint8_t* pl, const uint8_t* pr, ptrdiff_t ls, ptrdiff_t 
     if (steps >= kFlushSteps) flush();
   }
   flush();
-  *out = t;
+  return ByteCoefficient(t, n);
 }
 #endif
 
@@ -234,9 +243,9 @@ inline __m128i HeadAndTail8(const uint8_t* p, int w, __m128i m) {
 }
 
 // AVX2: 16 pixels a step; a row of 8..16 pixels is one step. Needs w >= 8.
-__attribute__((target("avx2"))) void ByteSumsAvx2(const uint8_t* pl, const uint8_t* pr,
+__attribute__((target("avx2"))) double ByteCoefAvx2(const uint8_t* pl, const uint8_t* pr,
                                                   ptrdiff_t ls, ptrdiff_t rs, int w, int h,
-                                                  ByteSums* out) {
+                                                  int64_t n) {
   Avx2Lanes v;
   Avx2Clear(&v);
   ByteSums t;
@@ -277,49 +286,41 @@ __attribute__((target("avx2"))) void ByteSumsAvx2(const uint8_t* pl, const uint8
     Avx2QuickFlush(&v, &t);
   else
     Avx2Flush(&v, &t);
-  *out = t;
+  return ByteCoefficient(t, n);
 }
 #endif
 
-using ByteSumsFn = void (*)(const uint8_t*, const uint8_t*, ptrdiff_t, ptrdiff_t, int, int,
-                            ByteSums*);
+using ByteCoefFn = double (*)(const uint8_t*, const uint8_t*, ptrdiff_t, ptrdiff_t, int, int,
+                              int64_t);
 
-ByteSumsFn ChooseByteSums() {
+ByteCoefFn ChooseByteCoef() {
 #if defined(__x86_64__) || defined(__i386__)
-  if (__builtin_cpu_supports("avx2")) return ByteSumsAvx2;
+  if (__builtin_cpu_supports("avx2")) return ByteCoefAvx2;
 #endif
 #if defined(__SSE2__)
-  return ByteSumsSse2;
+  return ByteCoefSse2;
 #else
-  return ByteSumsScalar;
+  return ByteCoefScalar;
 #endif
 }
 
 double ByteWholePixel(const uint8_t* left, const uint8_t* right, uint32_t ls, uint32_t rs,
                       uint32_t lx, uint32_t ly, uint32_t rx, uint32_t ry, int16_t width,
                       int16_t height) {
-  static const ByteSumsFn vector_sums = ChooseByteSums();
+  static const ByteCoefFn vector_coef = ChooseByteCoef();
   const int hw = width / 2, hh = height / 2;
   if (hw < 0 || hh < 0) return 0.0;
   const int w = 2 * hw + 1, h = 2 * hh + 1;
   const uint8_t* pl = Corner(left, ls, lx, ly, hw, hh);
   const uint8_t* pr = Corner(right, rs, rx, ry, hw, hh);
-  ByteSums t;
-  ByteSumsFn sums = w < 8 ? ByteSumsScalar : vector_sums;
+  ByteCoefFn coef = w < 8 ? ByteCoefScalar : vector_coef;
   if (epho_ncc::g_vector_path != 0) {  // pinned by a test
 #if defined(__SSE2__)
-    if (epho_ncc::g_vector_path == 1 && w >= 8) sums = ByteSumsSse2;
+    if (epho_ncc::g_vector_path == 1 && w >= 8) coef = ByteCoefSse2;
 #endif
-    if (epho_ncc::g_vector_path == 2) sums = ByteSumsScalar;
+    if (epho_ncc::g_vector_path == 2) coef = ByteCoefScalar;
   }
-  sums(pl, pr, ls, rs, w, h, &t);
-  // The same coefficient with every sum scaled by n, in exact integers up to
-  // the final square root: n * var = n * sum(x^2) - sum(x)^2.
-  const int64_t n = static_cast<int64_t>(w) * h;
-  const int64_t var_l = n * t.ll - t.l * t.l, var_r = n * t.rr - t.r * t.r;
-  if (var_l == 0 || var_r == 0) return 0.0;
-  return static_cast<double>(n * t.lr - t.l * t.r) /
-         std::sqrt(static_cast<double>(var_l) * static_cast<double>(var_r));
+  return coef(pl, pr, ls, rs, w, h, static_cast<int64_t>(w) * h);
 }
 
 // Sampling rules of the resampling members: u = x + j*c - i*s,
