@@ -5,14 +5,14 @@
 // the cross products, instead of one full kernel call per position:
 //  - 8-bit: the search area is stored once as 16-bit pixel pairs (I[c],
 //    I[c+1]) so that a 16-bit multiply-add against a pair of template values
-//    gives two products per 32-bit lane; sums are exact integers, so the
-//    coefficient at every position is bit for bit the kernel's;
-//  - float: template made zero-mean and search area shifted by its mean,
-//    products summed in single precision (argmax only), and the coefficients
-//    that are reported (best position and its neighbours) recomputed with the
-//    kernel.
-// Vector width is chosen at run time (AVX2 when the processor has it, SSE2
-// otherwise). All work memory is the caller's scratch block.
+//    gives two products per 32-bit lane; all window sums are exact integers;
+//  - float: template made zero-mean and search area shifted to the template's
+//    level, products summed in single precision, two output rows per pass.
+// Candidates are ranked without square roots (BestTracker); the coefficient
+// reported at the best position and the neighbours used for the sub-pixel
+// peak come from the NoResample kernel itself, so the reported value is the
+// kernel's. Vector width is chosen at run time (AVX2 when the processor has
+// it, SSE2 otherwise). All work memory is the caller's scratch block.
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
