@@ -108,6 +108,10 @@ struct ByteSums {
 // The coefficient with every sum scaled by n, in exact integers up to the
 // final square root: n * var = n * sum(x^2) - sum(x)^2.
 inline double ByteCoefficient(const ByteSums& t, int64_t n) {
+  if (n > 10000000)  // n * sum(x^2) could leave 64 bits: plain double sums
+    return CoefficientFromSums(static_cast<double>(n), static_cast<double>(t.l),
+                               static_cast<double>(t.ll), static_cast<double>(t.r),
+                               static_cast<double>(t.rr), static_cast<double>(t.lr));
   const int64_t var_l = n * t.ll - t.l * t.l, var_r = n * t.rr - t.r * t.r;
   if (var_l == 0 || var_r == 0) return 0.0;
   return static_cast<double>(n * t.lr - t.l * t.r) /
