@@ -153,10 +153,24 @@ bool Factor(double* a, Rows rows, int first, int end) {
 // True when a diagonal cell is exactly zero (b is then partly transformed).
 template <class Rows>
 bool Solve(const double* a, Rows rows, int first, int end, double* b) {
-  for (int i = first + 1; i < end; ++i) {
-    double s = 0.0;
-    for (int k = first; k < i; ++k) s += a[rows[k] + i] * b[k];
-    b[i] = b[i] - s;
+  // Forward: b_i -= sum_k u_ki b_k (k = first .. i-1, increasing), with the
+  // sums of a block of unknowns built along contiguous rows of U.
+  double sums[kColumnBlock];
+  for (int ib = first; ib < end; ib += kColumnBlock) {
+    const int width = std::min(end - ib, kColumnBlock);
+    for (int t = 0; t < width; ++t) sums[t] = 0.0;
+    for (int k = first; k < ib; ++k) {
+      const double bk = b[k];
+      const double* u = a + rows[k] + ib;
+      for (int t = 0; t < width; ++t) sums[t] += u[t] * bk;
+    }
+    for (int t = 0; t < width; ++t) {
+      const int i = ib + t;
+      if (i > first) b[i] = b[i] - sums[t];
+      const double bi = b[i];
+      const double* u = a + rows[i] + ib;
+      for (int q = t + 1; q < width; ++q) sums[q] += u[q] * bi;
+    }
   }
   for (int i = first; i < end; ++i) {
     const double d = a[rows[i] + i];

@@ -190,6 +190,23 @@ bool TextbookFactor(MatrixXd* m, bool reciprocal) {
   return false;
 }
 
+// Forward, diagonal and backward substitution with a factor, as defined.
+VectorXd TextbookSolve(const MatrixXd& a, VectorXd b) {
+  const int n = static_cast<int>(a.rows());
+  for (int i = 1; i < n; ++i) {
+    double s = 0.0;
+    for (int k = 0; k < i; ++k) s += a(k, i) * b(k);
+    b(i) = b(i) - s;
+  }
+  for (int i = 0; i < n; ++i) b(i) = b(i) / a(i, i);
+  for (int i = n - 2; i >= 0; --i) {
+    double s = 0.0;
+    for (int j = i + 1; j < n; ++j) s += a(i, j) * b(j);
+    b(i) = b(i) - s;
+  }
+  return b;
+}
+
 // In-place inverse from a factor, straight from its recurrences:
 // v_rc = -(u_rc + sum_k v_rk u_kc), then c_ij = v_ij / d_j + sum_k v_ik / d_k v_jk.
 void TextbookInvert(MatrixXd* m) {
@@ -222,6 +239,12 @@ TEST(SolversRowOffset, BlockedKernelsEqualTextbookRecurrencesBitForBit) {
     ASSERT_EQ(epho_Resolve1D(s.a.data(), s.rows.data(), 5, 5 + m), EMSC_FALSE);
     for (int i = 0; i < m; ++i)
       for (int j = i; j < m; ++j) ASSERT_EQ(s.at(5 + i, 5 + j), reference(i, j)) << i << "," << j;
+    const VectorXd rhs = RandomVector(m, 400 + m);
+    const VectorXd x = TextbookSolve(reference, rhs);
+    std::vector<double> b(m + 5, kNaN);
+    for (int i = 0; i < m; ++i) b[5 + i] = rhs(i);
+    ASSERT_EQ(epho_Solution1D(s.a.data(), s.rows.data(), 5, 5 + m, b.data()), EMSC_FALSE);
+    for (int i = 0; i < m; ++i) ASSERT_EQ(b[5 + i], x(i)) << i;
     TextbookInvert(&reference);
     ASSERT_EQ(epho_Inverld1D(s.a.data(), s.rows.data(), 5, 5 + m), EMSC_FALSE);
     for (int i = 0; i < m; ++i)
