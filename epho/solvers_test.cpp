@@ -384,6 +384,8 @@ TEST(SolversOneCall, Inver6x6AndInverNxNMatchEigen) {
   double one = 8.0;
   ASSERT_EQ(epho_InverNxN(&one, 1), EMSC_FALSE);
   EXPECT_EQ(one, 0.125);
+  double rows_of_six[42] = {};
+  EXPECT_NE(epho_Inver6x6(rows_of_six, 7), EMSC_FALSE);  // would overrun the rows
 }
 
 TEST(SolversAll, IdentityFactorsToItselfAndZeroFirstPivotFails) {

@@ -2,7 +2,8 @@
  * coordinates and scanned-image pixels). Point lists are n consecutive (x, y)
  * pairs of doubles; source and target hold the same n points. Pure
  * computations: no error report, no allocation, thread-safe; results are
- * return codes (degenerate sets that do not hit a code yield Inf/NaN).
+ * return codes (degenerate sets that do not hit a code yield Inf/NaN). A null
+ * point list or output counts as too few points.
  *
  * Coefficient layouts used here (note: OFFSET FIRST, unlike the camera
  * record's affine x' = c0*x + c1*y + c2, which puts the offset last):

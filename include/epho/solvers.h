@@ -40,7 +40,9 @@ EPHO_EXPORT Emsc_Boolean epho_Inverld8(double *factor8x8);
  * routine serves full storage (rows[i] = i*n) and the packed upper triangle
  * (rows[i] = start of row i's diagonal minus i). Only the active block
  * [first, end) is used; the right-hand side is b[first..end-1] (x replaces
- * it). Pivots are applied as reciprocals. Requires 0 <= first < end. */
+ * it). Pivots are applied as reciprocals. An empty block (end <= first) is
+ * a no-op returning EMSC_FALSE; a negative first or a null array is refused
+ * with EMSC_TRUE. */
 EPHO_EXPORT Emsc_Boolean epho_Resolve1D(double *a, const uint32_t *rows, int32_t first,
                                         int32_t end);
 EPHO_EXPORT Emsc_Boolean epho_Solution1D(const double *a, const uint32_t *rows, int32_t first,
@@ -49,12 +51,14 @@ EPHO_EXPORT Emsc_Boolean epho_Inverld1D(double *a, const uint32_t *rows, int32_t
                                         int32_t end);
 
 /* One-call inverse of the leading n x n block of a symmetric matrix stored
- * with row stride 6 (n <= 6, not checked); result in the upper triangle, the
- * strictly lower triangle is left untouched. */
+ * with row stride 6; result in the upper triangle, the strictly lower
+ * triangle is left untouched. n > 6 cannot fit the rows and is refused
+ * (EMSC_TRUE, nothing written); n <= 0 is a no-op. */
 EPHO_EXPORT Emsc_Boolean epho_Inver6x6(double *matrix6, int32_t n);
 
 /* One-call inverse of a symmetric n x n matrix (stride n); the result is the
- * full symmetric inverse (upper triangle mirrored into the lower). */
+ * full symmetric inverse (upper triangle mirrored into the lower). n <= 0 is
+ * a no-op. */
 EPHO_EXPORT Emsc_Boolean epho_InverNxN(double *matrix, int32_t n);
 
 KZDV_END_C
