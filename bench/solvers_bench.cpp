@@ -60,16 +60,17 @@ int main() {
     bool failed = false;
     double ours = 1e300, peer = 1e300;
     for (int r = 0; r < repeats; ++r) {
-      ours = std::min(ours, bench::Seconds([&] {
-        std::memcpy(work.data(), sys.packed.data(), sys.packed.size() * sizeof(double));
-        std::memcpy(x.data(), sys.rhs.data(), n * sizeof(double));
-        failed |= epho_Resolve1D(work.data(), sys.rows.data(), 0, n) != EMSC_FALSE;
-        failed |= epho_Solution1D(work.data(), sys.rows.data(), 0, n, x.data()) != EMSC_FALSE;
-      }));
+      ours = std::min(
+          ours, bench::Seconds([&] {
+            std::memcpy(work.data(), sys.packed.data(), sys.packed.size() * sizeof(double));
+            std::memcpy(x.data(), sys.rhs.data(), n * sizeof(double));
+            failed |= epho_Resolve1D(work.data(), sys.rows.data(), 0, n) != EMSC_FALSE;
+            failed |= epho_Solution1D(work.data(), sys.rows.data(), 0, n, x.data()) != EMSC_FALSE;
+          }));
       peer = std::min(peer, bench::Seconds([&] {
-        ldlt.compute(sys.full);
-        xe = ldlt.solve(sys.rhs);
-      }));
+                        ldlt.compute(sys.full);
+                        xe = ldlt.solve(sys.rhs);
+                      }));
     }
 
     double diff = 0.0;
@@ -94,18 +95,20 @@ int main() {
     double ours = 1e300, peer = 1e300;
     for (int r = 0; r < repeats; ++r) {
       ours = std::min(ours, bench::Seconds([&] {
-        std::memcpy(work.data(), sys.packed.data(), sys.packed.size() * sizeof(double));
-        failed |= epho_Resolve1D(work.data(), sys.rows.data(), 0, n) != EMSC_FALSE;
-        failed |= epho_Inverld1D(work.data(), sys.rows.data(), 0, n) != EMSC_FALSE;
-      }));
+                        std::memcpy(work.data(), sys.packed.data(),
+                                    sys.packed.size() * sizeof(double));
+                        failed |= epho_Resolve1D(work.data(), sys.rows.data(), 0, n) != EMSC_FALSE;
+                        failed |= epho_Inverld1D(work.data(), sys.rows.data(), 0, n) != EMSC_FALSE;
+                      }));
       peer = std::min(peer, bench::Seconds([&] {
-        ldlt.compute(sys.full);
-        inv = ldlt.solve(Eigen::MatrixXd::Identity(n, n));
-      }));
+                        ldlt.compute(sys.full);
+                        inv = ldlt.solve(Eigen::MatrixXd::Identity(n, n));
+                      }));
     }
     double diff = 0.0;
     for (int i = 0; i < n; ++i)
-      for (int j = i; j < n; ++j) diff = std::max(diff, std::abs(work[sys.rows[i] + j] - inv(i, j)));
+      for (int j = i; j < n; ++j)
+        diff = std::max(diff, std::abs(work[sys.rows[i] + j] - inv(i, j)));
     if (failed || !(diff < 1e-9)) {
       std::printf("solvers_bench: inverses disagree at N=%d (max diff %g)\n", n, diff);
       return 1;

@@ -1,8 +1,9 @@
 // Internal engine of the symmetric solvers: the square-root-free factor
 // A = U^T D U, the solve with it and the inverse V D^-1 V^T (V = U^-1), on any
 // row addressing (fixed stride or a row-offset table) and any active block
-// [first, end). Every sum is taken in increasing index order, so the fixed
-// stride and the row-offset forms of one matrix give bit-identical results.
+// [first, end). Every sum is taken term by term in increasing index order, as
+// the plain recurrences are written, so blocking changes speed only: full and
+// packed storage of one matrix give bit-identical results.
 #ifndef EPHO_SOLVERS_LDL_H
 #define EPHO_SOLVERS_LDL_H
 
@@ -43,8 +44,8 @@ constexpr int kChunk = 128;
 // with the R x 4 partial sums in registers; each sum still receives its
 // terms one by one in increasing k.
 template <int R, class Rows>
-inline void AccumulateRows(double* __restrict sums, const double* __restrict f,
-                           const double* a, Rows rows, int k0, int k1, int jb, int width) {
+inline void AccumulateRows(double* __restrict sums, const double* __restrict f, const double* a,
+                           Rows rows, int k0, int k1, int jb, int width) {
   int t = 0;
   for (; t + 4 <= width; t += 4) {
     double acc[R][4];
@@ -97,7 +98,8 @@ int FactorRows(double* a, Rows rows, int first, int end, int i0, int jb_start) {
       double* ri = a + rows[i];
       double* s = sums + m * kColumnBlock;
       const int t_first = (jb == i0) ? m : 0;  // columns j >= i only
-      for (int k = i0; k < i; ++k) {  // rows of this block finished above
+      // Rows of this block finished above.
+      for (int k = i0; k < i; ++k) {
         const double* rk = a + rows[k] + jb;
         const double fk = a[rows[k] + i] * a[rows[k] + k];
         for (int t = t_first; t < width; ++t) s[t] += fk * rk[t];
@@ -125,10 +127,14 @@ int FactorRows(double* a, Rows rows, int first, int end, int i0, int jb_start) {
 template <Pivot kPivot, class Rows>
 int FactorRowsN(int n_rows, double* a, Rows rows, int first, int end, int i0, int jb_start) {
   switch (n_rows) {
-    case 1: return FactorRows<kPivot, 1>(a, rows, first, end, i0, jb_start);
-    case 2: return FactorRows<kPivot, 2>(a, rows, first, end, i0, jb_start);
-    case 3: return FactorRows<kPivot, 3>(a, rows, first, end, i0, jb_start);
-    default: return FactorRows<kPivot, kRowBlock>(a, rows, first, end, i0, jb_start);
+    case 1:
+      return FactorRows<kPivot, 1>(a, rows, first, end, i0, jb_start);
+    case 2:
+      return FactorRows<kPivot, 2>(a, rows, first, end, i0, jb_start);
+    case 3:
+      return FactorRows<kPivot, 3>(a, rows, first, end, i0, jb_start);
+    default:
+      return FactorRows<kPivot, kRowBlock>(a, rows, first, end, i0, jb_start);
   }
 }
 

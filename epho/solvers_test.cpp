@@ -1,5 +1,7 @@
 // The solvers against Eigen's LU/LDLT on random systems, the factor against
 // its own definition A = U^T D U, and the exact-zero-pivot failures.
+#include "epho/solvers.h"
+
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>
@@ -7,8 +9,6 @@
 #include <limits>
 #include <random>
 #include <vector>
-
-#include "epho/solvers.h"
 
 namespace {
 
@@ -143,7 +143,8 @@ TEST(SolversRowOffset, FactorSolveInverseMatchEigenPackedAndFull) {
 
       std::vector<double> x_by_storage[2];
       for (bool packed : {true, false}) {
-        SCOPED_TRACE(::testing::Message() << "m=" << m << " first=" << first << " packed=" << packed);
+        SCOPED_TRACE(::testing::Message()
+                     << "m=" << m << " first=" << first << " packed=" << packed);
         RowOffsetMatrix s(a, n, first, packed);
         ASSERT_EQ(epho_Resolve1D(s.a.data(), s.rows.data(), first, end), EMSC_FALSE);
         EXPECT_LE(MaxAbs(Reassemble(s.UpperSymmetric(first, m)) - a), kRelTol * MaxAbs(a));
