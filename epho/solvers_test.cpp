@@ -232,7 +232,7 @@ void TextbookInvert(MatrixXd* m) {
 }
 
 TEST(SolversRowOffset, BlockedKernelsEqualTextbookRecurrencesBitForBit) {
-  for (int m : {3, 8, 13, 257, 300}) {
+  for (int m : {3, 8, 13, 25, 64, 257, 300}) {  // small and blocked paths
     const MatrixXd a = RandomSpd(m, 300 + m);
     MatrixXd reference = a;
     ASSERT_FALSE(TextbookFactor(&reference, true));
