@@ -37,6 +37,7 @@ Node* SeekTarget(Ehfa_File* f, Ehfa_SeekMethod method, const Etxt_Char* path,
       if (!cur->parent) *missing = "parent of the root";
       return cur->parent;
     case EHFA_SEEK_INTO: {
+      if (!path && (!name || !*name)) return cur;  // the current node itself
       std::string p = path ? U8(path) : f->PathOf(cur);
       if (name && *name) p += (p.empty() || p.back() != ':' ? ":" : "") + U8(name);
       Node* n = f->Resolve(p);
