@@ -14,6 +14,8 @@
 
 #include "emif.h"
 
+struct Emif_Design;
+
 namespace kzdv {
 namespace mif {
 
@@ -39,6 +41,7 @@ struct Field {
   std::vector<std::wstring> wenum_names;
   std::vector<const Etxt_Char*> wenum_ptrs;  // closed by a null
   DesignRef design;                          // object fields
+  std::shared_ptr<const Emif_Design> handle;  // of `design`, for emif_DesignFieldGet
   size_t offset = 0;                         // memory record
   size_t size = 0;
   size_t align = 1;
