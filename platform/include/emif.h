@@ -224,6 +224,15 @@ KZDV_EXPORT void* emif_ObjectCopy(const Emif_Design* design, const void* object,
                                   Eerr_ErrorReport** err);
 KZDV_EXPORT Emsc_Boolean emif_ObjectCopyContents(const Emif_Design* design, const void* source,
                                                  void* target, Eerr_ErrorReport** err);
+/* Fills the caller's record `target` of design `to` from `source` of design
+ * `from`, matching fields by name: a field the source lacks stays zero, one
+ * only the source has is dropped, numbers convert between integer and float
+ * types (rounded, clamped), objects convert field by field, other mismatches
+ * stay zero. For reading objects stored under an older or newer layout.
+ * `target`'s old contents are not freed; on failure it is left zeroed. */
+KZDV_EXPORT Emsc_Boolean emif_ObjectConvert(const Emif_Design* from, const void* source,
+                                            const Emif_Design* to, void* target,
+                                            Eerr_ErrorReport** err);
 /* Packed disk bytes of a record. Pointer fields store their count and the
  * position of their data, counted from `base_offset` (the file position the
  * bytes will occupy; 0 for free-standing bytes). Heap block, size in *size. */
