@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstring>
-#include <mutex>
 #include <set>
 
 #include "eerr_frame.hpp"

@@ -31,7 +31,8 @@
  * (0x03, 0x103, 0x203) takes its value names (const Etxt_Char*) closed by a
  * null pointer; a fixed array (0x1xx) takes its element count (int); every
  * object field (base 0x01 or 0x02) takes the design of its objects (const
- * Emif_Design*). The design is copied, so the caller keeps ownership of it.
+ * Emif_Design*), after the count for a fixed array of objects. The design is
+ * shared, so the caller keeps ownership of its handle.
  *
  * Thread safety: designs are immutable once made and may be shared between
  * threads; a dictionary is not thread-safe (callers serialise, e.g. in the
