@@ -15,6 +15,7 @@
 #include "eprj.h"
 #include "eprj_hfa.h"
 #include "eprj_internal.h"
+#include "exfr.h"
 
 namespace {
 
@@ -478,6 +479,24 @@ Emsc_Boolean eprj_MapInfoWrite(Ehfa_File* file, const Etxt_Char* path, const Epr
                               d.mapinfo, rec.object, frame.Callee()),
              frame, EMSC_FALSE, L"ehfa_ObjectWrite failed");
   return EMSC_TRUE;
+}
+
+Exfr_XForm* eprj_MapInfoToFileXForm(const Eprj_MapInfo* info, Eerr_ErrorReport** err) {
+  static const Etxt_Char* const kFn = L"eprj_MapInfoToFileXForm";
+  kzdv::ErrorFrame frame(kFn, err);
+  EERR_FAIL_IF(!info, frame, nullptr, L"No map info");
+  const double w = info->pixelSize.width, h = info->pixelSize.height;
+  EERR_FAIL_IF(!std::isfinite(w) || !std::isfinite(h) || w == 0.0 || h == 0.0 ||
+                   !std::isfinite(info->upperLeftCenter.x) || !std::isfinite(info->upperLeftCenter.y),
+               frame, nullptr, L"Map info with pixel size %g x %g cannot address pixels", w, h);
+  // Map y grows north, rows grow south; the pixel size is positive.
+  const double x0 = info->upperLeftCenter.x - 0.5 * std::fabs(w);
+  const double y0 = info->upperLeftCenter.y + 0.5 * std::fabs(h);
+  const double c[6] = {1.0 / std::fabs(w), 0.0, -x0 / std::fabs(w),
+                       0.0, -1.0 / std::fabs(h), y0 / std::fabs(h)};
+  Exfr_XForm* x = exfr_AffineXFormCreate(c, frame.Callee());
+  EERR_CHECK(x, frame, nullptr, L"exfr_AffineXFormCreate failed");
+  return x;
 }
 
 void eprj_MapInfoFree(Eprj_MapInfo* info) {

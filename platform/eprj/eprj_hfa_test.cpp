@@ -11,6 +11,7 @@
 
 #include "ehfa.h"
 #include "eprj.h"
+#include "exfr.h"
 #include "testsupport/test_util.h"
 
 namespace {
@@ -172,11 +173,35 @@ TEST(EprjHfa, ParametersWeWriteAreWhatGdalReads) {
   EXPECT_NEAR(ox, gx, 1e-3) << wkt;
   EXPECT_NEAR(oy, gy, 1e-3) << wkt;
   GDALDatasetH ds = GDALOpen(img.c_str(), GA_ReadOnly);
-  double gt[6];
+  double gt[6], inv[6];
   ASSERT_EQ(GDALGetGeoTransform(ds, gt), CE_None);
   GDALClose(ds);
   EXPECT_NEAR(gt[0], 155000, 1e-9);  // corner = upper-left centre - half a pixel
   EXPECT_NEAR(gt[3], 463010, 1e-9);
+
+  // Our map-to-file transform addresses the pixels as GDAL's inverse
+  // geotransform does.
+  ASSERT_TRUE(GDALInvGeoTransform(gt, inv));
+  Exfr_XForm* m2f = eprj_MapInfoToFileXForm(&info, nullptr);
+  ASSERT_TRUE(m2f);
+  Efga_Matrix* pts = efga_MatrixCreate(2, 3, nullptr);
+  const double map[6] = {155000, 463010, 155012.5, 462987.5, 155040, 462970};
+  std::copy(map, map + 6, pts->data);
+  ASSERT_TRUE(exfr_Transform(m2f, pts, pts, nullptr));
+  for (int i = 0; i < 3; ++i) {
+    const double px = inv[0] + inv[1] * map[2 * i] + inv[2] * map[2 * i + 1];
+    const double py = inv[3] + inv[4] * map[2 * i] + inv[5] * map[2 * i + 1];
+    EXPECT_NEAR(pts->data[2 * i], px, 1e-9);
+    EXPECT_NEAR(pts->data[2 * i + 1], py, 1e-9);
+  }
+  efga_MatrixFree(pts);
+  exfr_XFormFree(m2f);
+  Eprj_MapInfo flat = info;
+  flat.pixelSize.width = 0;
+  Eerr_ErrorReport* err2 = nullptr;
+  EXPECT_EQ(eprj_MapInfoToFileXForm(&flat, &err2), nullptr);
+  EXPECT_STREQ(err2->function, L"eprj_MapInfoToFileXForm");
+  eerr_DeleteErrorReportEx(&err2);
 }
 
 TEST(EprjHfa, MifFormsRoundTripAndMissingNodesAreReported) {

@@ -33,6 +33,13 @@ KZDV_EXPORT Eprj_MapInfo* eprj_MapInfoRead(Ehfa_File* file, const Etxt_Char* pat
 KZDV_EXPORT Emsc_Boolean eprj_MapInfoWrite(Ehfa_File* file, const Etxt_Char* path,
                                            const Eprj_MapInfo* info, Eerr_ErrorReport** err);
 KZDV_EXPORT void eprj_MapInfoFree(Eprj_MapInfo* info);
+/* The affine transform from map coordinates to file coordinates of a layer
+ * with this map info. File coordinates count pixels from the upper-left
+ * corner of the upper-left pixel (its centre is (0.5, 0.5)), so truncating
+ * them gives the cell that holds the point. Fails on a zero or non-finite
+ * pixel size. Free with exfr_XFormFree. */
+KZDV_EXPORT struct Exfr_XForm* eprj_MapInfoToFileXForm(const Eprj_MapInfo* info,
+                                                       Eerr_ErrorReport** err);
 
 /* MIF form of a projection: a record of the "Eprj_ProParameters" design
  * (the datum is not part of it). With a dictionary, the design (and the
