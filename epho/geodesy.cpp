@@ -128,24 +128,23 @@ double Shift(const EphoDatum* a_in, const EphoDatum* b_in, double lon, double la
   const EphoLib::Datum* a = AsDatum(a_in);
   const EphoLib::Datum* b = AsDatum(b_in);
   *missing = nullptr;
-  if (!a || !b) {
-    *why = L"No datum is given";
+  // A missing datum counts as a horizontal one: its heights are ellipsoidal.
+  const bool va = a && a->IsVertical(), vb = b && b->IsVertical();
+  if (!va && !vb) {
+    *why = L"Neither " + (a ? a->Name() : std::wstring(L"(no datum)")) + L" nor " +
+           (b ? b->Name() : std::wstring(L"(no datum)")) + L" is a vertical datum";
     return 0.0;
   }
-  if (!a->IsVertical() && !b->IsVertical()) {
-    *why = L"Neither " + a->Name() + L" nor " + b->Name() + L" is a vertical datum";
-    return 0.0;
-  }
-  if (a->IsVertical() && b->IsVertical() && a->VerticalEpsg() == b->VerticalEpsg()) {
+  if (va && vb && a->VerticalEpsg() == b->VerticalEpsg()) {
     *why = L"Both heights refer to " + a->Name();
     return 0.0;
   }
   double na = 0.0, nb = 0.0;
-  if (a->IsVertical() && !a->Undulation(lon, lat, &na, why)) {
+  if (va && !a->Undulation(lon, lat, &na, why)) {
     *missing = a;
     return 0.0;
   }
-  if (b->IsVertical() && !b->Undulation(lon, lat, &nb, why)) {
+  if (vb && !b->Undulation(lon, lat, &nb, why)) {
     *missing = b;
     return 0.0;
   }

@@ -25,10 +25,11 @@ EPHO_EXPORT void epho_DatumDelete(EphoDatum* datum);
 
 /* Height shift s, in metres, at (longitude, latitude) in radians, such that a
  * height Z above datumB is Z - s above datumA: for datumA an ellipsoidal
- * datum and datumB a geoid, s = -N (N the geoid undulation). It is 0 when
- * either datum is null, unknown or not vertical-relevant (two ellipsoidal
- * datums: their ellipsoid height differences are not modelled), when both are
- * the same, and when the geoid grid of a vertical datum is not installed:
+ * datum and datumB a geoid, s = -N (N the geoid undulation). A null or
+ * unknown datum counts as ellipsoidal. The shift is 0 when neither datum is
+ * vertical (differences between ellipsoidal datums are not modelled), when
+ * both are the same geoid, and when the geoid grid of a vertical datum is not
+ * installed:
  * the first time that happens for a datum a warning naming the missing grid
  * is printed (eerr_PrintErrorReport), and epho_DatumZShiftNote tells why. */
 EPHO_EXPORT double epho_CalculateZShift(const EphoDatum* datumA, const EphoDatum* datumB,
