@@ -1,7 +1,106 @@
-/* (to be filled) */
+/* DEM cache: each DEM opened once per process and shared by every sensor
+ * model that reads heights from it.
+ *
+ * A DTMCache is one open DEM layer with what is needed to address it: map
+ * information, the map-to-file and file-to-map affines (file coordinates in
+ * pixels, (0, 0) at the upper-left corner of the upper-left cell, so that
+ * truncating a file coordinate gives its cell), the map projection (OGC
+ * WKT), the height unit, the horizontal unit and the private storage through
+ * which further layer handles share the entry's dataset and block cache.
+ * DTMCacheList is the process-wide list of entries, handed out as
+ * boost::shared_ptr: an entry lives while the list or any caller holds it.
+ * Class methods throw EerrException. */
 #ifndef EPHO_DTM_H
 #define EPHO_DTM_H
 
+#include "eimg.h"
 #include "epho/base.h"
+
+#ifdef __cplusplus
+#include <boost/shared_ptr.hpp>
+#include <vector>
+
+#include "ethr.h"
+
+namespace EphoLib {
+
+class EPHO_EXPORT DTMCache {
+ public:
+  /* Opens `name` (a DEM file or one of its layers) at once. */
+  explicit DTMCache(const wchar_t* name);
+  virtual ~DTMCache();
+  DTMCache& operator=(const DTMCache& other);
+  DTMCache(const DTMCache&) = delete;
+
+  /* Map information of the layer (owned by the entry). */
+  const Eimg_MapInfo& GetMapInfo() const;
+  /* Affines x' = c0 x + c1 y + c2, y' = c3 x + c4 y + c5: map -> file pixels
+   * and file pixels -> map. */
+  const double (&GetMapToFileXForm() const)[6] { return m_mapToFile; }
+  const double (&GetFileToMapXForm() const)[6] { return m_fileToMap; }
+  /* Map projection as OGC WKT ("" when the DEM has none). */
+  const EtxtTextU& GetMapProjection() const { return m_projection; }
+  /* Unit of the heights as the file records it ("" when unknown). */
+  const EtxtTextU& GetElevationInfo() const { return m_elevationUnit; }
+  Eimg_PrivateStorage* GetPrivateStorage() const { return m_storage; }
+  /* The name the entry was opened under (the cache key). */
+  EtxtTextU GetName() const { return m_name; }
+  EtxtTextU GetHorizontalUnits() const { return m_horizontalUnits; }
+  /* Columns and rows of the DEM; throw "Layer not opened" when it is not. */
+  int GetLayerWidth() const;
+  int GetLayerHeight() const;
+  /* The entry's own layer handle (null before a successful open). Reads on it
+   * are serialised with every handle sharing the entry's storage. */
+  Eimg_Layer* GetLayer() const { return m_layer; }
+
+ private:
+  void Open(const wchar_t* name);
+  void Release();
+
+  Eimg_Layer* m_layer = nullptr;
+  double m_mapToFile[6] = {1, 0, 0, 0, 1, 0};
+  double m_fileToMap[6] = {1, 0, 0, 0, 1, 0};
+  Eimg_MapInfo* m_mapInfo = nullptr;
+  EtxtTextU m_projection;
+  EtxtTextU m_elevationUnit;
+  EtxtTextU m_name;
+  EtxtTextU m_horizontalUnits;
+  Eimg_PrivateStorage* m_storage = nullptr;
+};
+
+class EPHO_EXPORT DTMCacheList {
+ public:
+  /* The process-wide list, created on first call (thread-safe). */
+  static DTMCacheList& Instance();
+  virtual ~DTMCacheList();
+  /* The shared entry for the DEM `name` (path expanded; letter case
+   * ignored), opening it on first request. When two threads open the same
+   * new DEM at once, both get the entry that was listed first. */
+  boost::shared_ptr<DTMCache> Open(const wchar_t* name);
+  /* Drops the list's references; entries held by callers stay usable. */
+  void Clear();
+  /* Number of entries in the list. */
+  size_t Size() const;
+
+ private:
+  DTMCacheList();
+  DTMCacheList(const DTMCacheList&) = delete;
+  DTMCacheList& operator=(const DTMCacheList&) = delete;
+
+  std::vector<boost::shared_ptr<DTMCache>> m_list;
+  Ethr_Mutex* m_mutex = nullptr;
+};
+
+/* A fresh layer handle on the cached DEM of `dem_file_name`: the DEM is
+ * reached through its proxy in the temporary directory
+ * (epho_ProxyImageNameGet), its cache entry is stored in `slot` (which keeps
+ * it alive) and the handle shares the entry's storage. Close the handle with
+ * eimg_LayerClose before releasing `slot`. Null with a report on failure. */
+EPHO_EXPORT Eimg_Layer* CachedDEMLayerGet(const wchar_t* dem_file_name,
+                                          boost::shared_ptr<DTMCache>& slot,
+                                          Eerr_ErrorReport** err);
+
+}  // namespace EphoLib
+#endif /* __cplusplus */
 
 #endif /* EPHO_DTM_H */

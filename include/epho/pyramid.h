@@ -1,7 +1,68 @@
-/* (to be filled) */
+/* Pyramid layers of image files: reduced-resolution levels made with the 3x3
+ * binomial filter, so that matching can work coarse to fine.
+ *
+ * Level k of a layer is half the size of level k-1 (odd sizes round up),
+ * level 0 being the layer. Output pixel (c, r) of a level is
+ * (1 2 1 / 2 4 2 / 1 2 1) / 16 over the 3x3 neighbourhood of input pixel
+ * (2c, 2r); integer pixels are rounded half up, floats are not rounded.
+ * Neighbours beyond the image border repeat the border pixel. A layer of W x H
+ * pixels gets n levels, n = the number of halvings of W + H (integer
+ * division) that stay above 127: 1024 x 1024 gets 4, W + H < 256 gets none.
+ *
+ * The levels are stored as the image file's GDAL overviews (inside the file
+ * when its format keeps them there, as GeoTIFF and HFA do), so GDAL-based
+ * tools display them; each layer records the algorithm name "KordaBino3"
+ * as the band metadata item PYRAMID_ALGORITHM. */
 #ifndef EPHO_PYRAMID_H
 #define EPHO_PYRAMID_H
 
+#include "emet.h"
 #include "epho/base.h"
+
+KZDV_BEGIN_C
+
+/* Computes the binomial pyramid levels of every layer of `file_name`,
+ * replacing any levels the file had. Pixel-interleaved and line-interleaved
+ * files whose layers agree in size, type and block are read once for all
+ * layers; others layer by layer. `meter` (may be null) shows progress per
+ * level and is polled for cancel. On failure or cancel the file is left
+ * without levels: never with a half-written one. Complex pixels and
+ * read-only files (a format GDAL cannot update, or no write permission bit)
+ * are refused before anything is changed. */
+EPHO_EXPORT void epho_ComputePyramidLayers3x3(const Etxt_Char* file_name, Emet_MeterInfo* meter,
+                                              Eerr_ErrorReport** err);
+
+/* The number of binomial levels a layer of width x height pixels gets. */
+EPHO_EXPORT long epho_PyramidLevelCount(long width, long height);
+
+/* EMSC_TRUE when every layer of `file_name` has usable binomial levels made
+ * by epho_ComputePyramidLayers3x3: the level count of the rule above, each
+ * level half the size of the one before, and the algorithm name recorded (a
+ * layer too small for any level needs none and passes).
+ * EMSC_FALSE (no report) when they are missing or different; a report only
+ * when the file cannot be examined or its pixels cannot have such levels
+ * (1-bit, 2-bit, complex). */
+EPHO_EXPORT Emsc_Boolean epho_PyramidLayersCheck(const Etxt_Char* file_name,
+                                                 Eerr_ErrorReport** err);
+/* As epho_PyramidLayersCheck, but also accepts levels made by another
+ * algorithm (reduced-resolution sets of other tools) when count and sizes
+ * fit. */
+EPHO_EXPORT Emsc_Boolean epho_PyramidLayersCheckAllowRSETS(const Etxt_Char* file_name,
+                                                           Eerr_ErrorReport** err);
+
+/* The range [*minimum, *maximum] of a layer's valid pixel values, the null
+ * value excluded (read from stored statistics or computed and stored). Fails
+ * when the layer has no valid pixel. */
+EPHO_EXPORT Emsc_Boolean epho_LayerEffectiveRangeGet(const Etxt_Char* layer_name, double* minimum,
+                                                     double* maximum, Eerr_ErrorReport** err);
+
+/* Name of the proxy file that stands for `file_name` in the temporary
+ * directory: "<temp dir><file root in lower case>-<16 hex digits>.uai". The digits hash the
+ * expanded full path (letter case ignored), so two images of the same name
+ * in different folders never share a proxy while the same image always maps
+ * to the same one. Heap string; free with emsc_HeapFree. */
+EPHO_EXPORT Etxt_Char* epho_ProxyImageNameGet(const Etxt_Char* file_name, Eerr_ErrorReport** err);
+
+KZDV_END_C
 
 #endif /* EPHO_PYRAMID_H */

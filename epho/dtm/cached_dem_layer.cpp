@@ -1,0 +1,41 @@
+// A DEM layer handle for a sensor model, shared through the DEM cache.
+#include <memory>
+
+#include "eerr_frame.hpp"
+#include "efio.h"
+#include "eint.h"
+#include "epho/dtm.h"
+#include "epho/pyramid.h"
+
+namespace EphoLib {
+
+Eimg_Layer* CachedDEMLayerGet(const wchar_t* dem_file_name, boost::shared_ptr<DTMCache>& slot,
+                              Eerr_ErrorReport** err) {
+  static const Etxt_Char* const kFn = L"CachedDEMLayerGet";
+  kzdv::ErrorFrame frame(kFn, err);
+  try {
+    EerrException ctx("epho_Camera", "CachedDEMLayerGet");
+    if (!dem_file_name) ctx.Throw(__LINE__, L"Invalid DEM file name");
+    // The DEM is reached through its proxy in the temporary directory, so a
+    // DEM of any format reads the same way.
+    kzdv::HeapPtr<Etxt_Char> proxy(epho_ProxyImageNameGet(dem_file_name, ctx.Err()));
+    ctx.Check(__LINE__);
+    kzdv::HeapPtr<Etxt_Char> file(efnp_FileNameGet(dem_file_name, ctx.Err()));
+    ctx.Check(__LINE__);
+    eimg_FileProxyWithName(file.get(), proxy.get(), ctx.Err());
+    ctx.Check(__LINE__);
+    slot = DTMCacheList::Instance().Open(proxy.get());
+    Eint_InitToolkitData* init = eint_GetInit(ctx.Err());
+    ctx.Check(__LINE__);
+    std::unique_ptr<Estr_StringList, void (*)(Estr_StringList*)> names(
+        eimg_LayerGetNames(slot->GetName().c_str(), init, ctx.Err()), estr_StringListDelete);
+    ctx.Check(__LINE__);
+    Eimg_Layer* layer = eimg_LayerOpen(names->strings[0], init, slot->GetPrivateStorage(),
+                                       EIMG_ACCESS_READ, ctx.Err());
+    ctx.Check(__LINE__);
+    return layer;
+  }
+  EERR_CATCH(frame, nullptr)
+}
+
+}  // namespace EphoLib

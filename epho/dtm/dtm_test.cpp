@@ -1,0 +1,189 @@
+// DEM cache: entries shared by name, kept alive by holders, read by many
+// threads; heights compared with what GDAL reads from the same file.
+#include <gdal.h>
+#include <gtest/gtest.h>
+#include <ogr_srs_api.h>
+
+#include <algorithm>
+#include <cwctype>
+#include <thread>
+#include <vector>
+
+#include "epho/dtm.h"
+#include "test_util.h"
+
+namespace {
+
+const double kGeo[6] = {500000.0, 10.0, 0.0, 5200000.0, 0.0, -10.0};  // UTM 32N, 10 m cells
+
+std::string WriteDem(const std::string& path, int w, int h) {
+  GDALAllRegister();
+  GDALDatasetH ds =
+      GDALCreate(GDALGetDriverByName("GTiff"), path.c_str(), w, h, 1, GDT_Float32, nullptr);
+  double gt[6];
+  std::copy(kGeo, kGeo + 6, gt);
+  GDALSetGeoTransform(ds, gt);
+  OGRSpatialReferenceH srs = OSRNewSpatialReference(nullptr);
+  OSRImportFromEPSG(srs, 32632);
+  GDALSetSpatialRef(ds, srs);
+  OSRDestroySpatialReference(srs);
+  std::vector<float> z(size_t(w) * h);
+  for (int r = 0; r < h; ++r)
+    for (int c = 0; c < w; ++c) z[size_t(r) * w + c] = float(400 + 0.5 * c - 0.25 * r + (c * r % 7));
+  GDALRasterBandH b = GDALGetRasterBand(ds, 1);
+  GDALSetRasterUnitType(b, "m");
+  EXPECT_EQ(GDALRasterIO(b, GF_Write, 0, 0, w, h, z.data(), w, h, GDT_Float32, 0, 0), CE_None);
+  GDALClose(ds);
+  return path;
+}
+
+std::vector<float> ReadAll(const std::string& path, int* w, int* h) {
+  GDALDatasetH ds = GDALOpen(path.c_str(), GA_ReadOnly);
+  *w = GDALGetRasterXSize(ds), *h = GDALGetRasterYSize(ds);
+  std::vector<float> z(size_t(*w) * *h);
+  EXPECT_EQ(GDALRasterIO(GDALGetRasterBand(ds, 1), GF_Read, 0, 0, *w, *h, z.data(), *w, *h,
+                         GDT_Float32, 0, 0),
+            CE_None);
+  GDALClose(ds);
+  return z;
+}
+
+float Cell(Eimg_Layer* layer, long x, long y) {
+  Eimg_PixelRect* one = eimg_PixelRectCreate(1, 1, EGDA_TYPE_F32, nullptr);
+  Eerr_ErrorReport* err = nullptr;
+  eimg_LayerRasterPixelRectGet(layer, x, y, one, &err);
+  EXPECT_EQ(err, nullptr) << kzdv::ReportText(err);
+  eerr_DeleteErrorReport(err);
+  float v = *reinterpret_cast<float*>(one->data);
+  eimg_PixelRectDelete(one);
+  return v;
+}
+
+std::wstring Upper(std::wstring s) {
+  for (auto& c : s) c = static_cast<wchar_t>(std::towupper(c));
+  return s;
+}
+
+TEST(DTMCache, EntryAddressesDemCellsThroughMapInformation) {
+  testutil::ScratchDir dir("dtm_info");
+  std::string path = WriteDem(dir.File("dem.tif"), 60, 40);
+  auto entry = EphoLib::DTMCacheList::Instance().Open(kzdv::FromUtf8(path).c_str());
+  EXPECT_EQ(entry->GetLayerWidth(), 60);
+  EXPECT_EQ(entry->GetLayerHeight(), 40);
+  EXPECT_EQ(entry->GetHorizontalUnits(), L"meters");
+  EXPECT_EQ(entry->GetElevationInfo(), L"meters");
+  EXPECT_NE(entry->GetMapProjection().find(L"UTM zone 32N"), std::wstring::npos);
+  EXPECT_DOUBLE_EQ(entry->GetMapInfo().upperLeftCenterX, 500005.0);
+  EXPECT_DOUBLE_EQ(entry->GetMapInfo().upperLeftCenterY, 5199995.0);
+  // Map point inside cell (col 12, row 7): file coordinates truncate to it.
+  const double* m2f = entry->GetMapToFileXForm();
+  double X = 500000.0 + 12.3 * 10, Y = 5200000.0 - 7.8 * 10;
+  double fx = m2f[0] * X + m2f[1] * Y + m2f[2], fy = m2f[3] * X + m2f[4] * Y + m2f[5];
+  EXPECT_NEAR(fx, 12.3, 1e-9);
+  EXPECT_NEAR(fy, 7.8, 1e-9);
+  const double* f2m = entry->GetFileToMapXForm();
+  EXPECT_NEAR(f2m[0] * fx + f2m[1] * fy + f2m[2], X, 1e-6);
+  EXPECT_NEAR(f2m[3] * fx + f2m[4] * fy + f2m[5], Y, 1e-6);
+  int w, h;
+  std::vector<float> truth = ReadAll(path, &w, &h);
+  EXPECT_EQ(Cell(entry->GetLayer(), 12, 7), truth[7 * w + 12]);
+  EphoLib::DTMCacheList::Instance().Clear();
+}
+
+TEST(DTMCache, SpellingsInOtherLetterCaseShareOneEntry) {
+  testutil::ScratchDir dir("dtm_case");
+  std::string path = WriteDem(dir.File("dem.tif"), 30, 20);
+  auto& list = EphoLib::DTMCacheList::Instance();
+  list.Clear();
+  std::wstring wpath = kzdv::FromUtf8(path);
+  auto a = list.Open(wpath.c_str());
+  auto b = list.Open(Upper(wpath).c_str());
+  std::wstring dotted = kzdv::FromUtf8(dir.File("./sub/../dem.tif"));
+  auto c = list.Open(dotted.c_str());
+  EXPECT_EQ(a.get(), b.get());
+  EXPECT_EQ(a.get(), c.get());
+  EXPECT_EQ(list.Size(), 1u);
+  EXPECT_EQ(a.use_count(), 4);  // the list and three holders
+  // A failing open throws the toolkit exception and leaves the list as it was.
+  std::wstring missing = kzdv::FromUtf8(dir.File("missing.tif"));
+  try {
+    list.Open(missing.c_str());
+    ADD_FAILURE() << "opening a missing DEM did not throw";
+  } catch (EerrException& e) {
+    EXPECT_NE(kzdv::ReportText(e.Report()).find(L"missing.tif"), std::wstring::npos);
+  }
+  EXPECT_EQ(list.Size(), 1u);
+  list.Clear();
+}
+
+TEST(DTMCache, HeldEntrySurvivesClearAndLaterOpenMakesNewOne) {
+  testutil::ScratchDir dir("dtm_clear");
+  std::string path = WriteDem(dir.File("dem.tif"), 30, 20);
+  int w, h;
+  std::vector<float> truth = ReadAll(path, &w, &h);
+  auto& list = EphoLib::DTMCacheList::Instance();
+  std::wstring wpath = kzdv::FromUtf8(path);
+  auto held = list.Open(wpath.c_str());
+  list.Clear();
+  EXPECT_EQ(list.Size(), 0u);
+  EXPECT_EQ(held.use_count(), 1);
+  EXPECT_EQ(Cell(held->GetLayer(), 29, 19), truth[19 * w + 29]);
+  auto fresh = list.Open(wpath.c_str());
+  EXPECT_NE(fresh.get(), held.get());
+  list.Clear();
+}
+
+TEST(DTMCacheConcurrent, EightThreadsOpenAndReadSameDemConsistently) {
+  testutil::ScratchDir dir("dtm_threads");
+  std::string path = WriteDem(dir.File("dem.tif"), 300, 200);
+  int w, h;
+  std::vector<float> truth = ReadAll(path, &w, &h);
+  EphoLib::DTMCacheList::Instance().Clear();
+  const int kThreads = 8;
+  std::vector<boost::shared_ptr<EphoLib::DTMCache>> slots(kThreads);
+  std::vector<long> mismatches(kThreads, -1);
+  std::vector<std::thread> threads;
+  std::wstring wpath = kzdv::FromUtf8(path);
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([&, t] {
+      Eerr_ErrorReport* err = nullptr;
+      Eimg_Layer* layer = EphoLib::CachedDEMLayerGet(wpath.c_str(), slots[t], &err);
+      if (!layer) {
+        eerr_DeleteErrorReport(err);
+        return;
+      }
+      Eimg_PixelRect* one = eimg_PixelRectCreate(1, 1, EGDA_TYPE_F32, nullptr);
+      long bad = 0;
+      for (int i = 0; i < 2000; ++i) {
+        long x = (i * 37 + t * 11) % w, y = (i * 53 + t * 7) % h;
+        if (!eimg_LayerRasterPixelRectGet(layer, x, y, one, nullptr) ||
+            *reinterpret_cast<float*>(one->data) != truth[y * w + x])
+          ++bad;
+      }
+      eimg_PixelRectDelete(one);
+      eimg_LayerClose(layer, nullptr);
+      mismatches[t] = bad;
+    });
+  for (auto& th : threads) th.join();
+  for (int t = 0; t < kThreads; ++t) {
+    EXPECT_EQ(mismatches[t], 0) << "thread " << t;
+    ASSERT_TRUE(slots[t]);
+    EXPECT_EQ(slots[t].get(), slots[0].get()) << "thread " << t;
+  }
+  EXPECT_EQ(EphoLib::DTMCacheList::Instance().Size(), 1u);
+  EphoLib::DTMCacheList::Instance().Clear();
+}
+
+TEST(DTMCache, CachedLayerReportsBadNames) {
+  boost::shared_ptr<EphoLib::DTMCache> slot;
+  Eerr_ErrorReport* err = nullptr;
+  EXPECT_EQ(EphoLib::CachedDEMLayerGet(nullptr, slot, &err), nullptr);
+  EXPECT_TRUE(kzdv::ReportContains(err, L"Invalid DEM file name"));
+  eerr_DeleteErrorReportEx(&err);
+  EXPECT_EQ(EphoLib::CachedDEMLayerGet(L"/nonexistent/dem.tif", slot, &err), nullptr);
+  EXPECT_NE(err, nullptr);
+  EXPECT_FALSE(slot);
+  eerr_DeleteErrorReport(err);
+}
+
+}  // namespace

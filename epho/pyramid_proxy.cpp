@@ -1,0 +1,33 @@
+// The name of the proxy file that stands for an image in the temporary folder.
+#include <cwctype>
+#include <string>
+
+#include "eerr_frame.hpp"
+#include "efio.h"
+#include "epho/pyramid.h"
+
+Etxt_Char* epho_ProxyImageNameGet(const Etxt_Char* file_name, Eerr_ErrorReport** err) {
+  static const Etxt_Char* const kFn = L"epho_ProxyImageNameGet";
+  kzdv::ErrorFrame frame(kFn, err);
+  EERR_FAIL_IF(!file_name || !*file_name, frame, nullptr, L"Invalid file name");
+  kzdv::HeapPtr<Etxt_Char> file(efnp_FileNameGet(file_name, frame.Callee()));
+  EERR_CHECK(file, frame, nullptr, L"efnp_FileNameGet failed");
+  kzdv::HeapPtr<Etxt_Char> full(estr_PathExpand(file.get(), frame.Callee()));
+  EERR_CHECK(full, frame, nullptr, L"estr_PathExpand failed");
+  kzdv::HeapPtr<Etxt_Char> root(estr_GetPathPart(full.get(), ESTR_PATH_ROOT));
+  kzdv::HeapPtr<Etxt_Char> tmp(efio_DirectoryGetTemporary(frame.Callee()));
+  EERR_CHECK(tmp && root, frame, nullptr, L"efio_DirectoryGetTemporary failed");
+  // FNV-1a over the lower-cased path: stable across runs and processes.
+  std::wstring lower = full.get();
+  for (auto& c : lower) c = static_cast<wchar_t>(std::towlower(c));
+  unsigned long long h = 1469598103934665603ULL;
+  for (unsigned char b : kzdv::ToUtf8(lower)) {
+    h ^= b;
+    h *= 1099511628211ULL;
+  }
+  std::wstring lower_root = root.get();
+  for (auto& c : lower_root) c = static_cast<wchar_t>(std::towlower(c));
+  Etxt_Char* out = estr_Sprintf(L"%s%s-%016llx.uai", tmp.get(), lower_root.c_str(), h);
+  EERR_FAIL_IF(!out, frame, nullptr, L"estr_Sprintf failed");
+  return out;
+}
