@@ -589,6 +589,12 @@ bool Encode(const DesignImpl& d, const void* record, uint32_t base_offset,
 
 bool Decode(const DesignImpl& d, const uint8_t* bytes, size_t size, void* record,
             std::string* error) {
+  if (d.disk_min > size) {
+    // Checked first, so a damaged count in a design cannot make a huge loop.
+    *error = std::to_string(size) + " bytes are fewer than an object of design " + d.name +
+             " needs (" + std::to_string(d.disk_min) + ")";
+    return false;
+  }
   Decoder dec(bytes, size, error);
   return dec.Record(d, static_cast<uint8_t*>(record));
 }

@@ -9,6 +9,9 @@
 #include "eerr_frame.hpp"
 #include "emif_internal.hpp"
 
+// Narrow UTF-8 text for a toolkit format's wide %s.
+#define W(s) kzdv::FromUtf8(s).c_str()
+
 namespace kzdv {
 namespace mif {
 
@@ -360,7 +363,7 @@ Emif_Design* emif_DesignCreateFromFields(const Etxt_Char* name, const Emif_Field
   }
   std::string error;
   DesignRef d = BuildDesign(kzdv::ToUtf8(name), std::move(fields), &error);
-  EERR_FAIL_IF(!d, frame, nullptr, L"%hs", error.c_str());
+  EERR_FAIL_IF(!d, frame, nullptr, L"%s", W(error));
   Emif_Design* h = NewHandle(d);
   EERR_FAIL_IF(!h, frame, nullptr, L"Out of memory");
   return h;

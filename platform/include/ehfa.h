@@ -39,7 +39,8 @@ typedef enum {
   EHFA_SEEK_FIRST_CHILD = 2, /* first child of the current node */
   EHFA_SEEK_NEXT_SIBLING = 4, /* next sibling of the current node */
   EHFA_SEEK_PARENT = 6,      /* back to the parent of the current node */
-  EHFA_SEEK_INTO = 8,        /* the node `path` (joined with `name` when given) */
+  EHFA_SEEK_INTO = 8,        /* the node `path` (joined with `name` when given); with
+                                neither, the current node itself */
   EHFA_SEEK_BY_NAME = 12,    /* the child `name` of node `path` (of the current
                                 node when path is null) */
   EHFA_SEEK_NEXT_IN_FILE = 18 /* the next entry in file order: the first child of
