@@ -181,6 +181,9 @@ TEST(PyramidLayers, TiledAndInterleavedFilesMatchReference) {
   Raster bsq = RandomRaster(300, 260, 3, GDT_Int16, 13);
   ExpectLevelsMatch(WriteTiff(dir.File("bsq.tif"), bsq, GDT_Int16, {"INTERLEAVE=BAND"}), bsq,
                     true);
+  // Rows so wide that a chunk holds fewer rows than a block of the level.
+  Raster widef = RandomRaster(9001, 300, 1, GDT_Float64, 14);
+  ExpectLevelsMatch(WriteTiff(dir.File("wide.tif"), widef, GDT_Float64), widef, false, 1e-12);
   // Run twice: old levels are replaced, not added to.
   ExpectLevelsMatch(dir.File("bsq.tif"), bsq, true);
 }
