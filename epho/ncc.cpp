@@ -1,0 +1,359 @@
+// Normalised cross-correlation of one pair of windows per call.
+//
+// Every member walks the window row by row (i = -hh..hh) and column by column
+// (j = -hw..hw) and forms the five sums L, LL, R, RR, LR. Two accumulation
+// schemes are used, both giving the textbook coefficient:
+//  - whole grey values (Byte members, U16) are summed as exact integers, so
+//    the result does not depend on the order of additions;
+//  - real values (U32, Float, Double) are summed in double relative to the
+//    window's first sample. The coefficient does not change under a constant
+//    offset, and the shift keeps a flat window at exactly zero variance and
+//    avoids cancellation for large values (U32 near 2^32).
+#include <cmath>
+#include <cstdint>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+#include "epho/matching.h"
+#include "epho/ncc_internal.h"
+
+namespace {
+
+using epho_ncc::BilinearHalfPixel;
+using epho_ncc::CoefficientFromSums;
+using std::ptrdiff_t;
+
+inline double WindowCount(int hw, int hh) {
+  return static_cast<double>(static_cast<int64_t>(2 * hw + 1) * static_cast<int64_t>(2 * hh + 1));
+}
+
+// Integer sums: left(j, i) and right(j, i) return whole numbers (int32).
+template <class Left, class Right>
+double CorrelateWhole(int hw, int hh, Left left, Right right) {
+  int64_t sl = 0, sll = 0, sr = 0, srr = 0, slr = 0;
+  for (int i = -hh; i <= hh; ++i) {
+    for (int j = -hw; j <= hw; ++j) {
+      const int32_t l = left(j, i);
+      const int32_t r = right(j, i);
+      sl += l;
+      sll += l * l;
+      sr += r;
+      srr += r * r;
+      slr += l * r;
+    }
+  }
+  return CoefficientFromSums(WindowCount(hw, hh), static_cast<double>(sl), static_cast<double>(sll),
+                             static_cast<double>(sr), static_cast<double>(srr),
+                             static_cast<double>(slr));
+}
+
+// Real sums, relative to the first sample of each window.
+template <class Left, class Right>
+double CorrelateReal(int hw, int hh, Left left, Right right) {
+  if (hw < 0 || hh < 0) return 0.0;
+  const double l0 = left(-hw, -hh);
+  const double r0 = right(-hw, -hh);
+  double sl = 0, sll = 0, sr = 0, srr = 0, slr = 0;
+  for (int i = -hh; i <= hh; ++i) {
+    for (int j = -hw; j <= hw; ++j) {
+      const double l = left(j, i) - l0;
+      const double r = right(j, i) - r0;
+      sl += l;
+      sll += l * l;
+      sr += r;
+      srr += r * r;
+      slr += l * r;
+    }
+  }
+  return CoefficientFromSums(WindowCount(hw, hh), sl, sll, sr, srr, slr);
+}
+
+// Top-left pixel of a whole-pixel window.
+template <typename P>
+inline const P* Corner(const P* image, uint32_t stride, int64_t x, int64_t y, int hw, int hh) {
+  return image + (y - hh) * static_cast<ptrdiff_t>(stride) + (x - hw);
+}
+
+template <typename P>
+double WholePixelReal(const P* left, const P* right, uint32_t ls, uint32_t rs, uint32_t lx,
+                      uint32_t ly, uint32_t rx, uint32_t ry, int16_t width, int16_t height) {
+  const int hw = width / 2, hh = height / 2;
+  const P* pl = Corner(left, ls, lx, ly, hw, hh);
+  const P* pr = Corner(right, rs, rx, ry, hw, hh);
+  const ptrdiff_t sl = ls, sr = rs;
+  return CorrelateReal(
+      hw, hh,
+      [&](int j, int i) { return static_cast<double>(pl[(i + hh) * sl + (j + hw)]); },
+      [&](int j, int i) { return static_cast<double>(pr[(i + hh) * sr + (j + hw)]); });
+}
+
+// Rounds an interpolated grey value half up to a whole number.
+inline int32_t RoundGrey(double v) { return static_cast<int32_t>(v + 0.5); }
+
+// Byte whole-pixel kernel: the hot path of a search, 16 or 8 pixels at a time
+// with 16-bit multiply-adds into 32-bit lanes, which are flushed into 64-bit
+// totals before they could overflow.
+double ByteWholePixel(const uint8_t* left, const uint8_t* right, uint32_t ls, uint32_t rs,
+                      uint32_t lx, uint32_t ly, uint32_t rx, uint32_t ry, int16_t width,
+                      int16_t height) {
+  const int hw = width / 2, hh = height / 2;
+  if (hw < 0 || hh < 0) return 0.0;
+  const int w = 2 * hw + 1;
+  const uint8_t* pl = Corner(left, ls, lx, ly, hw, hh);
+  const uint8_t* pr = Corner(right, rs, rx, ry, hw, hh);
+  int64_t sl = 0, sll = 0, sr = 0, srr = 0, slr = 0;
+#if defined(__SSE2__)
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i ones = _mm_set1_epi16(1);
+  __m128i vl = zero, vll = zero, vr = zero, vrr = zero, vlr = zero;
+  int steps = 0;  // 8-pixel steps since the last flush; each adds <= 130050 to a lane
+  auto flush = [&]() {
+    alignas(16) int32_t t[4];
+    auto add = [&](__m128i v, int64_t* s) {
+      _mm_store_si128(reinterpret_cast<__m128i*>(t), v);
+      *s += static_cast<int64_t>(t[0]) + t[1] + t[2] + t[3];
+    };
+    add(vl, &sl);
+    add(vll, &sll);
+    add(vr, &sr);
+    add(vrr, &srr);
+    add(vlr, &slr);
+    vl = vll = vr = vrr = vlr = zero;
+    steps = 0;
+  };
+  auto step8 = [&](__m128i a, __m128i b) {
+    vl = _mm_add_epi32(vl, _mm_madd_epi16(a, ones));
+    vll = _mm_add_epi32(vll, _mm_madd_epi16(a, a));
+    vr = _mm_add_epi32(vr, _mm_madd_epi16(b, ones));
+    vrr = _mm_add_epi32(vrr, _mm_madd_epi16(b, b));
+    vlr = _mm_add_epi32(vlr, _mm_madd_epi16(a, b));
+  };
+#endif
+  for (int i = 0; i < 2 * hh + 1; ++i, pl += ls, pr += rs) {
+    int j = 0;
+#if defined(__SSE2__)
+    for (; j + 16 <= w; j += 16) {
+      const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pl + j));
+      const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pr + j));
+      step8(_mm_unpacklo_epi8(a, zero), _mm_unpacklo_epi8(b, zero));
+      step8(_mm_unpackhi_epi8(a, zero), _mm_unpackhi_epi8(b, zero));
+      if ((steps += 2) >= 16000) flush();
+    }
+    if (j + 8 <= w) {
+      const __m128i a = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(pl + j));
+      const __m128i b = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(pr + j));
+      step8(_mm_unpacklo_epi8(a, zero), _mm_unpacklo_epi8(b, zero));
+      if (++steps >= 16000) flush();
+      j += 8;
+    }
+#endif
+    for (; j < w; ++j) {  // the rest of the row, and the whole row without SSE2
+      const int64_t a = pl[j], b = pr[j];
+      sl += a;
+      sll += a * a;
+      sr += b;
+      srr += b * b;
+      slr += a * b;
+    }
+  }
+#if defined(__SSE2__)
+  flush();
+#endif
+  return CoefficientFromSums(WindowCount(hw, hh), static_cast<double>(sl), static_cast<double>(sll),
+                             static_cast<double>(sr), static_cast<double>(srr),
+                             static_cast<double>(slr));
+}
+
+// Sampling rules of the resampling members: u = x + j*c - i*s,
+// v = y + j*s + i*c around (x, y), half-pixel centres.
+template <typename P>
+struct TurnedSampler {
+  const P* image;
+  ptrdiff_t stride;
+  double x, y, c, s;
+  double operator()(int j, int i) const {
+    return BilinearHalfPixel(image, stride, x + j * c - i * s, y + j * s + i * c);
+  }
+};
+
+template <typename P>
+struct ShiftedSampler {  // NoRotation: a pure shift, still half-pixel centres
+  const P* image;
+  ptrdiff_t stride;
+  double x, y;
+  double operator()(int j, int i) const {
+    return BilinearHalfPixel(image, stride, x + j, y + i);
+  }
+};
+
+template <typename P>
+struct WholeSampler {
+  const P* image;
+  ptrdiff_t stride;
+  int64_t x, y;
+  P operator()(int j, int i) const { return image[(y + i) * stride + (x + j)]; }
+};
+
+// The Shift members' sampler: pixel centres at whole numbers, split once per
+// call, and the deliberate +0.5 rounding bias of the shifted value.
+template <typename P>
+struct BiasedShiftSampler {
+  const P* image;
+  ptrdiff_t stride;
+  ptrdiff_t kc, kr;
+  double fc, fr;
+  BiasedShiftSampler(const P* img, uint32_t s, double rx, double ry) : image(img), stride(s) {
+    kc = static_cast<ptrdiff_t>(rx);
+    kr = static_cast<ptrdiff_t>(ry);
+    fc = rx - static_cast<double>(kc);
+    fr = ry - static_cast<double>(kr);
+  }
+  double operator()(int j, int i) const {
+    const P* p = image + (kr + i) * stride + (kc + j);
+    const double top = (1.0 - fc) * static_cast<double>(p[0]) + fc * static_cast<double>(p[1]);
+    const double bottom =
+        (1.0 - fc) * static_cast<double>(p[stride]) + fc * static_cast<double>(p[stride + 1]);
+    return top * (1.0 - fr) + 0.5 + bottom * fr;
+  }
+};
+
+}  // namespace
+
+extern "C" {
+
+double epho_CrossCoefByteNoResample(const uint8_t* left, const uint8_t* right, uint32_t leftStride,
+                                    uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t rx,
+                                    uint32_t ry, int16_t width, int16_t height) {
+  return ByteWholePixel(left, right, leftStride, rightStride, lx, ly, rx, ry, width, height);
+}
+
+double epho_CrossCoefU16NoResample(const uint16_t* left, const uint16_t* right,
+                                   uint32_t leftStride, uint32_t rightStride, uint32_t lx,
+                                   uint32_t ly, uint32_t rx, uint32_t ry, int16_t width,
+                                   int16_t height) {
+  // 16-bit squares exceed int32: exact 64-bit sums instead.
+  const int hw = width / 2, hh = height / 2;
+  WholeSampler<uint16_t> l{left, leftStride, lx, ly};
+  WholeSampler<uint16_t> r{right, rightStride, rx, ry};
+  uint64_t sl = 0, sll = 0, sr = 0, srr = 0, slr = 0;
+  for (int i = -hh; i <= hh; ++i) {
+    for (int j = -hw; j <= hw; ++j) {
+      const uint64_t a = l(j, i), b = r(j, i);
+      sl += a;
+      sll += a * a;
+      sr += b;
+      srr += b * b;
+      slr += a * b;
+    }
+  }
+  return CoefficientFromSums(WindowCount(hw, hh), static_cast<double>(sl), static_cast<double>(sll),
+                             static_cast<double>(sr), static_cast<double>(srr),
+                             static_cast<double>(slr));
+}
+
+double epho_CrossCoefU32NoResample(const uint32_t* left, const uint32_t* right,
+                                   uint32_t leftStride, uint32_t rightStride, uint32_t lx,
+                                   uint32_t ly, uint32_t rx, uint32_t ry, int16_t width,
+                                   int16_t height) {
+  return WholePixelReal(left, right, leftStride, rightStride, lx, ly, rx, ry, width, height);
+}
+
+double epho_CrossCoefFloatNoResample(const float* left, const float* right, uint32_t leftStride,
+                                     uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t rx,
+                                     uint32_t ry, int16_t width, int16_t height) {
+  return WholePixelReal(left, right, leftStride, rightStride, lx, ly, rx, ry, width, height);
+}
+
+double epho_CrossCoefDoubleNoResample(const double* left, const double* right,
+                                      uint32_t leftStride, uint32_t rightStride, uint32_t lx,
+                                      uint32_t ly, uint32_t rx, uint32_t ry, int16_t width,
+                                      int16_t height) {
+  return WholePixelReal(left, right, leftStride, rightStride, lx, ly, rx, ry, width, height);
+}
+
+double epho_CrossCoefByteNoRotation(const uint8_t* left, const uint8_t* right,
+                                    uint32_t leftStride, uint32_t rightStride, double lx,
+                                    double ly, double rx, double ry, int16_t width,
+                                    int16_t height) {
+  ShiftedSampler<uint8_t> l{left, leftStride, lx, ly};
+  ShiftedSampler<uint8_t> r{right, rightStride, rx, ry};
+  return CorrelateWhole(
+      width / 2, height / 2, [&](int j, int i) { return RoundGrey(l(j, i)); },
+      [&](int j, int i) { return RoundGrey(r(j, i)); });
+}
+
+double epho_CrossCoefDoubleNoRotation(const double* left, const double* right,
+                                      uint32_t leftStride, uint32_t rightStride, double lx,
+                                      double ly, double rx, double ry, int16_t width,
+                                      int16_t height) {
+  return CorrelateReal(width / 2, height / 2, ShiftedSampler<double>{left, leftStride, lx, ly},
+                       ShiftedSampler<double>{right, rightStride, rx, ry});
+}
+
+double epho_CrossCoefByteBothResample(const uint8_t* left, const uint8_t* right,
+                                      uint32_t leftStride, uint32_t rightStride, double leftAngle,
+                                      double rightAngle, double lx, double ly, double rx,
+                                      double ry, int16_t width, int16_t height) {
+  TurnedSampler<uint8_t> l{left, leftStride, lx, ly, std::cos(leftAngle), std::sin(leftAngle)};
+  TurnedSampler<uint8_t> r{right, rightStride, rx, ry, std::cos(rightAngle), std::sin(rightAngle)};
+  return CorrelateWhole(
+      width / 2, height / 2, [&](int j, int i) { return RoundGrey(l(j, i)); },
+      [&](int j, int i) { return RoundGrey(r(j, i)); });
+}
+
+double epho_CrossCoefDoubleBothResample(const double* left, const double* right,
+                                        uint32_t leftStride, uint32_t rightStride,
+                                        double leftAngle, double rightAngle, double lx, double ly,
+                                        double rx, double ry, int16_t width, int16_t height) {
+  return CorrelateReal(
+      width / 2, height / 2,
+      TurnedSampler<double>{left, leftStride, lx, ly, std::cos(leftAngle), std::sin(leftAngle)},
+      TurnedSampler<double>{right, rightStride, rx, ry, std::cos(rightAngle),
+                            std::sin(rightAngle)});
+}
+
+double epho_CrossCoefByteRightResample(const uint8_t* left, const uint8_t* right,
+                                       uint32_t leftStride, uint32_t rightStride, double angle,
+                                       uint32_t lx, uint32_t ly, double rx, double ry,
+                                       int16_t width, int16_t height) {
+  WholeSampler<uint8_t> l{left, leftStride, lx, ly};
+  TurnedSampler<uint8_t> r{right, rightStride, rx, ry, std::cos(angle), std::sin(angle)};
+  return CorrelateWhole(
+      width / 2, height / 2, [&](int j, int i) { return static_cast<int32_t>(l(j, i)); },
+      [&](int j, int i) { return RoundGrey(r(j, i)); });
+}
+
+double epho_CrossCoefDoubleRightResample(const double* left, const double* right,
+                                         uint32_t leftStride, uint32_t rightStride, double angle,
+                                         uint32_t lx, uint32_t ly, double rx, double ry,
+                                         int16_t width, int16_t height) {
+  WholeSampler<double> l{left, leftStride, lx, ly};
+  return CorrelateReal(
+      width / 2, height / 2, l,
+      TurnedSampler<double>{right, rightStride, rx, ry, std::cos(angle), std::sin(angle)});
+}
+
+double epho_CrossCoefByteShift(const uint8_t* left, const uint8_t* right, uint32_t leftStride,
+                               uint32_t rightStride, int32_t lx, int32_t ly, double rx, double ry,
+                               uint32_t halfWidth, uint32_t halfHeight) {
+  WholeSampler<uint8_t> l{left, leftStride, lx, ly};
+  BiasedShiftSampler<uint8_t> r(right, rightStride, rx, ry);
+  // The biased value truncated: the bilinear value rounded half up.
+  return CorrelateWhole(
+      static_cast<int16_t>(halfWidth), static_cast<int16_t>(halfHeight),
+      [&](int j, int i) { return static_cast<int32_t>(l(j, i)); },
+      [&](int j, int i) { return static_cast<int32_t>(r(j, i)); });
+}
+
+double epho_CrossCoefU32Shift(const uint32_t* left, const uint32_t* right, uint32_t leftStride,
+                              uint32_t rightStride, int32_t lx, int32_t ly, double rx, double ry,
+                              uint32_t halfWidth, uint32_t halfHeight) {
+  WholeSampler<uint32_t> l{left, leftStride, lx, ly};
+  return CorrelateReal(static_cast<int16_t>(halfWidth), static_cast<int16_t>(halfHeight),
+                       [&](int j, int i) { return static_cast<double>(l(j, i)); },
+                       BiasedShiftSampler<uint32_t>(right, rightStride, rx, ry));
+}
+
+}  // extern "C"

@@ -1,0 +1,471 @@
+// Exhaustive NCC search of a template over a range of right-window centres.
+//
+// Cost per call is one pass over the search area for the window statistics
+// (running column sums, then running row sums) and one vectorised pass for
+// the cross products, instead of one full kernel call per position:
+//  - 8-bit: the search area is stored once as 16-bit pixel pairs (I[c],
+//    I[c+1]) so that a 16-bit multiply-add against a pair of template values
+//    gives two products per 32-bit lane; sums are exact integers, so the
+//    coefficient at every position is bit for bit the kernel's;
+//  - float: template made zero-mean and search area shifted by its mean,
+//    products summed in single precision (argmax only), and the coefficients
+//    that are reported (best position and its neighbours) recomputed with the
+//    kernel.
+// Vector width is chosen at run time (AVX2 when the processor has it, SSE2
+// otherwise). All work memory is the caller's scratch block.
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define EPHO_SEARCH_X86 1
+#endif
+
+#include "epho/matching.h"
+#include "epho/ncc_internal.h"
+
+namespace {
+
+using epho_ncc::CoefficientFromSums;
+using std::ptrdiff_t;
+using std::size_t;
+
+constexpr size_t kBlock = 32;  // candidate columns computed together
+constexpr uint32_t kMaxRange = 1u << 14;
+
+inline size_t RoundUp(size_t v, size_t m) { return (v + m - 1) / m * m; }
+
+struct Geometry {
+  int hw, hh, tw, th;        // template half sizes and sizes
+  size_t cols, rows;         // candidate range
+  size_t cols_padded;        // cols rounded up to kBlock
+  size_t area_w, area_h;     // search area (candidates plus template margins)
+  size_t work_stride;        // row length of the stored search area, elements
+};
+
+Geometry MakeGeometry(uint32_t hw, uint32_t hh, uint32_t cols, uint32_t rows) {
+  Geometry g;
+  g.hw = static_cast<int>(hw);
+  g.hh = static_cast<int>(hh);
+  g.tw = 2 * g.hw + 1;
+  g.th = 2 * g.hh + 1;
+  g.cols = cols;
+  g.rows = rows;
+  g.cols_padded = RoundUp(cols, kBlock);
+  g.area_w = cols + g.tw - 1;
+  g.area_h = rows + g.th - 1;
+  // Vector loads of the last block reach cols_padded - 1 + tw - 1 + 1.
+  g.work_stride = g.cols_padded + g.tw + 1;
+  return g;
+}
+
+// Scratch carve-up; each part aligned to 64 bytes. Both pixel types use 4
+// bytes per stored search-area element and per template element.
+struct Layout {
+  size_t area, templ, cross, colsum, colsq, total;
+};
+
+Layout MakeLayout(const Geometry& g) {
+  Layout l;
+  size_t off = 0;
+  auto take = [&](size_t bytes) {
+    const size_t at = off;
+    off += RoundUp(bytes, 64);
+    return at;
+  };
+  l.area = take(4 * g.area_h * g.work_stride);
+  l.templ = take(4 * static_cast<size_t>(g.th) * (g.tw + 1));
+  l.cross = take(4 * g.cols_padded);
+  l.colsum = take(8 * g.area_w);
+  l.colsq = take(8 * g.area_w);
+  l.total = off + 64;  // room to align the block's start
+  return l;
+}
+
+bool ArgumentsValid(uint32_t hw, uint32_t hh, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
+                    uint32_t ryMax) {
+  return hw <= EPHO_NCC_SEARCH_MAX_HALF && hh <= EPHO_NCC_SEARCH_MAX_HALF && rxMin <= rxMax &&
+         ryMin <= ryMax && rxMax - rxMin < kMaxRange && ryMax - ryMin < kMaxRange &&
+         rxMin >= hw && ryMin >= hh;
+}
+
+// Which vector path runs: 0 the best the processor has, 1 no AVX2 (SSE2
+// where available), 2 plain C++. Tests pin it to cover every path.
+int g_path_override = 0;
+
+#if EPHO_SEARCH_X86
+bool HaveAvx2() {
+  static const bool have = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
+  return have && g_path_override == 0;
+}
+
+// ---- 8-bit cross products: out[x] = sum T * I over the window at column x.
+// `pairs` points at the first stored row of the window, `coef` holds per
+// template row the packed pairs (T[2p], T[2p+1]) as 32-bit patterns.
+__attribute__((target("avx2"))) void CrossRowByteAvx2(const int32_t* pairs, size_t stride,
+                                                      const int32_t* coef, int th, int npairs,
+                                                      size_t cols_padded, int32_t* out) {
+  for (size_t xb = 0; xb < cols_padded; xb += kBlock) {
+    __m256i a0 = _mm256_setzero_si256(), a1 = a0, a2 = a0, a3 = a0;
+    for (int tr = 0; tr < th; ++tr) {
+      const int32_t* row = pairs + tr * stride + xb;
+      const int32_t* c = coef + tr * npairs;
+      for (int p = 0; p < npairs; ++p) {
+        const __m256i k = _mm256_set1_epi32(c[p]);
+        const int32_t* q = row + 2 * p;
+        a0 = _mm256_add_epi32(a0, _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)q), k));
+        a1 = _mm256_add_epi32(a1, _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)(q + 8)), k));
+        a2 = _mm256_add_epi32(a2, _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)(q + 16)), k));
+        a3 = _mm256_add_epi32(a3, _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)(q + 24)), k));
+      }
+    }
+    _mm256_storeu_si256((__m256i*)(out + xb), a0);
+    _mm256_storeu_si256((__m256i*)(out + xb + 8), a1);
+    _mm256_storeu_si256((__m256i*)(out + xb + 16), a2);
+    _mm256_storeu_si256((__m256i*)(out + xb + 24), a3);
+  }
+}
+
+void CrossRowByteSse2(const int32_t* pairs, size_t stride, const int32_t* coef, int th, int npairs,
+                      size_t cols_padded, int32_t* out) {
+  for (size_t xb = 0; xb < cols_padded; xb += 16) {
+    __m128i a0 = _mm_setzero_si128(), a1 = a0, a2 = a0, a3 = a0;
+    for (int tr = 0; tr < th; ++tr) {
+      const int32_t* row = pairs + tr * stride + xb;
+      const int32_t* c = coef + tr * npairs;
+      for (int p = 0; p < npairs; ++p) {
+        const __m128i k = _mm_set1_epi32(c[p]);
+        const int32_t* q = row + 2 * p;
+        a0 = _mm_add_epi32(a0, _mm_madd_epi16(_mm_loadu_si128((const __m128i*)q), k));
+        a1 = _mm_add_epi32(a1, _mm_madd_epi16(_mm_loadu_si128((const __m128i*)(q + 4)), k));
+        a2 = _mm_add_epi32(a2, _mm_madd_epi16(_mm_loadu_si128((const __m128i*)(q + 8)), k));
+        a3 = _mm_add_epi32(a3, _mm_madd_epi16(_mm_loadu_si128((const __m128i*)(q + 12)), k));
+      }
+    }
+    _mm_storeu_si128((__m128i*)(out + xb), a0);
+    _mm_storeu_si128((__m128i*)(out + xb + 4), a1);
+    _mm_storeu_si128((__m128i*)(out + xb + 8), a2);
+    _mm_storeu_si128((__m128i*)(out + xb + 12), a3);
+  }
+}
+
+// ---- float cross products: out[x] = sum T' * F over the window at column x.
+__attribute__((target("avx2,fma"))) void CrossRowFloatAvx2(const float* area, size_t stride,
+                                                          const float* templ, int th, int tw,
+                                                          size_t cols_padded, float* out) {
+  for (size_t xb = 0; xb < cols_padded; xb += kBlock) {
+    __m256 a0 = _mm256_setzero_ps(), a1 = a0, a2 = a0, a3 = a0;
+    for (int tr = 0; tr < th; ++tr) {
+      const float* row = area + tr * stride + xb;
+      const float* t = templ + tr * tw;
+      for (int tc = 0; tc < tw; ++tc) {
+        const __m256 k = _mm256_set1_ps(t[tc]);
+        const float* q = row + tc;
+        a0 = _mm256_fmadd_ps(_mm256_loadu_ps(q), k, a0);
+        a1 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 8), k, a1);
+        a2 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 16), k, a2);
+        a3 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 24), k, a3);
+      }
+    }
+    _mm256_storeu_ps(out + xb, a0);
+    _mm256_storeu_ps(out + xb + 8, a1);
+    _mm256_storeu_ps(out + xb + 16, a2);
+    _mm256_storeu_ps(out + xb + 24, a3);
+  }
+}
+#endif
+
+// Portable versions (and the SSE2-only float path, which the compiler
+// vectorises from this loop).
+void CrossRowBytePortable(const int32_t* pairs, size_t stride, const int32_t* coef, int th,
+                          int npairs, size_t cols_padded, int32_t* out) {
+  for (size_t x = 0; x < cols_padded; ++x) {
+    uint32_t s = 0;
+    for (int tr = 0; tr < th; ++tr) {
+      const int32_t* row = pairs + tr * stride + x;
+      const int32_t* c = coef + tr * npairs;
+      for (int p = 0; p < npairs; ++p) {
+        const uint32_t v = static_cast<uint32_t>(row[2 * p]), k = static_cast<uint32_t>(c[p]);
+        s += (v & 0xFFFF) * (k & 0xFFFF) + (v >> 16) * (k >> 16);
+      }
+    }
+    out[x] = static_cast<int32_t>(s);
+  }
+}
+
+void CrossRowFloatPortable(const float* area, size_t stride, const float* templ, int th, int tw,
+                           size_t cols_padded, float* out) {
+  std::fill(out, out + cols_padded, 0.0f);
+  for (int tr = 0; tr < th; ++tr)
+    for (int tc = 0; tc < tw; ++tc) {
+      const float k = templ[tr * tw + tc];
+      const float* q = area + tr * stride + tc;
+      for (size_t x = 0; x < cols_padded; ++x) out[x] += k * q[x];
+    }
+}
+
+// Window sums along one stored row of column sums: s[x] = sum colsum[x..x+tw-1].
+template <typename T, class Visit>
+void SlideRow(const T* colsum, const T* colsq, const Geometry& g, Visit visit) {
+  T s = 0, ss = 0;
+  for (int c = 0; c < g.tw; ++c) s += colsum[c], ss += colsq[c];
+  for (size_t x = 0;; ++x) {
+    visit(x, s, ss);
+    if (x + 1 == g.cols) break;
+    s += colsum[x + g.tw] - colsum[x];
+    ss += colsq[x + g.tw] - colsq[x];
+  }
+}
+
+// Sub-pixel peak along one axis from three coefficients; 0 unless the middle
+// one is a strict maximum of a downward parabola.
+double ParabolaOffset(double before, double at, double after) {
+  const double curvature = before - 2.0 * at + after;
+  if (!(curvature < 0.0)) return 0.0;
+  const double d = 0.5 * (before - after) / curvature;
+  return std::max(-0.5, std::min(0.5, d));
+}
+
+// Best position done: exact coefficient and sub-pixel peak from the kernel.
+template <class Kernel>
+void FinishPeak(Kernel kernel, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax, uint32_t ryMax,
+                int32_t bx, int32_t by, Epho_NccPeak* peak) {
+  peak->column = bx;
+  peak->row = by;
+  peak->coefficient = kernel(bx, by);
+  peak->on_border = 0;
+  peak->subpixel_column = bx;
+  peak->subpixel_row = by;
+  if (static_cast<uint32_t>(bx) > rxMin && static_cast<uint32_t>(bx) < rxMax)
+    peak->subpixel_column += ParabolaOffset(kernel(bx - 1, by), peak->coefficient, kernel(bx + 1, by));
+  else
+    peak->on_border |= 1;
+  if (static_cast<uint32_t>(by) > ryMin && static_cast<uint32_t>(by) < ryMax)
+    peak->subpixel_row += ParabolaOffset(kernel(bx, by - 1), peak->coefficient, kernel(bx, by + 1));
+  else
+    peak->on_border |= 2;
+}
+
+char* Aligned(void* scratch) {
+  const uintptr_t p = reinterpret_cast<uintptr_t>(scratch);
+  return reinterpret_cast<char*>((p + 63) & ~uintptr_t(63));
+}
+
+int SearchByte(const uint8_t* left, const uint8_t* right, uint32_t ls, uint32_t rs, uint32_t lx,
+               uint32_t ly, const Geometry& g, uint32_t rxMin, uint32_t ryMin, char* base,
+               const Layout& lay, int32_t* best_x, int32_t* best_y, bool* any) {
+  int32_t* pairs = reinterpret_cast<int32_t*>(base + lay.area);
+  int32_t* coef = reinterpret_cast<int32_t*>(base + lay.templ);
+  int32_t* cross = reinterpret_cast<int32_t*>(base + lay.cross);
+  int64_t* colsum = reinterpret_cast<int64_t*>(base + lay.colsum);
+  int64_t* colsq = reinterpret_cast<int64_t*>(base + lay.colsq);
+  const int npairs = (g.tw + 1) / 2;
+
+  // Template: packed pairs and its sums.
+  int64_t st = 0, stt = 0;
+  const uint8_t* t0 = left + (static_cast<ptrdiff_t>(ly) - g.hh) * ls + (lx - g.hw);
+  for (int r = 0; r < g.th; ++r) {
+    const uint8_t* t = t0 + static_cast<ptrdiff_t>(r) * ls;
+    for (int p = 0; p < npairs; ++p) {
+      const uint32_t a = t[2 * p], b = 2 * p + 1 < g.tw ? t[2 * p + 1] : 0;
+      coef[r * npairs + p] = static_cast<int32_t>(a | (b << 16));
+    }
+    for (int c = 0; c < g.tw; ++c) st += t[c], stt += t[c] * t[c];
+  }
+  // Search area as pixel pairs, zero beyond its right edge.
+  const uint8_t* a0 = right + (static_cast<ptrdiff_t>(ryMin) - g.hh) * rs + (rxMin - g.hw);
+  for (size_t r = 0; r < g.area_h; ++r) {
+    const uint8_t* a = a0 + r * rs;
+    int32_t* out = pairs + r * g.work_stride;
+    for (size_t c = 0; c < g.area_w; ++c) {
+      const uint32_t hi = c + 1 < g.area_w ? a[c + 1] : 0;
+      out[c] = static_cast<int32_t>(a[c] | (hi << 16));
+    }
+    std::fill(out + g.area_w, out + g.work_stride, 0);
+  }
+  std::fill(colsum, colsum + g.area_w, 0);
+  std::fill(colsq, colsq + g.area_w, 0);
+  for (int r = 0; r < g.th - 1; ++r)
+    for (size_t c = 0; c < g.area_w; ++c) {
+      const int64_t v = a0[r * rs + c];
+      colsum[c] += v, colsq[c] += v * v;
+    }
+
+  const double n = static_cast<double>(g.tw) * g.th;
+  double best = -std::numeric_limits<double>::infinity();
+  *any = false;
+#if EPHO_SEARCH_X86
+  const bool avx2 = HaveAvx2();
+#endif
+  for (size_t y = 0; y < g.rows; ++y) {
+    // Column sums over rows y .. y+th-1.
+    const uint8_t* add = a0 + (y + g.th - 1) * rs;
+    for (size_t c = 0; c < g.area_w; ++c) colsum[c] += add[c], colsq[c] += add[c] * add[c];
+    const int32_t* prow = pairs + y * g.work_stride;
+#if EPHO_SEARCH_X86
+    if (avx2)
+      CrossRowByteAvx2(prow, g.work_stride, coef, g.th, npairs, g.cols_padded, cross);
+    else if (g_path_override != 2)
+      CrossRowByteSse2(prow, g.work_stride, coef, g.th, npairs, g.cols_padded, cross);
+    else
+#endif
+      CrossRowBytePortable(prow, g.work_stride, coef, g.th, npairs, g.cols_padded, cross);
+    SlideRow(colsum, colsq, g, [&](size_t x, int64_t s, int64_t ss) {
+      const double c = CoefficientFromSums(n, double(st), double(stt), double(s), double(ss),
+                                           double(static_cast<uint32_t>(cross[x])));
+      if (c != 0.0) *any = true;
+      if (c > best) {
+        best = c;
+        *best_x = static_cast<int32_t>(rxMin + x);
+        *best_y = static_cast<int32_t>(ryMin + y);
+      }
+    });
+    const uint8_t* sub = a0 + y * rs;
+    for (size_t c = 0; c < g.area_w; ++c) colsum[c] -= sub[c], colsq[c] -= sub[c] * sub[c];
+  }
+  return EPHO_NCC_SEARCH_OK;
+}
+
+int SearchFloat(const float* left, const float* right, uint32_t ls, uint32_t rs, uint32_t lx,
+                uint32_t ly, const Geometry& g, uint32_t rxMin, uint32_t ryMin, char* base,
+                const Layout& lay, int32_t* best_x, int32_t* best_y, bool* any) {
+  float* area = reinterpret_cast<float*>(base + lay.area);
+  float* templ = reinterpret_cast<float*>(base + lay.templ);
+  float* cross = reinterpret_cast<float*>(base + lay.cross);
+  double* colsum = reinterpret_cast<double*>(base + lay.colsum);
+  double* colsq = reinterpret_cast<double*>(base + lay.colsq);
+
+  // Zero-mean template; its variance in double.
+  const float* t0 = left + (static_cast<ptrdiff_t>(ly) - g.hh) * ls + (lx - g.hw);
+  double mt = 0;
+  for (int r = 0; r < g.th; ++r)
+    for (int c = 0; c < g.tw; ++c) mt += t0[r * static_cast<ptrdiff_t>(ls) + c];
+  mt /= static_cast<double>(g.tw) * g.th;
+  double vt = 0;
+  for (int r = 0; r < g.th; ++r)
+    for (int c = 0; c < g.tw; ++c) {
+      const double d = t0[r * static_cast<ptrdiff_t>(ls) + c] - mt;
+      templ[r * g.tw + c] = static_cast<float>(d);
+      vt += d * d;
+    }
+  // Search area shifted by its mean (keeps the float products small).
+  const float* a0 = right + (static_cast<ptrdiff_t>(ryMin) - g.hh) * rs + (rxMin - g.hw);
+  double ma = 0;
+  for (size_t r = 0; r < g.area_h; ++r)
+    for (size_t c = 0; c < g.area_w; ++c) ma += a0[r * rs + c];
+  ma /= static_cast<double>(g.area_w) * g.area_h;
+  for (size_t r = 0; r < g.area_h; ++r) {
+    float* out = area + r * g.work_stride;
+    for (size_t c = 0; c < g.area_w; ++c) out[c] = static_cast<float>(a0[r * rs + c] - ma);
+    std::fill(out + g.area_w, out + g.work_stride, 0.0f);
+  }
+  std::fill(colsum, colsum + g.area_w, 0.0);
+  std::fill(colsq, colsq + g.area_w, 0.0);
+  for (int r = 0; r < g.th - 1; ++r)
+    for (size_t c = 0; c < g.area_w; ++c) {
+      const double v = area[r * g.work_stride + c];
+      colsum[c] += v, colsq[c] += v * v;
+    }
+
+  const double n = static_cast<double>(g.tw) * g.th;
+  double best = -std::numeric_limits<double>::infinity();
+  *any = false;
+#if EPHO_SEARCH_X86
+  const bool avx2 = HaveAvx2();
+#endif
+  for (size_t y = 0; y < g.rows; ++y) {
+    const float* add = area + (y + g.th - 1) * g.work_stride;
+    for (size_t c = 0; c < g.area_w; ++c) {
+      const double v = add[c];
+      colsum[c] += v, colsq[c] += v * v;
+    }
+    const float* arow = area + y * g.work_stride;
+#if EPHO_SEARCH_X86
+    if (avx2)
+      CrossRowFloatAvx2(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded, cross);
+    else
+#endif
+      CrossRowFloatPortable(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded, cross);
+    SlideRow(colsum, colsq, g, [&](size_t x, double s, double ss) {
+      const double vr = ss - (s / n) * s;
+      // Relative floor: a window flat up to float rounding counts as flat.
+      if (!(vr > 1e-9 * ss) || !(vt > 0.0)) return;
+      const double c = cross[x] / std::sqrt(vt * vr);
+      *any = true;
+      if (c > best) {
+        best = c;
+        *best_x = static_cast<int32_t>(rxMin + x);
+        *best_y = static_cast<int32_t>(ryMin + y);
+      }
+    });
+    const float* sub = area + y * g.work_stride;
+    for (size_t c = 0; c < g.area_w; ++c) {
+      const double v = sub[c];
+      colsum[c] -= v, colsq[c] -= v * v;
+    }
+  }
+  return EPHO_NCC_SEARCH_OK;
+}
+
+template <typename P, class Search, class Kernel>
+int RunSearch(const P* left, const P* right, uint32_t ls, uint32_t rs, uint32_t lx, uint32_t ly,
+              uint32_t hw, uint32_t hh, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
+              uint32_t ryMax, void* scratch, size_t scratchBytes, Epho_NccPeak* peak,
+              Search search, Kernel kernel) {
+  if (!left || !right || !peak || !ArgumentsValid(hw, hh, rxMin, ryMin, rxMax, ryMax) ||
+      lx < hw || ly < hh)
+    return EPHO_NCC_SEARCH_BAD_ARGUMENT;
+  const Geometry g = MakeGeometry(hw, hh, rxMax - rxMin + 1, ryMax - ryMin + 1);
+  const Layout lay = MakeLayout(g);
+  if (!scratch || scratchBytes < lay.total) return EPHO_NCC_SEARCH_SCRATCH;
+  int32_t bx = static_cast<int32_t>(rxMin), by = static_cast<int32_t>(ryMin);
+  bool any = false;
+  search(left, right, ls, rs, lx, ly, g, rxMin, ryMin, Aligned(scratch), lay, &bx, &by, &any);
+  FinishPeak(kernel, rxMin, ryMin, rxMax, ryMax, bx, by, peak);
+  return any ? EPHO_NCC_SEARCH_OK : EPHO_NCC_SEARCH_FLAT;
+}
+
+}  // namespace
+
+void epho_search_internal::SetVectorPathForTesting(int path) { g_path_override = path; }
+
+extern "C" {
+
+size_t epho_NccSearchScratchBytes(uint32_t halfWidth, uint32_t halfHeight, uint32_t rangeColumns,
+                                  uint32_t rangeRows) {
+  if (halfWidth > EPHO_NCC_SEARCH_MAX_HALF || halfHeight > EPHO_NCC_SEARCH_MAX_HALF ||
+      rangeColumns == 0 || rangeRows == 0 || rangeColumns > kMaxRange || rangeRows > kMaxRange)
+    return 0;
+  return MakeLayout(MakeGeometry(halfWidth, halfHeight, rangeColumns, rangeRows)).total;
+}
+
+int epho_NccSearchByte(const uint8_t* left, const uint8_t* right, uint32_t leftStride,
+                       uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t halfWidth,
+                       uint32_t halfHeight, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
+                       uint32_t ryMax, void* scratch, size_t scratchBytes, Epho_NccPeak* peak) {
+  const int16_t w = static_cast<int16_t>(2 * halfWidth + 1), h = static_cast<int16_t>(2 * halfHeight + 1);
+  return RunSearch(left, right, leftStride, rightStride, lx, ly, halfWidth, halfHeight, rxMin,
+                   ryMin, rxMax, ryMax, scratch, scratchBytes, peak, SearchByte,
+                   [&](int32_t x, int32_t y) {
+                     return epho_CrossCoefByteNoResample(left, right, leftStride, rightStride, lx,
+                                                         ly, x, y, w, h);
+                   });
+}
+
+int epho_NccSearchFloat(const float* left, const float* right, uint32_t leftStride,
+                        uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t halfWidth,
+                        uint32_t halfHeight, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
+                        uint32_t ryMax, void* scratch, size_t scratchBytes, Epho_NccPeak* peak) {
+  const int16_t w = static_cast<int16_t>(2 * halfWidth + 1), h = static_cast<int16_t>(2 * halfHeight + 1);
+  return RunSearch(left, right, leftStride, rightStride, lx, ly, halfWidth, halfHeight, rxMin,
+                   ryMin, rxMax, ryMax, scratch, scratchBytes, peak, SearchFloat,
+                   [&](int32_t x, int32_t y) {
+                     return epho_CrossCoefFloatNoResample(left, right, leftStride, rightStride, lx,
+                                                          ly, x, y, w, h);
+                   });
+}
+
+}  // extern "C"

@@ -1,0 +1,196 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "epho/matching.h"
+#include "epho/ncc_internal.h"
+
+namespace {
+
+// Smooth texture: sinusoids of random direction, period 7-25 px.
+struct Waves {
+  double kx[12], ky[12], ph[12];
+  explicit Waves(unsigned seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> u(0, 1);
+    for (int k = 0; k < 12; ++k) {
+      const double dir = 2 * M_PI * u(rng), period = 7 + 18 * u(rng);
+      kx[k] = 2 * M_PI * std::cos(dir) / period;
+      ky[k] = 2 * M_PI * std::sin(dir) / period;
+      ph[k] = 2 * M_PI * u(rng);
+    }
+  }
+  double operator()(double x, double y) const {
+    double v = 0;
+    for (int k = 0; k < 12; ++k) v += std::sin(kx[k] * x + ky[k] * y + ph[k]);
+    return 128 + 30 * v;
+  }
+};
+
+template <typename P>
+std::vector<P> Render(const Waves& w, int width, int height, double dx, double dy) {
+  std::vector<P> img(width * height);
+  for (int r = 0; r < height; ++r)
+    for (int c = 0; c < width; ++c) {
+      const double v = std::max(0.0, std::min(255.0, w(c - dx, r - dy)));
+      img[r * width + c] = static_cast<P>(std::is_integral<P>::value ? std::floor(v + 0.5) : v);
+    }
+  return img;
+}
+
+struct Best {
+  int x, y;
+  double c;
+};
+
+// Brute force with one kernel call per candidate, first maximum in raster order.
+template <class Kernel>
+Best BruteForce(Kernel k, int x0, int y0, int x1, int y1) {
+  Best b{x0, y0, -2};
+  for (int y = y0; y <= y1; ++y)
+    for (int x = x0; x <= x1; ++x) {
+      const double c = k(x, y);
+      if (c > b.c) b = {x, y, c};
+    }
+  return b;
+}
+
+// Every vector path (AVX2, SSE2, plain C++) against the kernel.
+class TemplateSearchPaths : public testing::TestWithParam<int> {
+ protected:
+  void SetUp() override { epho_search_internal::SetVectorPathForTesting(GetParam()); }
+  void TearDown() override { epho_search_internal::SetVectorPathForTesting(0); }
+};
+
+TEST_P(TemplateSearchPaths, AgreesWithKernelAtEveryConfiguration) {
+  const int W = 120, H = 110;
+  // Search areas whose size is no multiple of the vector block, odd and
+  // square templates, ranges touching the image edge.
+  const int configs[][6] = {  // hw, hh, x0, y0, x1, y1
+      {5, 5, 5, 5, 70, 60},  {10, 10, 30, 20, 96, 86}, {1, 7, 40, 40, 44, 49},
+      {12, 3, 12, 3, 107, 106}, {0, 4, 50, 50, 50, 58}, {7, 7, 20, 30, 20, 30}};
+  for (unsigned seed = 1; seed <= 2; ++seed) {
+    Waves waves(seed);
+    auto left8 = Render<uint8_t>(waves, W, H, 0, 0);
+    auto right8 = Render<uint8_t>(waves, W, H, 3, -2);
+    for (auto& p : right8) p = uint8_t(std::min(255, p + (p % 7)));  // not a pure copy
+    std::vector<float> leftf(left8.begin(), left8.end()), rightf(right8.begin(), right8.end());
+    for (auto& v : rightf) v = 1000.0f + 0.37f * v;
+    for (const auto& c : configs) {
+      SCOPED_TRACE(testing::Message() << "seed " << seed << " hw " << c[0] << " hh " << c[1]);
+      const uint32_t hw = c[0], hh = c[1];
+      const int lx = 55, ly = 50;
+      std::vector<char> scratch(epho_NccSearchScratchBytes(hw, hh, c[4] - c[2] + 1, c[5] - c[3] + 1));
+      ASSERT_GT(scratch.size(), 0u);
+      Epho_NccPeak peak;
+      ASSERT_EQ(epho_NccSearchByte(left8.data(), right8.data(), W, W, lx, ly, hw, hh, c[2], c[3],
+                                   c[4], c[5], scratch.data() + 1, scratch.size() - 1, &peak),
+                EPHO_NCC_SEARCH_SCRATCH);  // one byte short
+      ASSERT_EQ(epho_NccSearchByte(left8.data(), right8.data(), W, W, lx, ly, hw, hh, c[2], c[3],
+                                   c[4], c[5], scratch.data(), scratch.size(), &peak),
+                EPHO_NCC_SEARCH_OK);
+      const Best b8 = BruteForce(
+          [&](int x, int y) {
+            return epho_CrossCoefByteNoResample(left8.data(), right8.data(), W, W, lx, ly, x, y,
+                                                2 * hw + 1, 2 * hh + 1);
+          },
+          c[2], c[3], c[4], c[5]);
+      EXPECT_EQ(peak.column, b8.x);
+      EXPECT_EQ(peak.row, b8.y);
+      EXPECT_EQ(peak.coefficient, b8.c);  // bit for bit the kernel's value
+
+      ASSERT_EQ(epho_NccSearchFloat(leftf.data(), rightf.data(), W, W, lx, ly, hw, hh, c[2], c[3],
+                                    c[4], c[5], scratch.data(), scratch.size(), &peak),
+                EPHO_NCC_SEARCH_OK);
+      const Best bf = BruteForce(
+          [&](int x, int y) {
+            return epho_CrossCoefFloatNoResample(leftf.data(), rightf.data(), W, W, lx, ly, x, y,
+                                                 2 * hw + 1, 2 * hh + 1);
+          },
+          c[2], c[3], c[4], c[5]);
+      // Float cross products may swap near-ties; the value is the kernel's.
+      EXPECT_NEAR(peak.coefficient, bf.c, 1e-5);
+      EXPECT_EQ(peak.coefficient,
+                epho_CrossCoefFloatNoResample(leftf.data(), rightf.data(), W, W, lx, ly,
+                                              peak.column, peak.row, 2 * hw + 1, 2 * hh + 1));
+      if (bf.c - 1e-4 > -2) {
+        EXPECT_LE(std::abs(peak.column - bf.x) + std::abs(peak.row - bf.y),
+                  peak.coefficient == bf.c ? 0 : 2);
+      }
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(AllPaths, TemplateSearchPaths, testing::Values(0, 1, 2));
+
+TEST(TemplateSearch, SubPixelPeakFindsKnownShift) {
+  Waves waves(9);
+  const int W = 100;
+  // Right image: the left texture moved by (4.3, -2.7) pixels.
+  const double dx = 4.3, dy = -2.7;
+  auto left = Render<float>(waves, W, W, 0, 0);
+  auto right = Render<float>(waves, W, W, dx, dy);
+  auto left8 = Render<uint8_t>(waves, W, W, 0, 0);
+  auto right8 = Render<uint8_t>(waves, W, W, dx, dy);
+  std::vector<char> scratch(epho_NccSearchScratchBytes(10, 10, 21, 21));
+  Epho_NccPeak pf, p8;
+  ASSERT_EQ(epho_NccSearchFloat(left.data(), right.data(), W, W, 45, 50, 10, 10, 40, 40, 60, 60,
+                                scratch.data(), scratch.size(), &pf),
+            EPHO_NCC_SEARCH_OK);
+  ASSERT_EQ(epho_NccSearchByte(left8.data(), right8.data(), W, W, 45, 50, 10, 10, 40, 40, 60, 60,
+                               scratch.data(), scratch.size(), &p8),
+            EPHO_NCC_SEARCH_OK);
+  for (const Epho_NccPeak& p : {pf, p8}) {
+    EXPECT_EQ(p.column, 49);
+    EXPECT_EQ(p.row, 47);
+    EXPECT_EQ(p.on_border, 0);
+    EXPECT_GT(p.coefficient, 0.95);
+    EXPECT_NEAR(p.subpixel_column, 45 + dx, 0.1);
+    EXPECT_NEAR(p.subpixel_row, 50 + dy, 0.1);
+  }
+}
+
+TEST(TemplateSearch, BorderFlatAndBadArguments) {
+  Waves waves(3);
+  const int W = 80;
+  auto left = Render<uint8_t>(waves, W, W, 0, 0);
+  auto right = Render<uint8_t>(waves, W, W, 6, 0);  // true match at column 46
+  std::vector<char> scratch(epho_NccSearchScratchBytes(5, 5, 30, 30));
+  Epho_NccPeak p;
+  // Range ending before the true match: best on the column border.
+  ASSERT_EQ(epho_NccSearchByte(left.data(), right.data(), W, W, 40, 40, 5, 5, 30, 35, 44, 45,
+                               scratch.data(), scratch.size(), &p),
+            EPHO_NCC_SEARCH_OK);
+  EXPECT_EQ(p.column, 44);
+  EXPECT_EQ(p.on_border, 1);
+  EXPECT_EQ(p.subpixel_column, 44.0);
+  // A flat template correlates with nothing.
+  std::vector<uint8_t> flat(W * W, 40);
+  EXPECT_EQ(epho_NccSearchByte(flat.data(), right.data(), W, W, 40, 40, 5, 5, 30, 35, 44, 45,
+                               scratch.data(), scratch.size(), &p),
+            EPHO_NCC_SEARCH_FLAT);
+  EXPECT_EQ(p.coefficient, 0.0);
+  std::vector<float> flatf(W * W, 0.1f), rightf(right.begin(), right.end());
+  EXPECT_EQ(epho_NccSearchFloat(rightf.data(), flatf.data(), W, W, 40, 40, 5, 5, 30, 35, 44, 45,
+                                scratch.data(), scratch.size(), &p),
+            EPHO_NCC_SEARCH_FLAT);
+  // Bad arguments.
+  EXPECT_EQ(epho_NccSearchByte(left.data(), right.data(), W, W, 40, 40, 5, 5, 45, 35, 44, 45,
+                               scratch.data(), scratch.size(), &p),
+            EPHO_NCC_SEARCH_BAD_ARGUMENT);  // empty range
+  EXPECT_EQ(epho_NccSearchByte(left.data(), right.data(), W, W, 40, 40, 5, 5, 3, 35, 44, 45,
+                               scratch.data(), scratch.size(), &p),
+            EPHO_NCC_SEARCH_BAD_ARGUMENT);  // window would start left of column 0
+  EXPECT_EQ(epho_NccSearchByte(left.data(), right.data(), W, W, 40, 40, 128, 5, 30, 35, 44, 45,
+                               scratch.data(), scratch.size(), &p),
+            EPHO_NCC_SEARCH_BAD_ARGUMENT);
+  EXPECT_EQ(epho_NccSearchByte(left.data(), right.data(), W, W, 40, 40, 5, 5, 30, 35, 44, 45,
+                               nullptr, 0, &p),
+            EPHO_NCC_SEARCH_SCRATCH);
+  EXPECT_EQ(epho_NccSearchScratchBytes(128, 1, 10, 10), 0u);
+}
+
+}  // namespace

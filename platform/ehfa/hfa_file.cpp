@@ -1,0 +1,525 @@
+// The entry tree of an open hierarchical file and its I/O.
+//
+// Layout written: the 16-byte tag "EHFA_HEADER_TAG" and the position of the
+// file record (20); the file record {version 1, free list 0, root entry,
+// entry header length 128, dictionary}; the dictionary text; then entries,
+// each a 128-byte header followed by its data. Replaced data that no longer
+// fit and superseded dictionaries are left in place unreferenced, as other
+// writers of the format do.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <unordered_set>
+
+#include "hfa_internal.hpp"
+
+namespace kzdv {
+namespace hfa {
+
+namespace {
+constexpr size_t kWindow = 64 * 1024;
+constexpr size_t kAppendLimit = 64 * 1024 * 1024;
+constexpr char kTag[16] = "EHFA_HEADER_TAG";
+// The file-structure designs every file carries.
+constexpr char kBaseDictionary[] =
+    "{1:lversion,1:LfreeList,1:LrootEntryPtr,1:sentryHeaderLength,1:LdictionaryPtr,}Ehfa_File,"
+    "{1:Lnext,1:Lprev,1:Lparent,1:Lchild,1:Ldata,1:ldataSize,64:cname,32:ctype,1:tmodTime,}"
+    "Ehfa_Entry,{16:clabel,1:LheaderPtr,}Ehfa_HeaderTag,{1:LfreeList,1:lfreeSize,}"
+    "Ehfa_FreeListNode,{1:lsize,1:Lptr,}Ehfa_Data,.";
+
+inline uint32_t Get32(const uint8_t* p) {
+  return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
+         static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
+}
+inline void Set32(uint8_t* p, uint32_t v) {
+  for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+std::string Errno() { return std::strerror(errno); }
+
+std::string FixedText(const uint8_t* p, size_t n) {
+  size_t len = 0;
+  while (len < n && p[len] != 0) ++len;
+  return std::string(reinterpret_cast<const char*>(p), len);
+}
+}  // namespace
+
+// ---- FileIO --------------------------------------------------------------
+
+FileIO::~FileIO() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+bool FileIO::Open(const std::string& path, bool writable, bool create, std::string* error) {
+  int flags = writable ? O_RDWR : O_RDONLY;
+  if (create) flags |= O_CREAT | O_TRUNC;
+  fd_ = ::open(path.c_str(), flags | O_CLOEXEC, 0644);
+  if (fd_ < 0) {
+    *error = Errno();
+    return false;
+  }
+  struct stat st;
+  if (::fstat(fd_, &st) != 0) {
+    *error = Errno();
+    return false;
+  }
+  if (S_ISDIR(st.st_mode)) {
+    *error = "it is a directory";
+    return false;
+  }
+  size_ = append_start_ = static_cast<uint64_t>(st.st_size);
+  return true;
+}
+
+bool FileIO::Close(std::string* error) {
+  bool ok = FlushAppend(error);
+  if (fd_ >= 0 && ::close(fd_) != 0 && ok) {
+    *error = Errno();
+    ok = false;
+  }
+  fd_ = -1;
+  return ok;
+}
+
+bool FileIO::Read(uint64_t offset, size_t size, void* out, std::string* error) {
+  if (offset > size_ || size > size_ - offset) {
+    *error = "read of " + std::to_string(size) + " bytes at offset " + std::to_string(offset) +
+             " beyond the end of the file (" + std::to_string(size_) + " bytes)";
+    return false;
+  }
+  if (offset + size > append_start_ && !FlushAppend(error)) return false;
+  uint8_t* dst = static_cast<uint8_t*>(out);
+  if (offset >= window_pos_ && offset + size <= window_pos_ + window_.size()) {
+    std::memcpy(dst, window_.data() + (offset - window_pos_), size);
+    return true;
+  }
+  if (size >= kWindow / 2) {
+    size_t done = 0;
+    while (done < size) {
+      ssize_t r = ::pread(fd_, dst + done, size - done, static_cast<off_t>(offset + done));
+      if (r <= 0) {
+        *error = r < 0 ? Errno() : "unexpected end of file";
+        return false;
+      }
+      done += static_cast<size_t>(r);
+      bytes_read_ += static_cast<uint64_t>(r);
+    }
+    return true;
+  }
+  const size_t want = static_cast<size_t>(std::min<uint64_t>(kWindow, size_ - offset));
+  window_.resize(want);
+  size_t got = 0;
+  while (got < want) {
+    ssize_t r = ::pread(fd_, window_.data() + got, want - got, static_cast<off_t>(offset + got));
+    if (r < 0) {
+      window_.clear();
+      *error = Errno();
+      return false;
+    }
+    if (r == 0) break;
+    got += static_cast<size_t>(r);
+    bytes_read_ += static_cast<uint64_t>(r);
+  }
+  window_.resize(got);
+  window_pos_ = offset;
+  if (got < size) {
+    *error = "unexpected end of file";
+    return false;
+  }
+  std::memcpy(dst, window_.data(), size);
+  return true;
+}
+
+uint8_t* FileIO::Pending(uint64_t offset, size_t size) {
+  if (offset >= append_start_ && offset + size <= append_start_ + append_.size()) {
+    return append_.data() + (offset - append_start_);
+  }
+  return nullptr;
+}
+
+bool FileIO::Write(uint64_t offset, const void* data, size_t size, std::string* error) {
+  if (uint8_t* p = Pending(offset, size)) {
+    std::memcpy(p, data, size);
+    return true;
+  }
+  if (offset + size > append_start_ && !FlushAppend(error)) return false;
+  const uint8_t* src = static_cast<const uint8_t*>(data);
+  size_t done = 0;
+  while (done < size) {
+    ssize_t w = ::pwrite(fd_, src + done, size - done, static_cast<off_t>(offset + done));
+    if (w <= 0) {
+      *error = w < 0 ? Errno() : "short write";
+      return false;
+    }
+    done += static_cast<size_t>(w);
+  }
+  // Keep the read window true.
+  if (offset < window_pos_ + window_.size() && offset + size > window_pos_) window_.clear();
+  size_ = std::max<uint64_t>(size_, offset + size);
+  if (append_.empty()) append_start_ = size_;
+  return true;
+}
+
+bool FileIO::Append(const void* data, size_t size, uint32_t* pos, std::string* error) {
+  if (size_ + size > 0xffffffffull) {
+    *error = "the file would exceed 4 GB, the limit of its 32-bit offsets";
+    return false;
+  }
+  if (append_.empty()) append_start_ = size_;
+  *pos = static_cast<uint32_t>(size_);
+  const uint8_t* src = static_cast<const uint8_t*>(data);
+  append_.insert(append_.end(), src, src + size);
+  size_ += size;
+  if (append_.size() >= kAppendLimit) return FlushAppend(error);
+  return true;
+}
+
+bool FileIO::FlushAppend(std::string* error) {
+  if (append_.empty()) return true;
+  size_t done = 0;
+  while (done < append_.size()) {
+    ssize_t w = ::pwrite(fd_, append_.data() + done, append_.size() - done,
+                         static_cast<off_t>(append_start_ + done));
+    if (w <= 0) {
+      *error = w < 0 ? Errno() : "short write";
+      return false;
+    }
+    done += static_cast<size_t>(w);
+  }
+  if (append_start_ < window_pos_ + window_.size()) window_.clear();
+  append_.clear();
+  append_start_ = size_;
+  return true;
+}
+
+uint64_t BytesRead(const Ehfa_File* file) { return file->io.bytes_read(); }
+
+}  // namespace hfa
+}  // namespace kzdv
+
+using namespace kzdv::hfa;
+
+// ---- the tree ---------------------------------------------------------------
+
+bool Ehfa_File::InitNew(std::string* error) {
+  dict.reset(new Emif_Dictionary);
+  if (!kzdv::mif::Dictionary::Parse(kBaseDictionary, sizeof kBaseDictionary - 1, &dict->dict,
+                                    error)) {
+    return false;
+  }
+  uint8_t head[38] = {};
+  std::memcpy(head, kTag, 16);
+  Set32(head + 16, 20);
+  header_pos = 20;
+  uint32_t pos;
+  if (!io.Append(head, sizeof head, &pos, error)) return false;
+  nodes.emplace_back();
+  root = current = &nodes.back();
+  root->name = "root";
+  root->type = "root";
+  root->mtime = 0;
+  uint8_t blank[kEntryHeaderSize] = {};
+  if (!io.Append(blank, sizeof blank, &root->pos, error)) return false;
+  MarkDirty(root);
+  dict->changed = true;  // written by the first flush
+  return Flush(true, error);
+}
+
+bool Ehfa_File::Load(std::string* error) {
+  uint8_t head[20];
+  if (io.size() < 20 || !io.Read(0, 20, head, error) || std::memcmp(head, kTag, 16) != 0) {
+    *error = "not a hierarchical file (no EHFA_HEADER_TAG)";
+    return false;
+  }
+  header_pos = Get32(head + 16);
+  uint8_t rec[18];
+  if (!io.Read(header_pos, sizeof rec, rec, error)) {
+    *error = "file header: " + *error;
+    return false;
+  }
+  version = Get32(rec);
+  const uint32_t root_pos = Get32(rec + 8);
+  dict_pos = Get32(rec + 14);
+
+  // Dictionary text: up to its terminating zero (or the end of the file).
+  if (dict_pos >= io.size()) {
+    *error = "dictionary offset " + std::to_string(dict_pos) + " beyond the end of the file";
+    return false;
+  }
+  std::string text;
+  for (uint64_t at = dict_pos; at < io.size();) {
+    char chunk[4096];
+    const size_t n = static_cast<size_t>(std::min<uint64_t>(sizeof chunk, io.size() - at));
+    if (!io.Read(at, n, chunk, error)) return false;
+    const void* zero = std::memchr(chunk, 0, n);
+    const size_t take = zero ? static_cast<size_t>(static_cast<const char*>(zero) - chunk) : n;
+    text.append(chunk, take);
+    if (zero) break;
+    at += n;
+  }
+  dict.reset(new Emif_Dictionary);
+  if (!kzdv::mif::Dictionary::Parse(text.data(), text.size(), &dict->dict, error)) return false;
+
+  // Entry headers, depth first. Every entry is read once; a link to an entry
+  // already seen (a cycle or a shared child) or out of the file is an error.
+  std::unordered_set<uint32_t> seen;
+  auto read_entry = [&](uint32_t pos, Node* parent, Node** out) -> bool {
+    if (pos < 20 || static_cast<uint64_t>(pos) + kEntryUsed > io.size()) {
+      *error = "entry offset " + std::to_string(pos) + " lies outside the file" +
+               (parent ? " (a child of " + PathOf(parent) + ")" : " (the root)");
+      return false;
+    }
+    if (!seen.insert(pos).second) {
+      *error = "entry at offset " + std::to_string(pos) + " is linked twice" +
+               (parent ? " (under " + PathOf(parent) + "): a cycle or a shared entry" : "");
+      return false;
+    }
+    uint8_t h[kEntryUsed];
+    if (!io.Read(pos, sizeof h, h, error)) return false;
+    nodes.emplace_back();
+    Node* n = &nodes.back();
+    n->pos = pos;
+    n->next = reinterpret_cast<Node*>(static_cast<uintptr_t>(Get32(h)));  // resolved below
+    n->child = reinterpret_cast<Node*>(static_cast<uintptr_t>(Get32(h + 12)));
+    n->data_pos = Get32(h + 16);
+    n->data_size = Get32(h + 20);
+    n->name = FixedText(h + 24, kNameSize);
+    n->type = FixedText(h + 88, kTypeSize);
+    n->mtime = Get32(h + 120);
+    *out = n;
+    return true;
+  };
+  Node* r = nullptr;
+  if (!read_entry(root_pos, nullptr, &r)) return false;
+  root = current = r;
+  std::vector<Node*> stack{root};
+  while (!stack.empty()) {
+    Node* parent = stack.back();
+    stack.pop_back();
+    uint32_t pos = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(parent->child));
+    parent->child = nullptr;
+    while (pos != 0) {
+      Node* n = nullptr;
+      if (!read_entry(pos, parent, &n)) return false;
+      pos = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(n->next));
+      n->next = nullptr;
+      n->parent = parent;
+      n->prev = parent->last;
+      if (parent->last) {
+        parent->last->next = n;
+      } else {
+        parent->child = n;
+      }
+      parent->last = n;
+      ++parent->children;
+      stack.push_back(n);
+    }
+  }
+  root->next = nullptr;
+  return true;
+}
+
+Node* Ehfa_File::FindChild(Node* parent, const std::string& name) const {
+  if (!parent) return nullptr;
+  if (parent->children < 16) {
+    for (Node* c = parent->child; c; c = c->next) {
+      if (c->name == name) return c;
+    }
+    return nullptr;
+  }
+  if (!parent->index) {
+    parent->index.reset(new std::unordered_map<std::string, Node*>);
+    parent->index->reserve(static_cast<size_t>(parent->children));
+    for (Node* c = parent->child; c; c = c->next) parent->index->emplace(c->name, c);
+  }
+  auto it = parent->index->find(name);
+  return it == parent->index->end() ? nullptr : it->second;
+}
+
+Node* Ehfa_File::Resolve(const std::string& path) const {
+  Node* n = root;
+  size_t i = 0;
+  while (i <= path.size() && n) {
+    const size_t j = std::min(path.find(':', i), path.size());
+    if (j > i) n = FindChild(n, path.substr(i, j - i));
+    i = j + 1;
+  }
+  return n;
+}
+
+std::string Ehfa_File::PathOf(const Node* n) const {
+  if (!n || n == root) return ":";
+  std::vector<const Node*> chain;
+  for (; n && n != root; n = n->parent) chain.push_back(n);
+  std::string p;
+  for (auto it = chain.rbegin(); it != chain.rend(); ++it) p += ":" + (*it)->name;
+  return p;
+}
+
+Node* Ehfa_File::NewNode(const std::string& name, const std::string& type) {
+  nodes.emplace_back();
+  Node* n = &nodes.back();
+  n->name = name.substr(0, kNameSize - 1);
+  n->type = type.substr(0, kTypeSize - 1);
+  n->mtime = static_cast<uint32_t>(std::time(nullptr));
+  return n;
+}
+
+void Ehfa_File::MarkDirty(Node* n) {
+  if (n && !n->dirty) {
+    n->dirty = true;
+    dirty.push_back(n);
+  }
+}
+
+static void IndexAdd(Node* parent, Node* n, bool at_end) {
+  if (!parent->index) return;
+  auto it = parent->index->find(n->name);
+  if (it == parent->index->end()) {
+    parent->index->emplace(n->name, n);
+  } else if (!at_end) {
+    parent->index.reset();  // the new node may now be the first of that name
+  }
+}
+
+void Ehfa_File::LinkFirst(Node* parent, Node* n) {
+  n->parent = parent;
+  n->prev = nullptr;
+  n->next = parent->child;
+  if (parent->child) {
+    parent->child->prev = n;
+    MarkDirty(parent->child);
+  } else {
+    parent->last = n;
+  }
+  parent->child = n;
+  ++parent->children;
+  IndexAdd(parent, n, parent->children == 1);
+  MarkDirty(parent);
+  MarkDirty(n);
+}
+
+void Ehfa_File::LinkLast(Node* parent, Node* n) {
+  if (!parent->last) {
+    LinkFirst(parent, n);
+    return;
+  }
+  LinkAfter(parent->last, n);
+}
+
+void Ehfa_File::LinkAfter(Node* prev, Node* n) {
+  Node* parent = prev->parent;
+  n->parent = parent;
+  n->prev = prev;
+  n->next = prev->next;
+  if (prev->next) {
+    prev->next->prev = n;
+    MarkDirty(prev->next);
+  } else {
+    parent->last = n;
+  }
+  prev->next = n;
+  ++parent->children;
+  IndexAdd(parent, n, n->next == nullptr);
+  MarkDirty(prev);
+  MarkDirty(n);
+}
+
+void Ehfa_File::Unlink(Node* n) {
+  Node* parent = n->parent;
+  if (n->prev) {
+    n->prev->next = n->next;
+    MarkDirty(n->prev);
+  } else {
+    parent->child = n->next;
+    MarkDirty(parent);
+  }
+  if (n->next) {
+    n->next->prev = n->prev;
+    MarkDirty(n->next);
+  } else {
+    parent->last = n->prev;
+  }
+  --parent->children;
+  parent->index.reset();
+  n->alive = false;
+  n->parent = n->prev = n->next = nullptr;
+}
+
+bool Ehfa_File::SetData(Node* n, std::vector<uint8_t>* bytes, const kzdv::mif::DesignImpl* design,
+                        std::string* error) {
+  const uint32_t size = static_cast<uint32_t>(bytes->size());
+  uint32_t pos;
+  if (n->data_pos != 0 && size <= n->data_size) {
+    pos = n->data_pos;
+  } else {
+    pos = static_cast<uint32_t>(io.size());
+  }
+  if (design && !bytes->empty() &&
+      !kzdv::mif::Rebase(*design, bytes->data(), bytes->size(), pos, error)) {
+    return false;
+  }
+  if (pos == n->data_pos) {
+    if (!bytes->empty() && !io.Write(pos, bytes->data(), bytes->size(), error)) return false;
+  } else if (!io.Append(bytes->data(), bytes->size(), &pos, error)) {
+    return false;
+  }
+  n->data_pos = size ? pos : 0;
+  n->data_size = size;
+  n->mtime = static_cast<uint32_t>(std::time(nullptr));
+  MarkDirty(n);
+  return true;
+}
+
+bool Ehfa_File::ReadData(const Node* n, std::vector<uint8_t>* bytes, std::string* error) {
+  bytes->clear();
+  if (n->data_size == 0) return true;
+  if (n->data_pos == 0 || static_cast<uint64_t>(n->data_pos) + n->data_size > io.size()) {
+    *error = "the data of " + PathOf(n) + " (" + std::to_string(n->data_size) +
+             " bytes at offset " + std::to_string(n->data_pos) + ") lie beyond the end of the file";
+    return false;
+  }
+  bytes->resize(n->data_size);
+  return io.Read(n->data_pos, n->data_size, bytes->data(), error);
+}
+
+bool Ehfa_File::Flush(bool force, std::string* error) {
+  if (!writable || (bulk_depth > 0 && !force)) return true;
+  if (dict->changed) {
+    const std::string text = dict->dict.Text();
+    uint32_t pos;
+    if (!io.Append(text.c_str(), text.size() + 1, &pos, error)) return false;
+    dict_pos = pos;
+    dict->changed = false;
+    uint8_t rec[18] = {};
+    Set32(rec, version);
+    Set32(rec + 4, 0);
+    Set32(rec + 8, root->pos);
+    rec[12] = static_cast<uint8_t>(kEntryHeaderSize);
+    rec[13] = 0;
+    Set32(rec + 14, dict_pos);
+    if (!io.Write(header_pos, rec, sizeof rec, error)) return false;
+  }
+  std::sort(dirty.begin(), dirty.end(), [](const Node* a, const Node* b) { return a->pos < b->pos; });
+  for (Node* n : dirty) {
+    n->dirty = false;
+    if (!n->alive) continue;
+    uint8_t h[kEntryUsed] = {};
+    Set32(h, n->next ? n->next->pos : 0);
+    Set32(h + 4, n->prev ? n->prev->pos : 0);
+    Set32(h + 8, n->parent ? n->parent->pos : 0);
+    Set32(h + 12, n->child ? n->child->pos : 0);
+    Set32(h + 16, n->data_pos);
+    Set32(h + 20, n->data_size);
+    std::memcpy(h + 24, n->name.data(), std::min<size_t>(n->name.size(), kNameSize - 1));
+    std::memcpy(h + 88, n->type.data(), std::min<size_t>(n->type.size(), kTypeSize - 1));
+    Set32(h + 120, n->mtime);
+    if (!io.Write(n->pos, h, sizeof h, error)) return false;
+  }
+  dirty.clear();
+  return io.FlushAppend(error);
+}

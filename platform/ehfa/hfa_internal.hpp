@@ -1,0 +1,119 @@
+// The in-memory side of an open hierarchical file: the entry tree (read whole
+// at open, headers only), positioned I/O with a read window and an append
+// buffer, and the write bookkeeping (dirty entry headers, bulk writes).
+#ifndef HFA_INTERNAL_HPP
+#define HFA_INTERNAL_HPP
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "ehfa.h"
+#include "../emif/emif_internal.hpp"
+
+namespace kzdv {
+namespace hfa {
+
+constexpr uint32_t kEntryHeaderSize = 128;  // allocated per entry; 124 are used
+constexpr uint32_t kEntryUsed = 124;
+constexpr uint32_t kNameSize = 64;
+constexpr uint32_t kTypeSize = 32;
+
+struct Node {
+  uint32_t pos = 0;  // entry header position
+  uint32_t data_pos = 0;
+  uint32_t data_size = 0;
+  uint32_t mtime = 0;
+  std::string name;  // UTF-8
+  std::string type;
+  Node* parent = nullptr;
+  Node* child = nullptr;
+  Node* last = nullptr;  // last child
+  Node* next = nullptr;
+  Node* prev = nullptr;
+  long children = 0;
+  bool dirty = false;
+  bool alive = true;
+  // Children by name, built on the first lookup among many children.
+  std::unique_ptr<std::unordered_map<std::string, Node*>> index;
+};
+
+// Positioned file access. Reads go through a 64 KiB window; appended bytes
+// collect in a buffer that is written in large pieces.
+class FileIO {
+ public:
+  ~FileIO();
+  bool Open(const std::string& path, bool writable, bool create, std::string* error);
+  bool Close(std::string* error);
+  bool Read(uint64_t offset, size_t size, void* out, std::string* error);
+  bool Write(uint64_t offset, const void* data, size_t size, std::string* error);
+  // Appends at the end; returns the position of the bytes.
+  bool Append(const void* data, size_t size, uint32_t* pos, std::string* error);
+  bool FlushAppend(std::string* error);
+  uint64_t size() const { return size_; }
+  uint64_t bytes_read() const { return bytes_read_; }
+  // Lets a caller patch bytes that are still in the append buffer.
+  uint8_t* Pending(uint64_t offset, size_t size);
+
+ private:
+  int fd_ = -1;
+  uint64_t size_ = 0;  // logical size, pending appends included
+  uint64_t append_start_ = 0;
+  std::vector<uint8_t> append_;
+  std::vector<uint8_t> window_;
+  uint64_t window_pos_ = 0;
+  uint64_t bytes_read_ = 0;
+};
+
+}  // namespace hfa
+}  // namespace kzdv
+
+struct Ehfa_File {
+  std::wstring name;
+  bool writable = false;
+  kzdv::hfa::FileIO io;
+  std::unique_ptr<Emif_Dictionary> dict;
+  uint32_t header_pos = 0;  // Ehfa_File record
+  uint32_t dict_pos = 0;
+  uint32_t version = 1;
+  std::deque<kzdv::hfa::Node> nodes;
+  kzdv::hfa::Node* root = nullptr;
+  kzdv::hfa::Node* current = nullptr;
+  int bulk_depth = 0;
+  std::vector<kzdv::hfa::Node*> dirty;
+  // Scratch for Ehfa_EntryInfo strings.
+  std::string info_name, info_type;
+
+  // Tree and I/O helpers (hfa_file.cpp). Each returns false with *error.
+  bool Load(std::string* error);
+  bool InitNew(std::string* error);
+  kzdv::hfa::Node* Resolve(const std::string& path) const;
+  kzdv::hfa::Node* FindChild(kzdv::hfa::Node* parent, const std::string& name) const;
+  std::string PathOf(const kzdv::hfa::Node* n) const;
+  kzdv::hfa::Node* NewNode(const std::string& name, const std::string& type);
+  void LinkFirst(kzdv::hfa::Node* parent, kzdv::hfa::Node* n);
+  void LinkLast(kzdv::hfa::Node* parent, kzdv::hfa::Node* n);
+  void LinkAfter(kzdv::hfa::Node* prev, kzdv::hfa::Node* n);
+  void Unlink(kzdv::hfa::Node* n);
+  void MarkDirty(kzdv::hfa::Node* n);
+  // Writes `bytes` as the node's data (in place when they fit, else at the
+  // end); `design` (may be null) rebases pointer offsets to the position.
+  bool SetData(kzdv::hfa::Node* n, std::vector<uint8_t>* bytes,
+               const kzdv::mif::DesignImpl* design, std::string* error);
+  bool ReadData(const kzdv::hfa::Node* n, std::vector<uint8_t>* bytes, std::string* error);
+  // Entry headers, dictionary and append buffer to disk. `force` also inside
+  // a bulk write.
+  bool Flush(bool force, std::string* error);
+};
+
+namespace kzdv {
+namespace hfa {
+// Bytes read from disk since the file was opened (for measurements).
+uint64_t BytesRead(const Ehfa_File* file);
+}  // namespace hfa
+}  // namespace kzdv
+
+#endif  // HFA_INTERNAL_HPP
