@@ -10,6 +10,7 @@
 // about one tile, or one chunk of rows, whatever the image size.
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <numeric>
 #include <vector>
 
@@ -175,6 +176,9 @@ bool Reduce(Eimg_LayerStack* src, Eimg_LayerStack* dst, Emet_MeterInfo* meter,
 
 }  // namespace
 
+static bool ReduceTyped(Eimg_LayerStack* src, Eimg_LayerStack* dst, Emet_MeterInfo* meter,
+                        kzdv::ErrorFrame& frame);
+
 bool ReduceLevel(Eimg_LayerStack* src, Eimg_LayerStack* dst, Emet_MeterInfo* meter,
                  kzdv::ErrorFrame& frame) {
   const Eimg_Layer* s = src->layers[0];
@@ -184,6 +188,17 @@ bool ReduceLevel(Eimg_LayerStack* src, Eimg_LayerStack* dst, Emet_MeterInfo* met
                d->height, (s->width + 1) / 2, (s->height + 1) / 2);
     return false;
   }
+  try {
+    return ReduceTyped(src, dst, meter, frame);
+  } catch (const std::bad_alloc&) {
+    frame.Fail(__LINE__, L"Out of memory");
+    return false;
+  }
+}
+
+bool ReduceTyped(Eimg_LayerStack* src, Eimg_LayerStack* dst, Emet_MeterInfo* meter,
+                 kzdv::ErrorFrame& frame) {
+  const Eimg_Layer* s = src->layers[0];
   switch (s->pixelType) {
     case EGDA_TYPE_U1:
     case EGDA_TYPE_U2:
