@@ -79,48 +79,116 @@ std::wstring FromUtf8(const std::string& s) {
   return out;
 }
 
-// Rewrites a toolkit format for glibc's wide printf: a bare %s / %c means a
-// wide argument (%ls / %lc), %hs / %hc a narrow one (%s / %c).
-static std::wstring NativeFormat(const Etxt_Char* f) {
+namespace {
+
+// Formats one conversion `spec` (flags, width and precision already resolved,
+// no length modifier) of a single value with swprintf.
+template <typename T>
+void AppendOne(std::wstring& out, const std::wstring& spec, T value) {
+  wchar_t small[128];
+  int n = std::swprintf(small, 128, spec.c_str(), value);
+  if (n >= 0) {
+    out.append(small, static_cast<size_t>(n));
+    return;
+  }
+  std::vector<wchar_t> big(4096);
+  for (; big.size() <= (1u << 20); big.resize(big.size() * 4)) {
+    n = std::swprintf(big.data(), big.size(), spec.c_str(), value);
+    if (n >= 0) {
+      out.append(big.data(), static_cast<size_t>(n));
+      return;
+    }
+  }
+  out += L"\uFFFD";  // a conversion that cannot be formatted
+}
+
+}  // namespace
+
+// The toolkit's printf: "%s" takes a wide string and "%hs" a UTF-8 narrow one.
+// Strings are converted here rather than by the C library, so the result does
+// not depend on the process locale.
+std::wstring FormatV(const Etxt_Char* format, va_list args) {
+  if (!format) return std::wstring();
+  va_list ap;
+  va_copy(ap, args);
   std::wstring out;
-  for (const wchar_t* p = f; *p;) {
+  for (const wchar_t* p = format; *p;) {
     if (*p != L'%') {
       out += *p++;
       continue;
     }
-    out += *p++;
+    ++p;
     if (*p == L'%') {
       out += *p++;
       continue;
     }
-    while (*p && std::wcschr(L"-+ #0'", *p)) out += *p++;
-    while (*p && (std::iswdigit(*p) || *p == L'*' || *p == L'.')) out += *p++;
+    std::wstring spec = L"%";
+    while (*p && std::wcschr(L"-+ #0'", *p)) spec += *p++;
+    auto number = [&]() {
+      if (*p == L'*') {
+        spec += std::to_wstring(va_arg(ap, int));
+        ++p;
+      } else {
+        while (*p && std::iswdigit(*p)) spec += *p++;
+      }
+    };
+    number();
+    if (*p == L'.') {
+      spec += *p++;
+      number();
+    }
     std::wstring len;
     while (*p && std::wcschr(L"hlLqjzt", *p)) len += *p++;
-    if (*p == L's' || *p == L'c') {
-      if (len.empty()) out += L'l';
-      else if (len != L"h") out += len;
-    } else {
-      out += len;
+    const wchar_t conv = *p;
+    if (!conv) break;
+    ++p;
+    switch (conv) {
+      case L'd':
+      case L'i':
+        if (len == L"l") AppendOne(out, spec + L"l" + conv, va_arg(ap, long));
+        else if (len == L"ll" || len == L"q" || len == L"j") AppendOne(out, spec + L"ll" + conv, va_arg(ap, long long));
+        else if (len == L"z" || len == L"t") AppendOne(out, spec + L"ll" + conv, static_cast<long long>(va_arg(ap, ptrdiff_t)));
+        else AppendOne(out, spec + conv, va_arg(ap, int));
+        break;
+      case L'u':
+      case L'o':
+      case L'x':
+      case L'X':
+        if (len == L"l") AppendOne(out, spec + L"l" + conv, va_arg(ap, unsigned long));
+        else if (len == L"ll" || len == L"q" || len == L"j") AppendOne(out, spec + L"ll" + conv, va_arg(ap, unsigned long long));
+        else if (len == L"z" || len == L"t") AppendOne(out, spec + L"ll" + conv, static_cast<unsigned long long>(va_arg(ap, size_t)));
+        else AppendOne(out, spec + conv, va_arg(ap, unsigned int));
+        break;
+      case L'f': case L'F': case L'e': case L'E': case L'g': case L'G': case L'a': case L'A':
+        if (len == L"L") AppendOne(out, spec + L"L" + conv, va_arg(ap, long double));
+        else AppendOne(out, spec + conv, va_arg(ap, double));
+        break;
+      case L'c':
+        if (len == L"h") AppendOne(out, spec + L"lc", static_cast<wint_t>(static_cast<unsigned char>(va_arg(ap, int))));
+        else AppendOne(out, spec + L"lc", static_cast<wint_t>(va_arg(ap, wint_t)));
+        break;
+      case L's': {
+        std::wstring text;
+        if (len == L"h") {
+          const char* n = va_arg(ap, const char*);
+          text = n ? FromUtf8(n) : L"(null)";
+        } else {
+          const wchar_t* w = va_arg(ap, const wchar_t*);
+          text = w ? w : L"(null)";
+        }
+        AppendOne(out, spec + L"ls", text.c_str());
+        break;
+      }
+      case L'p':
+        AppendOne(out, spec + L"p", va_arg(ap, void*));
+        break;
+      default:  // unknown conversion: keep it visible, consume nothing
+        out += spec + len + conv;
+        break;
     }
-    if (*p) out += *p++;
   }
+  va_end(ap);
   return out;
-}
-
-std::wstring FormatV(const Etxt_Char* format, va_list args) {
-  if (!format) return std::wstring();
-  const std::wstring fmt = NativeFormat(format);
-  std::vector<wchar_t> buf(256);
-  for (;;) {
-    va_list copy;
-    va_copy(copy, args);
-    int n = std::vswprintf(buf.data(), buf.size(), fmt.c_str(), copy);
-    va_end(copy);
-    if (n >= 0 && static_cast<size_t>(n) < buf.size()) return std::wstring(buf.data(), n);
-    if (buf.size() > (1u << 24)) return fmt;  // a format that never fits: give it back verbatim
-    buf.resize(buf.size() * 4);
-  }
 }
 
 std::wstring Format(const Etxt_Char* format, ...) {

@@ -44,3 +44,15 @@ TEST(WideText, StringToNumberRejectsTrailingText) {
   EXPECT_FALSE(estr_StringToLong(L"4.2", &l));
   EXPECT_FALSE(estr_StringToLong(L"99999999999999999999999", &l));
 }
+
+TEST(WideText, FormatIsLocaleIndependentForNarrowUtf8AndHandlesStarsAndLengths) {
+  // Non-ASCII UTF-8 through %hs must not depend on the C locale.
+  EXPECT_EQ(kzdv::Format(L"[%hs]", "Kr\xc3\xbcger"), L"[Krüger]");
+  EXPECT_EQ(kzdv::Format(L"[%-6s|%6.2hs]", L"ab", "xyz"), L"[ab    |    xy]");
+  EXPECT_EQ(kzdv::Format(L"%*d|%.*f|%ld|%zu|%x|%c|%hc", 5, 42, 2, 3.14159, -7L, static_cast<size_t>(9),
+                         255u, L'ü', 'q'),
+            L"   42|3.14|-7|9|ff|ü|q");
+  EXPECT_EQ(kzdv::Format(L"%s %hs", static_cast<const wchar_t*>(nullptr),
+                         static_cast<const char*>(nullptr)),
+            L"(null) (null)");
+}
