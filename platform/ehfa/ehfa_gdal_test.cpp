@@ -354,6 +354,13 @@ TEST(EhfaGdal, CopyTableDropsOrRewritesExactlyItsNodes) {
                              nullptr, &fail_err));
   EXPECT_NE(kzdv::ReportText(fail_err.e).find(L"refused"), std::wstring::npos);
   EXPECT_FALSE(std::filesystem::exists(failed));
+
+  // A copy onto its own source is refused and leaves the source intact.
+  ErrGuard self_err;
+  EXPECT_FALSE(ehfa_FileCopy(kzdv::FromUtf8(src).c_str(), kzdv::FromUtf8(src).c_str(), nullptr,
+                             nullptr, &self_err));
+  EXPECT_NE(self_err.Text().find(L"onto itself"), std::wstring::npos);
+  EXPECT_EQ(ViewWithGdal(src).checksums, before.checksums);
 }
 
 }  // namespace
