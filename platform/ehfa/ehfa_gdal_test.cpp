@@ -255,6 +255,44 @@ TEST(EhfaGdal, PlainCopyOpensInGdalUnchanged) {
   EXPECT_EQ(after.foo, "bar");
 }
 
+TEST(EhfaGdal, CopyKeepsColourTables) {
+  // A thematic layer's colours live in descriptor-table columns outside the
+  // entries; they must move with the copy.
+  testutil::ScratchDir dir("ehfa_colours");
+  GDALAllRegister();
+  const std::string src = dir.File("thematic.img");
+  GDALDatasetH ds = GDALCreate(GDALGetDriverByName("HFA"), src.c_str(), 32, 32, 1, GDT_Byte,
+                               nullptr);
+  GDALColorTableH ct = GDALCreateColorTable(GPI_RGB);
+  for (int i = 0; i < 5; ++i) {
+    const GDALColorEntry e{static_cast<short>(i * 50), static_cast<short>(255 - i * 40),
+                           static_cast<short>(i * 7), 255};
+    GDALSetColorEntry(ct, i, &e);
+  }
+  ASSERT_EQ(GDALSetRasterColorTable(GDALGetRasterBand(ds, 1), ct), CE_None);
+  GDALDestroyColorTable(ct);
+  GDALClose(ds);
+  std::filesystem::remove(src + ".aux.xml");
+  const std::string copy = dir.File("copy.img");
+  ErrGuard err;
+  ASSERT_TRUE(ehfa_FileCopy(kzdv::FromUtf8(src).c_str(), kzdv::FromUtf8(copy).c_str(), nullptr,
+                            nullptr, &err))
+      << err.Text();
+  std::filesystem::remove(src);
+  ds = GDALOpen(copy.c_str(), GA_ReadOnly);
+  ASSERT_TRUE(ds);
+  GDALColorTableH back = GDALGetRasterColorTable(GDALGetRasterBand(ds, 1));
+  ASSERT_TRUE(back);
+  ASSERT_GE(GDALGetColorEntryCount(back), 5);
+  for (int i = 0; i < 5; ++i) {
+    const GDALColorEntry* e = GDALGetColorEntry(back, i);
+    EXPECT_EQ(e->c1, i * 50);
+    EXPECT_EQ(e->c2, 255 - i * 40);
+    EXPECT_EQ(e->c3, i * 7);
+  }
+  GDALClose(ds);
+}
+
 // Copy functions used through the table.
 Ehfa_File* g_seen_source = nullptr;
 void CopyLayerObject(Ehfa_File* source, Ehfa_File* target, Eerr_ErrorReport** err) {
@@ -354,6 +392,13 @@ TEST(EhfaGdal, CopyTableDropsOrRewritesExactlyItsNodes) {
                              nullptr, &fail_err));
   EXPECT_NE(kzdv::ReportText(fail_err.e).find(L"refused"), std::wstring::npos);
   EXPECT_FALSE(std::filesystem::exists(failed));
+
+  // A copy onto its own source is refused and leaves the source intact.
+  ErrGuard self_err;
+  EXPECT_FALSE(ehfa_FileCopy(kzdv::FromUtf8(src).c_str(), kzdv::FromUtf8(src).c_str(), nullptr,
+                             nullptr, &self_err));
+  EXPECT_NE(self_err.Text().find(L"onto itself"), std::wstring::npos);
+  EXPECT_EQ(ViewWithGdal(src).checksums, before.checksums);
 }
 
 }  // namespace

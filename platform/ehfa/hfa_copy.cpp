@@ -8,6 +8,7 @@
 // the same image, georeferencing and overviews in the copy.
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <cwchar>
 #include <cwctype>
 
@@ -259,6 +260,11 @@ Emsc_Boolean ehfa_FileCopy(const Etxt_Char* source_name, const Etxt_Char* target
   Closer src, dst;
   src.f = ehfa_FileOpen(source_name, "r", init, frame.Callee());
   EERR_CHECK(src.f, frame, EMSC_FALSE, L"ehfa_FileOpen failed");
+  {
+    std::error_code ec;
+    EERR_FAIL_IF(std::filesystem::equivalent(ToUtf8(source_name), ToUtf8(target_name), ec), frame,
+                 EMSC_FALSE, L"Cannot copy %s onto itself", source_name);
+  }
   dst.f = ehfa_FileCreate(target_name, init, frame.Callee());
   EERR_CHECK(dst.f, frame, EMSC_FALSE, L"ehfa_FileCreate failed");
   cleanup.armed = true;
@@ -307,7 +313,7 @@ Emsc_Boolean ehfa_FileCopy(const Etxt_Char* source_name, const Etxt_Char* target
         for (Node* c = sn->last; c; c = c->prev) stack.emplace_back(c, tn);
       }
     }
-    --t->bulk_depth;
+    if (t->bulk_depth > 0) --t->bulk_depth;  // a copy function may have ended it
     if (ok && !t->Flush(true, &error)) ok = false;
   } catch (const std::bad_alloc&) {
     ok = false;
