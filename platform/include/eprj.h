@@ -138,9 +138,10 @@ typedef Emsc_Boolean (*Eprj_ConvertPoints)(const Eprj_MapProjection* projection,
                                            Efga_Matrix* points, Eerr_ErrorReport** err);
 
 /* A map projection ready to convert points. toLL and fromLL are null when the
- * projection cannot convert in that direction. Thread-safe for concurrent
- * conversions (each call uses its own PROJ context). Free with
- * eprj_ProjectionFree. */
+ * projection cannot convert in that direction. Concurrent conversions on one
+ * object are safe (they take turns on its PROJ object). Each conversion is
+ * checked by a round trip, so points PROJ maps to something that does not
+ * come back are reported instead of returned. Free with eprj_ProjectionFree. */
 struct Eprj_MapProjection {
   Eprj_ProParameters* proParameters; /* owned */
   Eprj_ConvertPoints toLL;
