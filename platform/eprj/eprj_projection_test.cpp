@@ -288,7 +288,8 @@ TEST(EprjWkt, GeoTiffSystemsRoundTripThroughParameters) {
                          {5070, EPRJ_ALBERS_CONIC_EQUAL_AREA, -100.0, 40.0},
                          {28992, EPRJ_DOUBLE_STEREOGRAPHIC, 5.0, 52.0},
                          {27700, EPRJ_TRANSVERSE_MERCATOR, -1.5, 53.0},
-                         {3395, EPRJ_MERCATOR, 30.0, 60.0}};
+                         {3395, EPRJ_MERCATOR, 30.0, 60.0},
+                         {3857, EPRJ_PSEUDO_MERCATOR, 30.0, 60.0}};
   testutil::ScratchDir dir("eprjwkt");
   for (const Sys& s : systems) {
     SCOPED_TRACE(s.epsg);

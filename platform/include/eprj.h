@@ -42,6 +42,7 @@
 #define EPRJ_STEREOGRAPHIC_EXTENDED 50
 #define EPRJ_DOUBLE_STEREOGRAPHIC 55 /* oblique stereographic of the EPSG guidance */
 #define EPRJ_LAMBERT_CONFORMAL_CONIC_1SP 67
+#define EPRJ_PSEUDO_MERCATOR 68 /* spherical Mercator of web maps on the semi-major axis */
 #define EPRJ_MERCATOR_VARIANT_A 69
 
 /* Number of GCTP parameters carried by every projection. */
