@@ -290,6 +290,12 @@ Eprj_ProParameters* eprj_ProParametersFromWkt(const char* wkt, Eerr_ErrorReport*
   EERR_FAIL_IF(!srs.IsGeographic() && !srs.IsProjected(), frame, nullptr,
                L"Only geographic and projected systems have projection parameters");
 
+  // Our parameters count longitudes from Greenwich: a prime meridian of the
+  // system moves the central meridian. Geographic systems on another prime
+  // meridian would give map coordinates we cannot express.
+  const double pm = srs.GetPrimeMeridian();
+  EERR_FAIL_IF(srs.IsGeographic() && pm != 0.0, frame, nullptr,
+               L"Geographic systems on a prime meridian other than Greenwich are not supported");
   double params[EPRJ_PARAMETER_COUNT] = {0};
   long number = -1, zone = 0;
   const wchar_t* name = L"";
@@ -401,6 +407,10 @@ Eprj_ProParameters* eprj_ProParametersFromWkt(const char* wkt, Eerr_ErrorReport*
   }
   EERR_FAIL_IF(number < 0, frame, nullptr, L"Projection method \"%hs\" has no projection number",
                method ? method : "?");
+  if (pm != 0.0) {
+    EERR_FAIL_IF(number == EPRJ_UTM, frame, nullptr, L"UTM on a prime meridian other than Greenwich");
+    params[number == EPRJ_LAMBERT_CONFORMAL_CONIC_1SP ? 2 : 4] += pm * kD2R;
+  }
 
   std::unique_ptr<Eprj_ProParameters, ProDeleter> p(
       eprj_ProParametersCreate(number, name, zone, params, nullptr, nullptr, frame.Callee()));
