@@ -196,9 +196,10 @@ int FiducialPrediction::NominalPairs(double* film_xy, double* image_xy) const {
   return fiducialCount_;
 }
 
-bool FiducialPrediction::Fit(int n, const double* film_xy, const double* image_xy) {
+bool FiducialPrediction::Fit(int n, const double* film_xy, const double* image_xy,
+                             bool check_geometry) {
   if (n < 2) return false;
-  if (n >= 3 && !SpanPlane(n, film_xy)) return false;
+  if (check_geometry && n >= 3 && !SpanPlane(n, film_xy)) return false;
   double target[2 * kMaxFiducials];
   for (int i = 0; i < 2 * n; ++i) target[i] = image_xy[i];
   // The similarity keeps handedness; flipping the rows lets it map the
@@ -214,8 +215,10 @@ bool FiducialPrediction::Fit(int n, const double* film_xy, const double* image_x
     a[4] = -a[4];
     a[5] = -a[5];
   }
-  for (int i = 0; i < 6; ++i)
-    if (!std::isfinite(a[i])) return false;
+  if (check_geometry) {
+    for (int i = 0; i < 6; ++i)
+      if (!std::isfinite(a[i])) return false;
+  }
   for (int i = 0; i < 6; ++i) transform_[i] = a[i];
   return true;
 }
@@ -225,12 +228,11 @@ int FiducialPrediction::get_Prediction(int32_t id, double* x, double* y) {
   const int k = FindSlot(id);
   if (k < 0) return 2;
   double film_xy[2 * kMaxFiducials], image_xy[2 * kMaxFiducials];
-  // Nominal positions need the image size; without it they would all
-  // collapse onto the origin.
-  if (measuredCount_ <= 1 && (imageWidth_ == 0 || imageHeight_ == 0)) return 3;
   const int n =
       measuredCount_ > 1 ? MeasuredPairs(film_xy, image_xy) : NominalPairs(film_xy, image_xy);
-  if (!Fit(n, film_xy, image_xy)) return 3;
+  // The fit is not checked here: a degenerate set of marks leaves what the fit
+  // left (callers learn of it from FinalSolve).
+  Fit(n, film_xy, image_xy, /*check_geometry=*/false);
   const double* a = transform_;
   if (x) *x = a[0] + a[1] * filmX_[k] + a[2] * filmY_[k];
   if (y) *y = a[3] + a[4] * filmX_[k] + a[5] * filmY_[k];
@@ -248,7 +250,7 @@ double FiducialPrediction::FinalSolve(double* coefficients, point2DWithID* resid
     image_xy[2 * n + 1] = measuredY_[i];
     ++n;
   }
-  if (n < 2 || !Fit(n, film_xy, image_xy)) return -1.0;
+  if (n < 2 || !Fit(n, film_xy, image_xy, /*check_geometry=*/true)) return -1.0;
   const double* a = transform_;
   double sum = 0.0;
   for (int i = 0; i < fiducialCount_; ++i) {

@@ -63,9 +63,10 @@ class EPHO_EXPORT FiducialPrediction {
    * from three, similarity with a row flip from two); otherwise from nominal
    * positions near the image corners and edge midpoints (one measured mark
    * replacing its nominal position). Returns 0 (transform kept in the object),
-   * 1 when there are no fiducials, 2 for an unknown id, 3 when the transform
-   * cannot be fitted (collinear marks, or no image size for a nominal
-   * prediction); x, y are untouched unless 0. */
+   * 1 when there are no fiducials, 2 for an unknown id; x, y are untouched
+   * unless 0. A degenerate fit (collinear marks, no image size set) is not
+   * detected here: the coefficients the fit left are used. FinalSolve
+   * detects it (returns -1). */
   int get_Prediction(int32_t id, double* x, double* y);
 
   /* Final film-to-image transform on all measured marks (affine from three,
@@ -94,7 +95,7 @@ class EPHO_EXPORT FiducialPrediction {
   int MeasuredPairs(double* film_xy, double* image_xy) const;
   int NominalPairs(double* film_xy, double* image_xy) const;
   // Fits film -> image on n pairs into transform_; false when the fit fails.
-  bool Fit(int n, const double* film_xy, const double* image_xy);
+  bool Fit(int n, const double* film_xy, const double* image_xy, bool check_geometry);
 
   double edgeFraction_;
   double orientation_radians_;

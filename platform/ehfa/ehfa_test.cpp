@@ -268,6 +268,36 @@ TEST(EhfaFile, WritePositionsSeeksAndBulkWrites) {
   ehfa_FileClose(f, nullptr);
 }
 
+TEST(EhfaFile, ObjectsStoredUnderAnOlderLayoutReadIntoTheCurrentOne) {
+  // A stored object lacking the two newest fields reads them as zero.
+  testutil::ScratchDir dir("ehfa_into");
+  const std::wstring path = dir.WFile("into.hfa");
+  ErrGuard err;
+  DesignPtr old_d = Own(emif_DesignCreate(L"ExtraAutoTieParameters", 0xc, L"PatternUsage", 0xc,
+                                          L"PointsPerPattern", 0, &err));
+  DesignPtr new_d = Own(emif_DesignCreate(L"ExtraAutoTieParameters", 0xc, L"PatternUsage", 0xc,
+                                          L"PointsPerPattern", 0xc, L"AvoidShadow", 0xc,
+                                          L"ImageScanType", 0, &err));
+  Ehfa_File* f = ehfa_FileCreate(path.c_str(), nullptr, &err);
+  const int32_t stored[2] = {3, 4};
+  ASSERT_TRUE(ehfa_ObjectWrite(f, L":", L"ExtraAutoTieData", EHFA_WRITE_REPLACE, old_d.get(),
+                               stored, &err));
+  ASSERT_TRUE(ehfa_FileClose(f, &err));
+  f = ehfa_FileOpen(path.c_str(), "r", nullptr, &err);
+  int32_t now[4] = {-1, -1, -1, -1};
+  ASSERT_TRUE(ehfa_ObjectReadInto(f, EHFA_SEEK_BY_NAME, L":", L"ExtraAutoTieData", new_d.get(),
+                                  now, &err))
+      << err.Text();
+  EXPECT_EQ(now[0], 3);
+  EXPECT_EQ(now[1], 4);
+  EXPECT_EQ(now[2], 0);
+  EXPECT_EQ(now[3], 0);
+  EXPECT_FALSE(ehfa_ObjectReadIntoIfPresent(f, EHFA_SEEK_BY_NAME, L":", L"Missing", new_d.get(),
+                                            now, &err));
+  EXPECT_FALSE(err.e);
+  ehfa_FileClose(f, nullptr);
+}
+
 TEST(EhfaFile, RawDataTravelWithOffsetsFromZeroAndLandAbsolute) {
   testutil::ScratchDir dir("ehfa_raw");
   const std::wstring path = dir.WFile("raw.hfa");

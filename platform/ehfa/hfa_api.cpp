@@ -437,7 +437,48 @@ Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod meth
   return EMSC_TRUE;
 }
 
+// Reads into the caller's record of the caller's design.
+Emsc_Boolean ReadInto(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod method,
+                      const Etxt_Char* path, const Etxt_Char* name, const Emif_Design* design,
+                      void* record, bool missing_is_error) {
+  if (!design || !record) {
+    frame.Fail(__LINE__, L"Args");
+    return EMSC_FALSE;
+  }
+  std::memset(record, 0, design->impl->size);
+  const Emif_Design* stored = nullptr;
+  void* rec = nullptr;
+  if (!ReadObject(frame, file, method, path, name, &stored, &rec, missing_is_error)) {
+    return EMSC_FALSE;
+  }
+  std::string error;
+  const bool ok = kzdv::mif::Convert(*stored->impl, rec, *design->impl, record, &error);
+  kzdv::mif::FreeContents(*stored->impl, rec);
+  emsc_HeapFree(rec);
+  if (!ok) {
+    frame.Fail(__LINE__, L"Cannot read %s as design %s: %s", W(file->PathOf(file->current)),
+               design->impl->wname.c_str(), W(error));
+    return EMSC_FALSE;
+  }
+  return EMSC_TRUE;
+}
+
 }  // namespace
+
+Emsc_Boolean ehfa_ObjectReadInto(Ehfa_File* file, Ehfa_SeekMethod method, const Etxt_Char* path,
+                                 const Etxt_Char* name, const Emif_Design* design, void* record,
+                                 Eerr_ErrorReport** err) {
+  ErrorFrame frame(L"ehfa_ObjectReadInto", err);
+  return ReadInto(frame, file, method, path, name, design, record, true);
+}
+
+Emsc_Boolean ehfa_ObjectReadIntoIfPresent(Ehfa_File* file, Ehfa_SeekMethod method,
+                                          const Etxt_Char* path, const Etxt_Char* name,
+                                          const Emif_Design* design, void* record,
+                                          Eerr_ErrorReport** err) {
+  ErrorFrame frame(L"ehfa_ObjectReadIntoIfPresent", err);
+  return ReadInto(frame, file, method, path, name, design, record, false);
+}
 
 Emsc_Boolean ehfa_ObjectRead(Ehfa_File* file, Ehfa_SeekMethod method, const Etxt_Char* path,
                              const Etxt_Char* name, const Emif_Design** design, void** object,

@@ -59,6 +59,17 @@ Emsc_Boolean emif_ObjectCopyContents(const Emif_Design* design, const void* sour
   return EMSC_TRUE;
 }
 
+Emsc_Boolean emif_ObjectConvert(const Emif_Design* from, const void* source, const Emif_Design* to,
+                                void* target, Eerr_ErrorReport** err) {
+  ErrorFrame frame(L"emif_ObjectConvert", err);
+  EERR_FAIL_IF(!from || !source || !to || !target, frame, EMSC_FALSE, L"Args");
+  std::string error;
+  EERR_FAIL_IF(!Convert(*from->impl, source, *to->impl, target, &error), frame, EMSC_FALSE,
+               L"Cannot convert design %s to %s: %s", from->impl->wname.c_str(),
+               to->impl->wname.c_str(), W(error));
+  return EMSC_TRUE;
+}
+
 unsigned char* emif_ObjectEncode(const Emif_Design* design, const void* object,
                                  uint32_t base_offset, uint32_t* size, Eerr_ErrorReport** err) {
   ErrorFrame frame(L"emif_ObjectEncode", err);
