@@ -336,6 +336,7 @@ TEST(EhfaFile, RawDataTravelWithOffsetsFromZeroAndLandAbsolute) {
   ASSERT_EQ(back_size, size);
   EXPECT_EQ(0, std::memcmp(back, bytes, size));
   EXPECT_STREQ(type, L"Frame_X");
+  emsc_HeapFree(back);
   EXPECT_FALSE(ehfa_ObjectDataReadIfPresent(f, EHFA_SEEK_BY_NAME, L":", L"Frame1", &back,
                                             &back_size, nullptr, &err));
   EXPECT_FALSE(err.e);
