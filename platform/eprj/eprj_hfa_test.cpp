@@ -46,10 +46,14 @@ std::string SrsInfo(const std::string& file) {
 }
 
 // A 4 x 4 HFA raster made by GDAL, with `epsg` as its system (0: none).
-std::string MakeImg(const testutil::ScratchDir& dir, const std::string& name, int epsg) {
+// With `utm`, GDAL stores UTM systems by zone instead of as transverse Mercator.
+std::string MakeImg(const testutil::ScratchDir& dir, const std::string& name, int epsg,
+                    bool utm = false) {
   GDALAllRegister();
   const std::string file = dir.File(name);
-  GDALDatasetH ds = GDALCreate(GDALGetDriverByName("HFA"), file.c_str(), 4, 4, 1, GDT_Byte, nullptr);
+  char* options[] = {const_cast<char*>("IGNORE_UTM=FALSE"), nullptr};
+  GDALDatasetH ds = GDALCreate(GDALGetDriverByName("HFA"), file.c_str(), 4, 4, 1, GDT_Byte,
+                               utm ? options : nullptr);
   double gt[6] = {500000, 10, 0, 4100000, 0, -10};
   GDALSetGeoTransform(ds, gt);
   if (epsg) {
@@ -92,8 +96,11 @@ TEST(EprjHfa, ParametersInGdalWrittenFilesAgreeWithGdalsrsinfo) {
     long number;
     const wchar_t* datum;
     double lon, lat;
+    bool utm = false;
   };
   const Sys systems[] = {{32633, EPRJ_TRANSVERSE_MERCATOR, L"WGS 84", 15.2, 52.1},
+                         {32633, EPRJ_UTM, L"WGS 84", 15.2, 52.1, true},
+                         {32719, EPRJ_UTM, L"WGS 84", -69.1, -33.0, true},
                          {26717, EPRJ_TRANSVERSE_MERCATOR, L"NAD27", -81.0, 40.0},
                          {2154, EPRJ_LAMBERT_CONFORMAL_CONIC, nullptr, 2.3, 48.8},
                          {3031, EPRJ_POLAR_STEREOGRAPHIC, L"WGS 84", 166.0, -77.8},
@@ -101,7 +108,8 @@ TEST(EprjHfa, ParametersInGdalWrittenFilesAgreeWithGdalsrsinfo) {
                          {4326, EPRJ_LATLONG, L"WGS 84", 10.0, 50.0}};
   for (const Sys& s : systems) {
     SCOPED_TRACE(s.epsg);
-    const std::string img = MakeImg(dir, "p" + std::to_string(s.epsg) + ".img", s.epsg);
+    const std::string img =
+        MakeImg(dir, "p" + std::to_string(s.epsg) + (s.utm ? "u" : "") + ".img", s.epsg, s.utm);
     const std::string wkt = SrsInfo(img);
     ASSERT_FALSE(wkt.empty()) << "gdalsrsinfo did not run";
     OGRSpatialReference gdal;
@@ -122,6 +130,11 @@ TEST(EprjHfa, ParametersInGdalWrittenFilesAgreeWithGdalsrsinfo) {
     if (s.datum) {
       ASSERT_TRUE(p->proSpheroid->datum);
       EXPECT_STREQ(p->proSpheroid->datum->datumname, s.datum);
+    }
+    if (s.utm) {
+      EXPECT_EQ(p->proNumber, EPRJ_UTM);
+      EXPECT_EQ(p->proZone, s.epsg % 100);
+      EXPECT_EQ(p->proParams.data[3] >= 0.0, s.epsg / 100 == 326);  // hemisphere
     }
     if (s.number == EPRJ_LATLONG) continue;
     double gx, gy, ox, oy;

@@ -50,6 +50,14 @@ bool ProjDefinition(const Eprj_ProParameters& p, std::string& def, std::wstring&
     def.clear();
     return true;
   }
+  if (p.proNumber == EPRJ_PSEUDO_MERCATOR) {
+    auto at = [&](int i) { return i < p.proParams.count && p.proParams.data ? p.proParams.data[i] : 0.0; };
+    char buf[256];
+    std::snprintf(buf, sizeof buf, "+proj=webmerc +lon_0=%.17g +x_0=%.17g +y_0=%.17g +a=%.17g +b=%.17g +units=m",
+                  at(4) * 57.29577951308232, at(6), at(7), p.proSpheroid->a, p.proSpheroid->b);
+    def = buf;
+    return true;
+  }
   char* p4 = nullptr;
   CPLPushErrorHandler(CPLQuietErrorHandler);
   const OGRErr e = srs.exportToProj4(&p4);

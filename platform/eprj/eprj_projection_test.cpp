@@ -270,6 +270,34 @@ TEST(EprjProjection, BadParametersAndPointsAreReportedNotWritten) {
   eerr_DeleteErrorReportEx(&err);
 }
 
+// A system on the Paris meridian (in grads): our parameters count from
+// Greenwich, and the projection agrees with cs2cs's own Paris definition.
+TEST(EprjWkt, PrimeMeridianMovesTheCentralMeridian) {
+  Eerr_ErrorReport* err = nullptr;
+  Pro p(eprj_ProParametersFromWkt("EPSG:27572", &err));
+  ASSERT_TRUE(p) << kzdv::ToUtf8(kzdv::ReportText(err));
+  ASSERT_EQ(p->proNumber, EPRJ_LAMBERT_CONFORMAL_CONIC_1SP);
+  EXPECT_NEAR(p->proParams.data[2] / kDeg, 2.33722917, 1e-8);
+  EXPECT_NEAR(p->proParams.data[3] / kDeg, 46.8, 1e-9);
+  Proj proj(eprj_ProjectionInit(p.get(), nullptr));
+  ASSERT_TRUE(proj);
+  const projcli::Rows in = {{2.35, 48.85}, {-1.5, 47.2}, {7.7, 48.6}};
+  const projcli::Rows truth = projcli::Run(
+      "cs2cs -f %.6f +proj=longlat +a=6378249.2 +b=6356515 +to +proj=lcc +lat_1=46.8 +lat_0=46.8 "
+      "+lon_0=0 +k_0=0.99987742 +x_0=600000 +y_0=2200000 +a=6378249.2 +b=6356515 +pm=paris",
+      in);
+  ASSERT_EQ(truth.size(), in.size());
+  for (size_t i = 0; i < in.size(); ++i) {
+    double x = in[i][0] * kDeg, y = in[i][1] * kDeg;
+    ASSERT_TRUE(eprj_ProjectionFromLL(proj.get(), 1, &x, &y, nullptr));
+    EXPECT_NEAR(x, truth[i][0], kMapTolerance) << i;
+    EXPECT_NEAR(y, truth[i][1], kMapTolerance) << i;
+  }
+  EXPECT_EQ(eprj_ProParametersFromWkt("EPSG:4807", &err), nullptr);  // NTF (Paris) geographic
+  EXPECT_NE(kzdv::ReportText(err).find(L"prime meridian"), std::wstring::npos);
+  eerr_DeleteErrorReportEx(&err);
+}
+
 // A GeoTIFF's coordinate system becomes our parameters, and our parameters
 // written back as WKT describe the same mapping (checked point by point with
 // GDAL's own transformation of the original system).
@@ -288,7 +316,8 @@ TEST(EprjWkt, GeoTiffSystemsRoundTripThroughParameters) {
                          {5070, EPRJ_ALBERS_CONIC_EQUAL_AREA, -100.0, 40.0},
                          {28992, EPRJ_DOUBLE_STEREOGRAPHIC, 5.0, 52.0},
                          {27700, EPRJ_TRANSVERSE_MERCATOR, -1.5, 53.0},
-                         {3395, EPRJ_MERCATOR, 30.0, 60.0}};
+                         {3395, EPRJ_MERCATOR, 30.0, 60.0},
+                         {3857, EPRJ_PSEUDO_MERCATOR, 30.0, 60.0}};
   testutil::ScratchDir dir("eprjwkt");
   for (const Sys& s : systems) {
     SCOPED_TRACE(s.epsg);

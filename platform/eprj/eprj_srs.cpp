@@ -1,6 +1,8 @@
 // Translation between projection parameters (GCTP layout, as HFA files keep
 // them) and GDAL spatial references, in both directions.
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -128,6 +130,24 @@ bool BuildSrs(const Eprj_ProParameters& p, OGRSpatialReference& srs, std::wstrin
       if (p.proNumber == EPRJ_MERCATOR_VARIANT_A && !need_scale(p2)) return false;
       e = srs.SetMercator(p5 * kR2D, p4 * kR2D, p.proNumber == EPRJ_MERCATOR ? 1.0 : p2, fe, fn);
       break;
+    case EPRJ_PSEUDO_MERCATOR: {
+      if (!need_lon(p4)) return false;
+      // Spherical formulas on the semi-major axis over ellipsoidal latitudes;
+      // GDAL carries that in the PROJ extension of the WKT.
+      e = srs.SetMercator(0.0, p4 * kR2D, 1.0, fe, fn);
+      if (e != OGRERR_NONE) break;
+      if (!SetGeographic(*s, srs, why)) return false;
+      char ext[256];
+      std::snprintf(ext, sizeof ext,
+                    "+proj=merc +a=%.17g +b=%.17g +lat_ts=0 +lon_0=%.17g +x_0=%.17g +y_0=%.17g "
+                    "+k=1 +units=m +nadgrids=@null +wktext +no_defs",
+                    s->a, s->a, p4 * kR2D, fe, fn);
+      srs.SetProjCS("Pseudo-Mercator");
+      srs.SetExtension("PROJCS", "PROJ4", ext);
+      srs.SetLinearUnits(SRS_UL_METER, 1.0);
+      srs.SetAxisMappingStrategy(OAMS_TRADITIONAL_GIS_ORDER);
+      return true;
+    }
     case EPRJ_POLAR_STEREOGRAPHIC:
       if (!need_lat(p5, L"Latitude of true scale") || !need_lon(p4)) return false;
       if (p5 == 0.0) return Fail(why, L"A polar stereographic needs a pole (latitude of true scale 0)");
@@ -234,6 +254,18 @@ std::wstring DatumNameOf(const OGRSpatialReference& srs) {
   return name;
 }
 
+// Web maps' Mercator: GDAL writes it as Mercator_1SP on the ellipsoid with a
+// PROJ extension that puts the formulas on a sphere of the semi-major axis.
+bool IsPseudoMercator(const OGRSpatialReference& srs) {
+  if (const char* code = srs.GetAuthorityCode(nullptr))
+    if (std::strcmp(code, "3857") == 0) return true;
+  const char* ext = srs.GetExtension("PROJCS", "PROJ4", nullptr);
+  if (!ext || !std::strstr(ext, "+proj=merc")) return false;
+  const char* a = std::strstr(ext, "+a=");
+  const char* b = std::strstr(ext, "+b=");
+  return a && b && std::atof(a + 3) == std::atof(b + 3) && srs.GetSemiMinor() != srs.GetSemiMajor();
+}
+
 struct Known {
   const char* wkt_name;
   long number;
@@ -258,6 +290,12 @@ Eprj_ProParameters* eprj_ProParametersFromWkt(const char* wkt, Eerr_ErrorReport*
   EERR_FAIL_IF(!srs.IsGeographic() && !srs.IsProjected(), frame, nullptr,
                L"Only geographic and projected systems have projection parameters");
 
+  // Our parameters count longitudes from Greenwich: a prime meridian of the
+  // system moves the central meridian. Geographic systems on another prime
+  // meridian would give map coordinates we cannot express.
+  const double pm = srs.GetPrimeMeridian();
+  EERR_FAIL_IF(srs.IsGeographic() && pm != 0.0, frame, nullptr,
+               L"Geographic systems on a prime meridian other than Greenwich are not supported");
   double params[EPRJ_PARAMETER_COUNT] = {0};
   long number = -1, zone = 0;
   const wchar_t* name = L"";
@@ -304,6 +342,10 @@ Eprj_ProParameters* eprj_ProParametersFromWkt(const char* wkt, Eerr_ErrorReport*
       params[3] = deg(SRS_PP_STANDARD_PARALLEL_2);
       params[4] = deg(SRS_PP_LONGITUDE_OF_CENTER);
       params[5] = deg(SRS_PP_LATITUDE_OF_CENTER);
+    } else if (EQUAL(method, SRS_PT_MERCATOR_1SP) && IsPseudoMercator(srs)) {
+      number = EPRJ_PSEUDO_MERCATOR;
+      name = L"Pseudo Mercator";
+      params[4] = deg(SRS_PP_CENTRAL_MERIDIAN);
     } else if (EQUAL(method, SRS_PT_MERCATOR_1SP)) {
       const double k = srs.GetNormProjParm(SRS_PP_SCALE_FACTOR, 1.0);
       number = k == 1.0 ? EPRJ_MERCATOR : EPRJ_MERCATOR_VARIANT_A;
@@ -365,6 +407,10 @@ Eprj_ProParameters* eprj_ProParametersFromWkt(const char* wkt, Eerr_ErrorReport*
   }
   EERR_FAIL_IF(number < 0, frame, nullptr, L"Projection method \"%hs\" has no projection number",
                method ? method : "?");
+  if (pm != 0.0) {
+    EERR_FAIL_IF(number == EPRJ_UTM, frame, nullptr, L"UTM on a prime meridian other than Greenwich");
+    params[number == EPRJ_LAMBERT_CONFORMAL_CONIC_1SP ? 2 : 4] += pm * kD2R;
+  }
 
   std::unique_ptr<Eprj_ProParameters, ProDeleter> p(
       eprj_ProParametersCreate(number, name, zone, params, nullptr, nullptr, frame.Callee()));

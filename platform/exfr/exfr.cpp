@@ -37,24 +37,27 @@ constexpr long kMaxOrder = 5;
 constexpr int kMaxNewtonSteps = 60;
 constexpr double kNewtonTolerance = 1e-10;  // relative to 1 + |target|
 
-// Value and first derivatives of a polynomial at (x, y).
+// Value and first derivatives of a polynomial at (x, y). Powers come from a
+// small table on the stack: no pow, no allocation.
 void EvalPolynomial(const Exfr_XForm& p, double x, double y, double* fx, double* fy,
                     double jac[4] = nullptr) {
+  double xp[kMaxOrder + 1], yp[kMaxOrder + 1];
+  xp[0] = yp[0] = 1.0;
+  for (long k = 1; k <= p.order; ++k) {
+    xp[k] = xp[k - 1] * x;
+    yp[k] = yp[k - 1] * y;
+  }
   double vx = 0, vy = 0, dxx = 0, dxy = 0, dyx = 0, dyy = 0;
   size_t k = 0;
   for (long d = 0; d <= p.order; ++d) {
     for (long i = d; i >= 0; --i, ++k) {
       const long j = d - i;
-      const double t = std::pow(x, static_cast<double>(i)) * std::pow(y, static_cast<double>(j));
+      const double t = xp[i] * yp[j];
       vx += p.xcoef[k] * t;
       vy += p.ycoef[k] * t;
       if (jac) {
-        const double tdx = i ? i * std::pow(x, static_cast<double>(i - 1)) *
-                                   std::pow(y, static_cast<double>(j))
-                             : 0.0;
-        const double tdy = j ? j * std::pow(x, static_cast<double>(i)) *
-                                   std::pow(y, static_cast<double>(j - 1))
-                             : 0.0;
+        const double tdx = i ? i * xp[i - 1] * yp[j] : 0.0;
+        const double tdy = j ? j * xp[i] * yp[j - 1] : 0.0;
         dxx += p.xcoef[k] * tdx;
         dxy += p.xcoef[k] * tdy;
         dyx += p.ycoef[k] * tdx;

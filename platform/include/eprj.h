@@ -42,6 +42,7 @@
 #define EPRJ_STEREOGRAPHIC_EXTENDED 50
 #define EPRJ_DOUBLE_STEREOGRAPHIC 55 /* oblique stereographic of the EPSG guidance */
 #define EPRJ_LAMBERT_CONFORMAL_CONIC_1SP 67
+#define EPRJ_PSEUDO_MERCATOR 68 /* spherical Mercator of web maps on the semi-major axis */
 #define EPRJ_MERCATOR_VARIANT_A 69
 
 /* Number of GCTP parameters carried by every projection. */
@@ -138,9 +139,10 @@ typedef Emsc_Boolean (*Eprj_ConvertPoints)(const Eprj_MapProjection* projection,
                                            Efga_Matrix* points, Eerr_ErrorReport** err);
 
 /* A map projection ready to convert points. toLL and fromLL are null when the
- * projection cannot convert in that direction. Thread-safe for concurrent
- * conversions (each call uses its own PROJ context). Free with
- * eprj_ProjectionFree. */
+ * projection cannot convert in that direction. Concurrent conversions on one
+ * object are safe (they take turns on its PROJ object). Each conversion is
+ * checked by a round trip, so points PROJ maps to something that does not
+ * come back are reported instead of returned. Free with eprj_ProjectionFree. */
 struct Eprj_MapProjection {
   Eprj_ProParameters* proParameters; /* owned */
   Eprj_ConvertPoints toLL;
