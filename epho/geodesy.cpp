@@ -8,7 +8,7 @@
 #include <mutex>
 
 #include "eerr_frame.hpp"
-#include "platform/eprj/eprj_internal.h"
+#include "eprj.h"
 
 namespace EphoLib {
 
@@ -110,7 +110,14 @@ Datum* DatumManager::GetDatum(const wchar_t* name) const {
   if (!name) ctx.Throw(__LINE__, L"No datum name", 0);
   for (const VerticalDef& v : kVertical)
     if (estr_Eqic(v.name, name)) return new Datum(name, Datum::kVertical, v.epsg);
-  if (kzdv::eprj::FindDatum(name)) return new Datum(name, Datum::kEllipsoidal, 0);
+  // A horizontal datum of the projection records' table is ellipsoidal; the
+  // records give any other name the type "none" (the datum is then unknown).
+  Eerr_ErrorReport* lookup = nullptr;
+  Eprj_Datum* known = eprj_DatumCreateByName(name, &lookup);
+  eerr_DeleteErrorReportEx(&lookup);
+  const bool in_table = known && known->type != EPRJ_DATUM_NONE;
+  eprj_DatumFree(known);
+  if (in_table) return new Datum(name, Datum::kEllipsoidal, 0);
   return new Datum(name, Datum::kUnknown, 0);
 }
 
