@@ -48,6 +48,28 @@ TEST(ResectionTest, RecoversOrientationExactlyInEverySystem) {
   }
 }
 
+TEST(ResectionTest, TerrestrialCameraWithoutApproximation) {
+  // A horizontal camera (omega near 90 degrees) 50 m in front of a 3D object;
+  // its control is far from planar, so no plane fits it.
+  const double truth[6] = {2.0, -50.0, 10.0, 1.62, 0.1, 0.05};
+  double m[12];
+  ASSERT_FALSE(epho_Get3x4ParFromInnerOuter(nullptr, truth, 35.0, 0, 0, m));
+  std::vector<double> ground, film;
+  std::mt19937 rng(5);
+  std::uniform_real_distribution<double> uni(0.0, 1.0);
+  for (int i = 0; i < 10; ++i) {
+    const double X = -20 + 40 * uni(rng), Y = -10 + 30 * uni(rng), Z = 20 * uni(rng);
+    double x, y;
+    ASSERT_FALSE(epho_CameraObjectToImage(m, X, Y, Z, &x, &y));
+    ground.insert(ground.end(), {X, Y, Z});
+    film.insert(film.end(), {x, y});
+  }
+  double outer[6];
+  ASSERT_TRUE(epho_Resection(film.data(), ground.data(), 10, 35.0, 0, EMSC_FALSE, outer, nullptr,
+                             nullptr, nullptr));
+  for (int k = 0; k < 6; ++k) EXPECT_NEAR(outer[k], truth[k], 1e-8) << k;
+}
+
 TEST(ResectionTest, FromApproximationWithThreePoints) {
   const Scene s(0, 3);
   double outer[6] = {5150.0, 3150.0, 1500.0, 0.0, 0.0, 1.1};

@@ -27,9 +27,10 @@ KZDV_BEGIN_C
  * In: `count` >= 3 film points `film_xy` and ground points `ground_xyz`,
  * focal length `focal`, the rotation system. `outer` (6 doubles: X0, Y0, Z0
  * and the angle triple in radians) holds the approximation on entry when
- * `use_approximation` is nonzero; otherwise the approximation is computed
- * from a projective fit to the best plane through the ground points (needs
- * 4 points not three on a line). On success `outer` receives the solution;
+ * `use_approximation` is nonzero; otherwise it is computed: from a linear
+ * 11-parameter DLT when 6 or more ground points are well spread in depth,
+ * else from a projective fit to the best plane through the ground points
+ * (needs 4 points, no three on a line). On success `outer` receives the solution;
  * `sigma` (6 doubles, may be null) the standard errors of its elements
  * (ground units, radians) and `sigma0` (may be null) the a-posteriori RMS of
  * unit weight in film units. With 3 points (no redundancy) both are 0.
