@@ -2,9 +2,8 @@
 // split of an 11-parameter DLT into inner and outer orientation.
 #include "epho/dlt.h"
 
-#include <cmath>
-
 #include <Eigen/Dense>
+#include <cmath>
 
 #include "eerr_frame.hpp"
 #include "epho/angles.h"
@@ -66,8 +65,7 @@ const wchar_t* FitProjective2D(const double* from, const double* to, int n, doub
   // determined (e.g. three of four points on a line).
   Eigen::JacobiSVD<Eigen::MatrixXd> svd(A, Eigen::ComputeFullV);
   const auto& s = svd.singularValues();
-  if (s(7) < 1e-10 * s(0))
-    return L"The projective transform is not determined by these points";
+  if (s(7) < 1e-10 * s(0)) return L"The projective transform is not determined by these points";
   Eigen::VectorXd v = svd.matrixV().col(8);
   Eigen::Matrix3d Hn;
   Hn << v(0), v(1), v(2), v(3), v(4), v(5), v(6), v(7), v(8);
@@ -122,7 +120,8 @@ const wchar_t* FitProjective3D(const double* film, const double* ground, int n,
                                Eigen::Matrix<double, 3, 4>* P) {
   const Eigen::Matrix3d T2 = Normaliser(film, n);
   Eigen::Vector3d c = Eigen::Vector3d::Zero();
-  for (int i = 0; i < n; ++i) c += Eigen::Vector3d(ground[3 * i], ground[3 * i + 1], ground[3 * i + 2]);
+  for (int i = 0; i < n; ++i)
+    c += Eigen::Vector3d(ground[3 * i], ground[3 * i + 1], ground[3 * i + 2]);
   c /= n;
   double d = 0;
   for (int i = 0; i < n; ++i)
@@ -179,8 +178,8 @@ Emsc_Boolean epho_DeriveDLT2D(const double* from_xy, const double* to_xy, int32_
       double X, Y;
       EERR_FAIL_IF(epho_ApplyDLT2D(h, from_xy[2 * i], from_xy[2 * i + 1], &X, &Y), frame,
                    EMSC_FALSE, L"Point %d is mapped to infinity", i);
-      sum += (X - to_xy[2 * i]) * (X - to_xy[2 * i]) +
-             (Y - to_xy[2 * i + 1]) * (Y - to_xy[2 * i + 1]);
+      sum +=
+          (X - to_xy[2 * i]) * (X - to_xy[2 * i]) + (Y - to_xy[2 * i + 1]) * (Y - to_xy[2 * i + 1]);
     }
     for (int i = 0; i < 8; ++i) coeffs[i] = h[i];
     if (rms) *rms = std::sqrt(sum / count);

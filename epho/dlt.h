@@ -24,8 +24,8 @@ double PlaneDegeneracy(const double* pts, int n);
 // epho/orientation.h) into K = Kc diag(-1, -1, 1) (upper triangular, positive
 // diagonal, K(2,2) = 1), the rotation R and the centre C. False when the
 // left 3x3 block is singular.
-bool SplitProjection(const Eigen::Matrix<double, 3, 4>& P, Eigen::Matrix3d* K,
-                     Eigen::Matrix3d* R, Eigen::Vector3d* C);
+bool SplitProjection(const Eigen::Matrix<double, 3, 4>& P, Eigen::Matrix3d* K, Eigen::Matrix3d* R,
+                     Eigen::Vector3d* C);
 
 // Linear (normalised) fit of a 3x4 projective camera to n >= 6 pairs of
 // ground and film points. Returns null or a reason.

@@ -1,13 +1,14 @@
+#include "epho/dlt.h"
+
+#include <gtest/gtest.h>
+
+#include <Eigen/Geometry>
 #include <cmath>
 #include <random>
 #include <vector>
 
-#include <Eigen/Geometry>
-#include <gtest/gtest.h>
-
 #include "epho/angles.h"
 #include "epho/collinearity.h"
-#include "epho/dlt.h"
 #include "epho/orientation.h"
 
 namespace {
@@ -35,8 +36,8 @@ TEST(DltTest, SplitsIntoInnerAndOuterOrientation) {
   // Pixel-like frame: f in pixels, principal point off the origin. The two
   // centres put the object origin in front of and behind the camera, which
   // flips the sign of the normalised DLT's 3x3 block.
-  for (const Eigen::Vector3d& C : {Eigen::Vector3d(120.0, -45.0, 30.0),
-                                   Eigen::Vector3d(-120.0, 45.0, -30.0)}) {
+  for (const Eigen::Vector3d& C :
+       {Eigen::Vector3d(120.0, -45.0, 30.0), Eigen::Vector3d(-120.0, 45.0, -30.0)}) {
     std::vector<double> L = MakeDlt(2800.0, 1510.0, 990.0, 1.002, 0.001, R, C);
     double inner[5], outer[6];
     Eerr_ErrorReport* err = nullptr;

@@ -1,8 +1,7 @@
 // Space resection of a frame camera from control points.
+#include <Eigen/Dense>
 #include <cmath>
 #include <vector>
-
-#include <Eigen/Dense>
 
 #include "eerr_frame.hpp"
 #include "epho/angles.h"
@@ -81,8 +80,8 @@ const wchar_t* ApproximateFromDlt(const double* film, const double* ground, int 
   return nullptr;
 }
 
-const wchar_t* Approximate(const double* film, const double* ground, int n, double f,
-                           short code, double* outer) {
+const wchar_t* Approximate(const double* film, const double* ground, int n, double f, short code,
+                           double* outer) {
   if (n < 4) return L"At least 4 points are needed without an approximate orientation";
   if (n >= 6 && epho::PlaneDegeneracy(ground, n) > 0.05 &&
       !ApproximateFromDlt(film, ground, n, code, outer))
@@ -155,14 +154,13 @@ bool AllInFront(const double* ground, int n, short code, const double* outer) {
 extern "C" {
 
 Emsc_Boolean epho_Resection(const double* film_xy, const double* ground_xyz, int32_t count,
-                            double focal, int32_t rotation_system,
-                            Emsc_Boolean use_approximation, double* outer, double* sigma,
-                            double* sigma0, Eerr_ErrorReport** err) {
+                            double focal, int32_t rotation_system, Emsc_Boolean use_approximation,
+                            double* outer, double* sigma, double* sigma0, Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"epho_Resection";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!film_xy || !ground_xyz || !outer, frame, EMSC_FALSE, L"Args");
-  EERR_FAIL_IF(count < 3, frame, EMSC_FALSE, L"At least %d control points are needed, %d given",
-               3, static_cast<int>(count));
+  EERR_FAIL_IF(count < 3, frame, EMSC_FALSE, L"At least %d control points are needed, %d given", 3,
+               static_cast<int>(count));
   EERR_FAIL_IF(!(focal != 0.0) || !std::isfinite(focal), frame, EMSC_FALSE,
                L"The focal length must be finite and nonzero");
   for (int i = 0; i < count; ++i) {
@@ -197,8 +195,8 @@ Emsc_Boolean epho_Resection(const double* film_xy, const double* ground_xyz, int
     Eigen::Matrix<double, 6, 6> N;
     bool converged = false;
     for (int it = 0; it < kMaxIterations && !converged; ++it) {
-      EERR_FAIL_IF(!Linearise(film_xy, ground_xyz, count, focal, code, x, r, J), frame,
-                   EMSC_FALSE, L"A control point lies in the plane of the perspective centre");
+      EERR_FAIL_IF(!Linearise(film_xy, ground_xyz, count, focal, code, x, r, J), frame, EMSC_FALSE,
+                   L"A control point lies in the plane of the perspective centre");
       N = J.transpose() * J;
       const Eigen::Matrix<double, 6, 1> g = J.transpose() * r;
       // Equilibrate (metres against radians) before judging the condition.
@@ -216,11 +214,11 @@ Emsc_Boolean epho_Resection(const double* film_xy, const double* ground_xyz, int
       converged = dx.head<3>().cwiseAbs().maxCoeff() < 1e-10 * dist &&
                   dx.tail<3>().cwiseAbs().maxCoeff() < 1e-10;
     }
-    EERR_FAIL_IF(!converged, frame, EMSC_FALSE,
-                 L"The resection did not converge in %d iterations", kMaxIterations);
+    EERR_FAIL_IF(!converged, frame, EMSC_FALSE, L"The resection did not converge in %d iterations",
+                 kMaxIterations);
     // Residuals and normal matrix at the solution for the precision measures.
-    EERR_FAIL_IF(!Linearise(film_xy, ground_xyz, count, focal, code, x, r, J), frame,
-                 EMSC_FALSE, L"A control point lies in the plane of the perspective centre");
+    EERR_FAIL_IF(!Linearise(film_xy, ground_xyz, count, focal, code, x, r, J), frame, EMSC_FALSE,
+                 L"A control point lies in the plane of the perspective centre");
     N = J.transpose() * J;
     EERR_FAIL_IF(!AllInFront(ground_xyz, count, code, x), frame, EMSC_FALSE,
                  L"The solution places control points behind the camera");

@@ -63,8 +63,7 @@ EPHO_EXPORT Emsc_Boolean epho_GetIntersectionWithPointRays(const double* origins
  * convention above. `outer` (out, 6 doubles) in the rotation system given.
  * Fails when the left 3x3 block of the DLT is singular or not finite. */
 EPHO_EXPORT Emsc_Boolean epho_DLT2Camera(const double* dlt, int32_t rotation_system,
-                                         double* interior, double* outer,
-                                         Eerr_ErrorReport** err);
+                                         double* interior, double* outer, Eerr_ErrorReport** err);
 
 /* Planar projective transform from `count` >= 4 point pairs, least squares
  * (normalised linear fit):
@@ -74,9 +73,8 @@ EPHO_EXPORT Emsc_Boolean epho_DLT2Camera(const double* dlt, int32_t rotation_sys
  * `rms` (may be null) receives the RMS distance of the fitted points from
  * `to_xy`. Fails on fewer than 4 points, on three of four points on a line
  * (or all on one line), and when the fit has a vanishing constant term. */
-EPHO_EXPORT Emsc_Boolean epho_DeriveDLT2D(const double* from_xy, const double* to_xy,
-                                          int32_t count, double* coeffs, double* rms,
-                                          Eerr_ErrorReport** err);
+EPHO_EXPORT Emsc_Boolean epho_DeriveDLT2D(const double* from_xy, const double* to_xy, int32_t count,
+                                          double* coeffs, double* rms, Eerr_ErrorReport** err);
 /* Applies the coefficients of epho_DeriveDLT2D. Numeric kernel: returns
  * nonzero (outputs untouched) when the denominator is exactly 0. */
 EPHO_EXPORT Emsc_Boolean epho_ApplyDLT2D(const double* coeffs, double x, double y, double* X,
