@@ -53,8 +53,8 @@ EPHO_EXPORT void epho_CameraAwayDistortion(const Epho_CountedDoubles* primary,
 /* Distortion at the distorted position of (x, y) by fixed-point iteration
  * (at most 11 evaluations, 0.0001 film-unit tolerance); (0, 0) when mode is
  * not 1 or when the changes grow beyond `divergence_bound` or the previous
- * change. Used to remove distortion from an undistorted point's neighbour:
- * (x + dx, y + dy) is the distorted position. */
+ * change. (x + dx, y + dy) is then where the lens puts the ideal point
+ * (x, y), and one epho_CameraAwayDistortion step there brings it back. */
 EPHO_EXPORT void epho_CameraAwayDistortionIterative(const Epho_CountedDoubles* primary,
                                                     const Epho_CountedDoubles* secondary, double x,
                                                     double y, double* dx, double* dy,
