@@ -1,14 +1,14 @@
 // Planar fits against known transforms (noise-free points) and against an
 // independent QR least-squares fit by Eigen (noisy points); inverse and
 // bounding-box rules on hand-checked cases.
+#include "epho/planar.h"
+
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>
 #include <cmath>
 #include <random>
 #include <vector>
-
-#include "epho/planar.h"
 
 namespace {
 
@@ -81,7 +81,8 @@ TEST(PlanarAffine, ReproducesExactAffineAndMatchesEigenLeastSquares) {
   };
   for (int n : {3, 4, 12}) {
     const auto src = FilmPoints(n, 10 + n);
-    const auto dst = MapPoints(src, [&](double x, double y, double* X, double* Y) { apply(a, x, y, X, Y); });
+    const auto dst =
+        MapPoints(src, [&](double x, double y, double* X, double* Y) { apply(a, x, y, X, Y); });
     double fit[6];
     ASSERT_EQ(epho_Affine(n, src.data(), dst.data(), fit), 0);
     for (int k = 0; k < 6; ++k) EXPECT_NEAR(fit[k], a[k], 1e-8 * (1.0 + std::abs(a[k]))) << k;
@@ -90,7 +91,8 @@ TEST(PlanarAffine, ReproducesExactAffineAndMatchesEigenLeastSquares) {
   // Noisy pixels: compare with a QR solution of the same least-squares problem.
   const int n = 30;
   const auto src = FilmPoints(n, 77);
-  auto dst = MapPoints(src, [&](double x, double y, double* X, double* Y) { apply(a, x, y, X, Y); });
+  auto dst =
+      MapPoints(src, [&](double x, double y, double* X, double* Y) { apply(a, x, y, X, Y); });
   AddNoise(&dst, 0.5, 78);
   Eigen::MatrixXd design(n, 3);
   Eigen::VectorXd bx(n), by(n);
@@ -142,7 +144,8 @@ TEST(PlanarPerspect, ReproducesProjectiveAndMatchesEigenLinearisedFit) {
   };
   for (int n : {4, 9}) {
     const auto src = FilmPoints(n, 30 + n);
-    const auto dst = MapPoints(src, [&](double x, double y, double* X, double* Y) { apply(p, x, y, X, Y); });
+    const auto dst =
+        MapPoints(src, [&](double x, double y, double* X, double* Y) { apply(p, x, y, X, Y); });
     double fit[8];
     ASSERT_EQ(epho_Perspect(n, src.data(), dst.data(), fit), 0);
     for (int i = 0; i < n; ++i) {
@@ -156,7 +159,8 @@ TEST(PlanarPerspect, ReproducesProjectiveAndMatchesEigenLinearisedFit) {
   // Noisy targets: the same linearised equations solved by QR.
   const int n = 25;
   const auto src = FilmPoints(n, 91);
-  auto dst = MapPoints(src, [&](double x, double y, double* X, double* Y) { apply(p, x, y, X, Y); });
+  auto dst =
+      MapPoints(src, [&](double x, double y, double* X, double* Y) { apply(p, x, y, X, Y); });
   AddNoise(&dst, 0.05, 92);
   Eigen::MatrixXd design = Eigen::MatrixXd::Zero(2 * n, 8);
   Eigen::VectorXd obs(2 * n);
@@ -200,7 +204,8 @@ TEST(PlanarReverseAffine, InverseRoundTripsAndSingularIsRefused) {
     EXPECT_NEAR(inv[3] + inv[4] * X + inv[5] * Y, pt.second, 1e-10);
   }
   ASSERT_EQ(epho_ReverseAffine(inv), EMSC_FALSE);
-  for (int k = 0; k < 6; ++k) EXPECT_NEAR(inv[k], kScanAffine[k], 1e-12 * (1.0 + std::abs(kScanAffine[k])));
+  for (int k = 0; k < 6; ++k)
+    EXPECT_NEAR(inv[k], kScanAffine[k], 1e-12 * (1.0 + std::abs(kScanAffine[k])));
 
   double singular[6] = {1, 2, 4, 3, 1, 2};  // a1*a5 - a4*a2 = 0
   EXPECT_NE(epho_ReverseAffine(singular), EMSC_FALSE);

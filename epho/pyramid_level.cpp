@@ -4,10 +4,13 @@
 // chosen to cover whole blocks of both levels, and each chunk in tiles of up to
 // TW output columns. Every input row is read once: the last input row of a
 // chunk is kept in a line buffer per layer and serves as the row above the
-// next chunk (two lines, since neighbouring tiles overlap by a column). After each chunk the blocks of both levels are flushed, so
-// GDAL's cache holds at most one chunk of each.
+// next chunk (two lines, since neighbouring tiles overlap by a column).
+// Blocks of both levels are flushed as soon as they are done (after each tile
+// for tiled levels, after each chunk for striped ones), so GDAL's cache holds
+// about one tile, or one chunk of rows, whatever the image size.
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <numeric>
 #include <vector>
 
@@ -21,6 +24,7 @@ constexpr long kMaxTileWidth = 1024;         // output columns per tile
 constexpr long kMinChunkRows = 64;           // output rows per chunk, at least
 constexpr long kMaxChunkRows = 512;
 constexpr long kTileBytesPerLayer = 4 << 20; // input window budget per layer
+constexpr long kChunkBytes = 8 << 20;        // whole-width input rows of one chunk
 
 struct Geometry {
   long sw, sh, dw, dh;  // source and destination sizes, pixels
@@ -28,7 +32,7 @@ struct Geometry {
   long tile_width;      // TW
 };
 
-Geometry Plan(const Eimg_Layer* src, const Eimg_Layer* dst) {
+Geometry Plan(const Eimg_Layer* src, const Eimg_Layer* dst, long layers) {
   Geometry g{src->width, src->height, dst->width, dst->height, 0, 0};
   long sbh = std::max(1L, src->blockHeight), dbh = std::max(1L, dst->blockHeight);
   long half_src = sbh % 2 == 0 ? sbh / 2 : sbh;
@@ -37,8 +41,19 @@ Geometry Plan(const Eimg_Layer* src, const Eimg_Layer* dst) {
   if (h < kMinChunkRows) h *= (kMinChunkRows + h - 1) / h;
   g.chunk_rows = std::min(h, kMaxChunkRows);
   long bytes = eimg_PixelTypeBytes(src->pixelType);
+  // Whole-width (striped) source blocks stay cached until the chunk ends:
+  // very wide levels get shorter chunks (a block of the new level may then be
+  // written in parts, which GDAL merges), so memory stays bounded. Tiled
+  // sources are flushed tile by tile instead.
+  if (src->blockWidth >= src->width) {
+    const long row_bytes = g.sw * bytes * layers;
+    while (g.chunk_rows > 8 && 2 * g.chunk_rows * row_bytes > kChunkBytes) g.chunk_rows /= 2;
+  }
   long tw = kTileBytesPerLayer / (bytes * (2 * g.chunk_rows + 1)) / 2;
   g.tile_width = std::clamp(tw, 64L, kMaxTileWidth);
+  // Whole blocks of the new level per tile, so each is written once.
+  const long dbw = std::max(1L, dst->blockWidth);
+  if (dbw < g.dw && g.tile_width >= dbw) g.tile_width -= g.tile_width % dbw;
   return g;
 }
 
@@ -75,7 +90,7 @@ void FilterTile(const Geometry& g, long r0, long nout, long c0, long tw, long xa
 template <typename T>
 bool Reduce(Eimg_LayerStack* src, Eimg_LayerStack* dst, Emet_MeterInfo* meter,
             kzdv::ErrorFrame& frame) {
-  const Geometry g = Plan(src->layers[0], dst->layers[0]);
+  const Geometry g = Plan(src->layers[0], dst->layers[0], src->count);
   const long count = src->count;
   const Egda_PixelType type = src->layers[0]->pixelType;
   const long tw_max = std::min(g.tile_width, g.dw);
@@ -102,6 +117,9 @@ bool Reduce(Eimg_LayerStack* src, Eimg_LayerStack* dst, Emet_MeterInfo* meter,
   std::vector<std::vector<unsigned char>> next_above = above;
   std::vector<unsigned char> vbuf((2 * tw_max + 2) * sizeof(typename Binomial<T>::Acc));
 
+  const bool flush_dst_per_tile = dst->layers[0]->blockWidth < g.dw ||
+                                  g.chunk_rows % std::max(1L, dst->layers[0]->blockHeight) != 0;
+  const bool flush_src_per_tile = src->layers[0]->blockWidth < g.sw;
   for (long r0 = 0; r0 < g.dh; r0 += g.chunk_rows) {
     if (emet_MeterInfoCancelled(meter)) {
       frame.Fail(__LINE__, L"Pyramid generaton is canceled!");
@@ -127,6 +145,14 @@ bool Reduce(Eimg_LayerStack* src, Eimg_LayerStack* dst, Emet_MeterInfo* meter,
         frame.Fail(__LINE__, L"eimg_LayerStackWrite failed");
         return false;
       }
+      // Tiled levels give up the blocks of a tile as soon as it is done, so
+      // GDAL's cache holds about one tile, not one row of tiles.
+      for (long l = 0; l < count; ++l)
+        if ((flush_dst_per_tile && !eimg_LayerFlush(dst->layers[l], frame.Callee())) ||
+            (flush_src_per_tile && !eimg_LayerFlush(src->layers[l], frame.Callee()))) {
+          frame.Fail(__LINE__, L"eimg_LayerFlush failed");
+          return false;
+        }
       // Keep the chunk's last input row as the row above the next chunk.
       for (long l = 0; l < count; ++l)
         std::memcpy(next_above[l].data() + xa * sizeof(T),
@@ -150,6 +176,9 @@ bool Reduce(Eimg_LayerStack* src, Eimg_LayerStack* dst, Emet_MeterInfo* meter,
 
 }  // namespace
 
+static bool ReduceTyped(Eimg_LayerStack* src, Eimg_LayerStack* dst, Emet_MeterInfo* meter,
+                        kzdv::ErrorFrame& frame);
+
 bool ReduceLevel(Eimg_LayerStack* src, Eimg_LayerStack* dst, Emet_MeterInfo* meter,
                  kzdv::ErrorFrame& frame) {
   const Eimg_Layer* s = src->layers[0];
@@ -159,6 +188,17 @@ bool ReduceLevel(Eimg_LayerStack* src, Eimg_LayerStack* dst, Emet_MeterInfo* met
                d->height, (s->width + 1) / 2, (s->height + 1) / 2);
     return false;
   }
+  try {
+    return ReduceTyped(src, dst, meter, frame);
+  } catch (const std::bad_alloc&) {
+    frame.Fail(__LINE__, L"Out of memory");
+    return false;
+  }
+}
+
+bool ReduceTyped(Eimg_LayerStack* src, Eimg_LayerStack* dst, Emet_MeterInfo* meter,
+                 kzdv::ErrorFrame& frame) {
+  const Eimg_Layer* s = src->layers[0];
   switch (s->pixelType) {
     case EGDA_TYPE_U1:
     case EGDA_TYPE_U2:

@@ -177,10 +177,23 @@ TEST(PyramidLayers, TiledAndInterleavedFilesMatchReference) {
   Raster rgb = RandomRaster(517, 389, 3, GDT_Byte, 12);
   ExpectLevelsMatch(WriteTiff(dir.File("bip.tif"), rgb, GDT_Byte, {"INTERLEAVE=PIXEL"}), rgb,
                     true);
+  // Line-interleaved ENVI: one pass, levels in GDAL's external overview file.
+  Raster bil = RandomRaster(333, 301, 2, GDT_UInt16, 15);
+  std::string bil_src = WriteTiff(dir.File("bil_src.tif"), bil, GDT_UInt16);
+  std::string bil_path = dir.File("bil.img");
+  GDALDatasetH src = GDALOpen(bil_src.c_str(), GA_ReadOnly);
+  const char* bil_opts[] = {"INTERLEAVE=BIL", nullptr};
+  GDALClose(GDALCreateCopy(GDALGetDriverByName("ENVI"), bil_path.c_str(), src, FALSE,
+                           const_cast<char**>(bil_opts), nullptr, nullptr));
+  GDALClose(src);
+  ExpectLevelsMatch(bil_path, bil, true);
   // Band-sequential: band after band.
   Raster bsq = RandomRaster(300, 260, 3, GDT_Int16, 13);
   ExpectLevelsMatch(WriteTiff(dir.File("bsq.tif"), bsq, GDT_Int16, {"INTERLEAVE=BAND"}), bsq,
                     true);
+  // Rows so wide that a chunk holds fewer rows than a block of the level.
+  Raster widef = RandomRaster(9001, 300, 1, GDT_Float64, 14);
+  ExpectLevelsMatch(WriteTiff(dir.File("wide.tif"), widef, GDT_Float64), widef, false, 1e-12);
   // Run twice: old levels are replaced, not added to.
   ExpectLevelsMatch(dir.File("bsq.tif"), bsq, true);
 }

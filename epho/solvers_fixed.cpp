@@ -29,6 +29,7 @@ Emsc_Boolean epho_Inverld8(double* a) {
 
 Emsc_Boolean epho_Inver6x6(double* a, int32_t n) {
   if (n <= 0) return EMSC_FALSE;  // empty block: nothing to invert
+  if (n > 6) return EMSC_TRUE;    // rows of six cannot hold a larger block
   const StrideRows rows{6};
   if (epho::ldl::Factor<Pivot::kDivide>(a, rows, 0, n)) return EMSC_TRUE;
   return epho::ldl::Invert(a, rows, 0, n) ? EMSC_TRUE : EMSC_FALSE;

@@ -1,14 +1,16 @@
 // Internal engine of the symmetric solvers: the square-root-free factor
 // A = U^T D U, the solve with it and the inverse V D^-1 V^T (V = U^-1), on any
 // row addressing (fixed stride or a row-offset table) and any active block
-// [first, end). Every sum is taken in increasing index order, so the fixed
-// stride and the row-offset forms of one matrix give bit-identical results.
+// [first, end). Every sum is taken term by term in increasing index order, as
+// the plain recurrences are written, so blocking changes speed only: full and
+// packed storage of one matrix give bit-identical results.
 #ifndef EPHO_SOLVERS_LDL_H
 #define EPHO_SOLVERS_LDL_H
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace epho {
 namespace ldl {
@@ -38,27 +40,81 @@ constexpr int kRowBlock = 4;
 constexpr int kColumnBlock = 256;
 constexpr int kChunk = 128;
 
+// Two-lane vectors (SSE2 on x86-64, NEON on arm64) so that the kernels are
+// vectorised at every optimisation level. Each lane does the same multiply
+// and add as the scalar code, so the results do not depend on the lanes.
+#if defined(__GNUC__)
+#define EPHO_LDL_PAIRS 1
+typedef double Pair __attribute__((vector_size(16)));
+inline Pair LoadPair(const double* p) {
+  Pair v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+inline void StorePair(double* p, Pair v) { std::memcpy(p, &v, sizeof v); }
+#endif
+
+// y[t] += f * x[t], t = 0 .. n-1.
+inline void AddScaled(double* __restrict y, double f, const double* __restrict x, int n) {
+  int t = 0;
+#ifdef EPHO_LDL_PAIRS
+  const Pair fv = {f, f};
+  for (; t + 2 <= n; t += 2) StorePair(y + t, LoadPair(y + t) + fv * LoadPair(x + t));
+#endif
+  for (; t < n; ++t) y[t] += f * x[t];
+}
+
+// y[t] = (((y[t] + f0 x0[t]) + f1 x1[t]) + f2 x2[t]) + f3 x3[t]: four terms of
+// the sums in increasing order with one pass over y.
+inline void AddScaled4(double* __restrict y, const double* f, const double* x0, const double* x1,
+                       const double* x2, const double* x3, int n) {
+  int t = 0;
+#ifdef EPHO_LDL_PAIRS
+  const Pair f0 = {f[0], f[0]}, f1 = {f[1], f[1]}, f2 = {f[2], f[2]}, f3 = {f[3], f[3]};
+  for (; t + 2 <= n; t += 2) {
+    const Pair v = (((LoadPair(y + t) + f0 * LoadPair(x0 + t)) + f1 * LoadPair(x1 + t)) +
+                    f2 * LoadPair(x2 + t)) +
+                   f3 * LoadPair(x3 + t);
+    StorePair(y + t, v);
+  }
+#endif
+  for (; t < n; ++t) y[t] = (((y[t] + f[0] * x0[t]) + f[1] * x1[t]) + f[2] * x2[t]) + f[3] * x3[t];
+}
+
 // sums[r][t] += f[k][r] * a(k, jb + t) for k = k0 .. k1-1 in increasing k
 // (f row-major kChunk x R, sums R x kColumnBlock). Four columns at a time
 // with the R x 4 partial sums in registers; each sum still receives its
 // terms one by one in increasing k.
 template <int R, class Rows>
-inline void AccumulateRows(double* __restrict sums, const double* __restrict f,
-                           const double* a, Rows rows, int k0, int k1, int jb, int width) {
+inline void AccumulateRows(double* __restrict sums, const double* __restrict f, const double* a,
+                           Rows rows, int k0, int k1, int jb, int width) {
   int t = 0;
+#ifdef EPHO_LDL_PAIRS
   for (; t + 4 <= width; t += 4) {
-    double acc[R][4];
-    for (int r = 0; r < R; ++r)
-      for (int c = 0; c < 4; ++c) acc[r][c] = sums[r * kColumnBlock + t + c];
+    Pair acc[R][2];
+#pragma GCC unroll 4
+    for (int r = 0; r < R; ++r) {
+      acc[r][0] = LoadPair(sums + r * kColumnBlock + t);
+      acc[r][1] = LoadPair(sums + r * kColumnBlock + t + 2);
+    }
     for (int k = k0; k < k1; ++k) {
       const double* x = a + rows[k] + jb + t;
+      const Pair x0 = LoadPair(x), x1 = LoadPair(x + 2);
       const double* fk = f + (k - k0) * R;
-      for (int r = 0; r < R; ++r)
-        for (int c = 0; c < 4; ++c) acc[r][c] += fk[r] * x[c];
+#pragma GCC unroll 4
+      for (int r = 0; r < R; ++r) {
+        const Pair fr = {fk[r], fk[r]};
+        acc[r][0] += fr * x0;
+        acc[r][1] += fr * x1;
+      }
     }
-    for (int r = 0; r < R; ++r)
-      for (int c = 0; c < 4; ++c) sums[r * kColumnBlock + t + c] = acc[r][c];
+#pragma GCC unroll 4
+    for (int r = 0; r < R; ++r) {
+      StorePair(sums + r * kColumnBlock + t, acc[r][0]);
+      StorePair(sums + r * kColumnBlock + t + 2, acc[r][1]);
+    }
   }
+#endif
   for (; t < width; ++t) {
     double acc[R];
     for (int r = 0; r < R; ++r) acc[r] = sums[r * kColumnBlock + t];
@@ -97,10 +153,11 @@ int FactorRows(double* a, Rows rows, int first, int end, int i0, int jb_start) {
       double* ri = a + rows[i];
       double* s = sums + m * kColumnBlock;
       const int t_first = (jb == i0) ? m : 0;  // columns j >= i only
-      for (int k = i0; k < i; ++k) {  // rows of this block finished above
+      // Rows of this block finished above.
+      for (int k = i0; k < i; ++k) {
         const double* rk = a + rows[k] + jb;
         const double fk = a[rows[k] + i] * a[rows[k] + k];
-        for (int t = t_first; t < width; ++t) s[t] += fk * rk[t];
+        AddScaled(s + t_first, fk, rk + t_first, width - t_first);
       }
       int t0 = t_first;
       if (jb == i0) {
@@ -125,11 +182,39 @@ int FactorRows(double* a, Rows rows, int first, int end, int i0, int jb_start) {
 template <Pivot kPivot, class Rows>
 int FactorRowsN(int n_rows, double* a, Rows rows, int first, int end, int i0, int jb_start) {
   switch (n_rows) {
-    case 1: return FactorRows<kPivot, 1>(a, rows, first, end, i0, jb_start);
-    case 2: return FactorRows<kPivot, 2>(a, rows, first, end, i0, jb_start);
-    case 3: return FactorRows<kPivot, 3>(a, rows, first, end, i0, jb_start);
-    default: return FactorRows<kPivot, kRowBlock>(a, rows, first, end, i0, jb_start);
+    case 1:
+      return FactorRows<kPivot, 1>(a, rows, first, end, i0, jb_start);
+    case 2:
+      return FactorRows<kPivot, 2>(a, rows, first, end, i0, jb_start);
+    case 3:
+      return FactorRows<kPivot, 3>(a, rows, first, end, i0, jb_start);
+    default:
+      return FactorRows<kPivot, kRowBlock>(a, rows, first, end, i0, jb_start);
   }
+}
+
+// Blocks up to this size skip the blocking: its set-up costs more than it
+// saves on systems such as the 8x8 of least-squares correlation.
+constexpr int kSmallBlock = 24;
+
+// The plain row-by-row recurrence (same terms, same order as FactorRows).
+template <Pivot kPivot, class Rows>
+bool FactorSmall(double* a, Rows rows, int first, int end) {
+  for (int i = first; i < end; ++i) {
+    double* ri = a + rows[i];
+    double s = 0.0;
+    for (int k = first; k < i; ++k) s += a[rows[k] + i] * a[rows[k] + k] * a[rows[k] + i];
+    const double di = ri[i] - s;
+    ri[i] = di;
+    if (di == 0.0) return true;
+    const double rcp = 1.0 / di;
+    for (int j = i + 1; j < end; ++j) {
+      double sj = 0.0;
+      for (int k = first; k < i; ++k) sj += a[rows[k] + i] * a[rows[k] + k] * a[rows[k] + j];
+      ri[j] = (kPivot == Pivot::kDivide) ? (ri[j] - sj) / di : (ri[j] - sj) * rcp;
+    }
+  }
+  return false;
 }
 
 // Factorises the active block in place (first < end); true at the first
@@ -137,6 +222,7 @@ int FactorRowsN(int n_rows, double* a, Rows rows, int first, int end, int i0, in
 // pivot and the rows below keep their input values.
 template <Pivot kPivot, class Rows>
 bool Factor(double* a, Rows rows, int first, int end) {
+  if (end - first <= kSmallBlock) return FactorSmall<kPivot>(a, rows, first, end);
   for (int i0 = first; i0 < end; i0 += kRowBlock) {
     const int n_rows = std::min(kRowBlock, end - i0);
     const int done = FactorRowsN<kPivot>(n_rows, a, rows, first, end, i0, i0);
@@ -153,10 +239,25 @@ bool Factor(double* a, Rows rows, int first, int end) {
 // True when a diagonal cell is exactly zero (b is then partly transformed).
 template <class Rows>
 bool Solve(const double* a, Rows rows, int first, int end, double* b) {
-  for (int i = first + 1; i < end; ++i) {
-    double s = 0.0;
-    for (int k = first; k < i; ++k) s += a[rows[k] + i] * b[k];
-    b[i] = b[i] - s;
+  // Forward: b_i -= sum_k u_ki b_k (k = first .. i-1, increasing); on large
+  // blocks the sums of a block of unknowns are built along contiguous rows.
+  if (end - first <= kSmallBlock) {
+    for (int i = first + 1; i < end; ++i) {
+      double s = 0.0;
+      for (int k = first; k < i; ++k) s += a[rows[k] + i] * b[k];
+      b[i] = b[i] - s;
+    }
+  }
+  double sums[kColumnBlock];
+  for (int ib = (end - first <= kSmallBlock) ? end : first; ib < end; ib += kColumnBlock) {
+    const int width = std::min(end - ib, kColumnBlock);
+    for (int t = 0; t < width; ++t) sums[t] = 0.0;
+    for (int k = first; k < ib; ++k) AddScaled(sums, b[k], a + rows[k] + ib, width);
+    for (int t = 0; t < width; ++t) {
+      const int i = ib + t;
+      if (i > first) b[i] = b[i] - sums[t];
+      AddScaled(sums + t + 1, b[i], a + rows[i] + ib + t + 1, width - t - 1);
+    }
   }
   for (int i = first; i < end; ++i) {
     const double d = a[rows[i] + i];
@@ -188,25 +289,15 @@ bool Invert(double* a, Rows rows, int first, int end) {
       for (int t = 0; t < width; ++t) sums[t] = 0.0;
       int k = r + 1;
       for (; k + 4 <= cb; k += 4) {  // four finished cells of row r at a time
-        const double f0 = rr[k], f1 = rr[k + 1], f2 = rr[k + 2], f3 = rr[k + 3];
-        const double* x0 = a + rows[k] + cb;
-        const double* x1 = a + rows[k + 1] + cb;
-        const double* x2 = a + rows[k + 2] + cb;
-        const double* x3 = a + rows[k + 3] + cb;
-        for (int t = 0; t < width; ++t)
-          sums[t] = (((sums[t] + f0 * x0[t]) + f1 * x1[t]) + f2 * x2[t]) + f3 * x3[t];
+        AddScaled4(sums, rr + k, a + rows[k] + cb, a + rows[k + 1] + cb, a + rows[k + 2] + cb,
+                   a + rows[k + 3] + cb, width);
       }
-      for (; k < cb; ++k) {
-        const double f = rr[k];
-        const double* x = a + rows[k] + cb;
-        for (int t = 0; t < width; ++t) sums[t] += f * x[t];
-      }
+      for (; k < cb; ++k) AddScaled(sums, rr[k], a + rows[k] + cb, width);
       for (int t = 0; t < width; ++t) {
         const int c = cb + t;
         const double v = -(rr[c] + sums[t]);
         rr[c] = v;
-        const double* x = a + rows[c] + cb;
-        for (int q = t + 1; q < width; ++q) sums[q] += v * x[q];
+        AddScaled(sums + t + 1, v, a + rows[c] + cb + t + 1, width - t - 1);
       }
     }
   }

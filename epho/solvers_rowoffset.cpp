@@ -26,7 +26,7 @@ Emsc_Boolean epho_Resolve1D(double* a, const uint32_t* rows, int32_t first, int3
   const Block block = CheckBlock(a, rows, first, end);
   if (block != Block::kValid) return block == Block::kEmpty ? EMSC_FALSE : EMSC_TRUE;
   return epho::ldl::Factor<Pivot::kReciprocal>(a, TableRows{rows}, first, end) ? EMSC_TRUE
-                                                                                : EMSC_FALSE;
+                                                                               : EMSC_FALSE;
 }
 
 Emsc_Boolean epho_Solution1D(const double* a, const uint32_t* rows, int32_t first, int32_t end,

@@ -1,5 +1,7 @@
 // The solvers against Eigen's LU/LDLT on random systems, the factor against
 // its own definition A = U^T D U, and the exact-zero-pivot failures.
+#include "epho/solvers.h"
+
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>
@@ -7,8 +9,6 @@
 #include <limits>
 #include <random>
 #include <vector>
-
-#include "epho/solvers.h"
 
 namespace {
 
@@ -143,7 +143,8 @@ TEST(SolversRowOffset, FactorSolveInverseMatchEigenPackedAndFull) {
 
       std::vector<double> x_by_storage[2];
       for (bool packed : {true, false}) {
-        SCOPED_TRACE(::testing::Message() << "m=" << m << " first=" << first << " packed=" << packed);
+        SCOPED_TRACE(::testing::Message()
+                     << "m=" << m << " first=" << first << " packed=" << packed);
         RowOffsetMatrix s(a, n, first, packed);
         ASSERT_EQ(epho_Resolve1D(s.a.data(), s.rows.data(), first, end), EMSC_FALSE);
         EXPECT_LE(MaxAbs(Reassemble(s.UpperSymmetric(first, m)) - a), kRelTol * MaxAbs(a));
@@ -190,6 +191,23 @@ bool TextbookFactor(MatrixXd* m, bool reciprocal) {
   return false;
 }
 
+// Forward, diagonal and backward substitution with a factor, as defined.
+VectorXd TextbookSolve(const MatrixXd& a, VectorXd b) {
+  const int n = static_cast<int>(a.rows());
+  for (int i = 1; i < n; ++i) {
+    double s = 0.0;
+    for (int k = 0; k < i; ++k) s += a(k, i) * b(k);
+    b(i) = b(i) - s;
+  }
+  for (int i = 0; i < n; ++i) b(i) = b(i) / a(i, i);
+  for (int i = n - 2; i >= 0; --i) {
+    double s = 0.0;
+    for (int j = i + 1; j < n; ++j) s += a(i, j) * b(j);
+    b(i) = b(i) - s;
+  }
+  return b;
+}
+
 // In-place inverse from a factor, straight from its recurrences:
 // v_rc = -(u_rc + sum_k v_rk u_kc), then c_ij = v_ij / d_j + sum_k v_ik / d_k v_jk.
 void TextbookInvert(MatrixXd* m) {
@@ -214,7 +232,7 @@ void TextbookInvert(MatrixXd* m) {
 }
 
 TEST(SolversRowOffset, BlockedKernelsEqualTextbookRecurrencesBitForBit) {
-  for (int m : {3, 8, 13, 257, 300}) {
+  for (int m : {3, 8, 13, 25, 64, 257, 300}) {  // small and blocked paths
     const MatrixXd a = RandomSpd(m, 300 + m);
     MatrixXd reference = a;
     ASSERT_FALSE(TextbookFactor(&reference, true));
@@ -222,6 +240,12 @@ TEST(SolversRowOffset, BlockedKernelsEqualTextbookRecurrencesBitForBit) {
     ASSERT_EQ(epho_Resolve1D(s.a.data(), s.rows.data(), 5, 5 + m), EMSC_FALSE);
     for (int i = 0; i < m; ++i)
       for (int j = i; j < m; ++j) ASSERT_EQ(s.at(5 + i, 5 + j), reference(i, j)) << i << "," << j;
+    const VectorXd rhs = RandomVector(m, 400 + m);
+    const VectorXd x = TextbookSolve(reference, rhs);
+    std::vector<double> b(m + 5, kNaN);
+    for (int i = 0; i < m; ++i) b[5 + i] = rhs(i);
+    ASSERT_EQ(epho_Solution1D(s.a.data(), s.rows.data(), 5, 5 + m, b.data()), EMSC_FALSE);
+    for (int i = 0; i < m; ++i) ASSERT_EQ(b[5 + i], x(i)) << i;
     TextbookInvert(&reference);
     ASSERT_EQ(epho_Inverld1D(s.a.data(), s.rows.data(), 5, 5 + m), EMSC_FALSE);
     for (int i = 0; i < m; ++i)
@@ -361,6 +385,8 @@ TEST(SolversOneCall, Inver6x6AndInverNxNMatchEigen) {
   double one = 8.0;
   ASSERT_EQ(epho_InverNxN(&one, 1), EMSC_FALSE);
   EXPECT_EQ(one, 0.125);
+  double rows_of_six[42] = {};
+  EXPECT_NE(epho_Inver6x6(rows_of_six, 7), EMSC_FALSE);  // would overrun the rows
 }
 
 TEST(SolversAll, IdentityFactorsToItselfAndZeroFirstPivotFails) {

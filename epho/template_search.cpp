@@ -29,11 +29,11 @@
 
 namespace {
 
-using epho_ncc::CoefficientFromSums;
 using std::ptrdiff_t;
 using std::size_t;
 
 constexpr size_t kBlock = 32;  // candidate columns computed together
+constexpr size_t kPad = 8;     // candidate rows are padded to this many columns
 constexpr uint32_t kMaxRange = 1u << 14;
 
 inline size_t RoundUp(size_t v, size_t m) { return (v + m - 1) / m * m; }
@@ -41,7 +41,7 @@ inline size_t RoundUp(size_t v, size_t m) { return (v + m - 1) / m * m; }
 struct Geometry {
   int hw, hh, tw, th;        // template half sizes and sizes
   size_t cols, rows;         // candidate range
-  size_t cols_padded;        // cols rounded up to kBlock
+  size_t cols_padded;        // cols rounded up to kPad
   size_t area_w, area_h;     // search area (candidates plus template margins)
   size_t work_stride;        // row length of the stored search area, elements
 };
@@ -54,7 +54,7 @@ Geometry MakeGeometry(uint32_t hw, uint32_t hh, uint32_t cols, uint32_t rows) {
   g.th = 2 * g.hh + 1;
   g.cols = cols;
   g.rows = rows;
-  g.cols_padded = RoundUp(cols, kBlock);
+  g.cols_padded = RoundUp(cols, kPad);
   g.area_w = cols + g.tw - 1;
   g.area_h = rows + g.th - 1;
   // Vector loads of the last block reach cols_padded - 1 + tw - 1 + 1.
@@ -78,7 +78,7 @@ Layout MakeLayout(const Geometry& g) {
   };
   l.area = take(4 * g.area_h * g.work_stride);
   l.templ = take(4 * static_cast<size_t>(g.th) * (g.tw + 1));
-  l.cross = take(4 * g.cols_padded);
+  l.cross = take(8 * g.cols_padded);  // two rows of results
   l.colsum = take(8 * g.area_w);
   l.colsq = take(8 * g.area_w);
   l.total = off + 64;  // room to align the block's start
@@ -92,14 +92,10 @@ bool ArgumentsValid(uint32_t hw, uint32_t hh, uint32_t rxMin, uint32_t ryMin, ui
          rxMin >= hw && ryMin >= hh;
 }
 
-// Which vector path runs: 0 the best the processor has, 1 no AVX2 (SSE2
-// where available), 2 plain C++. Tests pin it to cover every path.
-int g_path_override = 0;
-
 #if EPHO_SEARCH_X86
 bool HaveAvx2() {
   static const bool have = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
-  return have && g_path_override == 0;
+  return have && epho_ncc::g_vector_path == 0;
 }
 
 // ---- 8-bit cross products: out[x] = sum T * I over the window at column x.
@@ -108,7 +104,8 @@ bool HaveAvx2() {
 __attribute__((target("avx2"))) void CrossRowByteAvx2(const int32_t* pairs, size_t stride,
                                                       const int32_t* coef, int th, int npairs,
                                                       size_t cols_padded, int32_t* out) {
-  for (size_t xb = 0; xb < cols_padded; xb += kBlock) {
+  size_t xb = 0;
+  for (; xb + kBlock <= cols_padded; xb += kBlock) {
     __m256i a0 = _mm256_setzero_si256(), a1 = a0, a2 = a0, a3 = a0;
     for (int tr = 0; tr < th; ++tr) {
       const int32_t* row = pairs + tr * stride + xb;
@@ -127,11 +124,23 @@ __attribute__((target("avx2"))) void CrossRowByteAvx2(const int32_t* pairs, size
     _mm256_storeu_si256((__m256i*)(out + xb + 16), a2);
     _mm256_storeu_si256((__m256i*)(out + xb + 24), a3);
   }
+  for (; xb < cols_padded; xb += 8) {  // the last columns, 8 at a time
+    __m256i a0 = _mm256_setzero_si256();
+    for (int tr = 0; tr < th; ++tr) {
+      const int32_t* row = pairs + tr * stride + xb;
+      const int32_t* c = coef + tr * npairs;
+      for (int p = 0; p < npairs; ++p)
+        a0 = _mm256_add_epi32(a0, _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)(row + 2 * p)),
+                                                    _mm256_set1_epi32(c[p])));
+    }
+    _mm256_storeu_si256((__m256i*)(out + xb), a0);
+  }
 }
 
 void CrossRowByteSse2(const int32_t* pairs, size_t stride, const int32_t* coef, int th, int npairs,
                       size_t cols_padded, int32_t* out) {
-  for (size_t xb = 0; xb < cols_padded; xb += 16) {
+  size_t xb = 0;
+  for (; xb + 16 <= cols_padded; xb += 16) {
     __m128i a0 = _mm_setzero_si128(), a1 = a0, a2 = a0, a3 = a0;
     for (int tr = 0; tr < th; ++tr) {
       const int32_t* row = pairs + tr * stride + xb;
@@ -150,13 +159,48 @@ void CrossRowByteSse2(const int32_t* pairs, size_t stride, const int32_t* coef, 
     _mm_storeu_si128((__m128i*)(out + xb + 8), a2);
     _mm_storeu_si128((__m128i*)(out + xb + 12), a3);
   }
+  for (; xb < cols_padded; xb += 4) {
+    __m128i a0 = _mm_setzero_si128();
+    for (int tr = 0; tr < th; ++tr) {
+      const int32_t* row = pairs + tr * stride + xb;
+      const int32_t* c = coef + tr * npairs;
+      for (int p = 0; p < npairs; ++p)
+        a0 = _mm_add_epi32(a0, _mm_madd_epi16(_mm_loadu_si128((const __m128i*)(row + 2 * p)),
+                                              _mm_set1_epi32(c[p])));
+    }
+    _mm_storeu_si128((__m128i*)(out + xb), a0);
+  }
 }
 
 // ---- float cross products: out[x] = sum T' * F over the window at column x.
+// Columns [from, cols_padded) of one row, 8 at a time, four independent chains.
+__attribute__((target("avx2,fma"))) void CrossTailFloatAvx2(const float* area, size_t stride,
+                                                           const float* templ, int th, int tw,
+                                                           size_t from, size_t cols_padded,
+                                                           float* out) {
+  for (size_t xb = from; xb < cols_padded; xb += 8) {
+    __m256 a0 = _mm256_setzero_ps(), a1 = a0, a2 = a0, a3 = a0;
+    for (int tr = 0; tr < th; ++tr) {
+      const float* row = area + tr * stride + xb;
+      const float* t = templ + tr * tw;
+      int tc = 0;
+      for (; tc + 4 <= tw; tc += 4) {
+        a0 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc), _mm256_set1_ps(t[tc]), a0);
+        a1 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc + 1), _mm256_set1_ps(t[tc + 1]), a1);
+        a2 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc + 2), _mm256_set1_ps(t[tc + 2]), a2);
+        a3 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc + 3), _mm256_set1_ps(t[tc + 3]), a3);
+      }
+      for (; tc < tw; ++tc) a0 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc), _mm256_set1_ps(t[tc]), a0);
+    }
+    _mm256_storeu_ps(out + xb, _mm256_add_ps(_mm256_add_ps(a0, a1), _mm256_add_ps(a2, a3)));
+  }
+}
+
 __attribute__((target("avx2,fma"))) void CrossRowFloatAvx2(const float* area, size_t stride,
                                                           const float* templ, int th, int tw,
                                                           size_t cols_padded, float* out) {
-  for (size_t xb = 0; xb < cols_padded; xb += kBlock) {
+  size_t xb = 0;
+  for (; xb + kBlock <= cols_padded; xb += kBlock) {
     __m256 a0 = _mm256_setzero_ps(), a1 = a0, a2 = a0, a3 = a0;
     for (int tr = 0; tr < th; ++tr) {
       const float* row = area + tr * stride + xb;
@@ -174,6 +218,72 @@ __attribute__((target("avx2,fma"))) void CrossRowFloatAvx2(const float* area, si
     _mm256_storeu_ps(out + xb + 8, a1);
     _mm256_storeu_ps(out + xb + 16, a2);
     _mm256_storeu_ps(out + xb + 24, a3);
+  }
+  if (xb < cols_padded) CrossTailFloatAvx2(area, stride, templ, th, tw, xb, cols_padded, out);
+}
+
+// Two neighbouring output rows at once (windows starting at stored rows 0
+// and 1): every loaded vector of the search area serves both, which halves
+// the loads per multiply-add. Needs th + 1 stored rows.
+__attribute__((target("avx2,fma"))) void CrossTwoRowsFloatAvx2(const float* area, size_t stride,
+                                                              const float* templ, int th, int tw,
+                                                              size_t cols_padded, float* out0,
+                                                              float* out1) {
+  size_t xb = 0;
+  for (; xb + kBlock <= cols_padded; xb += kBlock) {
+    __m256 p0 = _mm256_setzero_ps(), p1 = p0, p2 = p0, p3 = p0;  // row 0
+    __m256 q0 = p0, q1 = p0, q2 = p0, q3 = p0;                   // row 1
+    for (int r = 0; r <= th; ++r) {  // stored row r is template row r (row 0), r - 1 (row 1)
+      const float* row = area + r * stride + xb;
+      const float* t0 = templ + r * tw;
+      const float* t1 = templ + (r - 1) * tw;
+      if (r == 0) {
+        for (int tc = 0; tc < tw; ++tc) {
+          const __m256 k = _mm256_set1_ps(t0[tc]);
+          const float* q = row + tc;
+          p0 = _mm256_fmadd_ps(_mm256_loadu_ps(q), k, p0);
+          p1 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 8), k, p1);
+          p2 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 16), k, p2);
+          p3 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 24), k, p3);
+        }
+      } else if (r == th) {
+        for (int tc = 0; tc < tw; ++tc) {
+          const __m256 k = _mm256_set1_ps(t1[tc]);
+          const float* q = row + tc;
+          q0 = _mm256_fmadd_ps(_mm256_loadu_ps(q), k, q0);
+          q1 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 8), k, q1);
+          q2 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 16), k, q2);
+          q3 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 24), k, q3);
+        }
+      } else {
+        for (int tc = 0; tc < tw; ++tc) {
+          const __m256 k0 = _mm256_set1_ps(t0[tc]), k1 = _mm256_set1_ps(t1[tc]);
+          const float* q = row + tc;
+          const __m256 v0 = _mm256_loadu_ps(q), v1 = _mm256_loadu_ps(q + 8);
+          const __m256 v2 = _mm256_loadu_ps(q + 16), v3 = _mm256_loadu_ps(q + 24);
+          p0 = _mm256_fmadd_ps(v0, k0, p0);
+          p1 = _mm256_fmadd_ps(v1, k0, p1);
+          p2 = _mm256_fmadd_ps(v2, k0, p2);
+          p3 = _mm256_fmadd_ps(v3, k0, p3);
+          q0 = _mm256_fmadd_ps(v0, k1, q0);
+          q1 = _mm256_fmadd_ps(v1, k1, q1);
+          q2 = _mm256_fmadd_ps(v2, k1, q2);
+          q3 = _mm256_fmadd_ps(v3, k1, q3);
+        }
+      }
+    }
+    _mm256_storeu_ps(out0 + xb, p0);
+    _mm256_storeu_ps(out0 + xb + 8, p1);
+    _mm256_storeu_ps(out0 + xb + 16, p2);
+    _mm256_storeu_ps(out0 + xb + 24, p3);
+    _mm256_storeu_ps(out1 + xb, q0);
+    _mm256_storeu_ps(out1 + xb + 8, q1);
+    _mm256_storeu_ps(out1 + xb + 16, q2);
+    _mm256_storeu_ps(out1 + xb + 24, q3);
+  }
+  if (xb < cols_padded) {  // the last columns, row by row
+    CrossTailFloatAvx2(area, stride, templ, th, tw, xb, cols_padded, out0);
+    CrossTailFloatAvx2(area + stride, stride, templ, th, tw, xb, cols_padded, out1);
   }
 }
 #endif
@@ -208,17 +318,54 @@ void CrossRowFloatPortable(const float* area, size_t stride, const float* templ,
 }
 
 // Window sums along one stored row of column sums: s[x] = sum colsum[x..x+tw-1].
+// The row is cut into four runs slid side by side, so that four independent
+// addition chains hide the latency of floating-point adds.
 template <typename T, class Visit>
 void SlideRow(const T* colsum, const T* colsq, const Geometry& g, Visit visit) {
-  T s = 0, ss = 0;
-  for (int c = 0; c < g.tw; ++c) s += colsum[c], ss += colsq[c];
-  for (size_t x = 0;; ++x) {
-    visit(x, s, ss);
-    if (x + 1 == g.cols) break;
-    s += colsum[x + g.tw] - colsum[x];
-    ss += colsq[x + g.tw] - colsq[x];
+  constexpr size_t kChains = 4;
+  const size_t len = (g.cols + kChains - 1) / kChains;
+  T s[kChains], ss[kChains];
+  size_t begin[kChains], end[kChains];
+  for (size_t k = 0; k < kChains; ++k) {
+    begin[k] = std::min(k * len, g.cols);
+    end[k] = std::min(begin[k] + len, g.cols);
+    s[k] = ss[k] = 0;
+    if (begin[k] == end[k]) continue;
+    for (int c = 0; c < g.tw; ++c) s[k] += colsum[begin[k] + c], ss[k] += colsq[begin[k] + c];
   }
+  for (size_t i = 0; i < len; ++i)
+    for (size_t k = 0; k < kChains; ++k) {
+      const size_t x = begin[k] + i;
+      if (x >= end[k]) continue;
+      visit(x, s[k], ss[k]);
+      if (x + 1 < end[k]) {
+        s[k] += colsum[x + g.tw] - colsum[x];
+        ss[k] += colsq[x + g.tw] - colsq[x];
+      }
+    }
 }
+
+// Keeps the position of the largest coefficient seen. Coefficients are
+// compared through score = num * |num| / var (a monotone function of the
+// coefficient for a fixed template), kept as a fraction so that a candidate
+// costs two multiplications and no square root or division. A flat window
+// has coefficient 0: score 0 / 1.
+struct BestTracker {
+  double a = -std::numeric_limits<double>::infinity(), b = 1.0;
+  size_t x = 0, y = 0;
+  bool any = false;  // some coefficient was not 0
+  void Offer(double num, double var, size_t cx, size_t cy) {
+    double sa = 0.0, sb = 1.0;
+    if (var > 0.0 && num != 0.0) {
+      sa = num * std::fabs(num);
+      sb = var;
+      any = true;
+    }
+    // Ties go to the first position in raster order, whatever the visit order.
+    const double lhs = sa * b, rhs = a * sb;
+    if (lhs > rhs || (lhs == rhs && (cy < y || (cy == y && cx < x)))) a = sa, b = sb, x = cx, y = cy;
+  }
+};
 
 // Sub-pixel peak along one axis from three coefficients; 0 unless the middle
 // one is a strict maximum of a downward parabola.
@@ -294,9 +441,12 @@ int SearchByte(const uint8_t* left, const uint8_t* right, uint32_t ls, uint32_t 
       colsum[c] += v, colsq[c] += v * v;
     }
 
-  const double n = static_cast<double>(g.tw) * g.th;
-  double best = -std::numeric_limits<double>::infinity();
-  *any = false;
+  const int64_t n = static_cast<int64_t>(g.tw) * g.th;
+  BestTracker best;
+  if (n * stt - st * st == 0) {  // flat template: every coefficient is 0
+    *any = false;
+    return EPHO_NCC_SEARCH_OK;
+  }
 #if EPHO_SEARCH_X86
   const bool avx2 = HaveAvx2();
 #endif
@@ -308,24 +458,22 @@ int SearchByte(const uint8_t* left, const uint8_t* right, uint32_t ls, uint32_t 
 #if EPHO_SEARCH_X86
     if (avx2)
       CrossRowByteAvx2(prow, g.work_stride, coef, g.th, npairs, g.cols_padded, cross);
-    else if (g_path_override != 2)
+    else if (epho_ncc::g_vector_path != 2)
       CrossRowByteSse2(prow, g.work_stride, coef, g.th, npairs, g.cols_padded, cross);
     else
 #endif
       CrossRowBytePortable(prow, g.work_stride, coef, g.th, npairs, g.cols_padded, cross);
+    // Exact integers scaled by n: num = n*sum(TI) - sum(T)*sum(I), var = n*sum(II) - sum(I)^2.
     SlideRow(colsum, colsq, g, [&](size_t x, int64_t s, int64_t ss) {
-      const double c = CoefficientFromSums(n, double(st), double(stt), double(s), double(ss),
-                                           double(static_cast<uint32_t>(cross[x])));
-      if (c != 0.0) *any = true;
-      if (c > best) {
-        best = c;
-        *best_x = static_cast<int32_t>(rxMin + x);
-        *best_y = static_cast<int32_t>(ryMin + y);
-      }
+      const int64_t num = n * static_cast<int64_t>(static_cast<uint32_t>(cross[x])) - st * s;
+      best.Offer(static_cast<double>(num), static_cast<double>(n * ss - s * s), x, y);
     });
     const uint8_t* sub = a0 + y * rs;
     for (size_t c = 0; c < g.area_w; ++c) colsum[c] -= sub[c], colsq[c] -= sub[c] * sub[c];
   }
+  *best_x = static_cast<int32_t>(rxMin + best.x);
+  *best_y = static_cast<int32_t>(ryMin + best.y);
+  *any = best.any;
   return EPHO_NCC_SEARCH_OK;
 }
 
@@ -334,7 +482,7 @@ int SearchFloat(const float* left, const float* right, uint32_t ls, uint32_t rs,
                 const Layout& lay, int32_t* best_x, int32_t* best_y, bool* any) {
   float* area = reinterpret_cast<float*>(base + lay.area);
   float* templ = reinterpret_cast<float*>(base + lay.templ);
-  float* cross = reinterpret_cast<float*>(base + lay.cross);
+  float* cross_rows = reinterpret_cast<float*>(base + lay.cross);
   double* colsum = reinterpret_cast<double*>(base + lay.colsum);
   double* colsq = reinterpret_cast<double*>(base + lay.colsq);
 
@@ -351,12 +499,9 @@ int SearchFloat(const float* left, const float* right, uint32_t ls, uint32_t rs,
       templ[r * g.tw + c] = static_cast<float>(d);
       vt += d * d;
     }
-  // Search area shifted by its mean (keeps the float products small).
+  // Search area shifted to the template level (keeps the float products small).
   const float* a0 = right + (static_cast<ptrdiff_t>(ryMin) - g.hh) * rs + (rxMin - g.hw);
-  double ma = 0;
-  for (size_t r = 0; r < g.area_h; ++r)
-    for (size_t c = 0; c < g.area_w; ++c) ma += a0[r * rs + c];
-  ma /= static_cast<double>(g.area_w) * g.area_h;
+  const double ma = mt;  // the template's mean is close enough to the area's level
   for (size_t r = 0; r < g.area_h; ++r) {
     float* out = area + r * g.work_stride;
     for (size_t c = 0; c < g.area_w; ++c) out[c] = static_cast<float>(a0[r * rs + c] - ma);
@@ -370,9 +515,12 @@ int SearchFloat(const float* left, const float* right, uint32_t ls, uint32_t rs,
       colsum[c] += v, colsq[c] += v * v;
     }
 
-  const double n = static_cast<double>(g.tw) * g.th;
-  double best = -std::numeric_limits<double>::infinity();
-  *any = false;
+  const double inv_n = 1.0 / (static_cast<double>(g.tw) * g.th);
+  BestTracker best;
+  if (!(vt > 0.0)) {  // flat template
+    *any = false;
+    return EPHO_NCC_SEARCH_OK;
+  }
 #if EPHO_SEARCH_X86
   const bool avx2 = HaveAvx2();
 #endif
@@ -383,23 +531,21 @@ int SearchFloat(const float* left, const float* right, uint32_t ls, uint32_t rs,
       colsum[c] += v, colsq[c] += v * v;
     }
     const float* arow = area + y * g.work_stride;
+    float* cross = cross_rows + (y & 1) * g.cols_padded;
 #if EPHO_SEARCH_X86
-    if (avx2)
-      CrossRowFloatAvx2(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded, cross);
-    else
+    if (avx2) {
+      if ((y & 1) == 0 && y + 1 < g.rows)  // rows y and y + 1 in one pass
+        CrossTwoRowsFloatAvx2(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded, cross,
+                              cross + g.cols_padded);
+      else if ((y & 1) == 0)
+        CrossRowFloatAvx2(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded, cross);
+    } else
 #endif
       CrossRowFloatPortable(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded, cross);
     SlideRow(colsum, colsq, g, [&](size_t x, double s, double ss) {
-      const double vr = ss - (s / n) * s;
+      const double vr = ss - s * inv_n * s;
       // Relative floor: a window flat up to float rounding counts as flat.
-      if (!(vr > 1e-9 * ss) || !(vt > 0.0)) return;
-      const double c = cross[x] / std::sqrt(vt * vr);
-      *any = true;
-      if (c > best) {
-        best = c;
-        *best_x = static_cast<int32_t>(rxMin + x);
-        *best_y = static_cast<int32_t>(ryMin + y);
-      }
+      best.Offer(cross[x], vr > 1e-9 * ss ? vr : 0.0, x, y);
     });
     const float* sub = area + y * g.work_stride;
     for (size_t c = 0; c < g.area_w; ++c) {
@@ -407,6 +553,9 @@ int SearchFloat(const float* left, const float* right, uint32_t ls, uint32_t rs,
       colsum[c] -= v, colsq[c] -= v * v;
     }
   }
+  *best_x = static_cast<int32_t>(rxMin + best.x);
+  *best_y = static_cast<int32_t>(ryMin + best.y);
+  *any = best.any;
   return EPHO_NCC_SEARCH_OK;
 }
 
@@ -429,8 +578,6 @@ int RunSearch(const P* left, const P* right, uint32_t ls, uint32_t rs, uint32_t 
 }
 
 }  // namespace
-
-void epho_search_internal::SetVectorPathForTesting(int path) { g_path_override = path; }
 
 extern "C" {
 

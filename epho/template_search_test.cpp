@@ -61,8 +61,8 @@ Best BruteForce(Kernel k, int x0, int y0, int x1, int y1) {
 // Every vector path (AVX2, SSE2, plain C++) against the kernel.
 class TemplateSearchPaths : public testing::TestWithParam<int> {
  protected:
-  void SetUp() override { epho_search_internal::SetVectorPathForTesting(GetParam()); }
-  void TearDown() override { epho_search_internal::SetVectorPathForTesting(0); }
+  void SetUp() override { epho_ncc::SetVectorPathForTesting(GetParam()); }
+  void TearDown() override { epho_ncc::SetVectorPathForTesting(0); }
 };
 
 TEST_P(TemplateSearchPaths, AgreesWithKernelAtEveryConfiguration) {

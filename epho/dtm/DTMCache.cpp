@@ -1,7 +1,10 @@
 // One open DEM with everything needed to address its cells.
+#include <cmath>
+#include <cwctype>
 #include <memory>
 
 #include "eerr_frame.hpp"
+#include "efio.h"
 #include "eint.h"
 #include "epho/dtm.h"
 
@@ -11,17 +14,29 @@ namespace {
 
 const char kSource[] = "DTMCache";
 
-// Inverse of an affine x' = c0 x + c1 y + c2, y' = c3 x + c4 y + c5.
-bool InvertAffine(const double c[6], double inv[6]) {
-  const double det = c[0] * c[4] - c[1] * c[3];
-  if (det == 0.0) return false;
-  inv[0] = c[4] / det;
-  inv[1] = -c[1] / det;
-  inv[3] = -c[3] / det;
-  inv[4] = c[0] / det;
-  inv[2] = -(inv[0] * c[2] + inv[1] * c[5]);
-  inv[5] = -(inv[3] * c[2] + inv[4] * c[5]);
-  return true;
+template <typename T, void (*Free)(T*)>
+struct Deleter {
+  void operator()(T* p) const { Free(p); }
+};
+template <typename T, void (*Free)(T*)>
+using Owned = std::unique_ptr<T, Deleter<T, Free>>;
+
+void FreeMapInfo(Eprj_MapInfo* info) {
+  if (!info) return;
+  emsc_HeapFree(info->proName);
+  emsc_HeapFree(info->units);
+  emsc_HeapFree(info);
+}
+void CloseLayer(Eimg_Layer* layer) { eimg_LayerClose(layer, nullptr); }
+
+// Band number of "file(:Layer_N)"; 1 for anything else.
+long BandOf(const std::wstring& layer_name) {
+  size_t k = layer_name.rfind(L"(:Layer_");
+  if (k == std::wstring::npos) return 1;
+  long band = 0;
+  for (size_t i = k + 8; i < layer_name.size() && std::iswdigit(layer_name[i]); ++i)
+    band = band * 10 + (layer_name[i] - L'0');
+  return band > 0 ? band : 1;
 }
 
 }  // namespace
@@ -41,22 +56,31 @@ DTMCache::~DTMCache() { Release(); }
 void DTMCache::Release() {
   eimg_LayerClose(m_layer, nullptr);
   m_layer = nullptr;
-  eimg_MapInfoFree(m_mapInfo);
+  exfr_XFormFree(m_mapToFile);
+  m_mapToFile = nullptr;
+  exfr_XFormFree(m_fileToMap);
+  m_fileToMap = nullptr;
+  FreeMapInfo(m_mapInfo);
   m_mapInfo = nullptr;
+  eprj_ProParametersFree(m_projection);
+  m_projection = nullptr;
+  eprj_ElevationInfoFree(m_elevationInfo);
+  m_elevationInfo = nullptr;
   eimg_PrivateStorageDelete(m_storage);
   m_storage = nullptr;
 }
 
 DTMCache& DTMCache::operator=(const DTMCache& other) {
   if (this == &other) return *this;
-  // Copies describe the same DEM: the copy opens it anew under the same name.
+  // A copy describes the same DEM: it opens it anew under the same name, so
+  // both entries own their records and layer.
   Release();
   m_name.clear();
   if (!other.m_name.empty()) Open(other.m_name.c_str());
   return *this;
 }
 
-const Eimg_MapInfo& DTMCache::GetMapInfo() const {
+const Eprj_MapInfo& DTMCache::GetMapInfo() const {
   EerrException ctx(kSource, "DTMCache::GetMapInfo");
   if (!m_mapInfo) ctx.Throw(__LINE__, L"Layer not opened");
   return *m_mapInfo;
@@ -84,47 +108,70 @@ void DTMCache::Open(const wchar_t* name) {
   // A file name stands for its first layer.
   EtxtTextU layer_name = name;
   if (layer_name.find(L"(:") == std::wstring::npos) {
-    std::unique_ptr<Estr_StringList, void (*)(Estr_StringList*)> names(
-        eimg_LayerGetNames(name, init, ctx.Err()), estr_StringListDelete);
+    Owned<Estr_StringList, estr_StringListDelete> names(eimg_LayerGetNames(name, init, ctx.Err()));
     ctx.Check(__LINE__);
     layer_name = names->strings[0];
   }
-  std::unique_ptr<Eimg_PrivateStorage, void (*)(Eimg_PrivateStorage*)> storage(
-      eimg_LayerPrivateStorageCreate(layer_name.c_str(), EIMG_ACCESS_READ, ctx.Err()),
-      eimg_PrivateStorageDelete);
+  Owned<Eimg_PrivateStorage, eimg_PrivateStorageDelete> storage(
+      eimg_LayerPrivateStorageCreate(layer_name.c_str(), EIMG_ACCESS_READ, ctx.Err()));
   ctx.Check(__LINE__);
-  std::unique_ptr<Eimg_Layer, void (*)(Eimg_Layer*)> layer(
-      eimg_LayerOpen(layer_name.c_str(), init, storage.get(), EIMG_ACCESS_READ, ctx.Err()),
-      [](Eimg_Layer* l) { eimg_LayerClose(l, nullptr); });
+  Owned<Eimg_Layer, CloseLayer> layer(
+      eimg_LayerOpen(layer_name.c_str(), init, storage.get(), EIMG_ACCESS_READ, ctx.Err()));
   ctx.Check(__LINE__);
-  std::unique_ptr<Eimg_MapInfo, void (*)(Eimg_MapInfo*)> info(
-      eimg_LayerMapInformationRead(layer.get(), ctx.Err()), eimg_MapInfoFree);
-  ctx.Check(__LINE__);
-  double file_to_map[6], map_to_file[6];
-  const double* g = info->geoTransform;
-  // GDAL's geotransform is file -> map with the coefficient order (c2, c0, c1).
-  file_to_map[0] = g[1], file_to_map[1] = g[2], file_to_map[2] = g[0];
-  file_to_map[3] = g[4], file_to_map[4] = g[5], file_to_map[5] = g[3];
-  if (!InvertAffine(file_to_map, map_to_file))
-    ctx.Throw(__LINE__, L"The map information of %s cannot be inverted", name);
 
-  // Projection and height unit are optional: a DEM in a local frame has none.
-  EtxtTextU projection;
-  kzdv::HeapPtr<Etxt_Char> wkt(eimg_LayerMapProjectionRead(layer.get(), ctx.Err()));
-  if (ctx.HasReport()) ctx.Clear();
-  else projection = wkt.get();
-  kzdv::HeapPtr<Etxt_Char> unit(eimg_LayerUnitTypeGet(layer.get(), ctx.Err()));
+  // Map information and the two transforms between map and file pixels.
+  Owned<Eimg_MapInfo, eimg_MapInfoFree> info(eimg_LayerMapInformationRead(layer.get(), ctx.Err()));
   ctx.Check(__LINE__);
+  const double* g = info->geoTransform;
+  // GDAL's geotransform is file -> map with the coefficients in another order.
+  const double file_to_map[6] = {g[1], g[2], g[0], g[4], g[5], g[3]};
+  Owned<Exfr_XForm, exfr_XFormFree> f2m(exfr_AffineXFormCreate(file_to_map, ctx.Err()));
+  ctx.Check(__LINE__);
+  Owned<Exfr_XForm, exfr_XFormFree> m2f(exfr_XFormInvert(f2m.get(), ctx.Err()));
+  ctx.Check(__LINE__);
+
+  // Projection: a DEM in a local frame has none, and a projection without an
+  // internal number keeps only its WKT.
+  EtxtTextU wkt_text;
+  Owned<Eprj_ProParameters, eprj_ProParametersFree> projection;
+  kzdv::HeapPtr<Etxt_Char> wkt(eimg_LayerMapProjectionRead(layer.get(), ctx.Err()));
+  if (ctx.HasReport()) {
+    ctx.Clear();
+  } else {
+    wkt_text = wkt.get();
+    projection.reset(eprj_ProParametersFromWkt(kzdv::ToUtf8(wkt_text).c_str(), ctx.Err()));
+    if (ctx.HasReport()) ctx.Clear();
+  }
+  kzdv::HeapPtr<Etxt_Char> file(efnp_FileNameGet(layer_name.c_str(), ctx.Err()));
+  ctx.Check(__LINE__);
+  Owned<Eprj_ElevationInfo, eprj_ElevationInfoFree> elevation(
+      eprj_ElevationInfoRead(file.get(), BandOf(layer_name), ctx.Err()));
+  ctx.Check(__LINE__);
+
+  auto* map_info = static_cast<Eprj_MapInfo*>(emsc_HeapCalloc(1, sizeof(Eprj_MapInfo)));
+  if (!map_info) ctx.Throw(__LINE__, L"Out of memory");
+  Owned<Eprj_MapInfo, FreeMapInfo> map_info_owner(map_info);
+  map_info->proName = estr_Duplicate(projection && projection->proName ? projection->proName
+                                                                       : L"Unknown");
+  map_info->units = estr_Duplicate(info->units);
+  if (!map_info->proName || !map_info->units) ctx.Throw(__LINE__, L"Out of memory");
+  map_info->upperLeftCenter = {info->upperLeftCenterX, info->upperLeftCenterY};
+  map_info->lowerRightCenter = {
+      info->upperLeftCenterX + (layer->width - 1) * g[1] + (layer->height - 1) * g[2],
+      info->upperLeftCenterY + (layer->width - 1) * g[4] + (layer->height - 1) * g[5]};
+  map_info->pixelSize = {std::abs(info->pixelSizeX), std::abs(info->pixelSizeY)};
 
   // Everything was read: replace the old members.
   Release();
   m_layer = layer.release();
   m_storage = storage.release();
-  m_mapInfo = info.release();
-  for (int i = 0; i < 6; ++i) m_mapToFile[i] = map_to_file[i], m_fileToMap[i] = file_to_map[i];
-  m_projection = projection;
-  m_elevationUnit = unit.get();
-  m_horizontalUnits = m_mapInfo->units ? m_mapInfo->units : L"";
+  m_mapToFile = m2f.release();
+  m_fileToMap = f2m.release();
+  m_mapInfo = map_info_owner.release();
+  m_projection = projection.release();
+  m_elevationInfo = elevation.release();
+  m_projectionWkt = wkt_text;
+  m_horizontalUnits = m_mapInfo->units;
   m_name = name;
 }
 

@@ -2,10 +2,10 @@
  * model that reads heights from it.
  *
  * A DTMCache is one open DEM layer with what is needed to address it: map
- * information, the map-to-file and file-to-map affines (file coordinates in
- * pixels, (0, 0) at the upper-left corner of the upper-left cell, so that
- * truncating a file coordinate gives its cell), the map projection (OGC
- * WKT), the height unit, the horizontal unit and the private storage through
+ * information, the map-to-file and file-to-map transforms (file coordinates
+ * in pixels, (0, 0) at the upper-left corner of the upper-left cell, so that
+ * truncating a file coordinate gives its cell), the projection parameters,
+ * the elevation info, the horizontal unit and the private storage through
  * which further layer handles share the entry's dataset and block cache.
  * DTMCacheList is the process-wide list of entries, handed out as
  * boost::shared_ptr: an entry lives while the list or any caller holds it.
@@ -15,6 +15,8 @@
 
 #include "eimg.h"
 #include "epho/base.h"
+#include "eprj.h"
+#include "exfr.h"
 
 #ifdef __cplusplus
 #include <boost/shared_ptr.hpp>
@@ -32,16 +34,18 @@ class EPHO_EXPORT DTMCache {
   DTMCache& operator=(const DTMCache& other);
   DTMCache(const DTMCache&) = delete;
 
-  /* Map information of the layer (owned by the entry). */
-  const Eimg_MapInfo& GetMapInfo() const;
-  /* Affines x' = c0 x + c1 y + c2, y' = c3 x + c4 y + c5: map -> file pixels
-   * and file pixels -> map. */
-  const double (&GetMapToFileXForm() const)[6] { return m_mapToFile; }
-  const double (&GetFileToMapXForm() const)[6] { return m_fileToMap; }
-  /* Map projection as OGC WKT ("" when the DEM has none). */
-  const EtxtTextU& GetMapProjection() const { return m_projection; }
-  /* Unit of the heights as the file records it ("" when unknown). */
-  const EtxtTextU& GetElevationInfo() const { return m_elevationUnit; }
+  /* Map information of the layer (owned by the entry; throws "Layer not
+   * opened" before a successful open). */
+  const Eprj_MapInfo& GetMapInfo() const;
+  /* Map -> file pixels and its inverse, file pixels -> map (owned). */
+  const Exfr_XForm* GetMapToFileXForm() const { return m_mapToFile; }
+  const Exfr_XForm* GetFileToMapXForm() const { return m_fileToMap; }
+  /* Projection parameters of the DEM; null when it has none or its
+   * projection has no internal number (its WKT is then still kept). */
+  const Eprj_ProParameters* GetMapProjection() const { return m_projection; }
+  const EtxtTextU& GetMapProjectionWkt() const { return m_projectionWkt; }
+  /* Elevation info: unit, datum and spheroid of the heights (owned). */
+  const Eprj_ElevationInfo* GetElevationInfo() const { return m_elevationInfo; }
   Eimg_PrivateStorage* GetPrivateStorage() const { return m_storage; }
   /* The name the entry was opened under (the cache key). */
   EtxtTextU GetName() const { return m_name; }
@@ -58,11 +62,12 @@ class EPHO_EXPORT DTMCache {
   void Release();
 
   Eimg_Layer* m_layer = nullptr;
-  double m_mapToFile[6] = {1, 0, 0, 0, 1, 0};
-  double m_fileToMap[6] = {1, 0, 0, 0, 1, 0};
-  Eimg_MapInfo* m_mapInfo = nullptr;
-  EtxtTextU m_projection;
-  EtxtTextU m_elevationUnit;
+  Exfr_XForm* m_mapToFile = nullptr;
+  Exfr_XForm* m_fileToMap = nullptr;
+  Eprj_MapInfo* m_mapInfo = nullptr;
+  Eprj_ProParameters* m_projection = nullptr;
+  Eprj_ElevationInfo* m_elevationInfo = nullptr;
+  EtxtTextU m_projectionWkt;
   EtxtTextU m_name;
   EtxtTextU m_horizontalUnits;
   Eimg_PrivateStorage* m_storage = nullptr;

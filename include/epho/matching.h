@@ -173,6 +173,46 @@ EPHO_EXPORT int16_t epho_OnePtLSCU32(const uint32_t* left, int32_t leftStride, i
                                      float convergence, float maxShift);
 
 /* ------------------------------------------------------------------------ */
+/* Gradient angle: the dominant gradient direction of a window, so that a
+ * matcher can turn both windows to a common orientation before correlating
+ * (e.g. epho_CrossCoef...BothResample with each window's angle).
+ *
+ * Angle in radians in (-pi, pi], measured from the +column axis toward the
+ * +row axis, the turning sense of the resampling members: content turned by
+ * t about the window centre has its angle increased by t. Computed from
+ * central-difference gradients over the 2*halfWidth+1 by 2*halfHeight+1
+ * window centred on pixel (x, y) (reads one pixel beyond it on every side),
+ * weighted by magnitude and a Gaussian of half the window size, as the peak
+ * of a smoothed 36-bin direction histogram refined by a parabola.
+ * Returns 0, or 1 when the window has no gradient (flat; angle set to 0). */
+EPHO_EXPORT int epho_GradiAngleByte(const uint8_t* image, uint32_t stride, int32_t x, int32_t y,
+                                    uint32_t halfWidth, uint32_t halfHeight,
+                                    double* angle_radians);
+EPHO_EXPORT int epho_GradiAngleDouble(const double* image, uint32_t stride, int32_t x, int32_t y,
+                                      uint32_t halfWidth, uint32_t halfHeight,
+                                      double* angle_radians);
+
+/* ------------------------------------------------------------------------ */
+/* Symmetry centre of a mark (fiducial cross, circle, ring) near pixel (x, y):
+ * the window 2*halfWidth+1 by 2*halfHeight+1 is correlated with its column
+ * mirror image about every vertical axis within searchRadius pixels of x, in
+ * half-pixel steps, and with its row mirror image about every horizontal axis
+ * near y; each axis is the peak of its coefficient, refined by a parabola,
+ * and the windows are re-centred once on the first estimate.
+ * Output in pixel index units with pixel k's centre at k (add 0.5 for the
+ * half-pixel convention of the resampling members). Reads columns
+ * x-searchRadius-halfWidth-2 .. x+searchRadius+halfWidth+2 and the same
+ * margin of rows. *coefficient (may be null) receives the weaker of the two
+ * mirror correlations at the centre (1 for a perfectly symmetric mark).
+ * Returns 0; 1 when no axis peak lies inside the search range (flat or
+ * asymmetric window; outputs then hold the best whole-step estimate);
+ * 2 for a null pointer or a half size above 32767. */
+EPHO_EXPORT int epho_FindSymmetryCenter(const uint32_t* image, uint32_t stride, int32_t x,
+                                        int32_t y, uint32_t halfWidth, uint32_t halfHeight,
+                                        uint32_t searchRadius, double* centre_x,
+                                        double* centre_y, double* coefficient);
+
+/* ------------------------------------------------------------------------ */
 /* Template search: the best whole-pixel NCC position of a left window inside
  * a range of right-window centres, with a sub-pixel peak.
  *

@@ -2,7 +2,8 @@
  * coordinates and scanned-image pixels). Point lists are n consecutive (x, y)
  * pairs of doubles; source and target hold the same n points. Pure
  * computations: no error report, no allocation, thread-safe; results are
- * return codes (degenerate sets that do not hit a code yield Inf/NaN).
+ * return codes (degenerate sets that do not hit a code yield Inf/NaN). A null
+ * point list or output counts as too few points.
  *
  * Coefficient layouts used here (note: OFFSET FIRST, unlike the camera
  * record's affine x' = c0*x + c1*y + c2, which puts the offset last):
@@ -25,32 +26,30 @@ KZDV_BEGIN_C
  * products of the differences to point 0, scale = ratio of the spreads about
  * point 0 (not the least-squares scale), shifts through the means.
  * EMSC_TRUE when n < 2. */
-EPHO_EXPORT Emsc_Boolean epho_Similar(int32_t n, const double *source_xy,
-                                      const double *target_xy,
-                                      double *similarity_tx_ty_scale_angle);
+EPHO_EXPORT Emsc_Boolean epho_Similar(int32_t n, const double* source_xy, const double* target_xy,
+                                      double* similarity_tx_ty_scale_angle);
 
 /* Least-squares offset-first affine (n == 2: the similarity, no shear).
  * Returns 0 on success, 1 when n < 2, 2 when the normal matrix is singular. */
-EPHO_EXPORT int32_t epho_Affine(int32_t n, const double *source_xy, const double *target_xy,
-                                double *offset_first_affine);
+EPHO_EXPORT int32_t epho_Affine(int32_t n, const double* source_xy, const double* target_xy,
+                                double* offset_first_affine);
 
 /* Linearised least-squares projective transform (8 coefficients).
  * Returns 0 on success, 1 when n < 4, 2 when the normal matrix of the affine
  * part is singular; a singular 2x2 perspective block yields Inf/NaN. */
-EPHO_EXPORT int32_t epho_Perspect(int32_t n, const double *source_xy, const double *target_xy,
-                                  double *projective_coefficients);
+EPHO_EXPORT int32_t epho_Perspect(int32_t n, const double* source_xy, const double* target_xy,
+                                  double* projective_coefficients);
 
 /* Replaces an offset-first affine by its inverse transform; EMSC_TRUE (and
  * unchanged) when a1*a5 - a4*a2 is 0.0. */
-EPHO_EXPORT Emsc_Boolean epho_ReverseAffine(double *offset_first_affine);
+EPHO_EXPORT Emsc_Boolean epho_ReverseAffine(double* offset_first_affine);
 
 /* Bounding box (x0, y0, x1, y1) of a rectangle's four corners mapped by an
  * offset-first affine, each coordinate moved outwards by one: truncated
  * towards zero, then -1 when the mapped value is <= 0 and +1 when it is > 0.
  * Returns rect_out. */
-EPHO_EXPORT int32_t *epho_GetNewBondingBox(const int32_t *rect_in,
-                                           const double *offset_first_affine,
-                                           int32_t *rect_out);
+EPHO_EXPORT int32_t* epho_GetNewBondingBox(const int32_t* rect_in,
+                                           const double* offset_first_affine, int32_t* rect_out);
 
 KZDV_END_C
 

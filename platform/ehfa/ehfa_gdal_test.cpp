@@ -306,6 +306,22 @@ TEST(EhfaGdal, CopyTableDropsOrRewritesExactlyItsNodes) {
   EXPECT_EQ(v.bands, 1);
   EXPECT_EQ(v.checksums[0], before.checksums[0]);
 
+  // A node named by its full path: only that one goes.
+  const Ehfa_CEFRecord drop_path[] = {Record(L":Layer_1:Map_Info", nullptr, nullptr, false),
+                                      Ehfa_CEFRecord{}};
+  const std::string no_map = dir.File("nomap.img");
+  v = CopyAndView(src, no_map, drop_path);
+  ASSERT_TRUE(v.opened);
+  {
+    ErrGuard e;
+    Ehfa_File* g = ehfa_FileOpen(kzdv::FromUtf8(no_map).c_str(), "r", nullptr, &e);
+    ASSERT_TRUE(g) << e.Text();
+    EXPECT_FALSE(ehfa_EntrySeekIfPresent(g, EHFA_SEEK_INTO, L":Layer_1:Map_Info", nullptr, &e));
+    EXPECT_TRUE(ehfa_EntrySeekIfPresent(g, EHFA_SEEK_INTO, L":Layer_2:Map_Info", nullptr, &e));
+    EXPECT_TRUE(ehfa_EntrySeekIfPresent(g, EHFA_SEEK_INTO, L":Layer_1:Projection", nullptr, &e));
+    ehfa_FileClose(g, nullptr);
+  }
+
   // A layer rewritten by its data function, with its children copied under
   // it, and a new node written in place of the format info.
   const Ehfa_CEFRecord rewrite[] = {Record(L"Layer_1", nullptr, CopyLayerObject, true),

@@ -1,10 +1,14 @@
 // Exported calls on hierarchical files: open, create, close, navigation,
 // entry and object reads and writes, bulk writes.
+#include <algorithm>
 #include <cstring>
 #include <cwchar>
 
 #include "eerr_frame.hpp"
 #include "hfa_internal.hpp"
+
+// Narrow UTF-8 text for a toolkit format's wide %s.
+#define W(s) kzdv::FromUtf8(s).c_str()
 
 using kzdv::ErrorFrame;
 using kzdv::FromUtf8;
@@ -33,8 +37,9 @@ Node* SeekTarget(Ehfa_File* f, Ehfa_SeekMethod method, const Etxt_Char* path,
       if (!cur->parent) *missing = "parent of the root";
       return cur->parent;
     case EHFA_SEEK_INTO: {
+      if (!path && (!name || !*name)) return cur;  // the current node itself
       std::string p = path ? U8(path) : f->PathOf(cur);
-      if (name && *name) p += ":" + U8(name);
+      if (name && *name) p += (p.empty() || p.back() != ':' ? ":" : "") + U8(name);
       Node* n = f->Resolve(p);
       if (!n) *missing = p;
       return n;
@@ -46,7 +51,11 @@ Node* SeekTarget(Ehfa_File* f, Ehfa_SeekMethod method, const Etxt_Char* path,
       }
       Node* parent = path ? f->Resolve(U8(path)) : cur;
       Node* n = parent ? f->FindChild(parent, U8(name)) : nullptr;
-      if (!n) *missing = (path ? U8(path) : f->PathOf(cur)) + ":" + U8(name);
+      if (!n) {
+        std::string where = path ? U8(path) : f->PathOf(cur);
+        if (where.empty() || where.back() != ':') where += ":";
+        *missing = where + U8(name);
+      }
       return n;
     }
     case EHFA_SEEK_NEXT_IN_FILE: {
@@ -72,12 +81,12 @@ int DoSeek(ErrorFrame& frame, Ehfa_File* f, Ehfa_SeekMethod method, const Etxt_C
   std::string missing, error;
   Node* n = SeekTarget(f, method, path, name, &missing, &error);
   if (!error.empty()) {
-    frame.Fail(__LINE__, L"%hs", error.c_str());
+    frame.Fail(__LINE__, L"%s", W(error));
     return -1;
   }
   if (!n) {
     if (missing_is_error) {
-      frame.Fail(__LINE__, L"Node %hs not found in %s", missing.c_str(), f->name.c_str());
+      frame.Fail(__LINE__, L"Node %s not found in %s", W(missing), f->name.c_str());
       return -1;
     }
     return 0;
@@ -89,7 +98,7 @@ int DoSeek(ErrorFrame& frame, Ehfa_File* f, Ehfa_SeekMethod method, const Etxt_C
 bool AfterWrite(ErrorFrame& frame, Ehfa_File* f) {
   std::string error;
   if (!f->Flush(false, &error)) {
-    frame.Fail(__LINE__, L"Cannot write %s: %hs", f->name.c_str(), error.c_str());
+    frame.Fail(__LINE__, L"Cannot write %s: %s", f->name.c_str(), W(error));
     return false;
   }
   return true;
@@ -108,7 +117,7 @@ Node* Place(ErrorFrame& frame, Ehfa_File* f, const Etxt_Char* path, const Etxt_C
   }
   const std::string n8 = U8(name);
   if (n8.size() >= kNameSize || type.size() >= kTypeSize || n8.find(':') != std::string::npos) {
-    frame.Fail(__LINE__, L"Node name %s or type %hs is too long or holds ':'", name, type.c_str());
+    frame.Fail(__LINE__, L"Node name %s or type %s is too long or holds ':'", name, W(type));
     return nullptr;
   }
   Node* parent;
@@ -161,7 +170,7 @@ Node* Place(ErrorFrame& frame, Ehfa_File* f, const Etxt_Char* path, const Etxt_C
     std::string error;
     if (!f->io.Append(kBlank, sizeof kBlank, &n->pos, &error)) {
       f->Unlink(n);
-      frame.Fail(__LINE__, L"Cannot write %s: %hs", f->name.c_str(), error.c_str());
+      frame.Fail(__LINE__, L"Cannot write %s: %s", f->name.c_str(), W(error));
       return nullptr;
     }
   }
@@ -182,8 +191,8 @@ Ehfa_File* ehfa_FileCreate(const Etxt_Char* name, Eint_InitToolkitData*, Eerr_Er
   f->writable = true;
   std::string error;
   EERR_FAIL_IF(!f->io.Open(ToUtf8(name), true, true, &error), frame, nullptr,
-               L"Cannot create %s: %hs", name, error.c_str());
-  EERR_FAIL_IF(!f->InitNew(&error), frame, nullptr, L"Cannot write %s: %hs", name, error.c_str());
+               L"Cannot create %s: %s", name, W(error));
+  EERR_FAIL_IF(!f->InitNew(&error), frame, nullptr, L"Cannot write %s: %s", name, W(error));
   return f.release();
 }
 
@@ -193,17 +202,17 @@ Ehfa_File* ehfa_FileOpen(const Etxt_Char* name, const char* mode, Eint_InitToolk
   EERR_FAIL_IF(!name || !*name || !mode, frame, nullptr, L"Args");
   const bool writable = std::strchr(mode, '+') || std::strchr(mode, 'w');
   EERR_FAIL_IF(std::strchr(mode, 'w'), frame, nullptr,
-               L"Mode %hs would truncate %s; use ehfa_FileCreate", mode, name);
+               L"Mode %s would truncate %s; use ehfa_FileCreate", W(mode), name);
   std::unique_ptr<Ehfa_File> f(new (std::nothrow) Ehfa_File);
   EERR_FAIL_IF(!f, frame, nullptr, L"Out of memory");
   f->name = name;
   f->writable = writable;
   std::string error;
   EERR_FAIL_IF(!f->io.Open(ToUtf8(name), writable, false, &error), frame, nullptr,
-               L"Cannot open %s: %hs", name, error.c_str());
+               L"Cannot open %s: %s", name, W(error));
   try {
-    EERR_FAIL_IF(!f->Load(&error), frame, nullptr, L"%s is not a valid hierarchical file: %hs",
-                 name, error.c_str());
+    EERR_FAIL_IF(!f->Load(&error), frame, nullptr, L"%s is not a valid hierarchical file: %s",
+                 name, W(error));
   } catch (const std::bad_alloc&) {
     EERR_FAIL(frame, nullptr, L"Out of memory reading %s", name);
   }
@@ -214,8 +223,8 @@ Emsc_Boolean ehfa_FileFlush(Ehfa_File* file, Eerr_ErrorReport** err) {
   ErrorFrame frame(L"ehfa_FileFlush", err);
   EERR_FAIL_IF(!file, frame, EMSC_FALSE, L"Args");
   std::string error;
-  EERR_FAIL_IF(!file->Flush(true, &error), frame, EMSC_FALSE, L"Cannot write %s: %hs",
-               file->name.c_str(), error.c_str());
+  EERR_FAIL_IF(!file->Flush(true, &error), frame, EMSC_FALSE, L"Cannot write %s: %s",
+               file->name.c_str(), W(error));
   return EMSC_TRUE;
 }
 
@@ -230,7 +239,7 @@ Emsc_Boolean ehfa_FileClose(Ehfa_File* file, Eerr_ErrorReport** err) {
     ok = false;
     error = close_error;
   }
-  EERR_FAIL_IF(!ok, frame, EMSC_FALSE, L"Cannot write %s: %hs", file->name.c_str(), error.c_str());
+  EERR_FAIL_IF(!ok, frame, EMSC_FALSE, L"Cannot write %s: %s", file->name.c_str(), W(error));
   return EMSC_TRUE;
 }
 
@@ -330,16 +339,16 @@ Emsc_Boolean ehfa_ObjectWrite(Ehfa_File* file, const Etxt_Char* path, const Etxt
   const kzdv::mif::DesignImpl& d = *design->impl;
   try {
     EERR_FAIL_IF(!kzdv::mif::Encode(d, object, 0, &bytes, &error), frame, EMSC_FALSE,
-                 L"Cannot encode %s of design %hs: %hs", name ? name : L"", d.name.c_str(),
-                 error.c_str());
+                 L"Cannot encode %s of design %s: %s", name ? name : L"", W(d.name),
+                 W(error));
     if (file->dict->dict.Add(design->impl)) file->dict->changed = true;
   } catch (const std::bad_alloc&) {
     EERR_FAIL(frame, EMSC_FALSE, L"Out of memory");
   }
   Node* n = Place(frame, file, path, name, position, d.name);
   if (!n) return EMSC_FALSE;
-  EERR_FAIL_IF(!file->SetData(n, &bytes, &d, &error), frame, EMSC_FALSE, L"Cannot write %s: %hs",
-               file->name.c_str(), error.c_str());
+  EERR_FAIL_IF(!file->SetData(n, &bytes, &d, &error), frame, EMSC_FALSE, L"Cannot write %s: %s",
+               file->name.c_str(), W(error));
   return AfterWrite(frame, file) ? EMSC_TRUE : EMSC_FALSE;
 }
 
@@ -357,13 +366,13 @@ Emsc_Boolean ehfa_ObjectDataWrite(Ehfa_File* file, const Etxt_Char* path, const 
   if (d && size > 0) {
     std::vector<uint8_t> probe = bytes;
     EERR_FAIL_IF(!kzdv::mif::Rebase(*d, probe.data(), probe.size(), 0, &error), frame, EMSC_FALSE,
-                 L"The data of %s do not match design %s: %hs", name ? name : L"", type,
-                 error.c_str());
+                 L"The data of %s do not match design %s: %s", name ? name : L"", type,
+                 W(error));
   }
   Node* n = Place(frame, file, path, name, position, t8);
   if (!n) return EMSC_FALSE;
   EERR_FAIL_IF(!file->SetData(n, &bytes, d.get(), &error), frame, EMSC_FALSE,
-               L"Cannot write %s: %hs", file->name.c_str(), error.c_str());
+               L"Cannot write %s: %s", file->name.c_str(), W(error));
   return AfterWrite(frame, file) ? EMSC_TRUE : EMSC_FALSE;
 }
 
@@ -386,9 +395,9 @@ Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod meth
   const kzdv::mif::DesignRef d = file->dict->dict.Find(n->type);
   if (!d) {
     const std::string why = file->dict->dict.Unusable(n->type);
-    frame.Fail(__LINE__, L"Node %hs has type %hs, which the dictionary of %s does not define%hs",
-               file->PathOf(n).c_str(), n->type.c_str(), file->name.c_str(),
-               why.empty() ? "" : (" usably: " + why).c_str());
+    frame.Fail(__LINE__, L"Node %s has type %s, which the dictionary of %s does not define%s",
+               W(file->PathOf(n)), W(n->type), file->name.c_str(),
+               W(why.empty() ? std::string() : " usably: " + why));
     return EMSC_FALSE;
   }
   std::vector<uint8_t> bytes;
@@ -396,7 +405,14 @@ Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod meth
   void* rec = nullptr;
   try {
     if (!file->ReadData(n, &bytes, &error)) {
-      frame.Fail(__LINE__, L"Cannot read %s: %hs", file->name.c_str(), error.c_str());
+      frame.Fail(__LINE__, L"Cannot read %s: %s", file->name.c_str(), W(error));
+      return EMSC_FALSE;
+    }
+    if (d->size > std::max<uint64_t>(file->io.size(), 1u << 20) ||
+        (!bytes.empty() && d->disk_min > bytes.size())) {
+      frame.Fail(__LINE__, L"Node %s holds %u bytes, not an object of type %s (%u bytes or more)",
+                 W(file->PathOf(n)), n->data_size, W(n->type),
+                 static_cast<unsigned>(d->disk_min));
       return EMSC_FALSE;
     }
     rec = emsc_HeapCalloc(1, d->size);
@@ -407,8 +423,8 @@ Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod meth
     if (!bytes.empty() && !kzdv::mif::Decode(*d, bytes.data(), bytes.size(), rec, &error)) {
       kzdv::mif::FreeContents(*d, rec);
       emsc_HeapFree(rec);
-      frame.Fail(__LINE__, L"Cannot decode %hs of type %hs in %s: %hs", file->PathOf(n).c_str(),
-                 n->type.c_str(), file->name.c_str(), error.c_str());
+      frame.Fail(__LINE__, L"Cannot decode %s of type %s in %s: %s", W(file->PathOf(n)),
+                 W(n->type), file->name.c_str(), W(error));
       return EMSC_FALSE;
     }
   } catch (const std::bad_alloc&) {
@@ -421,7 +437,48 @@ Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod meth
   return EMSC_TRUE;
 }
 
+// Reads into the caller's record of the caller's design.
+Emsc_Boolean ReadInto(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod method,
+                      const Etxt_Char* path, const Etxt_Char* name, const Emif_Design* design,
+                      void* record, bool missing_is_error) {
+  if (!design || !record) {
+    frame.Fail(__LINE__, L"Args");
+    return EMSC_FALSE;
+  }
+  std::memset(record, 0, design->impl->size);
+  const Emif_Design* stored = nullptr;
+  void* rec = nullptr;
+  if (!ReadObject(frame, file, method, path, name, &stored, &rec, missing_is_error)) {
+    return EMSC_FALSE;
+  }
+  std::string error;
+  const bool ok = kzdv::mif::Convert(*stored->impl, rec, *design->impl, record, &error);
+  kzdv::mif::FreeContents(*stored->impl, rec);
+  emsc_HeapFree(rec);
+  if (!ok) {
+    frame.Fail(__LINE__, L"Cannot read %s as design %s: %s", W(file->PathOf(file->current)),
+               design->impl->wname.c_str(), W(error));
+    return EMSC_FALSE;
+  }
+  return EMSC_TRUE;
+}
+
 }  // namespace
+
+Emsc_Boolean ehfa_ObjectReadInto(Ehfa_File* file, Ehfa_SeekMethod method, const Etxt_Char* path,
+                                 const Etxt_Char* name, const Emif_Design* design, void* record,
+                                 Eerr_ErrorReport** err) {
+  ErrorFrame frame(L"ehfa_ObjectReadInto", err);
+  return ReadInto(frame, file, method, path, name, design, record, true);
+}
+
+Emsc_Boolean ehfa_ObjectReadIntoIfPresent(Ehfa_File* file, Ehfa_SeekMethod method,
+                                          const Etxt_Char* path, const Etxt_Char* name,
+                                          const Emif_Design* design, void* record,
+                                          Eerr_ErrorReport** err) {
+  ErrorFrame frame(L"ehfa_ObjectReadIntoIfPresent", err);
+  return ReadInto(frame, file, method, path, name, design, record, false);
+}
 
 Emsc_Boolean ehfa_ObjectRead(Ehfa_File* file, Ehfa_SeekMethod method, const Etxt_Char* path,
                              const Etxt_Char* name, const Emif_Design** design, void** object,
@@ -451,13 +508,13 @@ Emsc_Boolean ehfa_ObjectDataReadIfPresent(Ehfa_File* file, Ehfa_SeekMethod metho
   const Node* n = file->current;
   std::vector<uint8_t> bytes;
   std::string error;
-  EERR_FAIL_IF(!file->ReadData(n, &bytes, &error), frame, EMSC_FALSE, L"Cannot read %s: %hs",
-               file->name.c_str(), error.c_str());
+  EERR_FAIL_IF(!file->ReadData(n, &bytes, &error), frame, EMSC_FALSE, L"Cannot read %s: %s",
+               file->name.c_str(), W(error));
   const kzdv::mif::DesignRef d = file->dict->dict.Find(n->type);
   if (d && !bytes.empty()) {
     EERR_FAIL_IF(!kzdv::mif::Rebase(*d, bytes.data(), bytes.size(), 0, &error), frame, EMSC_FALSE,
-                 L"Cannot read %hs in %s: %hs", file->PathOf(n).c_str(), file->name.c_str(),
-                 error.c_str());
+                 L"Cannot read %s in %s: %s", W(file->PathOf(n)), file->name.c_str(),
+                 W(error));
   }
   kzdv::HeapPtr<unsigned char> out(
       static_cast<unsigned char*>(emsc_MemDup(bytes.data(), bytes.size())));

@@ -14,6 +14,9 @@
 #include "eerr_frame.hpp"
 #include "hfa_internal.hpp"
 
+// Narrow UTF-8 text for a toolkit format's wide %s.
+#define W(s) kzdv::FromUtf8(s).c_str()
+
 using kzdv::ErrorFrame;
 using kzdv::ToUtf8;
 using namespace kzdv::hfa;
@@ -284,7 +287,7 @@ Emsc_Boolean ehfa_FileCopy(const Etxt_Char* source_name, const Etxt_Char* target
           Eerr_ErrorReport** callee = frame.Callee();
           fn(s, t, callee);
           if (frame.CalleeFailed()) {
-            frame.Fail(__LINE__, L"The copy function of node %hs failed", s->PathOf(sn).c_str());
+            frame.Fail(__LINE__, L"The copy function of node %s failed", W(s->PathOf(sn)));
             return EMSC_FALSE;
           }
         }
@@ -311,7 +314,7 @@ Emsc_Boolean ehfa_FileCopy(const Etxt_Char* source_name, const Etxt_Char* target
     error = "Out of memory";
   }
   if (!ok) {
-    frame.Fail(__LINE__, L"Cannot copy %s to %s: %hs", source_name, target_name, error.c_str());
+    frame.Fail(__LINE__, L"Cannot copy %s to %s: %s", source_name, target_name, W(error));
     return EMSC_FALSE;
   }
   Ehfa_File* closing = dst.f;

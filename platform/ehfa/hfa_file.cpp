@@ -267,6 +267,7 @@ bool Ehfa_File::Load(std::string* error) {
   // Entry headers, depth first. Every entry is read once; a link to an entry
   // already seen (a cycle or a shared child) or out of the file is an error.
   std::unordered_set<uint32_t> seen;
+  seen.reserve(static_cast<size_t>(std::min<uint64_t>(io.size() / 1024, 1u << 16)));
   auto read_entry = [&](uint32_t pos, Node* parent, Node** out) -> bool {
     if (pos < 20 || static_cast<uint64_t>(pos) + kEntryUsed > io.size()) {
       *error = "entry offset " + std::to_string(pos) + " lies outside the file" +
@@ -325,7 +326,8 @@ bool Ehfa_File::Load(std::string* error) {
 
 Node* Ehfa_File::FindChild(Node* parent, const std::string& name) const {
   if (!parent) return nullptr;
-  if (parent->children < 16) {
+  // A few lookups scan; many lookups in a large family pay for an index.
+  if (parent->children < 16 || (!parent->index && ++parent->lookups <= 8)) {
     for (Node* c = parent->child; c; c = c->next) {
       if (c->name == name) return c;
     }

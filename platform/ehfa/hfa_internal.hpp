@@ -35,6 +35,7 @@ struct Node {
   Node* next = nullptr;
   Node* prev = nullptr;
   long children = 0;
+  mutable int lookups = 0;  // name lookups among the children so far
   bool dirty = false;
   bool alive = true;
   // Children by name, built on the first lookup among many children.

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstring>
-#include <mutex>
 #include <set>
 
 #include "eerr_frame.hpp"
 #include "emif_internal.hpp"
+
+// Narrow UTF-8 text for a toolkit format's wide %s.
+#define W(s) kzdv::FromUtf8(s).c_str()
 
 namespace kzdv {
 namespace mif {
@@ -217,6 +219,11 @@ DesignRef BuildDesign(const std::string& name, std::vector<Field> fields, std::s
       return nullptr;
     }
     if (!f.IsObject()) f.design = nullptr;
+    if (f.design) {
+      auto h = std::make_shared<Emif_Design>();
+      h->impl = f.design;
+      f.handle = std::move(h);
+    }
     if (f.base == EMIF_T_ENUM) {
       if (f.enum_names.empty()) {
         *error = "Enumeration " + f.name + " has no names";
@@ -360,7 +367,7 @@ Emif_Design* emif_DesignCreateFromFields(const Etxt_Char* name, const Emif_Field
   }
   std::string error;
   DesignRef d = BuildDesign(kzdv::ToUtf8(name), std::move(fields), &error);
-  EERR_FAIL_IF(!d, frame, nullptr, L"%hs", error.c_str());
+  EERR_FAIL_IF(!d, frame, nullptr, L"%s", W(error));
   Emif_Design* h = NewHandle(d);
   EERR_FAIL_IF(!h, frame, nullptr, L"Out of memory");
   return h;
@@ -386,27 +393,13 @@ int emif_DesignFieldCount(const Emif_Design* design) {
   return design ? static_cast<int>(design->impl->fields.size()) : 0;
 }
 
-// Sub-design handles handed out by emif_DesignFieldGet live as long as the
-// process; there are few designs, and a handle is a shared pointer.
-static const Emif_Design* SubHandle(const DesignRef& d) {
-  static std::mutex mutex;
-  static std::unordered_map<const DesignImpl*, std::unique_ptr<Emif_Design>> handles;
-  std::lock_guard<std::mutex> lock(mutex);
-  auto& h = handles[d.get()];
-  if (!h) {
-    h.reset(new Emif_Design);
-    h->impl = d;
-  }
-  return h.get();
-}
-
 static void FillInfo(const Field& f, Emif_FieldInfo* info) {
   info->name = f.wname.c_str();
   info->code = f.code;
   info->fixed_count = f.fixed_count;
   info->offset = f.offset;
   info->size = f.size;
-  info->design = f.design ? SubHandle(f.design) : nullptr;
+  info->design = f.handle.get();
   info->enum_count = static_cast<int>(f.wenum_names.size());
   info->enum_names = f.wenum_ptrs.empty() ? nullptr : f.wenum_ptrs.data();
 }

@@ -5,6 +5,9 @@
 #include "eerr_frame.hpp"
 #include "emif_internal.hpp"
 
+// Narrow UTF-8 text for a toolkit format's wide %s.
+#define W(s) kzdv::FromUtf8(s).c_str()
+
 namespace kzdv {
 namespace mif {
 
@@ -363,7 +366,7 @@ Emif_Dictionary* emif_DictionaryFromText(const char* text, size_t length, Eerr_E
   std::unique_ptr<Emif_Dictionary> d(new (std::nothrow) Emif_Dictionary);
   EERR_FAIL_IF(!d, frame, nullptr, L"Out of memory");
   std::string error;
-  EERR_FAIL_IF(!Dictionary::Parse(text, length, &d->dict, &error), frame, nullptr, L"%hs",
-               error.c_str());
+  EERR_FAIL_IF(!Dictionary::Parse(text, length, &d->dict, &error), frame, nullptr, L"%s",
+               W(error));
   return d.release();
 }

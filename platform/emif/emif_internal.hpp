@@ -14,6 +14,8 @@
 
 #include "emif.h"
 
+struct Emif_Design;
+
 namespace kzdv {
 namespace mif {
 
@@ -39,6 +41,7 @@ struct Field {
   std::vector<std::wstring> wenum_names;
   std::vector<const Etxt_Char*> wenum_ptrs;  // closed by a null
   DesignRef design;                          // object fields
+  std::shared_ptr<const Emif_Design> handle;  // of `design`, for emif_DesignFieldGet
   size_t offset = 0;                         // memory record
   size_t size = 0;
   size_t align = 1;
@@ -78,6 +81,11 @@ bool Decode(const DesignImpl& d, const uint8_t* bytes, size_t size, void* record
             std::string* error);
 void FreeContents(const DesignImpl& d, void* record);
 bool CopyContents(const DesignImpl& d, const void* source, void* target, std::string* error);
+// Fills `target` (a record of `to`) from `source` (of `from`), field by
+// field by name: missing fields stay zero, numbers convert between types,
+// objects convert recursively, incompatible fields stay zero.
+bool Convert(const DesignImpl& from, const void* source, const DesignImpl& to, void* target,
+             std::string* error);
 // Rewrites the offsets of pointer fields in packed bytes so that they point
 // at their inline data for bytes placed at `base_offset` (0: free-standing).
 bool Rebase(const DesignImpl& d, uint8_t* bytes, size_t size, uint32_t base_offset,

@@ -373,3 +373,52 @@ TEST(EmifMIF, ObjectTravelsWithItsDictionary) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(EmifObject, ConvertsBetweenLayoutsByFieldName) {
+  // An older layout: fewer fields, an int where a double is now, a sub-object
+  // with one field less.
+  ErrGuard err;
+  DesignPtr old_sub = Own(emif_DesignCreate(L"Sub", 0xc, L"id", 0, &err));
+  DesignPtr old_d = Own(emif_DesignCreate(L"Rec", 0xc, L"a", 0xc, L"scale", 0x208, L"name", 0x202,
+                                          L"subs", old_sub.get(), 0xc, L"gone", 0, &err));
+  DesignPtr new_sub = SubDesign();  // id, value
+  DesignPtr new_d = Own(emif_DesignCreate(L"Rec", 0xe, L"scale", 0xc, L"a", 0x208, L"name", 0x202,
+                                          L"subs", new_sub.get(), 0x20e, L"added", 0, &err));
+  ASSERT_TRUE(old_d && new_d) << err.Text();
+  struct Old {
+    int32_t a, scale;
+    Emif_CountedString name;
+    Emif_CountedObjects subs;
+    int32_t gone;
+  };
+  struct New {
+    double scale;
+    int32_t a;
+    Emif_CountedString name;
+    Emif_CountedObjects subs;
+    Emif_CountedDoubles added;
+  };
+  int32_t old_subs[2] = {11, 12};
+  Old o{5, -3, {4, const_cast<Etxt_Char*>(L"abc")}, {2, old_subs}, 9};
+  New n;
+  ASSERT_TRUE(emif_ObjectConvert(old_d.get(), &o, new_d.get(), &n, &err)) << err.Text();
+  EXPECT_EQ(n.a, 5);
+  EXPECT_EQ(n.scale, -3.0);
+  EXPECT_EQ(std::wstring(n.name.data), L"abc");
+  ASSERT_EQ(n.subs.count, 2);
+  EXPECT_EQ(static_cast<Sub*>(n.subs.data)[1].id, 12);
+  EXPECT_EQ(static_cast<Sub*>(n.subs.data)[1].value, 0.0);
+  EXPECT_EQ(n.added.count, 0);
+  // Back again: a double rounds into the int.
+  n.scale = 2.6;
+  Old back;
+  ASSERT_TRUE(emif_ObjectConvert(new_d.get(), &n, old_d.get(), &back, &err));
+  EXPECT_EQ(back.scale, 3);
+  EXPECT_EQ(back.gone, 0);
+  emif_ObjectContentsFree(new_d.get(), &n, nullptr);
+  emif_ObjectContentsFree(old_d.get(), &back, nullptr);
+}
+
+}  // namespace

@@ -7,6 +7,9 @@
 #include "eerr_frame.hpp"
 #include "emif_internal.hpp"
 
+// Narrow UTF-8 text for a toolkit format's wide %s.
+#define W(s) kzdv::FromUtf8(s).c_str()
+
 using kzdv::ErrorFrame;
 using namespace kzdv::mif;
 
@@ -41,8 +44,8 @@ void* emif_ObjectCopy(const Emif_Design* design, const void* object, Eerr_ErrorR
   kzdv::HeapPtr<void> rec(emsc_HeapMalloc(design->impl->size));
   EERR_FAIL_IF(!rec, frame, nullptr, L"Out of memory");
   std::string error;
-  EERR_FAIL_IF(!CopyContents(*design->impl, object, rec.get(), &error), frame, nullptr, L"%hs",
-               error.c_str());
+  EERR_FAIL_IF(!CopyContents(*design->impl, object, rec.get(), &error), frame, nullptr, L"%s",
+               W(error));
   return rec.release();
 }
 
@@ -51,8 +54,19 @@ Emsc_Boolean emif_ObjectCopyContents(const Emif_Design* design, const void* sour
   ErrorFrame frame(L"emif_ObjectCopyContents", err);
   EERR_FAIL_IF(!design || !source || !target, frame, EMSC_FALSE, L"Args");
   std::string error;
-  EERR_FAIL_IF(!CopyContents(*design->impl, source, target, &error), frame, EMSC_FALSE, L"%hs",
-               error.c_str());
+  EERR_FAIL_IF(!CopyContents(*design->impl, source, target, &error), frame, EMSC_FALSE, L"%s",
+               W(error));
+  return EMSC_TRUE;
+}
+
+Emsc_Boolean emif_ObjectConvert(const Emif_Design* from, const void* source, const Emif_Design* to,
+                                void* target, Eerr_ErrorReport** err) {
+  ErrorFrame frame(L"emif_ObjectConvert", err);
+  EERR_FAIL_IF(!from || !source || !to || !target, frame, EMSC_FALSE, L"Args");
+  std::string error;
+  EERR_FAIL_IF(!Convert(*from->impl, source, *to->impl, target, &error), frame, EMSC_FALSE,
+               L"Cannot convert design %s to %s: %s", from->impl->wname.c_str(),
+               to->impl->wname.c_str(), W(error));
   return EMSC_TRUE;
 }
 
@@ -63,8 +77,8 @@ unsigned char* emif_ObjectEncode(const Emif_Design* design, const void* object,
   std::vector<uint8_t> bytes;
   std::string error;
   EERR_FAIL_IF(!Encode(*design->impl, object, base_offset, &bytes, &error), frame, nullptr,
-               L"Cannot encode an object of design %s: %hs", design->impl->wname.c_str(),
-               error.c_str());
+               L"Cannot encode an object of design %s: %s", design->impl->wname.c_str(),
+               W(error));
   unsigned char* out = static_cast<unsigned char*>(emsc_MemDup(bytes.data(), bytes.size()));
   EERR_FAIL_IF(!out, frame, nullptr, L"Out of memory");
   *size = static_cast<uint32_t>(bytes.size());
@@ -82,8 +96,8 @@ void* emif_ObjectDecode(const Emif_Design* design, const unsigned char* bytes, s
   if (!Decode(*design->impl, bytes ? bytes : &kNone, size, rec, &error)) {
     FreeContents(*design->impl, rec);
     emsc_HeapFree(rec);
-    EERR_FAIL(frame, nullptr, L"Cannot decode an object of design %s: %hs",
-              design->impl->wname.c_str(), error.c_str());
+    EERR_FAIL(frame, nullptr, L"Cannot decode an object of design %s: %s",
+              design->impl->wname.c_str(), W(error));
   }
   return rec;
 }
@@ -116,8 +130,8 @@ Emsc_Boolean emif_MIFableObjectConvertToMIF(const Emif_Design* design, const voi
   std::vector<uint8_t> packed;
   std::string error;
   EERR_FAIL_IF(!Encode(*design->impl, object, 0, &packed, &error), frame, EMSC_FALSE,
-               L"Cannot encode an object of design %s: %hs", design->impl->wname.c_str(),
-               error.c_str());
+               L"Cannot encode an object of design %s: %s", design->impl->wname.c_str(),
+               W(error));
   Dictionary dict;
   dict.Add(design->impl);
   Emif_CountedString name{}, text{};
@@ -156,12 +170,12 @@ Emsc_Boolean emif_MIFableObjectConvertFromMIF(const Emif_CountedString* design_n
   Dictionary dict;
   std::string error;
   EERR_FAIL_IF(!Dictionary::Parse(text.c_str(), text.size(), &dict, &error), frame, EMSC_FALSE,
-               L"%hs", error.c_str());
+               L"%s", W(error));
   DesignRef d = dict.Find(kzdv::ToUtf8(name));
   if (!d) {
     const std::string why = dict.Unusable(kzdv::ToUtf8(name));
-    EERR_FAIL(frame, EMSC_FALSE, L"The MIF dictionary does not define design %s%hs", name.c_str(),
-              why.empty() ? "" : (" (" + why + ")").c_str());
+    EERR_FAIL(frame, EMSC_FALSE, L"The MIF dictionary does not define design %s%s", name.c_str(),
+              W(why.empty() ? std::string() : " (" + why + ")"));
   }
   std::unique_ptr<Emif_Design> handle(new (std::nothrow) Emif_Design);
   EERR_FAIL_IF(!handle, frame, EMSC_FALSE, L"Out of memory");

@@ -39,7 +39,8 @@ typedef enum {
   EHFA_SEEK_FIRST_CHILD = 2, /* first child of the current node */
   EHFA_SEEK_NEXT_SIBLING = 4, /* next sibling of the current node */
   EHFA_SEEK_PARENT = 6,      /* back to the parent of the current node */
-  EHFA_SEEK_INTO = 8,        /* the node `path` (joined with `name` when given) */
+  EHFA_SEEK_INTO = 8,        /* the node `path` (joined with `name` when given); with
+                                neither, the current node itself */
   EHFA_SEEK_BY_NAME = 12,    /* the child `name` of node `path` (of the current
                                 node when path is null) */
   EHFA_SEEK_NEXT_IN_FILE = 18 /* the next entry in file order: the first child of
@@ -184,12 +185,27 @@ KZDV_EXPORT Emsc_Boolean ehfa_ObjectDataWrite(Ehfa_File* file, const Etxt_Char* 
 /* Seeks (method, path, name as ehfa_EntrySeek) and decodes the node's data
  * with the design of its type from the file's dictionary: *object gets a new
  * record (emif_ObjectFree with *design), *design (may be null) the design,
- * borrowed from the file's dictionary. A node without data gives a zeroed
- * record. */
+ * borrowed from the file's dictionary (valid until the file is closed; keep
+ * a copy with emif_DesignCopy). A node without data gives a zeroed record. */
 KZDV_EXPORT Emsc_Boolean ehfa_ObjectRead(Ehfa_File* file, Ehfa_SeekMethod method,
                                          const Etxt_Char* path, const Etxt_Char* name,
                                          const Emif_Design** design, void** object,
                                          Eerr_ErrorReport** err);
+/* Reads the node into the caller's `record` of the caller's `design` (zeroed
+ * first), converting from the stored design by field name (see
+ * emif_ObjectConvert): fields the stored object lacks read as zero. Free
+ * what the record then points to with emif_ObjectContentsFree. */
+KZDV_EXPORT Emsc_Boolean ehfa_ObjectReadInto(Ehfa_File* file, Ehfa_SeekMethod method,
+                                             const Etxt_Char* path, const Etxt_Char* name,
+                                             const Emif_Design* design, void* record,
+                                             Eerr_ErrorReport** err);
+/* As ehfa_ObjectReadInto; a missing node gives EMSC_FALSE without a report
+ * and the record zeroed. */
+KZDV_EXPORT Emsc_Boolean ehfa_ObjectReadIntoIfPresent(Ehfa_File* file, Ehfa_SeekMethod method,
+                                                      const Etxt_Char* path,
+                                                      const Etxt_Char* name,
+                                                      const Emif_Design* design, void* record,
+                                                      Eerr_ErrorReport** err);
 /* As ehfa_ObjectRead, but a missing node is not a failure: returns
  * EMSC_FALSE, *object null, no report. Check the report for failures. */
 KZDV_EXPORT Emsc_Boolean ehfa_ObjectReadIfPresent(Ehfa_File* file, Ehfa_SeekMethod method,

@@ -31,7 +31,8 @@
  * (0x03, 0x103, 0x203) takes its value names (const Etxt_Char*) closed by a
  * null pointer; a fixed array (0x1xx) takes its element count (int); every
  * object field (base 0x01 or 0x02) takes the design of its objects (const
- * Emif_Design*). The design is copied, so the caller keeps ownership of it.
+ * Emif_Design*), after the count for a fixed array of objects. The design is
+ * shared, so the caller keeps ownership of its handle.
  *
  * Thread safety: designs are immutable once made and may be shared between
  * threads; a dictionary is not thread-safe (callers serialise, e.g. in the
@@ -224,6 +225,15 @@ KZDV_EXPORT void* emif_ObjectCopy(const Emif_Design* design, const void* object,
                                   Eerr_ErrorReport** err);
 KZDV_EXPORT Emsc_Boolean emif_ObjectCopyContents(const Emif_Design* design, const void* source,
                                                  void* target, Eerr_ErrorReport** err);
+/* Fills the caller's record `target` of design `to` from `source` of design
+ * `from`, matching fields by name: a field the source lacks stays zero, one
+ * only the source has is dropped, numbers convert between integer and float
+ * types (rounded, clamped), objects convert field by field, other mismatches
+ * stay zero. For reading objects stored under an older or newer layout.
+ * `target`'s old contents are not freed; on failure it is left zeroed. */
+KZDV_EXPORT Emsc_Boolean emif_ObjectConvert(const Emif_Design* from, const void* source,
+                                            const Emif_Design* to, void* target,
+                                            Eerr_ErrorReport** err);
 /* Packed disk bytes of a record. Pointer fields store their count and the
  * position of their data, counted from `base_offset` (the file position the
  * bytes will occupy; 0 for free-standing bytes). Heap block, size in *size. */

@@ -245,4 +245,7 @@ KZDV_EXPORT Emsc_Boolean eprj_IsDatumVertical(const Etxt_Char* datumName);
 
 KZDV_END_C
 
+/* Storage in hierarchical files and MIF form. */
+#include "eprj_hfa.h"
+
 #endif /* EPRJ_H */

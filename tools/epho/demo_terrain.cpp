@@ -123,21 +123,24 @@ bool DemoPyramids(epho_tool::DemoContext& demo) {
     return false;
   }
   Eimg_PixelRect* one = eimg_PixelRectCreate(1, 1, EGDA_TYPE_F32, nullptr);
-  const double* m2f = entry->GetMapToFileXForm();
+  Efga_Matrix* point = efga_MatrixCreate(2, 1, nullptr);
   double worst = 0;
   int points = 0;
-  bool ok = one != nullptr;
+  bool ok = one && point;
   for (int i = 0; ok && i < 25; ++i) {
     // Cell centres, where the DEM holds the terrain exactly (to float precision).
     double e = kOriginE + (10 * i + 3.5) * kDemCell, n = kOriginN - (9 * i + 5.5) * kDemCell;
-    long fx = long(m2f[0] * e + m2f[1] * n + m2f[2]), fy = long(m2f[3] * e + m2f[4] * n + m2f[5]);
-    ok = eimg_LayerRasterPixelRectGet(layer, fx, fy, one, nullptr) == EMSC_TRUE;
+    EFGA_MATRIX_AT(point, 0, 0) = e, EFGA_MATRIX_AT(point, 1, 0) = n;
+    ok = exfr_Transform(entry->GetMapToFileXForm(), point, point, nullptr) &&
+         eimg_LayerRasterPixelRectGet(layer, long(EFGA_MATRIX_AT(point, 0, 0)),
+                                      long(EFGA_MATRIX_AT(point, 1, 0)), one, nullptr);
     if (ok) {
       worst = std::max(worst, std::fabs(*reinterpret_cast<float*>(one->data) - TerrainHeight(e, n)));
       ++points;
     }
   }
   eimg_PixelRectDelete(one);
+  efga_MatrixFree(point);
   eimg_LayerClose(layer, nullptr);
   if (!ok || worst > 1e-3) {
     std::printf("  DEM cache heights disagree with the terrain (%.4f m)\n", worst);

@@ -1,0 +1,431 @@
+// epho hfa dump FILE [--node PATH] [--json] [--items N]
+//
+// Prints the entry tree of a hierarchical file (block files, .img images)
+// with each entry's type, size and decoded object values. Long arrays show
+// their first N items (default 8).
+#include <algorithm>
+#include <cinttypes>
+#include <cstdlib>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "ehfa.h"
+#include "registry.h"
+
+namespace epho_tool {
+namespace {
+
+// A decoded value: a scalar text, an object (named fields) or an array.
+struct Value {
+  enum Kind { kScalar, kString, kObject, kArray } kind = kScalar;
+  std::string text;
+  std::vector<std::pair<std::string, Value>> fields;
+  std::vector<Value> items;
+  long more = 0;  // array items left out
+};
+
+std::string Narrow(const wchar_t* s) { return s ? kzdv::ToUtf8(s) : std::string(); }
+
+std::string Number(double v) {
+  char b[64];
+  std::snprintf(b, sizeof b, "%.15g", v);
+  return b;
+}
+
+size_t ElementSize(const Emif_FieldInfo& f) {
+  const int base = f.code & 0xff;
+  switch (base) {
+    case EMIF_T_OBJECT:
+    case EMIF_T_OBJECT_PTR:
+      return emif_DesignSizeGet(f.design);
+    case EMIF_T_BASEDATA:
+      return sizeof(Emif_BaseData);
+    case EMIF_T_UCHAR:
+    case EMIF_T_CHAR:
+      return 1;
+    case EMIF_T_USHORT:
+    case EMIF_T_SHORT:
+      return 2;
+    case EMIF_T_DOUBLE:
+    case EMIF_T_COMPLEX:
+      return 8;
+    case EMIF_T_DCOMPLEX:
+      return 16;
+    default:
+      return 4;
+  }
+}
+
+Value Record(const Emif_Design* d, const uint8_t* rec, int max_items, int depth);
+
+Value Element(const Emif_FieldInfo& f, const uint8_t* p, int max_items, int depth) {
+  Value v;
+  switch (f.code & 0xff) {
+    case EMIF_T_OBJECT:
+    case EMIF_T_OBJECT_PTR:
+      return Record(f.design, p, max_items, depth + 1);
+    case EMIF_T_ENUM: {
+      int32_t e;
+      std::memcpy(&e, p, 4);
+      v.text = e >= 0 && e < f.enum_count ? Narrow(f.enum_names[e]) + " (" + std::to_string(e) + ")"
+                                          : std::to_string(e);
+      return v;
+    }
+    case EMIF_T_BASEDATA: {
+      Emif_BaseData b;
+      std::memcpy(&b, p, sizeof b);
+      v.text = "base data " + std::to_string(b.rows) + "x" + std::to_string(b.columns) + " type " +
+               std::to_string(b.data_type) + ", " + std::to_string(b.byte_count) + " bytes";
+      return v;
+    }
+    case EMIF_T_UCHAR:
+      v.text = std::to_string(*p);
+      return v;
+    case EMIF_T_CHAR:
+      v.text = std::to_string(static_cast<int>(static_cast<signed char>(*p)));
+      return v;
+    case EMIF_T_USHORT: {
+      uint16_t x;
+      std::memcpy(&x, p, 2);
+      v.text = std::to_string(x);
+      return v;
+    }
+    case EMIF_T_SHORT: {
+      int16_t x;
+      std::memcpy(&x, p, 2);
+      v.text = std::to_string(x);
+      return v;
+    }
+    case EMIF_T_LONG: {
+      int32_t x;
+      std::memcpy(&x, p, 4);
+      v.text = std::to_string(x);
+      return v;
+    }
+    case EMIF_T_FLOAT: {
+      float x;
+      std::memcpy(&x, p, 4);
+      v.text = Number(x);
+      return v;
+    }
+    case EMIF_T_DOUBLE: {
+      double x;
+      std::memcpy(&x, p, 8);
+      v.text = Number(x);
+      return v;
+    }
+    case EMIF_T_COMPLEX: {
+      float x[2];
+      std::memcpy(x, p, 8);
+      v.text = "(" + Number(x[0]) + ", " + Number(x[1]) + ")";
+      return v;
+    }
+    case EMIF_T_DCOMPLEX: {
+      double x[2];
+      std::memcpy(x, p, 16);
+      v.text = "(" + Number(x[0]) + ", " + Number(x[1]) + ")";
+      return v;
+    }
+    default: {  // time and unsigned 32-bit
+      uint32_t x;
+      std::memcpy(&x, p, 4);
+      v.text = std::to_string(x);
+      return v;
+    }
+  }
+}
+
+Value Items(const Emif_FieldInfo& f, const uint8_t* data, long count, int max_items, int depth) {
+  Value v;
+  v.kind = Value::kArray;
+  const size_t size = ElementSize(f);
+  for (long i = 0; i < count && i < max_items; ++i) {
+    v.items.push_back(Element(f, data + size * static_cast<size_t>(i), max_items, depth));
+  }
+  v.more = count > max_items ? count - max_items : 0;
+  return v;
+}
+
+Value Field(const Emif_FieldInfo& f, const uint8_t* p, int max_items, int depth) {
+  const int modifier = f.code & ~0xff;
+  const int base = f.code & 0xff;
+  Value v;
+  if (modifier == EMIF_M_COUNTED) {
+    Emif_CountedObjects c;
+    std::memcpy(&c, p, sizeof c);
+    if (base == EMIF_T_CHAR) {  // text
+      v.kind = Value::kString;
+      v.text = c.data ? Narrow(static_cast<const wchar_t*>(c.data)) : "";
+      if (!c.data) v.kind = Value::kScalar, v.text = "null";
+      return v;
+    }
+    return Items(f, static_cast<const uint8_t*>(c.data), c.data ? c.count : 0, max_items, depth);
+  }
+  if (modifier == EMIF_M_POINTER || base == EMIF_T_OBJECT_PTR) {
+    const uint8_t* ptr;
+    std::memcpy(&ptr, p, sizeof ptr);
+    if (!ptr) {
+      v.text = "null";
+      return v;
+    }
+    return Element(f, ptr, max_items, depth);
+  }
+  if (modifier == EMIF_M_FIXED) {
+    if (base == EMIF_T_CHAR) {
+      v.kind = Value::kString;
+      v.text.assign(reinterpret_cast<const char*>(p), strnlen(reinterpret_cast<const char*>(p),
+                                                              static_cast<size_t>(f.fixed_count)));
+      return v;
+    }
+    return Items(f, p, f.fixed_count, max_items, depth);
+  }
+  return Element(f, p, max_items, depth);
+}
+
+Value Record(const Emif_Design* d, const uint8_t* rec, int max_items, int depth) {
+  Value v;
+  v.kind = Value::kObject;
+  if (depth > 32) return v;
+  for (int i = 0; i < emif_DesignFieldCount(d); ++i) {
+    Emif_FieldInfo f;
+    emif_DesignFieldGet(d, i, &f);
+    v.fields.emplace_back(Narrow(f.name), Field(f, rec + f.offset, max_items, depth));
+  }
+  return v;
+}
+
+// ---- output -------------------------------------------------------------------
+
+std::string Json(const std::string& s) {
+  std::string o = "\"";
+  for (unsigned char c : s) {
+    if (c == '"' || c == '\\') {
+      o += '\\';
+      o += static_cast<char>(c);
+    } else if (c < 0x20) {
+      char b[8];
+      std::snprintf(b, sizeof b, "\\u%04x", c);
+      o += b;
+    } else {
+      o += static_cast<char>(c);
+    }
+  }
+  return o + "\"";
+}
+
+void PrintJson(FILE* out, const Value& v) {
+  switch (v.kind) {
+    case Value::kScalar:
+      // Numbers stay numbers; anything else is quoted.
+      if (!v.text.empty() && v.text.find_first_not_of("0123456789+-.e") == std::string::npos) {
+        std::fputs(v.text.c_str(), out);
+      } else {
+        std::fputs(Json(v.text).c_str(), out);
+      }
+      return;
+    case Value::kString:
+      std::fputs(Json(v.text).c_str(), out);
+      return;
+    case Value::kObject: {
+      std::fputc('{', out);
+      for (size_t i = 0; i < v.fields.size(); ++i) {
+        std::fprintf(out, "%s%s:", i ? "," : "", Json(v.fields[i].first).c_str());
+        PrintJson(out, v.fields[i].second);
+      }
+      std::fputc('}', out);
+      return;
+    }
+    case Value::kArray:
+      std::fputc('[', out);
+      for (size_t i = 0; i < v.items.size(); ++i) {
+        if (i) std::fputc(',', out);
+        PrintJson(out, v.items[i]);
+      }
+      if (v.more) std::fprintf(out, "%s{\"more\":%ld}", v.items.empty() ? "" : ",", v.more);
+      std::fputc(']', out);
+      return;
+  }
+}
+
+std::string Inline(const Value& v) {
+  switch (v.kind) {
+    case Value::kScalar:
+      return v.text;
+    case Value::kString:
+      return "\"" + v.text + "\"";
+    case Value::kObject: {
+      std::string s = "{";
+      for (size_t i = 0; i < v.fields.size(); ++i) {
+        s += (i ? ", " : "") + v.fields[i].first + " " + Inline(v.fields[i].second);
+      }
+      return s + "}";
+    }
+    case Value::kArray: {
+      std::string s = "[";
+      for (size_t i = 0; i < v.items.size(); ++i) s += (i ? ", " : "") + Inline(v.items[i]);
+      if (v.more) s += ", ... " + std::to_string(v.more) + " more";
+      return s + "]";
+    }
+  }
+  return "";
+}
+
+void PrintText(FILE* out, const Value& v, int indent) {
+  for (const auto& [name, value] : v.fields) {
+    const std::string flat = Inline(value);
+    if (flat.size() + name.size() + static_cast<size_t>(indent) <= 100 ||
+        (value.kind != Value::kObject && value.kind != Value::kArray)) {
+      std::fprintf(out, "%*s%s = %s\n", indent, "", name.c_str(), flat.c_str());
+    } else if (value.kind == Value::kObject) {
+      std::fprintf(out, "%*s%s:\n", indent, "", name.c_str());
+      PrintText(out, value, indent + 2);
+    } else {
+      std::fprintf(out, "%*s%s: %zu%s items\n", indent, "", name.c_str(), value.items.size(),
+                   value.more ? (" of " + std::to_string(value.items.size() + value.more)).c_str()
+                              : "");
+      for (size_t i = 0; i < value.items.size(); ++i) {
+        std::fprintf(out, "%*s[%zu] %s\n", indent + 2, "", i, Inline(value.items[i]).c_str());
+      }
+    }
+  }
+}
+
+struct DumpOptions {
+  bool json = false;
+  int max_items = 8;
+};
+
+// Prints the current node and its subtree; returns the number of entries
+// whose data could not be decoded.
+int DumpNode(FILE* out, Ehfa_File* f, const DumpOptions& o, int depth, bool first) {
+  Ehfa_EntryInfo info;
+  Eerr_ErrorReport* err = nullptr;
+  ehfa_EntryInfoGet(f, &info, &err);
+  const std::string name = info.name, type = info.type;
+  const uint32_t size = info.data_size, offset = info.data_offset;
+  int bad = 0;
+  Value value;
+  std::string problem;
+  bool has_value = false;
+  if (size > 0) {
+    const Emif_Design* d = nullptr;
+    void* rec = nullptr;
+    if (ehfa_ObjectRead(f, EHFA_SEEK_INTO, nullptr, nullptr, &d, &rec, &err)) {
+      value = Record(d, static_cast<const uint8_t*>(rec), o.max_items, 0);
+      has_value = true;
+      emif_ObjectFree(d, rec, nullptr);
+    } else {
+      const Eerr_ErrorReport* inner = eerr_ErrorReportInnermost(err);
+      problem = inner && inner->message ? kzdv::ToUtf8(inner->message) : "cannot decode";
+      ++bad;
+    }
+    eerr_DeleteErrorReportEx(&err);
+  }
+  const int indent = 2 * depth;
+  if (o.json) {
+    std::fprintf(out, "%s{\"name\":%s,\"type\":%s,\"offset\":%u,\"size\":%u", first ? "" : ",",
+                 Json(name).c_str(), Json(type).c_str(), offset, size);
+    if (has_value) {
+      std::fputs(",\"value\":", out);
+      PrintJson(out, value);
+    }
+    if (!problem.empty()) std::fprintf(out, ",\"error\":%s", Json(problem).c_str());
+  } else {
+    std::fprintf(out, "%*s%s  (%s", indent, "", depth == 0 && name == "root" ? ":" : name.c_str(),
+                 type.c_str());
+    if (size) std::fprintf(out, ", %u bytes at %u", size, offset);
+    std::fprintf(out, ")\n");
+    if (has_value) PrintText(out, value, indent + 4);
+    if (!problem.empty()) std::fprintf(out, "%*s! %s\n", indent + 4, "", problem.c_str());
+  }
+  if (o.json) std::fputs(",\"children\":[", out);
+  if (depth > 200) {
+    if (!o.json) std::fprintf(out, "%*s... deeper entries left out\n", indent + 2, "");
+  } else if (ehfa_EntrySeekIfPresent(f, EHFA_SEEK_FIRST_CHILD, nullptr, nullptr, &err)) {
+    bool first_child = true;
+    do {
+      bad += DumpNode(out, f, o, depth + 1, first_child);
+      first_child = false;
+    } while (ehfa_EntrySeekIfPresent(f, EHFA_SEEK_NEXT_SIBLING, nullptr, nullptr, &err));
+    ehfa_EntrySeek(f, EHFA_SEEK_PARENT, nullptr, nullptr, &err);
+  }
+  eerr_DeleteErrorReportEx(&err);
+  if (o.json) std::fputs("]}", out);
+  return bad;
+}
+
+}  // namespace
+
+// Dumps `file` (from node `node`, or the root) to `out`; 0 when every entry
+// decoded, 3 when some could not, 1 when the file cannot be opened.
+int HfaDump(FILE* out, const std::string& file, const std::string& node, bool json,
+            int max_items);
+int HfaDump(FILE* out, const std::string& file, const std::string& node, bool json,
+            int max_items) {
+  Eerr_ErrorReport* err = nullptr;
+  const std::wstring wfile = kzdv::FromUtf8(file);
+  Ehfa_File* f = ehfa_FileOpen(wfile.c_str(), "r", nullptr, &err);
+  if (!f) {
+    eerr_PrintErrorReport(err, nullptr, 0);
+    eerr_DeleteErrorReport(err);
+    return 1;
+  }
+  if (!node.empty() && !ehfa_EntrySeek(f, EHFA_SEEK_INTO, kzdv::FromUtf8(node).c_str(), nullptr,
+                                       &err)) {
+    eerr_PrintErrorReport(err, nullptr, 0);
+    eerr_DeleteErrorReport(err);
+    ehfa_FileClose(f, nullptr);
+    return 1;
+  }
+  DumpOptions o;
+  o.json = json;
+  o.max_items = max_items;
+  if (!json) {
+    std::fprintf(out, "%s: %d designs in the dictionary\n", file.c_str(),
+                 emif_DictionaryDesignCount(ehfa_FileDictionaryGet(f)));
+  }
+  const int bad = DumpNode(out, f, o, 0, true);
+  if (json) std::fputc('\n', out);
+  ehfa_FileClose(f, nullptr);
+  return bad ? 3 : 0;
+}
+
+namespace {
+
+int RunHfa(int argc, char** argv) {
+  const char* usage = "usage: epho hfa dump FILE [--node PATH] [--json] [--items N]\n";
+  if (argc < 3 || std::strcmp(argv[1], "dump") != 0) {
+    std::fputs(usage, argc >= 2 && !std::strcmp(argv[1], "--help") ? stdout : stderr);
+    return argc >= 2 && !std::strcmp(argv[1], "--help") ? 0 : 2;
+  }
+  std::string file, node;
+  bool json = false;
+  int items = 8;
+  for (int i = 2; i < argc; ++i) {
+    if (!std::strcmp(argv[i], "--json")) {
+      json = true;
+    } else if (!std::strcmp(argv[i], "--node") && i + 1 < argc) {
+      node = argv[++i];
+    } else if (!std::strcmp(argv[i], "--items") && i + 1 < argc) {
+      items = std::max(0, std::atoi(argv[++i]));
+    } else if (argv[i][0] != '-' && file.empty()) {
+      file = argv[i];
+    } else {
+      std::fputs(usage, stderr);
+      return 2;
+    }
+  }
+  if (file.empty()) {
+    std::fputs(usage, stderr);
+    return 2;
+  }
+  return HfaDump(stdout, file, node, json, items);
+}
+
+}  // namespace
+}  // namespace epho_tool
+
+EPHO_COMMAND("hfa", "dump FILE [--node PATH] [--json]  print the tree of a hierarchical file",
+             epho_tool::RunHfa);

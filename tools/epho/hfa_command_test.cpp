@@ -1,0 +1,78 @@
+// `epho hfa dump` on a file GDAL writes: the tree and values in text, and
+// JSON that a JSON reader accepts with the same values.
+#include <gtest/gtest.h>
+
+#include <gdal.h>
+
+#include <boost/property_tree/json_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
+#include <cstdio>
+#include <sstream>
+#include <string>
+
+#include "test_util.h"
+
+namespace epho_tool {
+int HfaDump(FILE* out, const std::string& file, const std::string& node, bool json,
+            int max_items);
+}
+
+namespace {
+
+std::string Capture(const std::string& file, const std::string& node, bool json, int* rc) {
+  FILE* out = std::tmpfile();
+  *rc = epho_tool::HfaDump(out, file, node, json, 4);
+  std::rewind(out);
+  std::string text;
+  char buf[4096];
+  size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, out)) > 0) text.append(buf, n);
+  std::fclose(out);
+  return text;
+}
+
+TEST(HfaCommand, DumpsTreeAndValuesAsTextAndJson) {
+  testutil::ScratchDir dir("hfa_dump");
+  GDALAllRegister();
+  const std::string path = dir.File("d.img");
+  GDALDatasetH ds = GDALCreate(GDALGetDriverByName("HFA"), path.c_str(), 300, 200, 1, GDT_Int16,
+                               nullptr);
+  double gt[6] = {1000, 2, 0, 5000, 0, -2};
+  GDALSetGeoTransform(ds, gt);
+  GDALClose(ds);
+
+  int rc = -1;
+  const std::string text = Capture(path, "", false, &rc);
+  EXPECT_EQ(rc, 0) << text;
+  EXPECT_NE(text.find("  Layer_1  (Eimg_Layer, 20 bytes"), std::string::npos) << text;
+  EXPECT_NE(text.find("width = 300"), std::string::npos) << text;
+  EXPECT_NE(text.find("pixelType = s16 (6)"), std::string::npos) << text;
+  EXPECT_NE(text.find("RasterDMS  (Edms_State"), std::string::npos) << text;
+
+  const std::string json = Capture(path, ":Layer_1", true, &rc);
+  EXPECT_EQ(rc, 0);
+  std::istringstream in(json);
+  boost::property_tree::ptree tree;
+  ASSERT_NO_THROW(boost::property_tree::read_json(in, tree)) << json;
+  EXPECT_EQ(tree.get<std::string>("name"), "Layer_1");
+  EXPECT_EQ(tree.get<int>("value.height"), 200);
+  EXPECT_EQ(tree.get<std::string>("value.pixelType"), "s16 (6)");
+  bool map_info = false;
+  for (const auto& child : tree.get_child("children")) {
+    if (child.second.get<std::string>("name") == "Map_Info") {
+      map_info = true;
+      EXPECT_DOUBLE_EQ(child.second.get<double>("value.upperLeftCenter.x"), 1001.0);
+    }
+  }
+  EXPECT_TRUE(map_info);
+
+  // Missing files and nodes fail with a report.
+  testutil::PrintedReports reports;
+  Capture(dir.File("missing.img"), "", false, &rc);
+  EXPECT_EQ(rc, 1);
+  Capture(path, ":NoSuchNode", false, &rc);
+  EXPECT_EQ(rc, 1);
+  EXPECT_EQ(reports.texts().size(), 2u);
+}
+
+}  // namespace
