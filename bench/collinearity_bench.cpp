@@ -75,17 +75,16 @@ int main() {
                                     lens_values[3] * std::pow(kFocal, 4), 0.0, 0.0, 0.0};
   const cv::Mat obj(kPoints, 1, CV_64FC3, ground.data());
   std::vector<cv::Point2d> theirs;
-  const double t_cv = bench::BestSeconds(5, [&] {
-    cv::projectPoints(obj, rvec, tvec, K, dist, theirs);
-  });
+  const double t_cv =
+      bench::BestSeconds(5, [&] { cv::projectPoints(obj, rvec, tvec, K, dist, theirs); });
   double max_diff = 0;
   for (int i = 0; i < kPoints; ++i) {
     max_diff = std::fmax(max_diff, std::fabs(theirs[i].x - ours[2 * i]));
     max_diff = std::fmax(max_diff, std::fabs(theirs[i].y - ours[2 * i + 1]));
   }
   std::printf("same film coordinates within %.2e mm\n", max_diff);
-  bench::PrintComparison("collinearity+radial distortion, 1M points", "cv::projectPoints",
-                         t_ours, t_cv, "(target >= x1.00)");
+  bench::PrintComparison("collinearity+radial distortion, 1M points", "cv::projectPoints", t_ours,
+                         t_cv, "(target >= x1.00)");
 #else
   std::printf("collinearity+radial distortion, 1M points: ours %.4f s (OpenCV not found)\n",
               t_ours);

@@ -57,12 +57,12 @@ void epho_RotateAll(const double* angles, double* R, short code) {
   if (code == 0 || code == 1) {
     // Phi-first: slot 0 phi (primary), slot 1 omega, slot 2 kappa.
     const double phi = angles[0];
-    R[0] = std::cos(phi);                                  // cos phi
-    R[8] = code == 0 ? std::sin(-phi) : std::sin(phi);     // sin p
-    R[3] = std::sin(angles[1]);                            // sin omega
-    R[4] = std::cos(angles[1]);                            // cos omega
-    R[6] = std::sin(angles[2]);                            // sin kappa
-    R[7] = std::cos(angles[2]);                            // cos kappa
+    R[0] = std::cos(phi);                               // cos phi
+    R[8] = code == 0 ? std::sin(-phi) : std::sin(phi);  // sin p
+    R[3] = std::sin(angles[1]);                         // sin omega
+    R[4] = std::cos(angles[1]);                         // cos omega
+    R[6] = std::sin(angles[2]);                         // sin kappa
+    R[7] = std::cos(angles[2]);                         // cos kappa
     const double cphi = R[0], sp = R[8], so = R[3], co = R[4], sk = R[6], ck = R[7];
     R[0] = cphi * ck + sp * so * sk;
     R[1] = sp * so * ck - cphi * sk;
@@ -137,8 +137,7 @@ Emsc_Boolean epho_Angular2LinearUnits(double latitude, const Etxt_Char* offset_u
 }
 
 Emsc_Boolean epho_Linear2AngularUnits(double latitude, const Etxt_Char* /*unused_unit*/,
-                                      double ecc2, double semi_major,
-                                      const Etxt_Char* linear_unit,
+                                      double ecc2, double semi_major, const Etxt_Char* linear_unit,
                                       const Etxt_Char* angular_unit, double* offset_x,
                                       double* offset_y) {
   double x = *offset_x;

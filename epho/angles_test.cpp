@@ -1,9 +1,9 @@
 #include "epho/angles.h"
 
-#include <cmath>
+#include <gtest/gtest.h>
 
 #include <Eigen/Geometry>
-#include <gtest/gtest.h>
+#include <cmath>
 
 namespace {
 
@@ -72,7 +72,7 @@ TEST(AnglesTest, ZeroAnglesGiveIdentity) {
 }
 
 TEST(AnglesTest, AnglesRoundTripInEverySystem) {
-  const double samples[][3] = {{0.1, 0.2, 0.3},     {-1.2, 1.4, -3.0},  {3.1, -1.5, 3.14159},
+  const double samples[][3] = {{0.1, 0.2, 0.3},     {-1.2, 1.4, -3.0}, {3.1, -1.5, 3.14159},
                                {-2.9, 0.0, -0.001}, {0.0, -0.7, 1.57}, {2.0, 1.0, -2.5}};
   for (short code : {0, 1, 2, -1}) {
     for (const auto& t : samples) {
@@ -115,8 +115,8 @@ TEST(AnglesTest, AngularOffsetsToChordsAndBack) {
   EXPECT_NEAR(yf, ym / 0.3048, 1e-6);
 
   // Back to degrees: the inverse for meters.
-  EXPECT_TRUE(epho_Linear2AngularUnits(0.5 * 180 / kPi, nullptr, e2, a, L"meters", L"DEGREES",
-                                       &xm, &ym));
+  EXPECT_TRUE(
+      epho_Linear2AngularUnits(0.5 * 180 / kPi, nullptr, e2, a, L"meters", L"DEGREES", &xm, &ym));
   EXPECT_NEAR(xm, 0.01, 1e-12);
   EXPECT_NEAR(ym, 0.01, 1e-12);
   // Radians out: result 0, values still written.

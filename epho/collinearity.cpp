@@ -57,8 +57,7 @@ double epho_GetAverageGroundZ(const double* a, const double* b, double offset, i
 Emsc_Boolean epho_CameraImageToRay(const double* m, double x, double y, double* d) {
   const double a[3] = {m[5] - x * m[1], m[6] - x * m[2], m[7] - x * m[3]};
   const double b[3] = {m[9] - y * m[1], m[10] - y * m[2], m[11] - y * m[3]};
-  double c[3] = {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2],
-                 a[0] * b[1] - a[1] * b[0]};
+  double c[3] = {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
   const double n2 = c[0] * c[0] + c[1] * c[1] + c[2] * c[2];
   if (!(n2 > 0.0) || !std::isfinite(n2)) return EMSC_TRUE;
   if (m[1] * c[0] + m[2] * c[1] + m[3] * c[2] < 0.0) {

@@ -1,9 +1,9 @@
 #include "epho/collinearity.h"
 
-#include <cmath>
+#include <gtest/gtest.h>
 
 #include <Eigen/Geometry>
-#include <gtest/gtest.h>
+#include <cmath>
 
 namespace {
 
@@ -46,15 +46,9 @@ TEST(ProjectionMatrixTest, MatchesPinholeInEveryRotationSystem) {
   const double f = 153.2;
   const Eigen::Vector3d C(4200.0, -1300.0, 2500.0);
   const Eigen::Vector3d pts[] = {{4000, -1000, 120}, {4800, -2000, 30}, {3500, -900, 410}};
-  const auto Ry = [](double a) {
-    return Eigen::AngleAxisd(a, Eigen::Vector3d::UnitY()).matrix();
-  };
-  const auto Rx = [](double a) {
-    return Eigen::AngleAxisd(a, Eigen::Vector3d::UnitX()).matrix();
-  };
-  const auto Rz = [](double a) {
-    return Eigen::AngleAxisd(a, Eigen::Vector3d::UnitZ()).matrix();
-  };
+  const auto Ry = [](double a) { return Eigen::AngleAxisd(a, Eigen::Vector3d::UnitY()).matrix(); };
+  const auto Rx = [](double a) { return Eigen::AngleAxisd(a, Eigen::Vector3d::UnitX()).matrix(); };
+  const auto Rz = [](double a) { return Eigen::AngleAxisd(a, Eigen::Vector3d::UnitZ()).matrix(); };
   const double a0 = 0.02, a1 = -0.03, a2 = 0.7;
   // Camera systems: 0 omega-phi-kappa; 1 phi+ (slot 0 phi); 2 phi-.
   const Eigen::Matrix3d Rs[3] = {Opk(a0, a1, a2), Ry(a0) * Rx(a1) * Rz(a2),

@@ -10,8 +10,8 @@ int ModelCode(const double* p) { return static_cast<int>(p[0] + 0.5); }
 
 // Radial balanced at a zero-distortion radius, affinity, a tangential profile
 // T scaled by `t_scale` (1/|p1| or |p2|), and the polynomial terms p12..p21.
-void ExtendedModel(const double* p, double r2_0, double r4_0, double r6_0, double t_scale,
-                   double x, double y, double* dx, double* dy) {
+void ExtendedModel(const double* p, double r2_0, double r4_0, double r6_0, double t_scale, double x,
+                   double y, double* dx, double* dy) {
   const double x2 = x * x, y2 = y * y;
   const double r2 = x2 + y2, r4 = r2 * r2, r6 = r4 * r2;
   const double R = (r2 - r2_0) * p[4] + (r4 - r4_0) * p[5] + (r6 - r6_0) * p[6];
@@ -48,8 +48,8 @@ void Primary(const Epho_CountedDoubles& rec, double x, double y, double* dx, dou
     case 26:
       if (code == 1 && p[1] != 0.0) {
         const double r0 = p[22], r0_2 = r0 * r0;
-        ExtendedModel(p, r0_2, r0_2 * r0_2, r0_2 * r0_2 * r0_2, 1.0 / std::fabs(p[1]), x, y,
-                      dx, dy);
+        ExtendedModel(p, r0_2, r0_2 * r0_2, r0_2 * r0_2 * r0_2, 1.0 / std::fabs(p[1]), x, y, dx,
+                      dy);
       }
       return;
     case 11:
@@ -141,8 +141,8 @@ void Secondary(const Epho_CountedDoubles& rec, int code, double x, double y, dou
 extern "C" {
 
 void epho_CameraAwayDistortion(const Epho_CountedDoubles* primary,
-                               const Epho_CountedDoubles* secondary, double x, double y,
-                               double* dx, double* dy) {
+                               const Epho_CountedDoubles* secondary, double x, double y, double* dx,
+                               double* dy) {
   *dx = 0.0;
   *dy = 0.0;
   if (primary && primary->count >= 1 && primary->data) Primary(*primary, x, y, dx, dy);

@@ -1,7 +1,7 @@
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "epho/collinearity.h"
 
@@ -116,8 +116,7 @@ TEST(DistortionTest, IterativeDistortionIsRemovedByOneStep) {
   const Record lens({0.0, 4e-4, -8e-8, 2e-12, 0.0});
   for (const auto& xy : {std::pair<double, double>{80.0, 60.0}, {-100.0, 20.0}, {5.0, -110.0}}) {
     double dx, dy;
-    epho_CameraAwayDistortionIterative(lens.get(), nullptr, xy.first, xy.second, &dx, &dy, 1.0,
-                                       1);
+    epho_CameraAwayDistortionIterative(lens.get(), nullptr, xy.first, xy.second, &dx, &dy, 1.0, 1);
     ASSERT_GT(std::hypot(dx, dy), 0.001);
     // (x + dx, y + dy) is the distorted position: removing the distortion
     // there (one evaluation, as the inverse transforms do) gives the point back.
@@ -150,8 +149,8 @@ TEST(CorrectionTest, RefractionAndCurvatureMatchClosedForms) {
   struct Case {
     int kind, direction;
     double dr;
-  } cases[] = {{2, 0, refr}, {2, 1, -refr}, {3, 0, -curv}, {3, 1, curv},
-               {4, 0, refr - curv}, {4, 1, curv - refr}};
+  } cases[] = {{2, 0, refr}, {2, 1, -refr},       {3, 0, -curv},
+               {3, 1, curv}, {4, 0, refr - curv}, {4, 1, curv - refr}};
   for (const auto& c : cases) {
     double x = x0, y = y0;
     epho_CameraAwayCorrection(c.kind, H, h, f, &x, &y, c.direction);

@@ -2,9 +2,8 @@
 // split of an 11-parameter DLT into inner and outer orientation.
 #include "epho/dlt.h"
 
-#include <cmath>
-
 #include <Eigen/Dense>
+#include <cmath>
 
 #include "eerr_frame.hpp"
 #include "epho/angles.h"
@@ -39,6 +38,16 @@ double LineDegeneracy(const double* pts, int n, int dim) {
   return s(1) / s(0);
 }
 
+double PlaneDegeneracy(const double* pts, int n) {
+  Eigen::MatrixXd a(n, 3);
+  for (int i = 0; i < n; ++i) a.row(i) << pts[3 * i], pts[3 * i + 1], pts[3 * i + 2];
+  a.rowwise() -= a.colwise().mean();
+  Eigen::JacobiSVD<Eigen::MatrixXd> svd(a);
+  const auto& s = svd.singularValues();
+  if (!(s(0) > 0)) return 0.0;
+  return s(2) / s(0);
+}
+
 const wchar_t* FitProjective2D(const double* from, const double* to, int n, double* h) {
   for (int i = 0; i < 2 * n; ++i)
     if (!std::isfinite(from[i]) || !std::isfinite(to[i])) return L"A point is not finite";
@@ -56,8 +65,7 @@ const wchar_t* FitProjective2D(const double* from, const double* to, int n, doub
   // determined (e.g. three of four points on a line).
   Eigen::JacobiSVD<Eigen::MatrixXd> svd(A, Eigen::ComputeFullV);
   const auto& s = svd.singularValues();
-  if (s(7) < 1e-10 * s(0))
-    return L"The projective transform is not determined by these points";
+  if (s(7) < 1e-10 * s(0)) return L"The projective transform is not determined by these points";
   Eigen::VectorXd v = svd.matrixV().col(8);
   Eigen::Matrix3d Hn;
   Hn << v(0), v(1), v(2), v(3), v(4), v(5), v(6), v(7), v(8);
@@ -70,6 +78,75 @@ const wchar_t* FitProjective2D(const double* from, const double* to, int n, doub
   h[6] = G(2, 0), h[7] = G(2, 1);
   for (int i = 0; i < 8; ++i)
     if (!std::isfinite(h[i])) return L"The projective transform is not determined by these points";
+  return nullptr;
+}
+
+// The left block M of P is s Kc R^T with Kc = [[-f, -f k, x0],
+// [0, -f a, y0], [0, 0, 1]]. An RQ split M = K Q (K upper triangular with a
+// positive diagonal) gives K = Kc diag(-1, -1, 1) up to scale and
+// R = Q^T diag(-1, -1, 1); the sign of s is fixed by det(M) so that R is a
+// proper rotation. The perspective centre is -M^-1 p4.
+bool SplitProjection(const Eigen::Matrix<double, 3, 4>& P, Eigen::Matrix3d* K_out,
+                     Eigen::Matrix3d* R_out, Eigen::Vector3d* C_out) {
+  if (!P.allFinite()) return false;
+  Eigen::Matrix3d M = P.leftCols<3>();
+  const double det = M.determinant();
+  if (!(std::fabs(det) > 1e-14 * std::pow(M.norm(), 3))) return false;
+  const Eigen::Vector3d C = -M.fullPivLu().solve(P.col(3));
+  if (det < 0) M = -M;
+  // RQ through QR of the flipped transpose.
+  Eigen::Matrix3d flip = Eigen::Matrix3d::Zero();
+  flip(0, 2) = flip(1, 1) = flip(2, 0) = 1;
+  Eigen::HouseholderQR<Eigen::Matrix3d> qr((flip * M).transpose());
+  const Eigen::Matrix3d Ra = qr.matrixQR().triangularView<Eigen::Upper>();
+  const Eigen::Matrix3d Qa = qr.householderQ();
+  Eigen::Matrix3d K = flip * Ra.transpose() * flip;
+  Eigen::Matrix3d Q = flip * Qa.transpose();
+  for (int i = 0; i < 3; ++i) {
+    if (K(i, i) < 0) {
+      K.col(i) *= -1;
+      Q.row(i) *= -1;
+    }
+  }
+  K /= K(2, 2);
+  const Eigen::Matrix3d D = Eigen::Vector3d(-1, -1, 1).asDiagonal();
+  *K_out = K;
+  *R_out = Q.transpose() * D;
+  *C_out = C;
+  return K.allFinite() && C.allFinite();
+}
+
+const wchar_t* FitProjective3D(const double* film, const double* ground, int n,
+                               Eigen::Matrix<double, 3, 4>* P) {
+  const Eigen::Matrix3d T2 = Normaliser(film, n);
+  Eigen::Vector3d c = Eigen::Vector3d::Zero();
+  for (int i = 0; i < n; ++i)
+    c += Eigen::Vector3d(ground[3 * i], ground[3 * i + 1], ground[3 * i + 2]);
+  c /= n;
+  double d = 0;
+  for (int i = 0; i < n; ++i)
+    d += (Eigen::Vector3d(ground[3 * i], ground[3 * i + 1], ground[3 * i + 2]) - c).norm();
+  d /= n;
+  if (!(d > 0)) return L"The ground points coincide";
+  const double s = std::sqrt(3.0) / d;
+  Eigen::Matrix4d T3 = Eigen::Matrix4d::Identity();
+  T3.topLeftCorner<3, 3>() *= s;
+  T3.topRightCorner<3, 1>() = -s * c;
+  Eigen::MatrixXd A(2 * n, 12);
+  for (int i = 0; i < n; ++i) {
+    const Eigen::Vector4d X =
+        T3 * Eigen::Vector4d(ground[3 * i], ground[3 * i + 1], ground[3 * i + 2], 1.0);
+    const Eigen::Vector3d q = T2 * Eigen::Vector3d(film[2 * i], film[2 * i + 1], 1.0);
+    A.row(2 * i) << X.transpose(), Eigen::RowVector4d::Zero(), -q(0) * X.transpose();
+    A.row(2 * i + 1) << Eigen::RowVector4d::Zero(), X.transpose(), -q(1) * X.transpose();
+  }
+  Eigen::JacobiSVD<Eigen::MatrixXd> svd(A, Eigen::ComputeFullV);
+  const auto& sv = svd.singularValues();
+  if (sv(10) < 1e-10 * sv(0)) return L"The projective camera is not determined by these points";
+  const Eigen::VectorXd v = svd.matrixV().col(11);
+  Eigen::Matrix<double, 3, 4> Pn;
+  Pn << v(0), v(1), v(2), v(3), v(4), v(5), v(6), v(7), v(8), v(9), v(10), v(11);
+  *P = T2.inverse() * Pn * T3;
   return nullptr;
 }
 
@@ -101,8 +178,8 @@ Emsc_Boolean epho_DeriveDLT2D(const double* from_xy, const double* to_xy, int32_
       double X, Y;
       EERR_FAIL_IF(epho_ApplyDLT2D(h, from_xy[2 * i], from_xy[2 * i + 1], &X, &Y), frame,
                    EMSC_FALSE, L"Point %d is mapped to infinity", i);
-      sum += (X - to_xy[2 * i]) * (X - to_xy[2 * i]) +
-             (Y - to_xy[2 * i + 1]) * (Y - to_xy[2 * i + 1]);
+      sum +=
+          (X - to_xy[2 * i]) * (X - to_xy[2 * i]) + (Y - to_xy[2 * i + 1]) * (Y - to_xy[2 * i + 1]);
     }
     for (int i = 0; i < 8; ++i) coeffs[i] = h[i];
     if (rms) *rms = std::sqrt(sum / count);
@@ -111,11 +188,7 @@ Emsc_Boolean epho_DeriveDLT2D(const double* from_xy, const double* to_xy, int32_
   EERR_CATCH(frame, EMSC_FALSE)
 }
 
-// The left block M of the DLT is s Kc R^T with Kc = [[-f, -f k, x0],
-// [0, -f a, y0], [0, 0, 1]]. An RQ split M = K Q (K upper triangular with a
-// positive diagonal) gives K = Kc diag(-1, -1, 1) up to scale and
-// R = Q^T diag(-1, -1, 1); the sign of s is fixed by det(M) so that R is a
-// proper rotation. The perspective centre is -M^-1 (L3, L7, 1).
+// The DLT is the camera P = [[L0 L1 L2 L3], [L4 L5 L6 L7], [L8 L9 L10 1]].
 Emsc_Boolean epho_DLT2Camera(const double* L, int32_t rotation_system, double* interior,
                              double* outer, Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"epho_DLT2Camera";
@@ -123,33 +196,12 @@ Emsc_Boolean epho_DLT2Camera(const double* L, int32_t rotation_system, double* i
   EERR_FAIL_IF(!L || !interior || !outer, frame, EMSC_FALSE, L"Args");
   for (int i = 0; i < 11; ++i)
     EERR_FAIL_IF(!std::isfinite(L[i]), frame, EMSC_FALSE, L"DLT parameter %d is not finite", i);
-  Eigen::Matrix3d M;
-  M << L[0], L[1], L[2], L[4], L[5], L[6], L[8], L[9], L[10];
-  const Eigen::Vector3d p4(L[3], L[7], 1.0);
-  const double det = M.determinant();
-  EERR_FAIL_IF(!(std::fabs(det) > 1e-14 * std::pow(M.norm(), 3)), frame, EMSC_FALSE,
+  Eigen::Matrix<double, 3, 4> P;
+  P << L[0], L[1], L[2], L[3], L[4], L[5], L[6], L[7], L[8], L[9], L[10], 1.0;
+  Eigen::Matrix3d K, R;
+  Eigen::Vector3d C;
+  EERR_FAIL_IF(!epho::SplitProjection(P, &K, &R, &C), frame, EMSC_FALSE,
                L"The DLT is singular: its 3x3 block has no inverse");
-  const Eigen::Vector3d C = -M.fullPivLu().solve(p4);
-  if (det < 0) M = -M;
-
-  // RQ through QR of the flipped transpose.
-  Eigen::Matrix3d flip = Eigen::Matrix3d::Zero();
-  flip(0, 2) = flip(1, 1) = flip(2, 0) = 1;
-  Eigen::HouseholderQR<Eigen::Matrix3d> qr((flip * M).transpose());
-  const Eigen::Matrix3d Ra = qr.matrixQR().triangularView<Eigen::Upper>();
-  const Eigen::Matrix3d Qa = qr.householderQ();
-  Eigen::Matrix3d K = flip * Ra.transpose() * flip;
-  Eigen::Matrix3d Q = flip * Qa.transpose();
-  for (int i = 0; i < 3; ++i) {
-    if (K(i, i) < 0) {
-      K.col(i) *= -1;
-      Q.row(i) *= -1;
-    }
-  }
-  K /= K(2, 2);
-  const Eigen::Matrix3d D = Eigen::Vector3d(-1, -1, 1).asDiagonal();
-  const Eigen::Matrix3d R = Q.transpose() * D;
-
   interior[0] = K(0, 0);
   interior[1] = K(0, 2);
   interior[2] = K(1, 2);

@@ -1,11 +1,14 @@
+#include "epho/dlt.h"
+
+#include <gtest/gtest.h>
+
+#include <Eigen/Geometry>
 #include <cmath>
 #include <random>
 #include <vector>
 
-#include <Eigen/Geometry>
-#include <gtest/gtest.h>
-
 #include "epho/angles.h"
+#include "epho/collinearity.h"
 #include "epho/orientation.h"
 
 namespace {
@@ -33,8 +36,8 @@ TEST(DltTest, SplitsIntoInnerAndOuterOrientation) {
   // Pixel-like frame: f in pixels, principal point off the origin. The two
   // centres put the object origin in front of and behind the camera, which
   // flips the sign of the normalised DLT's 3x3 block.
-  for (const Eigen::Vector3d& C : {Eigen::Vector3d(120.0, -45.0, 30.0),
-                                   Eigen::Vector3d(-120.0, 45.0, -30.0)}) {
+  for (const Eigen::Vector3d& C :
+       {Eigen::Vector3d(120.0, -45.0, 30.0), Eigen::Vector3d(-120.0, 45.0, -30.0)}) {
     std::vector<double> L = MakeDlt(2800.0, 1510.0, 990.0, 1.002, 0.001, R, C);
     double inner[5], outer[6];
     Eerr_ErrorReport* err = nullptr;
@@ -66,6 +69,40 @@ TEST(DltTest, SingularDltIsReported) {
   EXPECT_TRUE(kzdv::ReportContains(err, L"The DLT is singular: its 3x3 block has no inverse"));
   EXPECT_EQ(inner[0], -1);
   eerr_DeleteErrorReportEx(&err);
+}
+
+// The linear 11-parameter fit behind the resection's approximation, on
+// points imaged through the projection matrix, splits into the true camera.
+TEST(DltTest, LinearFitFromGroundAndFilmPoints) {
+  const double truth[6] = {10.0, -40.0, 12.0, 1.4, 0.3, -0.2};
+  double m[12];
+  ASSERT_FALSE(epho_Get3x4ParFromInnerOuter(nullptr, truth, 50.0, 0, 0, m));
+  std::vector<double> ground, film;
+  std::mt19937 rng(9);
+  std::uniform_real_distribution<double> uni(-15.0, 15.0);
+  for (int i = 0; i < 8; ++i) {
+    const double X = uni(rng), Y = uni(rng), Z = 10 + uni(rng);
+    double x, y;
+    ASSERT_FALSE(epho_CameraObjectToImage(m, X, Y, Z, &x, &y));
+    ground.insert(ground.end(), {X, Y, Z});
+    film.insert(film.end(), {x, y});
+  }
+  Eigen::Matrix<double, 3, 4> P;
+  ASSERT_EQ(epho::FitProjective3D(film.data(), ground.data(), 8, &P), nullptr);
+  Eigen::Matrix3d K, R;
+  Eigen::Vector3d C;
+  ASSERT_TRUE(epho::SplitProjection(P, &K, &R, &C));
+  EXPECT_NEAR(K(0, 0), 50.0, 1e-7);
+  EXPECT_NEAR(K(1, 1), 50.0, 1e-7);
+  EXPECT_NEAR(K(0, 2), 0.0, 1e-7);
+  for (int k = 0; k < 3; ++k) EXPECT_NEAR(C(k), truth[k], 1e-8);
+  double Rt[9];
+  epho_RotateAll(truth + 3, Rt, 2);
+  for (int r = 0; r < 3; ++r)
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(R(r, c), Rt[3 * r + c], 1e-10);
+  // Coplanar ground points leave the 3D fit undetermined.
+  for (int i = 0; i < 8; ++i) ground[3 * i + 2] = 4.0;
+  EXPECT_NE(epho::FitProjective3D(film.data(), ground.data(), 8, &P), nullptr);
 }
 
 TEST(Dlt2DTest, RecoversAProjectiveTransform) {

@@ -1,7 +1,6 @@
 // Least-squares intersection of rays in ground space.
-#include <cmath>
-
 #include <Eigen/Dense>
+#include <cmath>
 
 #include "eerr_frame.hpp"
 #include "epho/orientation.h"
@@ -24,8 +23,7 @@ Emsc_Boolean epho_GetIntersectionWithPointRays(const double* origins, const doub
   for (int i = 0; i < count; ++i) {
     const Eigen::Vector3d o(origins[3 * i], origins[3 * i + 1], origins[3 * i + 2]);
     Eigen::Vector3d d(directions[3 * i], directions[3 * i + 1], directions[3 * i + 2]);
-    EERR_FAIL_IF(!o.allFinite() || !d.allFinite(), frame, EMSC_FALSE, L"Ray %d is not finite",
-                 i);
+    EERR_FAIL_IF(!o.allFinite() || !d.allFinite(), frame, EMSC_FALSE, L"Ray %d is not finite", i);
     const double len = d.norm();
     EERR_FAIL_IF(!(len > 0.0), frame, EMSC_FALSE, L"Ray %d has no direction", i);
     d /= len;
@@ -38,9 +36,8 @@ Emsc_Boolean epho_GetIntersectionWithPointRays(const double* origins, const doub
   // spread of the ray directions.
   EERR_FAIL_IF(!(es.eigenvalues()(0) > 1e-12 * count), frame, EMSC_FALSE,
                L"The rays are parallel: their intersection is not determined");
-  const Eigen::Vector3d P = es.eigenvectors() *
-                            (es.eigenvalues().cwiseInverse().asDiagonal() *
-                             (es.eigenvectors().transpose() * b));
+  const Eigen::Vector3d P = es.eigenvectors() * (es.eigenvalues().cwiseInverse().asDiagonal() *
+                                                 (es.eigenvectors().transpose() * b));
   EERR_FAIL_IF(!P.allFinite(), frame, EMSC_FALSE,
                L"The rays are parallel: their intersection is not determined");
   if (rms_distance) {

@@ -1,6 +1,6 @@
-#include <cmath>
-
 #include <gtest/gtest.h>
+
+#include <cmath>
 
 #include "epho/collinearity.h"
 #include "epho/orientation.h"
@@ -52,7 +52,8 @@ TEST(IntersectionTest, ParallelOrMissingRaysAreReported) {
   double p[3] = {9, 9, 9};
   Eerr_ErrorReport* err = nullptr;
   EXPECT_FALSE(epho_GetIntersectionWithPointRays(o, parallel, 2, p, nullptr, &err));
-  EXPECT_TRUE(kzdv::ReportContains(err, L"The rays are parallel: their intersection is not determined"));
+  EXPECT_TRUE(
+      kzdv::ReportContains(err, L"The rays are parallel: their intersection is not determined"));
   eerr_DeleteErrorReportEx(&err);
   EXPECT_EQ(p[0], 9.0);
   const double zero[6] = {0, 0, -1, 0, 0, 0};

@@ -1,8 +1,7 @@
 // Space resection of a frame camera from control points.
+#include <Eigen/Dense>
 #include <cmath>
 #include <vector>
-
-#include <Eigen/Dense>
 
 #include "eerr_frame.hpp"
 #include "epho/angles.h"
@@ -17,12 +16,21 @@ short RotationCode(int32_t rotation_system) {
   return rotation_system == 0 ? 2 : rotation_system == 1 ? 1 : 0;
 }
 
+void StoreOrientation(const Eigen::Matrix3d& R, const Eigen::Vector3d& C, short code,
+                      double* outer) {
+  double Rrow[9];
+  for (int r = 0; r < 3; ++r)
+    for (int k = 0; k < 3; ++k) Rrow[3 * r + k] = R(r, k);
+  outer[0] = C(0), outer[1] = C(1), outer[2] = C(2);
+  epho_GetAngleFromRotMatrix(outer + 3, Rrow, code);
+}
+
 // Approximate orientation from a projective fit between film and the best
 // plane through the ground points: with plane axes e1, e2 and centroid c,
-// film ~ Kc R^T [e1 e2 c-C] (a, b, 1). Returns null or a reason.
-const wchar_t* Approximate(const double* film, const double* ground, int n, double f,
-                           short code, double* outer) {
-  if (n < 4) return L"At least 4 points are needed without an approximate orientation";
+// film ~ Kc R^T [e1 e2 c-C] (a, b, 1). Suits aerial blocks, whose control is
+// nearly planar. Returns null or a reason.
+const wchar_t* ApproximateFromPlane(const double* film, const double* ground, int n, double f,
+                                    short code, double* outer) {
   Eigen::MatrixXd P(n, 3);
   for (int i = 0; i < n; ++i) P.row(i) << ground[3 * i], ground[3 * i + 1], ground[3 * i + 2];
   const Eigen::RowVector3d c = P.colwise().mean();
@@ -55,13 +63,30 @@ const wchar_t* Approximate(const double* film, const double* ground, int n, doub
   Eigen::Matrix3d Rt = s3.matrixU() * s3.matrixV().transpose();
   if (Rt.determinant() < 0) return L"No approximate orientation found";
   const Eigen::Matrix3d R = Rt.transpose();
-  const Eigen::Vector3d C = c.transpose() - R * (lambda * G.col(2));
-  double Rrow[9];
-  for (int r = 0; r < 3; ++r)
-    for (int k = 0; k < 3; ++k) Rrow[3 * r + k] = R(r, k);
-  outer[0] = C(0), outer[1] = C(1), outer[2] = C(2);
-  epho_GetAngleFromRotMatrix(outer + 3, Rrow, code);
+  StoreOrientation(R, c.transpose() - R * (lambda * G.col(2)), code, outer);
   return nullptr;
+}
+
+// Approximate orientation from the 11-parameter DLT of >= 6 ground points
+// well spread in depth (terrestrial and oblique configurations).
+const wchar_t* ApproximateFromDlt(const double* film, const double* ground, int n, short code,
+                                  double* outer) {
+  Eigen::Matrix<double, 3, 4> P;
+  if (const wchar_t* why = epho::FitProjective3D(film, ground, n, &P)) return why;
+  Eigen::Matrix3d K, R;
+  Eigen::Vector3d C;
+  if (!epho::SplitProjection(P, &K, &R, &C)) return L"The fitted DLT is singular";
+  StoreOrientation(R, C, code, outer);
+  return nullptr;
+}
+
+const wchar_t* Approximate(const double* film, const double* ground, int n, double f, short code,
+                           double* outer) {
+  if (n < 4) return L"At least 4 points are needed without an approximate orientation";
+  if (n >= 6 && epho::PlaneDegeneracy(ground, n) > 0.05 &&
+      !ApproximateFromDlt(film, ground, n, code, outer))
+    return nullptr;
+  return ApproximateFromPlane(film, ground, n, f, code, outer);
 }
 
 // Residuals (observed - computed, 2n) and the Jacobian of the computed film
@@ -129,14 +154,13 @@ bool AllInFront(const double* ground, int n, short code, const double* outer) {
 extern "C" {
 
 Emsc_Boolean epho_Resection(const double* film_xy, const double* ground_xyz, int32_t count,
-                            double focal, int32_t rotation_system,
-                            Emsc_Boolean use_approximation, double* outer, double* sigma,
-                            double* sigma0, Eerr_ErrorReport** err) {
+                            double focal, int32_t rotation_system, Emsc_Boolean use_approximation,
+                            double* outer, double* sigma, double* sigma0, Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"epho_Resection";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!film_xy || !ground_xyz || !outer, frame, EMSC_FALSE, L"Args");
-  EERR_FAIL_IF(count < 3, frame, EMSC_FALSE, L"At least %d control points are needed, %d given",
-               3, static_cast<int>(count));
+  EERR_FAIL_IF(count < 3, frame, EMSC_FALSE, L"At least %d control points are needed, %d given", 3,
+               static_cast<int>(count));
   EERR_FAIL_IF(!(focal != 0.0) || !std::isfinite(focal), frame, EMSC_FALSE,
                L"The focal length must be finite and nonzero");
   for (int i = 0; i < count; ++i) {
@@ -171,8 +195,8 @@ Emsc_Boolean epho_Resection(const double* film_xy, const double* ground_xyz, int
     Eigen::Matrix<double, 6, 6> N;
     bool converged = false;
     for (int it = 0; it < kMaxIterations && !converged; ++it) {
-      EERR_FAIL_IF(!Linearise(film_xy, ground_xyz, count, focal, code, x, r, J), frame,
-                   EMSC_FALSE, L"A control point lies in the plane of the perspective centre");
+      EERR_FAIL_IF(!Linearise(film_xy, ground_xyz, count, focal, code, x, r, J), frame, EMSC_FALSE,
+                   L"A control point lies in the plane of the perspective centre");
       N = J.transpose() * J;
       const Eigen::Matrix<double, 6, 1> g = J.transpose() * r;
       // Equilibrate (metres against radians) before judging the condition.
@@ -190,11 +214,11 @@ Emsc_Boolean epho_Resection(const double* film_xy, const double* ground_xyz, int
       converged = dx.head<3>().cwiseAbs().maxCoeff() < 1e-10 * dist &&
                   dx.tail<3>().cwiseAbs().maxCoeff() < 1e-10;
     }
-    EERR_FAIL_IF(!converged, frame, EMSC_FALSE,
-                 L"The resection did not converge in %d iterations", kMaxIterations);
+    EERR_FAIL_IF(!converged, frame, EMSC_FALSE, L"The resection did not converge in %d iterations",
+                 kMaxIterations);
     // Residuals and normal matrix at the solution for the precision measures.
-    EERR_FAIL_IF(!Linearise(film_xy, ground_xyz, count, focal, code, x, r, J), frame,
-                 EMSC_FALSE, L"A control point lies in the plane of the perspective centre");
+    EERR_FAIL_IF(!Linearise(film_xy, ground_xyz, count, focal, code, x, r, J), frame, EMSC_FALSE,
+                 L"A control point lies in the plane of the perspective centre");
     N = J.transpose() * J;
     EERR_FAIL_IF(!AllInFront(ground_xyz, count, code, x), frame, EMSC_FALSE,
                  L"The solution places control points behind the camera");

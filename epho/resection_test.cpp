@@ -1,8 +1,8 @@
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <random>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "epho/collinearity.h"
 #include "epho/orientation.h"
@@ -28,7 +28,8 @@ struct Scene {
       double x, y;
       epho_CameraObjectToImage(m, X, Y, Z, &x, &y);
       ground.insert(ground.end(), {X, Y, Z});
-      film.insert(film.end(), {x + (noise_mm > 0 ? gauss(rng) : 0), y + (noise_mm > 0 ? gauss(rng) : 0)});
+      film.insert(film.end(),
+                  {x + (noise_mm > 0 ? gauss(rng) : 0), y + (noise_mm > 0 ? gauss(rng) : 0)});
     }
   }
   int count() const { return static_cast<int>(ground.size() / 3); }
@@ -39,8 +40,8 @@ TEST(ResectionTest, RecoversOrientationExactlyInEverySystem) {
     const Scene s(sys, 9);
     double outer[6], sigma[6], s0 = -1;
     Eerr_ErrorReport* err = nullptr;
-    ASSERT_TRUE(epho_Resection(s.film.data(), s.ground.data(), s.count(), s.focal, sys,
-                               EMSC_FALSE, outer, sigma, &s0, &err));
+    ASSERT_TRUE(epho_Resection(s.film.data(), s.ground.data(), s.count(), s.focal, sys, EMSC_FALSE,
+                               outer, sigma, &s0, &err));
     EXPECT_EQ(err, nullptr);
     for (int k = 0; k < 3; ++k) EXPECT_NEAR(outer[k], s.outer[k], 1e-6) << "system " << sys;
     for (int k = 3; k < 6; ++k) EXPECT_NEAR(outer[k], s.outer[k], 1e-10) << "system " << sys;
@@ -48,12 +49,34 @@ TEST(ResectionTest, RecoversOrientationExactlyInEverySystem) {
   }
 }
 
+TEST(ResectionTest, TerrestrialCameraWithoutApproximation) {
+  // A horizontal camera (omega near 90 degrees) 50 m in front of a 3D object;
+  // its control is far from planar, so no plane fits it.
+  const double truth[6] = {2.0, -50.0, 10.0, 1.62, 0.1, 0.05};
+  double m[12];
+  ASSERT_FALSE(epho_Get3x4ParFromInnerOuter(nullptr, truth, 35.0, 0, 0, m));
+  std::vector<double> ground, film;
+  std::mt19937 rng(5);
+  std::uniform_real_distribution<double> uni(0.0, 1.0);
+  for (int i = 0; i < 10; ++i) {
+    const double X = -20 + 40 * uni(rng), Y = -10 + 30 * uni(rng), Z = 20 * uni(rng);
+    double x, y;
+    ASSERT_FALSE(epho_CameraObjectToImage(m, X, Y, Z, &x, &y));
+    ground.insert(ground.end(), {X, Y, Z});
+    film.insert(film.end(), {x, y});
+  }
+  double outer[6];
+  ASSERT_TRUE(epho_Resection(film.data(), ground.data(), 10, 35.0, 0, EMSC_FALSE, outer, nullptr,
+                             nullptr, nullptr));
+  for (int k = 0; k < 6; ++k) EXPECT_NEAR(outer[k], truth[k], 1e-8) << k;
+}
+
 TEST(ResectionTest, FromApproximationWithThreePoints) {
   const Scene s(0, 3);
   double outer[6] = {5150.0, 3150.0, 1500.0, 0.0, 0.0, 1.1};
   double sigma[6], s0 = -1;
-  ASSERT_TRUE(epho_Resection(s.film.data(), s.ground.data(), 3, s.focal, 0, EMSC_TRUE, outer,
-                             sigma, &s0, nullptr));
+  ASSERT_TRUE(epho_Resection(s.film.data(), s.ground.data(), 3, s.focal, 0, EMSC_TRUE, outer, sigma,
+                             &s0, nullptr));
   for (int k = 0; k < 3; ++k) EXPECT_NEAR(outer[k], s.outer[k], 1e-5);
   EXPECT_EQ(s0, 0.0);  // no redundancy
   EXPECT_EQ(sigma[0], 0.0);
@@ -65,8 +88,8 @@ TEST(ResectionTest, NoisyObservationsStayWithinTheirStandardErrors) {
   for (unsigned seed = 1; seed <= 20; ++seed) {
     const Scene s(0, 12, noise, seed);
     double outer[6], sigma[6], s0;
-    ASSERT_TRUE(epho_Resection(s.film.data(), s.ground.data(), s.count(), s.focal, 0,
-                               EMSC_FALSE, outer, sigma, &s0, nullptr));
+    ASSERT_TRUE(epho_Resection(s.film.data(), s.ground.data(), s.count(), s.focal, 0, EMSC_FALSE,
+                               outer, sigma, &s0, nullptr));
     EXPECT_GT(s0, 0.4 * noise);
     EXPECT_LT(s0, 1.7 * noise);
     for (int k = 0; k < 6; ++k) {
@@ -92,16 +115,16 @@ TEST(ResectionTest, DegenerateInputIsReported) {
 
   std::vector<double> line = s.ground;
   for (int i = 0; i < 6; ++i) line[3 * i + 1] = 2 * line[3 * i], line[3 * i + 2] = 10.0;
-  EXPECT_FALSE(epho_Resection(s.film.data(), line.data(), 6, s.focal, 0, EMSC_FALSE, outer,
-                              nullptr, nullptr, &err));
+  EXPECT_FALSE(epho_Resection(s.film.data(), line.data(), 6, s.focal, 0, EMSC_FALSE, outer, nullptr,
+                              nullptr, &err));
   EXPECT_TRUE(kzdv::ReportContains(err, L"The control points lie on a line"));
   eerr_DeleteErrorReportEx(&err);
   for (int k = 0; k < 6; ++k) EXPECT_EQ(outer[k], 0.0);  // untouched on failure
 
   // Without a report argument the report is printed once.
   testutil::PrintedReports printed;
-  EXPECT_FALSE(epho_Resection(s.film.data(), s.ground.data(), 6, 0.0, 0, EMSC_FALSE, outer,
-                              nullptr, nullptr, nullptr));
+  EXPECT_FALSE(epho_Resection(s.film.data(), s.ground.data(), 6, 0.0, 0, EMSC_FALSE, outer, nullptr,
+                              nullptr, nullptr));
   ASSERT_EQ(printed.texts().size(), 1u);
   EXPECT_NE(printed.texts()[0].find(L"focal length"), std::wstring::npos);
 }

@@ -1,8 +1,7 @@
 // 7-parameter 3D similarity (scale, rotation, shift) between point sets.
-#include <cmath>
-
 #include <Eigen/Dense>
 #include <Eigen/Geometry>
+#include <cmath>
 
 #include "eerr_frame.hpp"
 #include "epho/dlt.h"

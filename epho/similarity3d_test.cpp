@@ -1,9 +1,9 @@
+#include <gtest/gtest.h>
+
+#include <Eigen/Geometry>
 #include <cmath>
 #include <random>
 #include <vector>
-
-#include <Eigen/Geometry>
-#include <gtest/gtest.h>
 
 #include "epho/orientation.h"
 
@@ -25,8 +25,8 @@ TEST(Similarity3DTest, RecoversAKnownTransform) {
   }
   for (int n : {3, 10}) {
     double scale, rot[9], shift[3], rms = -1;
-    ASSERT_TRUE(epho_Solve3DLinearTrans(from.data(), to.data(), n, &scale, rot, shift, &rms,
-                                        nullptr));
+    ASSERT_TRUE(
+        epho_Solve3DLinearTrans(from.data(), to.data(), n, &scale, rot, shift, &rms, nullptr));
     EXPECT_NEAR(scale, s, 1e-12);
     for (int r = 0; r < 3; ++r) {
       for (int c = 0; c < 3; ++c) EXPECT_NEAR(rot[3 * r + c], R(r, c), 1e-11);

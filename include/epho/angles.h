@@ -47,8 +47,8 @@ EPHO_EXPORT void epho_GetAngleFromRotMatrix(double* angles, const double* rotati
 EPHO_EXPORT Emsc_Boolean epho_Angular2LinearUnits(double latitude, const Etxt_Char* offset_unit,
                                                   double ecc2, double semi_major,
                                                   const Etxt_Char* latitude_unit,
-                                                  const Etxt_Char* linear_unit,
-                                                  double* offset_x, double* offset_y);
+                                                  const Etxt_Char* linear_unit, double* offset_x,
+                                                  double* offset_y);
 /* The inverse: ground lengths (*offset_x along the parallel, *offset_y along
  * the meridian, in `linear_unit`) to angular offsets in `angular_unit`, which
  * also gives the unit of `latitude`. `unused_unit` is not consulted. A linear
@@ -58,8 +58,8 @@ EPHO_EXPORT Emsc_Boolean epho_Angular2LinearUnits(double latitude, const Etxt_Ch
 EPHO_EXPORT Emsc_Boolean epho_Linear2AngularUnits(double latitude, const Etxt_Char* unused_unit,
                                                   double ecc2, double semi_major,
                                                   const Etxt_Char* linear_unit,
-                                                  const Etxt_Char* angular_unit,
-                                                  double* offset_x, double* offset_y);
+                                                  const Etxt_Char* angular_unit, double* offset_x,
+                                                  double* offset_y);
 
 KZDV_END_C
 

@@ -48,25 +48,24 @@ EPHO_EXPORT double epho_GetAverageGroundZ(const double* point_a, const double* p
  * the primary result entirely. Null records, unknown models, a zero scale
  * and a secondary record shorter than its model needs give zero distortion. */
 EPHO_EXPORT void epho_CameraAwayDistortion(const Epho_CountedDoubles* primary,
-                                           const Epho_CountedDoubles* secondary, double x,
-                                           double y, double* dx, double* dy);
+                                           const Epho_CountedDoubles* secondary, double x, double y,
+                                           double* dx, double* dy);
 /* Distortion at the distorted position of (x, y) by fixed-point iteration
  * (at most 11 evaluations, 0.0001 film-unit tolerance); (0, 0) when mode is
  * not 1 or when the changes grow beyond `divergence_bound` or the previous
- * change. Used to remove distortion from an undistorted point's neighbour:
- * (x + dx, y + dy) is the distorted position. */
+ * change. (x + dx, y + dy) is then where the lens puts the ideal point
+ * (x, y), and one epho_CameraAwayDistortion step there brings it back. */
 EPHO_EXPORT void epho_CameraAwayDistortionIterative(const Epho_CountedDoubles* primary,
-                                                    const Epho_CountedDoubles* secondary,
-                                                    double x, double y, double* dx, double* dy,
+                                                    const Epho_CountedDoubles* secondary, double x,
+                                                    double y, double* dx, double* dy,
                                                     double divergence_bound, int32_t mode);
 /* Radial correction of film (x, y) in place for atmospheric refraction and
  * earth curvature of a vertical photograph: flying height and ground height
  * in meters, focal length in film units. kind 2 refraction, 3 curvature,
  * 4 both; other kinds and points within r^2 <= 0.001 are left unchanged.
  * direction 1 removes the displacement, any other value applies it. */
-EPHO_EXPORT void epho_CameraAwayCorrection(int32_t kind, double flying_height,
-                                           double ground_height, double focal, double* x,
-                                           double* y, int32_t direction);
+EPHO_EXPORT void epho_CameraAwayCorrection(int32_t kind, double flying_height, double ground_height,
+                                           double focal, double* x, double* y, int32_t direction);
 
 /* Inner orientation (null, or an affine of six doubles a0..a5 used as the
  * first two rows of the inner block), outer orientation (perspective centre

@@ -27,9 +27,10 @@ KZDV_BEGIN_C
  * In: `count` >= 3 film points `film_xy` and ground points `ground_xyz`,
  * focal length `focal`, the rotation system. `outer` (6 doubles: X0, Y0, Z0
  * and the angle triple in radians) holds the approximation on entry when
- * `use_approximation` is nonzero; otherwise the approximation is computed
- * from a projective fit to the best plane through the ground points (needs
- * 4 points not three on a line). On success `outer` receives the solution;
+ * `use_approximation` is nonzero; otherwise it is computed: from a linear
+ * 11-parameter DLT when 6 or more ground points are well spread in depth,
+ * else from a projective fit to the best plane through the ground points
+ * (needs 4 points, no three on a line). On success `outer` receives the solution;
  * `sigma` (6 doubles, may be null) the standard errors of its elements
  * (ground units, radians) and `sigma0` (may be null) the a-posteriori RMS of
  * unit weight in film units. With 3 points (no redundancy) both are 0.
@@ -62,8 +63,7 @@ EPHO_EXPORT Emsc_Boolean epho_GetIntersectionWithPointRays(const double* origins
  * convention above. `outer` (out, 6 doubles) in the rotation system given.
  * Fails when the left 3x3 block of the DLT is singular or not finite. */
 EPHO_EXPORT Emsc_Boolean epho_DLT2Camera(const double* dlt, int32_t rotation_system,
-                                         double* interior, double* outer,
-                                         Eerr_ErrorReport** err);
+                                         double* interior, double* outer, Eerr_ErrorReport** err);
 
 /* Planar projective transform from `count` >= 4 point pairs, least squares
  * (normalised linear fit):
@@ -73,9 +73,8 @@ EPHO_EXPORT Emsc_Boolean epho_DLT2Camera(const double* dlt, int32_t rotation_sys
  * `rms` (may be null) receives the RMS distance of the fitted points from
  * `to_xy`. Fails on fewer than 4 points, on three of four points on a line
  * (or all on one line), and when the fit has a vanishing constant term. */
-EPHO_EXPORT Emsc_Boolean epho_DeriveDLT2D(const double* from_xy, const double* to_xy,
-                                          int32_t count, double* coeffs, double* rms,
-                                          Eerr_ErrorReport** err);
+EPHO_EXPORT Emsc_Boolean epho_DeriveDLT2D(const double* from_xy, const double* to_xy, int32_t count,
+                                          double* coeffs, double* rms, Eerr_ErrorReport** err);
 /* Applies the coefficients of epho_DeriveDLT2D. Numeric kernel: returns
  * nonzero (outputs untouched) when the denominator is exactly 0. */
 EPHO_EXPORT Emsc_Boolean epho_ApplyDLT2D(const double* coeffs, double x, double y, double* X,

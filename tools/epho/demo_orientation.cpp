@@ -69,8 +69,8 @@ bool DemoOrientation(epho_tool::DemoContext& demo) {
     }
     double sigma[6], s0;
     Eerr_ErrorReport* err = nullptr;
-    if (!epho_Resection(cf.data(), cg.data(), 9, kFocalMm, 0, EMSC_FALSE, oriented[p], sigma,
-                        &s0, &err)) {
+    if (!epho_Resection(cf.data(), cg.data(), 9, kFocalMm, 0, EMSC_FALSE, oriented[p], sigma, &s0,
+                        &err)) {
       eerr_PrintErrorReport(err, nullptr, 0);
       eerr_DeleteErrorReportEx(&err);
       return false;
@@ -81,9 +81,10 @@ bool DemoOrientation(epho_tool::DemoContext& demo) {
     }
     sigma0 = std::fmax(sigma0, s0);
   }
-  demo.Summary("resection of 2 photos from 9 control points each: centre error <= %.3f m, "
-               "angle error <= %.1f urad, sigma0 %.1f um",
-               centre_err, angle_err * 1e6, sigma0 * 1e3);
+  demo.Summary(
+      "resection of 2 photos from 9 control points each: centre error <= %.3f m, "
+      "angle error <= %.1f urad, sigma0 %.1f um",
+      centre_err, angle_err * 1e6, sigma0 * 1e3);
 
   // Intersection of the rays of both oriented photographs for all points.
   double oriented_matrix[2][12];
@@ -110,9 +111,10 @@ bool DemoOrientation(epho_tool::DemoContext& demo) {
   }
   const double rmse_xy = std::sqrt((sum2[0] + sum2[1]) / (2.0 * count));
   const double rmse_z = std::sqrt(sum2[2] / count);
-  demo.Summary("intersection of %d points from 2 photos: RMSE XY %.3f m, Z %.3f m "
-               "(film noise %.0f um, scale 1:%.0f)",
-               count, rmse_xy, rmse_z, kNoiseMm * 1e3, 1500.0 / (kFocalMm * 1e-3));
+  demo.Summary(
+      "intersection of %d points from 2 photos: RMSE XY %.3f m, Z %.3f m "
+      "(film noise %.0f um, scale 1:%.0f)",
+      count, rmse_xy, rmse_z, kNoiseMm * 1e3, 1500.0 / (kFocalMm * 1e-3));
   // A 3 um film error is about 3 cm on the ground at this scale; heights
   // from a 0.6 base/height ratio are a few times worse.
   return centre_err < 1.0 && rmse_xy < 0.2 && rmse_z < 0.5;
