@@ -299,7 +299,7 @@ static Emif_Design* NewHandle(const DesignRef& d) {
 // Reads the variadic field list of emif_DesignCreate up to its closing 0 and
 // then the report pointer.
 Emif_Design* emif_DesignCreate(const Etxt_Char* name, ...) {
-  std::vector<Emif_FieldSpec> specs;
+  std::vector<Emif_FieldSpec> fields_in;
   std::vector<std::vector<const Etxt_Char*>> enums;
   va_list ap;
   va_start(ap, name);
@@ -328,7 +328,7 @@ Emif_Design* emif_DesignCreate(const Etxt_Char* name, ...) {
     if (base == EMIF_T_OBJECT || base == EMIF_T_OBJECT_PTR) {
       s.design = va_arg(ap, const Emif_Design*);
     }
-    specs.push_back(s);
+    fields_in.push_back(s);
     if (!s.name) {
       bad = true;
       break;
@@ -336,31 +336,31 @@ Emif_Design* emif_DesignCreate(const Etxt_Char* name, ...) {
   }
   Eerr_ErrorReport** err = bad ? nullptr : va_arg(ap, Eerr_ErrorReport**);
   va_end(ap);
-  for (size_t i = 0; i < specs.size(); ++i) {
-    if (!enums[i].empty()) specs[i].enum_names = enums[i].data();
+  for (size_t i = 0; i < fields_in.size(); ++i) {
+    if (!enums[i].empty()) fields_in[i].enum_names = enums[i].data();
   }
   if (bad) {
     ErrorFrame frame(L"emif_DesignCreate", err);
     EERR_FAIL(frame, nullptr, L"A field of design %s has no name", name ? name : L"");
   }
-  return emif_DesignCreateFromFields(name, specs.data(), static_cast<int>(specs.size()), err);
+  return emif_DesignCreateFromFields(name, fields_in.data(), static_cast<int>(fields_in.size()), err);
 }
 
-Emif_Design* emif_DesignCreateFromFields(const Etxt_Char* name, const Emif_FieldSpec* specs,
+Emif_Design* emif_DesignCreateFromFields(const Etxt_Char* name, const Emif_FieldSpec* fields_in,
                                          int count, Eerr_ErrorReport** err) {
   ErrorFrame frame(L"emif_DesignCreate", err);
-  EERR_FAIL_IF(!name || count < 0 || (count > 0 && !specs), frame, nullptr, L"Args");
+  EERR_FAIL_IF(!name || count < 0 || (count > 0 && !fields_in), frame, nullptr, L"Args");
   std::vector<Field> fields;
   for (int i = 0; i < count; ++i) {
     Field f;
-    EERR_FAIL_IF(!specs[i].name, frame, nullptr, L"A field of design %s has no name", name);
-    f.name = kzdv::ToUtf8(specs[i].name);
-    f.code = specs[i].code;
-    f.fixed_count = specs[i].fixed_count;
-    if (specs[i].design) f.design = specs[i].design->impl;
-    if (specs[i].enum_names) {
-      for (int k = 0; specs[i].enum_names[k] && k < 65536; ++k) {
-        f.enum_names.push_back(kzdv::ToUtf8(specs[i].enum_names[k]));
+    EERR_FAIL_IF(!fields_in[i].name, frame, nullptr, L"A field of design %s has no name", name);
+    f.name = kzdv::ToUtf8(fields_in[i].name);
+    f.code = fields_in[i].code;
+    f.fixed_count = fields_in[i].fixed_count;
+    if (fields_in[i].design) f.design = fields_in[i].design->impl;
+    if (fields_in[i].enum_names) {
+      for (int k = 0; fields_in[i].enum_names[k] && k < 65536; ++k) {
+        f.enum_names.push_back(kzdv::ToUtf8(fields_in[i].enum_names[k]));
       }
     }
     fields.push_back(std::move(f));

@@ -81,19 +81,19 @@ std::wstring FromUtf8(const std::string& s) {
 
 namespace {
 
-// Formats one conversion `spec` (flags, width and precision already resolved,
+// Formats one conversion `conv_text` (flags, width and precision resolved,
 // no length modifier) of a single value with swprintf.
 template <typename T>
-void AppendOne(std::wstring& out, const std::wstring& spec, T value) {
+void AppendOne(std::wstring& out, const std::wstring& conv_text, T value) {
   wchar_t small[128];
-  int n = std::swprintf(small, 128, spec.c_str(), value);
+  int n = std::swprintf(small, 128, conv_text.c_str(), value);
   if (n >= 0) {
     out.append(small, static_cast<size_t>(n));
     return;
   }
   std::vector<wchar_t> big(4096);
   for (; big.size() <= (1u << 20); big.resize(big.size() * 4)) {
-    n = std::swprintf(big.data(), big.size(), spec.c_str(), value);
+    n = std::swprintf(big.data(), big.size(), conv_text.c_str(), value);
     if (n >= 0) {
       out.append(big.data(), static_cast<size_t>(n));
       return;
@@ -122,19 +122,19 @@ std::wstring FormatV(const Etxt_Char* format, va_list args) {
       out += *p++;
       continue;
     }
-    std::wstring spec = L"%";
-    while (*p && std::wcschr(L"-+ #0'", *p)) spec += *p++;
+    std::wstring conv_text = L"%";
+    while (*p && std::wcschr(L"-+ #0'", *p)) conv_text += *p++;
     auto number = [&]() {
       if (*p == L'*') {
-        spec += std::to_wstring(va_arg(ap, int));
+        conv_text += std::to_wstring(va_arg(ap, int));
         ++p;
       } else {
-        while (*p && std::iswdigit(*p)) spec += *p++;
+        while (*p && std::iswdigit(*p)) conv_text += *p++;
       }
     };
     number();
     if (*p == L'.') {
-      spec += *p++;
+      conv_text += *p++;
       number();
     }
     std::wstring len;
@@ -145,27 +145,27 @@ std::wstring FormatV(const Etxt_Char* format, va_list args) {
     switch (conv) {
       case L'd':
       case L'i':
-        if (len == L"l") AppendOne(out, spec + L"l" + conv, va_arg(ap, long));
-        else if (len == L"ll" || len == L"q" || len == L"j") AppendOne(out, spec + L"ll" + conv, va_arg(ap, long long));
-        else if (len == L"z" || len == L"t") AppendOne(out, spec + L"ll" + conv, static_cast<long long>(va_arg(ap, ptrdiff_t)));
-        else AppendOne(out, spec + conv, va_arg(ap, int));
+        if (len == L"l") AppendOne(out, conv_text + L"l" + conv, va_arg(ap, long));
+        else if (len == L"ll" || len == L"q" || len == L"j") AppendOne(out, conv_text + L"ll" + conv, va_arg(ap, long long));
+        else if (len == L"z" || len == L"t") AppendOne(out, conv_text + L"ll" + conv, static_cast<long long>(va_arg(ap, ptrdiff_t)));
+        else AppendOne(out, conv_text + conv, va_arg(ap, int));
         break;
       case L'u':
       case L'o':
       case L'x':
       case L'X':
-        if (len == L"l") AppendOne(out, spec + L"l" + conv, va_arg(ap, unsigned long));
-        else if (len == L"ll" || len == L"q" || len == L"j") AppendOne(out, spec + L"ll" + conv, va_arg(ap, unsigned long long));
-        else if (len == L"z" || len == L"t") AppendOne(out, spec + L"ll" + conv, static_cast<unsigned long long>(va_arg(ap, size_t)));
-        else AppendOne(out, spec + conv, va_arg(ap, unsigned int));
+        if (len == L"l") AppendOne(out, conv_text + L"l" + conv, va_arg(ap, unsigned long));
+        else if (len == L"ll" || len == L"q" || len == L"j") AppendOne(out, conv_text + L"ll" + conv, va_arg(ap, unsigned long long));
+        else if (len == L"z" || len == L"t") AppendOne(out, conv_text + L"ll" + conv, static_cast<unsigned long long>(va_arg(ap, size_t)));
+        else AppendOne(out, conv_text + conv, va_arg(ap, unsigned int));
         break;
       case L'f': case L'F': case L'e': case L'E': case L'g': case L'G': case L'a': case L'A':
-        if (len == L"L") AppendOne(out, spec + L"L" + conv, va_arg(ap, long double));
-        else AppendOne(out, spec + conv, va_arg(ap, double));
+        if (len == L"L") AppendOne(out, conv_text + L"L" + conv, va_arg(ap, long double));
+        else AppendOne(out, conv_text + conv, va_arg(ap, double));
         break;
       case L'c':
-        if (len == L"h") AppendOne(out, spec + L"lc", static_cast<wint_t>(static_cast<unsigned char>(va_arg(ap, int))));
-        else AppendOne(out, spec + L"lc", static_cast<wint_t>(va_arg(ap, wint_t)));
+        if (len == L"h") AppendOne(out, conv_text + L"lc", static_cast<wint_t>(static_cast<unsigned char>(va_arg(ap, int))));
+        else AppendOne(out, conv_text + L"lc", static_cast<wint_t>(va_arg(ap, wint_t)));
         break;
       case L's': {
         std::wstring text;
@@ -176,14 +176,14 @@ std::wstring FormatV(const Etxt_Char* format, va_list args) {
           const wchar_t* w = va_arg(ap, const wchar_t*);
           text = w ? w : L"(null)";
         }
-        AppendOne(out, spec + L"ls", text.c_str());
+        AppendOne(out, conv_text + L"ls", text.c_str());
         break;
       }
       case L'p':
-        AppendOne(out, spec + L"p", va_arg(ap, void*));
+        AppendOne(out, conv_text + L"p", va_arg(ap, void*));
         break;
       default:  // unknown conversion: keep it visible, consume nothing
-        out += spec + len + conv;
+        out += conv_text + len + conv;
         break;
     }
   }
