@@ -195,26 +195,26 @@ void ErrorFrame::Store(Eerr_ErrorReport* report) {
   *out_ = report;
 }
 
-void ErrorFrame::Fail(long site, const Etxt_Char* message, ...) {
-  va_list ap;
-  va_start(ap, message);
-  std::wstring text = FormatV(message, ap);
-  va_end(ap);
+void ErrorFrame::FailV(long site, int severity, const Etxt_Char* message, va_list args) {
+  std::wstring text = FormatV(message, args);
   Eerr_ErrorReport* previous = local_ ? local_ : *out_;
   if (previous == *out_) *out_ = nullptr;
   local_ = nullptr;
-  Store(MakeReport(function_, site, EERR_SEVERITY_ERROR, previous, text));
+  Store(MakeReport(function_, site, severity, previous, text));
+}
+
+void ErrorFrame::Fail(long site, const Etxt_Char* message, ...) {
+  va_list ap;
+  va_start(ap, message);
+  FailV(site, EERR_SEVERITY_ERROR, message, ap);
+  va_end(ap);
 }
 
 void ErrorFrame::FailWithSeverity(long site, int severity, const Etxt_Char* message, ...) {
   va_list ap;
   va_start(ap, message);
-  std::wstring text = FormatV(message, ap);
+  FailV(site, severity, message, ap);
   va_end(ap);
-  Eerr_ErrorReport* previous = local_ ? local_ : *out_;
-  if (previous == *out_) *out_ = nullptr;
-  local_ = nullptr;
-  Store(MakeReport(function_, site, severity, previous, text));
 }
 
 void ErrorFrame::Adopt(Eerr_ErrorReport* report) {

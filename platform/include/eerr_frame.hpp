@@ -15,6 +15,7 @@
 #ifndef EERR_FRAME_HPP
 #define EERR_FRAME_HPP
 
+#include <cstdarg>
 #include <new>
 #include <stdexcept>
 
@@ -48,6 +49,7 @@ class KZDV_EXPORT ErrorFrame {
 
  private:
   void Store(Eerr_ErrorReport* report);
+  void FailV(long site, int severity, const Etxt_Char* message, va_list args);
 
   const Etxt_Char* function_;
   Eerr_ErrorReport* own_ = nullptr;
