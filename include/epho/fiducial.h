@@ -54,7 +54,7 @@ class EPHO_EXPORT FiducialPrediction {
   void put_FiducialOrientation(Epho_FiducialAxis axis);
   /* Measured image position (column, row in pixels) of fiducial `id`; an
    * unknown id is ignored. An id of 0 is stored but never counted. Ids are
-   * given as in put_AllFilmCoordinates' magnitudes: a negative id is unknown
+   * the magnitudes put_AllFilmCoordinates stored: a negative id is unknown
    * here, in RemoveMeasuredPoint and in get_Prediction. */
   void put_MeasuredCoordinates(int32_t id, double x, double y);
   /* 0 when removed; 1 with no fiducials, an unknown id or an unmeasured one. */
