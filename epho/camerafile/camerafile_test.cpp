@@ -383,6 +383,12 @@ TEST(CameraFile, BadInputIsReported) {
 
   // A missing file: a warning naming the file, printed when nobody takes it.
   const std::wstring missing = dir.WFile("nowhere.cam");
+  Eerr_ErrorReport* open_err = nullptr;
+  EXPECT_EQ(CameraInfoFileRead(missing.c_str(), nullptr, &open_err), nullptr);
+  ReportPtr open_hold(open_err);
+  ASSERT_NE(open_err, nullptr);
+  EXPECT_EQ(open_err->severity, EERR_SEVERITY_WARNING);
+  EXPECT_EQ(std::wstring(open_err->message), L"Error opening camera parameter file: " + missing);
   testutil::PrintedReports printed;
   EXPECT_EQ(CameraInfoFileRead(missing.c_str(), nullptr, nullptr), nullptr);
   ASSERT_EQ(printed.texts().size(), 1u);
