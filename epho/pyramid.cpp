@@ -120,8 +120,6 @@ void epho_ComputePyramidLayers3x3(const Etxt_Char* file_name, Emet_MeterInfo* me
   EERR_CHECK(names, frame, , L"Cannot get layer names from file %s!", file_name);
   kzdv::HeapPtr<Etxt_Char> file(efnp_FileNameGet(file_name, frame.Callee()));
   EERR_CHECK(file, frame, , L"efnp_FileNameGet failed");
-  kzdv::HeapPtr<Etxt_Char> shown(estr_GetPathPart(file.get(), ESTR_PATH_FILE));
-  EERR_FAIL_IF(!shown, frame, , L"Out of memory");
   StackPtr stack(eimg_LayerStackOpen(names.get(), init, EIMG_ACCESS_UPDATE, frame.Callee()),
                  CloseStack);
   EERR_CHECK(stack, frame, , L"Cannot open image layers!");
@@ -136,7 +134,7 @@ void epho_ComputePyramidLayers3x3(const Etxt_Char* file_name, Emet_MeterInfo* me
   bool ok = true;
   if (one_pass) {
     // Interleaved files are read once for all bands.
-    kzdv::HeapPtr<Etxt_Char> task(estr_Sprintf(L"%s: All Layers", shown.get()));
+    kzdv::HeapPtr<Etxt_Char> task(estr_Sprintf(L"%s: All Layers", file.get()));
     EERR_FAIL_IF(!task, frame, , L"estr_Sprintf failed");
     ok = computeBinomialPyramid(task.get(), stack.get(), EMSC_TRUE, meter, init, &levels_changed,
                                 frame.Callee());
@@ -146,7 +144,7 @@ void epho_ComputePyramidLayers3x3(const Etxt_Char* file_name, Emet_MeterInfo* me
     EERR_CHECK(one, frame, , L"Unable to create Layer Stack structure for sequential processing");
     for (long i = 0; ok && i < stack->count; ++i) {
       one->layers[0] = stack->layers[i];
-      kzdv::HeapPtr<Etxt_Char> task(estr_Sprintf(L"%s: Layer %d", shown.get(), int(i + 1)));
+      kzdv::HeapPtr<Etxt_Char> task(estr_Sprintf(L"%s: Layer %d", file.get(), int(i + 1)));
       EERR_FAIL_IF(!task, frame, , L"Error producing layer name");
       ok = computeBinomialPyramid(task.get(), one.get(), i == 0 ? EMSC_TRUE : EMSC_FALSE, meter,
                                   init, &levels_changed, frame.Callee());

@@ -268,6 +268,42 @@ TEST(PyramidLayers, CancelReportsAndLeavesNoLevelBehind) {
   }
 }
 
+void RecordTasks(const Etxt_Char* task, double, void* ctx) {
+  auto* seen = static_cast<std::vector<std::wstring>*>(ctx);
+  if (seen->empty() || seen->back() != task) seen->push_back(task);
+}
+
+// The meter names the file, the pass (all layers at once or one layer) and
+// the level: interleaved files in one pass, band-sequential ones band by band.
+TEST(PyramidLayers, MeterNamesFilePassAndLevel) {
+  testutil::ScratchDir dir("pyr_meter");
+  Raster r = RandomRaster(300, 300, 2, GDT_Byte, 41);  // 600 -> 300, 150: two levels
+  struct Case {
+    std::string path;
+    std::vector<std::wstring> passes;
+  } cases[] = {
+      {WriteTiff(dir.File("bip.tif"), r, GDT_Byte, {"INTERLEAVE=PIXEL"}), {L": All Layers"}},
+      {WriteTiff(dir.File("bsq.tif"), r, GDT_Byte, {"INTERLEAVE=BAND"}),
+       {L": Layer 1", L": Layer 2"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path);
+    const std::wstring file = kzdv::FromUtf8(c.path);
+    std::vector<std::wstring> expected;
+    for (const auto& pass : c.passes)
+      for (int k = 1; k <= 2; ++k)
+        expected.push_back(file + pass + L", pyramid layer " + std::to_wstring(k) + L" of 2");
+    std::vector<std::wstring> seen;
+    Emet_MeterInfo* meter = emet_MeterInfoCreateWithSink(L"start", RecordTasks, &seen, nullptr);
+    Eerr_ErrorReport* err = nullptr;
+    epho_ComputePyramidLayers3x3(file.c_str(), meter, &err);
+    emet_MeterInfoDelete(meter);
+    ASSERT_EQ(err, nullptr) << kzdv::ReportText(err);
+    if (!seen.empty() && seen.front() == L"start") seen.erase(seen.begin());
+    EXPECT_EQ(seen, expected);
+  }
+}
+
 TEST(PyramidLayers, RefusedFilesAreLeftUntouched) {
   testutil::ScratchDir dir("pyr_refuse");
   Raster r = RandomRaster(300, 300, 1, GDT_Byte, 31);

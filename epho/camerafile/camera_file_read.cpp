@@ -5,6 +5,11 @@
 // Everything is read into a fresh record first and counts are only trusted
 // for the rows actually present: arrays are sized from the rows read, never
 // from a count in the file, so a damaged file cannot ask for huge blocks.
+//
+// Lines are taken 127 characters at a time, as fgets with a 128 limit gives
+// them: the rest of a longer line comes as the next piece. A piece that is
+// only a line end (a 127-character line followed by LF or CR LF) is a blank
+// line and skipped like any other before an item.
 #include <cmath>
 #include <cstdarg>
 #include <cstring>
@@ -50,8 +55,8 @@ std::wstring Trim(const std::wstring& s) {
   return s.substr(b, s.find_last_not_of(blanks) - b + 1);
 }
 
-// Text before the first ':' (the whole line when there is none), trimmed.
-std::wstring KeyOf(const std::wstring& line) { return Trim(line.substr(0, line.find(L':'))); }
+// Text before the first ':' (the whole line when there is none), as is.
+std::wstring KeyOf(const std::wstring& line) { return line.substr(0, line.find(L':')); }
 
 class Reader {
  public:
@@ -74,7 +79,8 @@ class Reader {
     throw Reported{};
   }
 
-  // Next line with its line end cut off; false at the end of the file.
+  // Next piece of at most 127 characters (a whole line unless the line is
+  // longer) with its line end cut off; false at the end of the file.
   bool Next(std::wstring& line) {
     Etxt_Char buffer[EPHO_CAMERA_FILE_LINE_LIMIT + 1];
     buffer[0] = 0;
@@ -82,14 +88,26 @@ class Reader {
       if (frame_.CalleeFailed()) Fail(__LINE__, L"%s", read_error_);
       return false;
     }
-    ++line_no_;
+    if (!cut_) ++line_no_;
     size_t n = std::wcslen(buffer);
-    if (n == EPHO_CAMERA_FILE_LINE_LIMIT && buffer[n - 1] != L'\n')
-      Fail(__LINE__, L"Line %d of camera parameter file %s is longer than %d characters", line_no_,
-           name_, EPHO_CAMERA_FILE_LINE_LIMIT);
+    cut_ = n == EPHO_CAMERA_FILE_LINE_LIMIT && buffer[n - 1] != L'\n';
     while (n > 0 && (buffer[n - 1] == L'\n' || buffer[n - 1] == L'\r')) --n;
     line.assign(buffer, n);
     return true;
+  }
+
+  [[noreturn]] void FailLongLine() {
+    Fail(__LINE__, L"Line %d of camera parameter file %s is longer than %d characters", line_no_,
+         name_, EPHO_CAMERA_FILE_LINE_LIMIT);
+  }
+
+  // After a table row: the row must have ended within the piece just read
+  // (what follows a cut piece may only be its line end), so that the rest of
+  // a long row is never taken for the next row.
+  void RowEnded() {
+    if (!cut_) return;
+    std::wstring rest;
+    if (Next(rest) && !rest.empty()) FailLongLine();
   }
 
   // Next line that is not empty; false at the end of the file.
@@ -112,6 +130,7 @@ class Reader {
   std::wstring Quoted(const std::wstring& line) {
     const size_t a = line.find(L'"');
     const size_t b = a == std::wstring::npos ? a : line.find(L'"', a + 1);
+    if (b == std::wstring::npos && cut_) FailLongLine();
     if (b == std::wstring::npos)
       Fail(__LINE__, L"Line %d of camera parameter file %s: the value must be in double quotes",
            line_no_, name_);
@@ -126,9 +145,11 @@ class Reader {
   double Number(const std::wstring& line) {
     const std::wstring text = AfterColon(line);
     double v = 0.0;
-    if (!estr_StringToDouble(text.c_str(), &v) || !std::isfinite(v))
+    if (!estr_StringToDouble(text.c_str(), &v)) {
+      if (cut_) FailLongLine();
       Fail(__LINE__, L"Line %d of camera parameter file %s: \"%s\" is not a number", line_no_,
            name_, Trim(text).c_str());
+    }
     return v;
   }
 
@@ -159,10 +180,13 @@ class Reader {
         --i;  // the table's header line
         continue;
       }
-      if (got != 3 || !std::isfinite(a) || !std::isfinite(b))
+      if (got != 3) {
+        if (cut_) FailLongLine();
         Fail(__LINE__,
              L"Line %d of camera parameter file %s: %s %ld of %ld is not a row of numbers",
              line_no_, name_, what, i + 1, count);
+      }
+      RowEnded();
       values.push_back(a);
       values.push_back(b);
     }
@@ -174,6 +198,7 @@ class Reader {
   Efio_File* file_;
   const Etxt_Char* name_;
   int line_no_ = 0;
+  bool cut_ = false;  // the last piece stopped at the limit, not at a line end
   const Etxt_Char* read_error_ = L"efio_Fgets failed";
 };
 
@@ -213,14 +238,10 @@ void ReadCurrent(Reader& r, kzdv::ErrorFrame& frame, Epho_CameraFrameInfo& c) {
   HeapValues(frame, r.Rows(fiducials, L"fiducial"), &c.fiducialValueCount, &c.fiducials_mm);
 
   r.Item(kObservationSection);
+  // Only "Field Angle" is looked for: any other type means radial distances.
   const std::wstring kind = r.Quoted(r.Item(kTypeKey));
-  if (estr_Eqic(kind.c_str(), kFieldAngle))
-    c.observationKind = EPHO_DISTORTION_FIELD_ANGLE;
-  else if (estr_Eqic(kind.c_str(), kRadialDistance))
-    c.observationKind = EPHO_DISTORTION_RADIAL_DISTANCE;
-  else
-    r.Fail(__LINE__, L"Line %d of camera parameter file %s: unknown observation type \"%s\"",
-           r.LineNumber(), r.Name(), kind.c_str());
+  c.observationKind = estr_Eqic(kind.c_str(), kFieldAngle) ? EPHO_DISTORTION_FIELD_ANGLE
+                                                           : EPHO_DISTORTION_RADIAL_DISTANCE;
   const long observations =
       r.Count(r.Item(kObservationCountKey), kMaxObservations, L"observations");
   HeapValues(frame, r.Rows(observations, L"observation"), &c.observationValueCount,
@@ -232,28 +253,23 @@ void ReadCurrent(Reader& r, kzdv::ErrorFrame& frame, Epho_CameraFrameInfo& c) {
   c.k2 = r.Number(r.Item(L"k2"));
 
   // A model this reader does not know is written without a type line; such a
-  // file, like one that ends here, has no extended parameters.
+  // file, like one that ends here or names a type other than the three
+  // models, has no extended parameters.
   r.Item(kExtendedSection);
   c.extendedModel = EPHO_LENS_MODEL_NONE;
   std::wstring line;
   if (!r.NextNonBlank(line)) return;
   if (line.find(kTypeKey) == std::wstring::npos) r.Fail(__LINE__, kUnsupported);
   const std::wstring type = r.Quoted(line);
-  if (estr_Eqic(type.c_str(), kNone)) return;
   int model = 0;
   for (int m = 1; m <= 3; ++m)
     if (estr_Eqic(type.c_str(), kModelNames[m])) model = m;
-  if (!model)
-    r.Fail(__LINE__, L"Line %d of camera parameter file %s: unknown extended parameter type \"%s\"",
-           r.LineNumber(), r.Name(), type.c_str());
+  if (!model) return;
+  // Each value from the next line holding its key, as the other items.
   const Etxt_Char* const* keys = ExtendedKeys(model);
   std::vector<double> values;
-  for (int i = 0; i < epho_ExtendedLensModelValueCount(model); ++i) {
-    std::wstring item;
-    if (!r.NextNonBlank(item) || !estr_Eqic(KeyOf(item).c_str(), keys[i]))
-      r.Fail(__LINE__, kUnsupported);
-    values.push_back(r.Number(item));
-  }
+  for (int i = 0; i < epho_ExtendedLensModelValueCount(model); ++i)
+    values.push_back(r.Number(r.Item(keys[i])));
   int32_t count = 0;
   HeapValues(frame, values, &count, &c.extendedParameters);
   c.extendedModel = model;
@@ -267,16 +283,14 @@ void ReadOlder(Reader& r, kzdv::ErrorFrame& frame, Efio_File* file, const Etxt_C
   if (!r.Next(description))
     r.Fail(__LINE__, L"Camera parameter file %s ends before the camera description", name);
   c.cameraDescription = HeapText(frame, description);
-  long kind = 0;
-  if (efio_Fscanf(file, "%lg %lg %lg %lg %lg %lg %ld", &c.focalLength_mm, &c.x0_mm, &c.y0_mm, &c.k0,
-                  &c.k1, &c.k2, &kind) != 7 ||
-      !std::isfinite(c.focalLength_mm) || !std::isfinite(c.x0_mm) || !std::isfinite(c.y0_mm) ||
-      !std::isfinite(c.k0) || !std::isfinite(c.k1) || !std::isfinite(c.k2))
+  int kind = 0;
+  if (efio_Fscanf(file, "%lg %lg %lg %lg %lg %lg %d", &c.focalLength_mm, &c.x0_mm, &c.y0_mm, &c.k0,
+                  &c.k1, &c.k2, &kind) != 7)
     r.Fail(__LINE__,
            L"Camera parameter file %s: cannot read the focal length, principal point, k0, k1, "
            L"k2 and observation kind",
            name);
-  c.observationKind = kind == 0 ? EPHO_DISTORTION_RADIAL_DISTANCE : EPHO_DISTORTION_FIELD_ANGLE;
+  c.observationKind = kind;  // as written: non-zero means field angles
 
   // Value counts (twice the rows) followed by that many values in pairs.
   auto values = [&](long max_rows, const Etxt_Char* what) {
@@ -291,7 +305,7 @@ void ReadOlder(Reader& r, kzdv::ErrorFrame& frame, Efio_File* file, const Etxt_C
     std::vector<double> v;
     for (long i = 0; i < count; i += 2) {
       double a = 0.0, b = 0.0;
-      if (efio_Fscanf(file, "%lg %lg", &a, &b) != 2 || !std::isfinite(a) || !std::isfinite(b))
+      if (efio_Fscanf(file, "%lg %lg", &a, &b) != 2)
         r.Fail(__LINE__, L"Camera parameter file %s: %s values %ld and %ld of %ld cannot be read",
                name, what, i + 1, i + 2, count);
       v.push_back(a);

@@ -13,31 +13,13 @@ using namespace epho_camerafile;
 namespace {
 
 // A quoted text line must come back whole: no quote or line break inside,
-// and short enough for the reader's line limit even with a CR LF ending.
+// and within the reader's line limit (line end not counted).
 bool QuotedTextFits(const Etxt_Char* key, const Etxt_Char* text) {
   const size_t n = text ? std::wcslen(text) : 0;
   for (size_t i = 0; i < n; ++i)
     if (text[i] == L'"' || text[i] == L'\n' || text[i] == L'\r') return false;
-  // key + ": \"" + text + "\"\n"
-  return std::wcslen(key) + 3 + n + 3 <= EPHO_CAMERA_FILE_LINE_LIMIT;
-}
-
-// Name of the first value that is not finite, or null.
-const char* FirstNonFinite(const Epho_CameraFrameInfo& c) {
-  if (!std::isfinite(c.focalLength_mm)) return "focal length";
-  if (!std::isfinite(c.x0_mm) || !std::isfinite(c.y0_mm)) return "principal point";
-  if (!std::isfinite(c.k0) || !std::isfinite(c.k1) || !std::isfinite(c.k2))
-    return "radial distortion coefficients";
-  for (int i = 0; i < c.fiducialValueCount; ++i)
-    if (!std::isfinite(c.fiducials_mm[i])) return "fiducial coordinates";
-  for (int i = 0; i < c.observationValueCount; ++i)
-    if (!std::isfinite(c.observations[i])) return "distortion observations";
-  if (c.extendedParameters) {
-    const int n = epho_ExtendedLensModelValueCount(c.extendedModel);
-    for (int i = 0; i < n; ++i)
-      if (!std::isfinite(c.extendedParameters[i])) return "extended parameters";
-  }
-  return nullptr;
+  // key + ": \"" + text + "\""
+  return std::wcslen(key) + 3 + n + 1 <= EPHO_CAMERA_FILE_LINE_LIMIT;
 }
 
 // The text of the whole file.
@@ -110,9 +92,6 @@ extern "C" Emsc_Boolean CameraInfoFileWrite(const Etxt_Char* fileName,
                L"The camera description holds a double quote or a line break, or is too long "
                L"for one line of %d characters",
                EPHO_CAMERA_FILE_LINE_LIMIT);
-  const char* bad = FirstNonFinite(c);
-  EERR_FAIL_IF(bad, frame, EMSC_FALSE, L"The camera's %hs hold a value that is not a finite number",
-               bad);
 
   std::wstring text;
   try {

@@ -255,7 +255,7 @@ TEST(CameraFile, OlderLayoutReadsAndConverts) {
        "Frame camera A-15/23\r\n"
        "old headerless calibration\n"
        "153.26 0.002 -0.003 1e-05 -2e-09 0\n"
-       "1\n"
+       "5\n"
        "8\n"
        "-106 106 106 -106\n"
        "106 106\n"
@@ -272,7 +272,7 @@ TEST(CameraFile, OlderLayoutReadsAndConverts) {
   EXPECT_EQ(c->k0, 1e-05);
   EXPECT_EQ(c->k1, -2e-09);
   EXPECT_EQ(c->k2, 0.0);
-  EXPECT_NE(c->observationKind, 0);
+  EXPECT_EQ(c->observationKind, 5);  // kept as written: any non-zero kind is field angles
   const double fid[] = {-106, 106, 106, -106, 106, 106, -106, -106};
   ASSERT_EQ(c->fiducialValueCount, 8);
   ExpectValues(c->fiducials_mm, fid, 8, "fiducial");
@@ -353,9 +353,13 @@ TEST(CameraFile, BadInputIsReported) {
       {"count not a number", replace("Fiducials: 4", "Fiducials: four"), L"is not a whole number"},
       {"focal not a number", replace("99.82", "9x9"), L"\"9x9\" is not a number"},
       {"no quotes", replace("\"normal-angle 10/1318\"", "unquoted"), L"must be in double quotes"},
-      {"unknown kind", replace("Field Angle", "Field Angel"), L"unknown observation type"},
-      {"unknown model", replace("AUSTRALIS Parameters", "OTHER"), L"unknown extended parameter"},
+      {"name key not exact", replace("Camera Name:", "Camera Name :"), unsupported},
+      {"name key indented", replace("Camera Name:", " Camera Name:"), unsupported},
       {"missing extended value", replace("\tp2: 5\n", ""), unsupported},
+      {"extended key in other case", replace("\tp2: 5\n", "\tP2: 5\n"), unsupported},
+      {"blanks are not a blank line", replace("\nRadial Lens", " \nRadial Lens"), unsupported},
+      {"long row", replace("       2      106.003", std::string(120, ' ') + "2      106.003"),
+       L"longer than 127 characters"},
       {"long line", replace("normal angle", std::string(140, 'x')), L"longer than 127 characters"},
       {"binary", binary, L""},
       {"older, no description", "name only\n", L"ends before the camera description"},
@@ -379,6 +383,12 @@ TEST(CameraFile, BadInputIsReported) {
 
   // A missing file: a warning naming the file, printed when nobody takes it.
   const std::wstring missing = dir.WFile("nowhere.cam");
+  Eerr_ErrorReport* open_err = nullptr;
+  EXPECT_EQ(CameraInfoFileRead(missing.c_str(), nullptr, &open_err), nullptr);
+  ReportPtr open_hold(open_err);
+  ASSERT_NE(open_err, nullptr);
+  EXPECT_EQ(open_err->severity, EERR_SEVERITY_WARNING);
+  EXPECT_EQ(std::wstring(open_err->message), L"Error opening camera parameter file: " + missing);
   testutil::PrintedReports printed;
   EXPECT_EQ(CameraInfoFileRead(missing.c_str(), nullptr, nullptr), nullptr);
   ASSERT_EQ(printed.texts().size(), 1u);
@@ -416,18 +426,26 @@ TEST(CameraFile, WriteRefusesRecordsItCouldNotReadBack) {
   c->cameraDescription = etxt_Text_strdup(std::wstring(110, L'd').c_str());
   refused(std::move(c), L"camera description holds");
   c = MakeCamera(4, 1, 0);
-  c->fiducials_mm[3] = NAN;
-  refused(std::move(c), L"fiducial coordinates hold a value that is not a finite number");
+  emsc_HeapFree(c->cameraDescription);
+  c->cameraDescription = etxt_Text_strdup(std::wstring(127 - 21, L'd').c_str());
+  refused(std::move(c), L"camera description holds");
 
-  // The longest description that still fits one line comes back whole.
+  // The longest description that still fits one line (127 characters
+  // without the line end) comes back whole, also from a CR LF copy.
   c = MakeCamera(4, 1, 0);
   emsc_HeapFree(c->cameraDescription);
-  const std::wstring longest(127 - 24, L'\x00e9');  // "Camera Description: \"" + "\"\n"
+  const std::wstring longest(127 - 22, L'\x00e9');  // "Camera Description: \"" + "\""
   c->cameraDescription = etxt_Text_strdup(longest.c_str());
   ASSERT_TRUE(CameraInfoFileWrite(path.c_str(), c.get(), &err)) << kzdv::ReportText(err);
   CameraPtr back(CameraInfoFileRead(path.c_str(), nullptr, &err));
   ASSERT_TRUE(back) << kzdv::ReportText(err);
   EXPECT_EQ(std::wstring(back->cameraDescription), longest);
+  std::string crlf;
+  for (char ch : Slurp(dir.File("w.cam"))) crlf += ch == '\n' ? std::string("\r\n") : std::string(1, ch);
+  Spit(dir.File("crlf.cam"), crlf);
+  CameraPtr back_crlf(CameraInfoFileRead(dir.WFile("crlf.cam").c_str(), nullptr, &err));
+  ASSERT_TRUE(back_crlf) << kzdv::ReportText(err);
+  ExpectSameCamera(*back, *back_crlf);
 
   // An unwritable place: the open failure is a warning naming the file.
   const std::wstring nowhere = dir.WFile("no/such/dir/w.cam");
@@ -436,6 +454,85 @@ TEST(CameraFile, WriteRefusesRecordsItCouldNotReadBack) {
   ASSERT_NE(err, nullptr);
   EXPECT_EQ(err->severity, EERR_SEVERITY_WARNING);
   EXPECT_EQ(std::wstring(err->message), L"Error opening camera parameter file: " + nowhere);
+}
+
+// Values that are not finite are written as printf writes them and read
+// back as the same values.
+TEST(CameraFile, NonFiniteValuesRoundTrip) {
+  testutil::ScratchDir dir("camfile");
+  CameraPtr c = MakeCamera(4, 0, 3);
+  c->focalLength_mm = NAN;
+  c->fiducials_mm[3] = INFINITY;
+  c->observations[0] = -INFINITY;
+  c->extendedParameters[8] = NAN;
+  ASSERT_TRUE(CameraInfoFileWrite(dir.WFile("n.cam").c_str(), c.get(), nullptr));
+  const std::string text = Slurp(dir.File("n.cam"));
+  EXPECT_NE(text.find("Focal Length [mm]: nan\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("\tp4: nan\n"), std::string::npos) << text;
+  Eerr_ErrorReport* err = nullptr;
+  CameraPtr back(CameraInfoFileRead(dir.WFile("n.cam").c_str(), nullptr, &err));
+  ASSERT_TRUE(back) << kzdv::ReportText(err);
+  EXPECT_TRUE(std::isnan(back->focalLength_mm));
+  EXPECT_EQ(back->fiducials_mm[3], INFINITY);
+  EXPECT_EQ(back->observations[0], -INFINITY);
+  EXPECT_TRUE(std::isnan(back->extendedParameters[8]));
+  EXPECT_EQ(back->extendedParameters[7], c->extendedParameters[7]);
+}
+
+// What the layout leaves to the values themselves: the observation type
+// is only tested for "Field Angle", an unknown extended type means none,
+// item keys other than the name keys may stand anywhere in their line, and
+// a line of exactly 127 characters is followed by its line end alone.
+TEST(CameraFile, LenientItemsReadAsTheLayoutSays) {
+  testutil::ScratchDir dir("camfile");
+  auto read = [&](const std::string& bytes) {
+    Spit(dir.File("l.cam"), bytes);
+    Eerr_ErrorReport* err = nullptr;
+    CameraPtr c(CameraInfoFileRead(dir.WFile("l.cam").c_str(), nullptr, &err));
+    EXPECT_TRUE(c) << kzdv::ReportText(err);
+    eerr_DeleteErrorReport(err);
+    return c;
+  };
+  auto replace = [](std::string s, const std::string& from, const std::string& to) {
+    s.replace(s.find(from), from.size(), to);
+    return s;
+  };
+  CameraPtr c = read(replace(kCurrentFile, "\"Field Angle\"", "\"Field Angel\""));
+  ASSERT_TRUE(c);
+  EXPECT_EQ(c->observationKind, EPHO_DISTORTION_RADIAL_DISTANCE);
+  EXPECT_EQ(c->observationValueCount, 4);
+
+  c = read(replace(kCurrentFile, "\"AUSTRALIS Parameters\"", "\"OTHER\""));
+  ASSERT_TRUE(c);
+  EXPECT_EQ(c->extendedModel, EPHO_LENS_MODEL_NONE);
+  EXPECT_EQ(c->extendedParameters, nullptr);
+  EXPECT_EQ(c->k1, -2e-09);
+
+  std::string keys = replace(kCurrentFile, "\tb1: 6", "\tb1 (affinity): 6");
+  keys = replace(keys, "Focal Length [mm]: 99.82", "Calibrated Focal Length [mm]: 99.82");
+  c = read(keys);
+  ASSERT_TRUE(c);
+  EXPECT_EQ(c->focalLength_mm, 99.82);
+  EXPECT_EQ(c->extendedParameters[5], 6.0);
+
+  // 127 characters, then LF or CR LF: the same line.
+  std::string row = "       1     -106.001      106.002";
+  std::string padded = row + std::string(127 - row.size(), ' ');
+  std::string focal = "Focal Length [mm]: 99.82";
+  std::string focal127 = "Focal Length [mm]:" + std::string(127 - focal.size(), ' ') + " 99.82";
+  ASSERT_EQ(focal127.size(), 127u);
+  ASSERT_EQ(padded.size(), 127u);
+  for (const char* end : {"\n", "\r\n"}) {
+    SCOPED_TRACE(end[0] == '\r' ? "CR LF" : "LF");
+    std::string text = replace(kCurrentFile, row + "\n", padded + end);
+    text = replace(text, focal + "\n", focal127 + end);
+    c = read(text);
+    ASSERT_TRUE(c);
+    EXPECT_EQ(c->focalLength_mm, 99.82);
+    ASSERT_EQ(c->fiducialValueCount, 8);
+    EXPECT_EQ(c->fiducials_mm[1], 106.002);
+    EXPECT_EQ(c->fiducials_mm[2], 106.003);
+  }
 }
 
 TEST(CameraFile, RecordsCreateEmpty) {

@@ -124,10 +124,11 @@ void FiducialPrediction::put_FiducialOrientation(Epho_FiducialAxis axis) {
   ClearMeasurements();
 }
 
+// The slot whose stored id, taken by magnitude, equals `id` as given: ids
+// are not negative, so a negative `id` names no fiducial.
 int FiducialPrediction::FindSlot(int32_t id) const {
-  const int32_t want = AbsId(id);
   for (int i = 0; i < fiducialCount_; ++i)
-    if (AbsId(ids_[i]) == want) return i;
+    if (AbsId(ids_[i]) == id) return i;
   return -1;
 }
 

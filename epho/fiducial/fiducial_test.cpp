@@ -117,7 +117,7 @@ TEST(FiducialPrediction, SettingsAndMeasurementBookkeeping) {
   EXPECT_EQ(p.FinalSolve(nullptr, nullptr), -1.0);
   p = Nominal(4);
   EXPECT_EQ(p.get_Prediction(5, &x, &y), 2);
-  EXPECT_EQ(p.get_Prediction(-1, &x, &y), 0);  // ids are matched by magnitude
+  EXPECT_EQ(p.get_Prediction(-1, &x, &y), 2);  // stored ids match by magnitude, not the argument
 
   p.put_FiducialToEdgePercent(0.4);
   EXPECT_EQ(p.get_FiducialToEdgePercent(), 0.4);
@@ -131,8 +131,12 @@ TEST(FiducialPrediction, SettingsAndMeasurementBookkeeping) {
   p.put_MeasuredCoordinates(1, 9700, 300);
   p.put_MeasuredCoordinates(1, 9750, 250);  // re-measuring does not count twice
   p.put_MeasuredCoordinates(17, 1, 1);      // unknown: ignored
-  p.put_MeasuredCoordinates(-2, 250, 250);
+  p.put_MeasuredCoordinates(-2, 250, 250);  // no fiducial has id -2: ignored
+  EXPECT_EQ(p.get_MeasuredCount(), 1);
+  p.put_MeasuredCoordinates(2, 250, 250);
   EXPECT_EQ(p.get_MeasuredCount(), 2);
+  EXPECT_EQ(p.get_Prediction(2, &x, &y), 0);  // id 2, stored as -2, still found
+  EXPECT_EQ(p.RemoveMeasuredPoint(-2), 1);
   EXPECT_EQ(p.RemoveMeasuredPoint(3), 1);  // not measured
   EXPECT_EQ(p.RemoveMeasuredPoint(17), 1);
   EXPECT_EQ(p.RemoveMeasuredPoint(2), 0);

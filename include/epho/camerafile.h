@@ -60,8 +60,8 @@ typedef struct Epho_SensorFrameInfo {
   double rmsResidual_pixels;  /* root mean square fiducial residual of the fit; 0 when created */
 } Epho_SensorFrameInfo;
 
-/* The longest line (in characters, line end included) that the reader takes;
- * the writer keeps its lines one shorter so that a CR LF copy still reads. */
+/* The longest line (in characters, its LF or CR LF end not counted) that the
+ * reader takes whole; it reads lines in pieces of this length. */
 #define EPHO_CAMERA_FILE_LINE_LIMIT 127
 
 KZDV_BEGIN_C
@@ -79,20 +79,30 @@ EPHO_EXPORT void epho_SensorFrameInfoDelete(Epho_SensorFrameInfo* frame);
 EPHO_EXPORT int epho_ExtendedLensModelValueCount(int32_t model);
 
 /* Writes the camera file (current layout, version line "2.0"). Numbers are
- * written in %g form (six significant digits). The record is checked before
- * the file is opened: counts must be even and not negative with their arrays
- * present, numbers finite, and name and description free of double quotes and
- * line breaks and short enough for the reader's line limit. A null extended
- * block or model 0 writes the type "NONE"; a model outside 0-3 writes nothing
- * after the "Extended Parameters:" line. EMSC_TRUE on success; EMSC_FALSE with
- * a report otherwise. */
+ * written in %g form (six significant digits; "nan", "inf" as printf gives
+ * them). The record is checked before the file is opened, so that nothing is
+ * written that would not read back: counts must be even and not negative
+ * with their arrays present, and name and description free of double quotes
+ * and line breaks and short enough for one line of the reader's limit. A null
+ * extended block or model 0 writes the type "NONE"; a model outside 0-3
+ * writes nothing after the "Extended Parameters:" line. EMSC_TRUE on success;
+ * EMSC_FALSE with a report otherwise. */
 EPHO_EXPORT Emsc_Boolean CameraInfoFileWrite(const Etxt_Char* fileName,
                                              const Epho_CameraFrameInfo* camera,
                                              Eerr_ErrorReport** err);
 
 /* Reads a camera file, current layout (first line "OVT Camera File Version:
  * ...", any version) or the older headerless one, into `camera` or, when it
- * is null, into a new record. Returns the filled record (the caller's, whose
+ * is null, into a new record. Lines are read in pieces of 127 characters;
+ * blank lines before items are skipped; names are matched by their exact key
+ * before ":", other items by the key anywhere in the line. An observation type
+ * other than "Field Angle" (case ignored) means radial distances; an extended
+ * type other than the three model names means none. Numbers must parse whole
+ * (nan and inf are taken as written). Beyond the layout, the reader refuses
+ * what it cannot take safely: counts that are negative, above 10000 rows or
+ * not matched by rows of three numbers (older layout: odd value counts or
+ * missing values), table rows longer than one line piece, and quoted items
+ * without their two quotes. Returns the filled record (the caller's, whose
  * previous texts and arrays are freed and replaced, or the new one, which the
  * caller frees with epho_CameraFrameInfoDelete). On failure returns null with
  * a report; the caller's record is then left unchanged and nothing is leaked.

@@ -53,7 +53,9 @@ class EPHO_EXPORT FiducialPrediction {
   /* Orientation of the film system on the scan; clears all measurements. */
   void put_FiducialOrientation(Epho_FiducialAxis axis);
   /* Measured image position (column, row in pixels) of fiducial `id`; an
-   * unknown id is ignored. An id of 0 is stored but never counted. */
+   * unknown id is ignored. An id of 0 is stored but never counted. Ids are
+   * the magnitudes put_AllFilmCoordinates stored: a negative id is unknown
+   * here, in RemoveMeasuredPoint and in get_Prediction. */
   void put_MeasuredCoordinates(int32_t id, double x, double y);
   /* 0 when removed; 1 with no fiducials, an unknown id or an unmeasured one. */
   int RemoveMeasuredPoint(int32_t id);
