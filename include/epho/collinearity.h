@@ -46,7 +46,10 @@ EPHO_EXPORT double epho_GetAverageGroundZ(const double* point_a, const double* p
  * (5, 0) radial p1..p3; (26, 1), (11, 2), (13, 3) the extended models (p1
  * must be nonzero). `secondary` (additional parameters), codes 1..7, replaces
  * the primary result entirely. Null records, unknown models, a zero scale
- * and a secondary record shorter than its model needs give zero distortion. */
+ * and a secondary record shorter than its model needs give zero distortion
+ * (guards against reading past the record); a secondary count below 1 means
+ * no secondary record, and a p0 that is NaN or beyond the int range names no
+ * model. */
 EPHO_EXPORT void epho_CameraAwayDistortion(const Epho_CountedDoubles* primary,
                                            const Epho_CountedDoubles* secondary, double x, double y,
                                            double* dx, double* dy);
