@@ -294,6 +294,34 @@ TEST(DistortionTest, IterativeDistortionIsRemovedByOneStep) {
   EXPECT_EQ(dy, 0.0);
 }
 
+// The stopping rules of the fixed-point iteration, on a linear lens dx = c x
+// (count 3, f = p0) whose iterates have the closed form
+// e_k = c x (1 - c^(k+1)) / (1 - c) and changes |c|^(k+1) |x|.
+TEST(DistortionTest, IterationStopsAsDocumented) {
+  double dx, dy;
+  // A first distortion below 0.001 is taken as it is (one evaluation only).
+  const Record tiny({1e-5, 0.0, 0.0});
+  epho_CameraAwayDistortionIterative(tiny.get(), nullptr, 10.0, 10.0, &dx, &dy, 1.0, 1);
+  EXPECT_EQ(dx, 10.0 * 1e-5);
+  EXPECT_EQ(dy, 10.0 * 1e-5);
+  // c = -0.9: changes shrink too slowly for the 0.0001 tolerance, so the
+  // eleventh evaluation (k = 10) is returned.
+  const double c = -0.9, x = 10.0;
+  const Record slow({c, 0.0, 0.0});
+  epho_CameraAwayDistortionIterative(slow.get(), nullptr, x, 0.0, &dx, &dy, 1e9, 1);
+  EXPECT_NEAR(dx, c * x * (1 - std::pow(c, 11)) / (1 - c), 1e-12);
+  EXPECT_EQ(dy, 0.0);
+  // c = 0.05: the change 0.05^(k+1) * 10 first falls below 0.0001 at k = 3,
+  // and that evaluation is returned.
+  const Record fast({0.05, 0.0, 0.0});
+  epho_CameraAwayDistortionIterative(fast.get(), nullptr, x, 0.0, &dx, &dy, 1e9, 1);
+  EXPECT_NEAR(dx, 0.05 * x * (1 - std::pow(0.05, 4)) / (1 - 0.05), 1e-12);
+  // A first change already beyond the divergence bound gives nothing.
+  epho_CameraAwayDistortionIterative(slow.get(), nullptr, x, 0.0, &dx, &dy, 0.5, 1);
+  EXPECT_EQ(dx, 0.0);
+  EXPECT_EQ(dy, 0.0);
+}
+
 // Refraction from the standard-atmosphere coefficient, worked by hand for
 // H = 2000 m, h = 500 m: K = 0.00241 (2/242 - 0.25/(2 * 247.25)) =
 // 1.8698953e-5; radial displacement K r (1 + r^2/f^2). Earth curvature:
