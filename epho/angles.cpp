@@ -23,8 +23,10 @@ bool IsGons(const Etxt_Char* unit) {
 bool IsDegreesIgnoreCase(const Etxt_Char* unit) {
   return unit && (estr_Eqic(unit, L"degrees") || estr_Eqic(unit, L"degree"));
 }
+// A null linear name is not meters: it goes to the unit table like any other
+// name (which refuses it and leaves the factor at 1).
 bool IsMeters(const Etxt_Char* unit) {
-  return !unit || estr_Eqic(unit, L"meters") || estr_Eqic(unit, L"meter");
+  return unit && (estr_Eqic(unit, L"meters") || estr_Eqic(unit, L"meter"));
 }
 
 }  // namespace

@@ -127,6 +127,27 @@ TEST(AnglesTest, AngularOffsetsToChordsAndBack) {
   double xu = 0.001, yu = 0.001;
   EXPECT_FALSE(epho_Angular2LinearUnits(0.0, nullptr, 0.0, a, nullptr, L"furlongs", &xu, &yu));
   EXPECT_NEAR(xu, 2 * a * std::sin(0.0005), 1e-9);
+  // A null linear name is no "meters": it goes to the unit table too, which
+  // refuses it; the chord is still stored in meters.
+  double xn = 0.001, yn = 0.001;
+  EXPECT_FALSE(epho_Angular2LinearUnits(0.0, nullptr, 0.0, a, nullptr, nullptr, &xn, &yn));
+  EXPECT_NEAR(xn, 2 * a * std::sin(0.0005), 1e-9);
+  EXPECT_NEAR(yn, 2 * a * std::sin(0.0005), 1e-9);
+}
+
+// The inverse takes the same meters-to-unit factor as the forward conversion
+// and multiplies by it: 1000 ft become 1000/0.3048 "meters" before the asin.
+TEST(AnglesTest, InverseAppliesTheMetersToUnitFactor) {
+  const double a = 6378137.0;
+  double x = 1000.0, y = 1000.0;
+  EXPECT_FALSE(epho_Linear2AngularUnits(0.0, nullptr, 0.0, a, L"feet", L"radians", &x, &y));
+  EXPECT_NEAR(y, 2 * std::asin(1000.0 / 0.3048 / (2 * a)), 1e-15);
+  EXPECT_NEAR(x, y, 1e-15);  // cos(0) = 1 on the equator
+  // At latitude 60 degrees the longitude offset grows by 1/cos(lat).
+  double x60 = 1000.0, y60 = 1000.0;
+  EXPECT_TRUE(epho_Linear2AngularUnits(60.0, nullptr, 0.0, a, L"Meter", L"Degree", &x60, &y60));
+  EXPECT_NEAR(x60, 2 * std::asin(1000.0 / (2 * a) / 0.5) * 180 / kPi, 1e-12);
+  EXPECT_NEAR(y60, 2 * std::asin(1000.0 / (2 * a)) * 180 / kPi, 1e-12);
 }
 
 }  // namespace

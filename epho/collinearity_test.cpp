@@ -38,8 +38,12 @@ TEST(ProjectionMatrixTest, SimplestCameraGivesTheTextbookRows) {
   EXPECT_DOUBLE_EQ(y, 2.0);
   // A point in the plane of the centre has no image.
   EXPECT_TRUE(epho_CameraObjectToImage(m, 3, 4, 0, &x, &y));
-  // Zero focal length: no projection matrix.
+  // Zero focal length: no projection matrix. The inner block (rows (0, 1, 0),
+  // (0, 0, 1), (-0, 0, 0)) is left in the left columns, the last column as it was.
+  for (double& v : m) v = 9.0;
   EXPECT_TRUE(epho_Get3x4ParFromInnerOuter(nullptr, outer, 0.0, 0, 0, m));
+  const double left[12] = {0, 1, 0, 9, 0, 0, 1, 9, 0, 0, 0, 9};
+  for (int i = 0; i < 12; ++i) EXPECT_EQ(m[i], left[i]) << i;
 }
 
 TEST(ProjectionMatrixTest, MatchesPinholeInEveryRotationSystem) {

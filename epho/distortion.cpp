@@ -1,24 +1,33 @@
 // Lens distortion models of a frame camera, their fixed-point evaluation at
 // the distorted position, and the refraction / earth-curvature correction.
+#include <climits>
 #include <cmath>
 
 #include "epho/collinearity.h"
 
 namespace {
 
-int ModelCode(const double* p) { return static_cast<int>(p[0] + 0.5); }
+// The whole number nearest to p0 (p0 + 0.5 truncated); -1, which names no
+// model, when that is not a representable int (NaN, huge values).
+int ModelCode(const double* p) {
+  const double c = p[0] + 0.5;
+  if (!(c > INT_MIN && c < INT_MAX)) return -1;
+  return static_cast<int>(c);
+}
 
 // Radial balanced at a zero-distortion radius, affinity, a tangential profile
-// T scaled by `t_scale` (1/|p1| or |p2|), and the polynomial terms p12..p21.
-void ExtendedModel(const double* p, double r2_0, double r4_0, double r6_0, double t_scale, double x,
-                   double y, double* dx, double* dy) {
+// T (divided by |p1| in the lens-distortion form, multiplied by |p2| in the
+// additional-parameter form), and the polynomial terms p12..p21.
+void ExtendedModel(const double* p, double r2_0, double r4_0, double r6_0, double t_scale,
+                   bool divide_t, double x, double y, double* dx, double* dy) {
   const double x2 = x * x, y2 = y * y;
   const double r2 = x2 + y2, r4 = r2 * r2, r6 = r4 * r2;
   const double R = (r2 - r2_0) * p[4] + (r4 - r4_0) * p[5] + (r6 - r6_0) * p[6];
   double ex = R * x;
   double ey = R * y;
   ex += p[7] * x + p[8] * y;
-  const double T = -(x2 * y2 * p[10] + (x2 - y2) * p[9] + (x2 * x2 - y2 * y2) * p[11]) * t_scale;
+  const double t = -(x2 * y2 * p[10] + (x2 - y2) * p[9] + (x2 * x2 - y2 * y2) * p[11]);
+  const double T = divide_t ? t / t_scale : t * t_scale;
   ex += T * x;
   ey += T * y;
   ex += p[13] * y2 + p[12] * x * y + p[14] * x2 * y + p[15] * x * y2 + p[16] * x2 * y2;
@@ -48,7 +57,7 @@ void Primary(const Epho_CountedDoubles& rec, double x, double y, double* dx, dou
     case 26:
       if (code == 1 && p[1] != 0.0) {
         const double r0 = p[22], r0_2 = r0 * r0;
-        ExtendedModel(p, r0_2, r0_2 * r0_2, r0_2 * r0_2 * r0_2, 1.0 / std::fabs(p[1]), x, y, dx,
+        ExtendedModel(p, r0_2, r0_2 * r0_2, r0_2 * r0_2 * r0_2, std::fabs(p[1]), true, x, y, dx,
                       dy);
       }
       return;
@@ -116,7 +125,8 @@ void Secondary(const Epho_CountedDoubles& rec, int code, double x, double y, dou
       // p3 is the squared zero-distortion radius; the tangential profile is
       // multiplied by |p2| here.
       if (p[2] != 0.0) {
-        ExtendedModel(p, p[3], p[3] * p[3], p[3] * p[3] * p[3], std::fabs(p[2]), x, y, dx, dy);
+        ExtendedModel(p, p[3], p[3] * p[3], p[3] * p[3] * p[3], std::fabs(p[2]), false, x, y, dx,
+                      dy);
       }
       return;
     case 6: {
@@ -148,7 +158,8 @@ void epho_CameraAwayDistortion(const Epho_CountedDoubles* primary,
   if (primary && primary->count >= 1 && primary->data) Primary(*primary, x, y, dx, dy);
   // The additional parameters are an alternative to the lens distortion: a
   // valid secondary model replaces the primary result.
-  if (secondary && secondary->count != 0 && secondary->data) {
+  // A negative count is read as an empty record (p0 cannot be read safely).
+  if (secondary && secondary->count >= 1 && secondary->data) {
     const int code = ModelCode(secondary->data);
     if (code >= 1 && code <= 7) Secondary(*secondary, code, x, y, dx, dy);
   }

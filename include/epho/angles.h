@@ -41,9 +41,10 @@ EPHO_EXPORT void epho_GetAngleFromRotMatrix(double* angles, const double* rotati
  * lengths on the ellipsoid (semi-major axis `semi_major` in meters,
  * eccentricity squared `ecc2`), in `linear_unit`. Angular names "degree(s)"
  * (case ignored) mean degrees, anything else radians; a linear unit other
- * than "meter(s)" goes through ecvt_UnitsConvertByName (a null name counts
- * as meters). Returns nonzero for meters, otherwise the conversion's result;
- * the offsets are always written. */
+ * than "meter(s)", null included, goes through ecvt_UnitsConvertByName (an
+ * unknown or null name leaves meters and gives its failure, 0). Returns
+ * nonzero for meters, otherwise the conversion's result; the offsets are
+ * always written. */
 EPHO_EXPORT Emsc_Boolean epho_Angular2LinearUnits(double latitude, const Etxt_Char* offset_unit,
                                                   double ecc2, double semi_major,
                                                   const Etxt_Char* latitude_unit,

@@ -46,14 +46,17 @@ EPHO_EXPORT double epho_GetAverageGroundZ(const double* point_a, const double* p
  * (5, 0) radial p1..p3; (26, 1), (11, 2), (13, 3) the extended models (p1
  * must be nonzero). `secondary` (additional parameters), codes 1..7, replaces
  * the primary result entirely. Null records, unknown models, a zero scale
- * and a secondary record shorter than its model needs give zero distortion. */
+ * and a secondary record shorter than its model needs give zero distortion
+ * (guards against reading past the record); a secondary count below 1 means
+ * no secondary record, and a p0 that is NaN or beyond the int range names no
+ * model. */
 EPHO_EXPORT void epho_CameraAwayDistortion(const Epho_CountedDoubles* primary,
                                            const Epho_CountedDoubles* secondary, double x, double y,
                                            double* dx, double* dy);
 /* Distortion at the distorted position of (x, y) by fixed-point iteration
- * (at most 11 evaluations, 0.0001 film-unit tolerance); (0, 0) when mode is
- * not 1 or when the changes grow beyond `divergence_bound` or the previous
- * change. (x + dx, y + dy) is then where the lens puts the ideal point
+ * (at most 11 evaluations, 0.0001 film-unit tolerance; a first distortion
+ * below 0.001 in both axes is returned as it is); (0, 0) when mode is not 1
+ * or when the changes grow beyond `divergence_bound` or the previous change. (x + dx, y + dy) is then where the lens puts the ideal point
  * (x, y), and one epho_CameraAwayDistortion step there brings it back. */
 EPHO_EXPORT void epho_CameraAwayDistortionIterative(const Epho_CountedDoubles* primary,
                                                     const Epho_CountedDoubles* secondary, double x,
