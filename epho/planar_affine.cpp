@@ -21,10 +21,11 @@ int32_t epho_Affine(int32_t n, const double* source_xy, const double* target_xy,
     a[5] = c;
     return 0;
   }
-  // Normal matrix of v = (1, x, y) (upper triangle) and the two right-hand
-  // sides; the output is written only on success.
+  // Normal matrix of v = (1, x, y) (upper triangle); the two right-hand sides
+  // sum(v X) and sum(v Y) are summed in the coefficient array itself, so on a
+  // singular normal matrix that is what the caller finds there.
   double normal[9] = {0, 0, 0, 0, 0, 0, 0, 0, 0};
-  double rhs_x[3] = {0, 0, 0}, rhs_y[3] = {0, 0, 0};
+  for (int k = 0; k < 6; ++k) a[k] = 0.0;
   for (int32_t i = 0; i < n; ++i) {
     const double x = source_xy[2 * static_cast<std::ptrdiff_t>(i)];
     const double y = source_xy[2 * static_cast<std::ptrdiff_t>(i) + 1];
@@ -36,14 +37,15 @@ int32_t epho_Affine(int32_t n, const double* source_xy, const double* target_xy,
     normal[4] += x * x;
     normal[5] += x * y;
     normal[8] += y * y;
-    rhs_x[0] += tx;
-    rhs_x[1] += x * tx;
-    rhs_x[2] += y * tx;
-    rhs_y[0] += ty;
-    rhs_y[1] += x * ty;
-    rhs_y[2] += y * ty;
+    a[0] += tx;
+    a[1] += x * tx;
+    a[2] += y * tx;
+    a[3] += ty;
+    a[4] += x * ty;
+    a[5] += y * ty;
   }
   if (epho_Reverse3S(normal)) return 2;
+  const double rhs_x[3] = {a[0], a[1], a[2]}, rhs_y[3] = {a[3], a[4], a[5]};
   for (int r = 0; r < 3; ++r) {
     const double* row = normal + 3 * r;
     a[r] = row[0] * rhs_x[0] + row[1] * rhs_x[1] + row[2] * rhs_x[2];

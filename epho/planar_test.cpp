@@ -125,9 +125,12 @@ TEST(PlanarAffine, TwoPointsGiveSimilarityAndDegenerateSetsFail) {
   EXPECT_EQ(epho_Affine(1, src, dst, a), 1);
   EXPECT_EQ(epho_Affine(0, nullptr, nullptr, a), 1);
 
-  // Collinear integer points: the normal matrix is exactly singular.
+  // Collinear integer points: the normal matrix is exactly singular. The
+  // right-hand sums were accumulated in the output and are left there:
+  // sum X = 0+1+2+3, sum x*X = sum y*X = 0+1+4+9, the same for Y.
   const double line[] = {0, 0, 1, 1, 2, 2, 3, 3};
   EXPECT_EQ(epho_Affine(4, line, line, a), 2);
+  EXPECT_EQ(std::vector<double>(a, a + 6), std::vector<double>({6, 14, 14, 6, 14, 14}));
 
   const double ident[] = {0, 0, 1, 0, 0, 1, 5, 7};
   ASSERT_EQ(epho_Affine(4, ident, ident, a), 0);
@@ -190,6 +193,7 @@ TEST(PlanarPerspect, IdentityTooFewPointsAndSingularAffinePart) {
 
   const double line[] = {0, 0, 1, 1, 2, 2, 3, 3};
   EXPECT_EQ(epho_Perspect(4, line, line, fit), 2);
+  for (int k = 0; k < 8; ++k) EXPECT_EQ(fit[k], 0.0) << k;  // cleared before the sums
 }
 
 TEST(PlanarReverseAffine, InverseRoundTripsAndSingularIsRefused) {
@@ -228,6 +232,14 @@ TEST(PlanarBoundingBox, CornersMoveOutwardsByOne) {
   const int32_t r3[4] = {10, 0, 30, 10};
   epho_GetNewBondingBox(r3, mirror, out);
   EXPECT_EQ(std::vector<int32_t>(out, out + 4), std::vector<int32_t>({71, -1, 91, 10}));
+
+  // The outward step is decided on the mapped value, not on its truncation:
+  // X = x + 0.5 maps x = 0 to 0.5 (truncates to 0, positive, so 1) and
+  // x = -1 to -0.5 (-1); Y = y - 0.25 maps 0 to -0.25 (-1) and 2 to 1.75 (2).
+  const double half[6] = {0.5, 1, 0, -0.25, 0, 1};
+  const int32_t r5[4] = {-1, 0, 0, 2};
+  epho_GetNewBondingBox(r5, half, out);
+  EXPECT_EQ(std::vector<int32_t>(out, out + 4), std::vector<int32_t>({-1, -1, 1, 2}));
 
   // 90-degree rotation X = -y, Y = x: the box of the rotated corners.
   const double rot[6] = {0, 0, -1, 0, 1, 0};

@@ -232,7 +232,10 @@ void TextbookInvert(MatrixXd* m) {
 }
 
 TEST(SolversRowOffset, BlockedKernelsEqualTextbookRecurrencesBitForBit) {
-  for (int m : {3, 8, 13, 25, 64, 257, 300}) {  // small and blocked paths
+  // Up to 24 the plain loops run; above, rows are finished four at a time, so
+  // 25..28 end on a block of 1, 2, 3 and 4 rows; beyond 256 the columns and
+  // beyond 128 the earlier rows are taken in several blocks.
+  for (int m : {3, 8, 13, 24, 25, 26, 27, 28, 64, 257, 258, 259, 300}) {
     const MatrixXd a = RandomSpd(m, 300 + m);
     MatrixXd reference = a;
     ASSERT_FALSE(TextbookFactor(&reference, true));
@@ -259,6 +262,41 @@ TEST(SolversRowOffset, BlockedKernelsEqualTextbookRecurrencesBitForBit) {
   ASSERT_EQ(epho_Resolve8(m8.data()), EMSC_FALSE);
   for (int i = 0; i < 8; ++i)
     for (int j = i; j < 8; ++j) EXPECT_EQ(m8(i, j), reference8(i, j));
+  const VectorXd rhs8 = RandomVector(8, 6);
+  const VectorXd x8 = TextbookSolve(reference8, rhs8);
+  VectorXd b8 = rhs8;
+  ASSERT_EQ(epho_Solution8(m8.data(), b8.data()), EMSC_FALSE);
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(b8(i), x8(i)) << i;
+  TextbookInvert(&reference8);
+  ASSERT_EQ(epho_Inverld8(m8.data()), EMSC_FALSE);
+  for (int i = 0; i < 8; ++i)
+    for (int j = i; j < 8; ++j) EXPECT_EQ(m8(i, j), reference8(i, j)) << i << "," << j;
+}
+
+// The one-call inverses divide by their pivots; on large n their factor runs
+// through the blocked kernel in its dividing form, which must also match the
+// plain recurrences to the bit, mirrored in full by epho_InverNxN.
+TEST(SolversOneCall, InverNxNAndInver6x6EqualTextbookRecurrencesBitForBit) {
+  for (int n : {6, 24, 25, 26, 27, 28, 130, 259}) {
+    const MatrixXd a = RandomSpd(n, 500 + n);
+    MatrixXd reference = a;
+    ASSERT_FALSE(TextbookFactor(&reference, false));
+    TextbookInvert(&reference);
+    Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor> m = a;
+    ASSERT_EQ(epho_InverNxN(m.data(), n), EMSC_FALSE);
+    for (int i = 0; i < n; ++i) {
+      for (int j = i; j < n; ++j) {
+        ASSERT_EQ(m(i, j), reference(i, j)) << "n=" << n << " " << i << "," << j;
+        ASSERT_EQ(m(j, i), reference(i, j)) << "n=" << n << " " << j << "," << i;
+      }
+    }
+    if (n == 6) {
+      Eigen::Matrix<double, 6, 6, Eigen::RowMajor> m6 = a;
+      ASSERT_EQ(epho_Inver6x6(m6.data(), 6), EMSC_FALSE);
+      for (int i = 0; i < 6; ++i)
+        for (int j = i; j < 6; ++j) EXPECT_EQ(m6(i, j), reference(i, j)) << i << "," << j;
+    }
+  }
 }
 
 TEST(SolversRowOffset, ZeroPivotInsideWideRowFinishesEarlierRows) {

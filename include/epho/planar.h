@@ -30,7 +30,9 @@ EPHO_EXPORT Emsc_Boolean epho_Similar(int32_t n, const double* source_xy, const 
                                       double* similarity_tx_ty_scale_angle);
 
 /* Least-squares offset-first affine (n == 2: the similarity, no shear).
- * Returns 0 on success, 1 when n < 2, 2 when the normal matrix is singular. */
+ * Returns 0 on success, 1 when n < 2 (output untouched), 2 when the normal
+ * matrix is singular: the output then holds the right-hand sums that were
+ * accumulated in it (sum X, x*X, y*X, Y, x*Y, y*Y), not a transform. */
 EPHO_EXPORT int32_t epho_Affine(int32_t n, const double* source_xy, const double* target_xy,
                                 double* offset_first_affine);
 
@@ -46,8 +48,9 @@ EPHO_EXPORT Emsc_Boolean epho_ReverseAffine(double* offset_first_affine);
 
 /* Bounding box (x0, y0, x1, y1) of a rectangle's four corners mapped by an
  * offset-first affine, each coordinate moved outwards by one: truncated
- * towards zero, then -1 when the mapped value is <= 0 and +1 when it is > 0.
- * Returns rect_out. */
+ * towards zero, then -1 when the mapped value is <= 0 and +1 when it is > 0
+ * (so 0.5 gives 1, -0.5 gives -1; saturated to the 32-bit range, NaN gives
+ * the minimum). Returns rect_out. */
 EPHO_EXPORT int32_t* epho_GetNewBondingBox(const int32_t* rect_in,
                                            const double* offset_first_affine, int32_t* rect_out);
 

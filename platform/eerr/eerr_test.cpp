@@ -48,6 +48,46 @@ TEST(ErrorFrame, NullReportArgumentPrintsOnceAndFrees) {
   EXPECT_EQ(printed.texts().size(), 1u);
 }
 
+// Tolerates one callee failure, then reports a warning over a second one, or
+// its own failure with nothing beneath it.
+int Tolerant(int x, Eerr_ErrorReport** err) {
+  kzdv::ErrorFrame frame(L"tolerant_fn", err);
+  Callee(-1, frame.Callee());
+  if (frame.CalleeFailed()) frame.Tolerate();
+  if (x < 0) {
+    if (!Callee(x, frame.Callee())) {
+      frame.FailWithSeverity(__LINE__, EERR_SEVERITY_WARNING, L"Error opening %s", L"a.cam");
+      return 0;
+    }
+  }
+  EERR_FAIL_IF(x == 0, frame, 0, L"Zero");
+  return 1;
+}
+
+TEST(ErrorFrame, SeverityAndPreviousLinkFollowTheFailingSite) {
+  Eerr_ErrorReport* err = nullptr;
+  EXPECT_EQ(Tolerant(-2, &err), 0);
+  ASSERT_NE(err, nullptr);
+  EXPECT_EQ(err->severity, EERR_SEVERITY_WARNING);
+  EXPECT_STREQ(err->message, L"Error opening a.cam");
+  ASSERT_NE(err->previous, nullptr);  // the second callee's report, not the tolerated one
+  EXPECT_STREQ(err->previous->message, L"Negative value -2 for x");
+  EXPECT_EQ(err->previous->severity, EERR_SEVERITY_ERROR);
+  EXPECT_EQ(err->previous->previous, nullptr);
+  eerr_DeleteErrorReportEx(&err);
+
+  EXPECT_EQ(Tolerant(0, &err), 0);  // own failure: no previous link
+  ASSERT_NE(err, nullptr);
+  EXPECT_STREQ(err->message, L"Zero");
+  EXPECT_EQ(err->severity, EERR_SEVERITY_ERROR);
+  EXPECT_EQ(err->previous, nullptr);
+  eerr_DeleteErrorReportEx(&err);
+
+  testutil::PrintedReports printed;  // the tolerated report is never printed
+  EXPECT_EQ(Tolerant(1, nullptr), 1);
+  EXPECT_EQ(printed.texts().size(), 0u);
+}
+
 TEST(ErrorReport, FormatsWideAndNarrowStrings) {
   Eerr_ErrorReport* r =
       eerr_CreateErrorReport(L"f", 7, 1, nullptr, L"file %s, %hs, %d%%", L"a.img", "b", 5, 0);
