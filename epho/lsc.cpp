@@ -167,9 +167,12 @@ int16_t LscWholePixel(const P* left, int32_t left_stride, int32_t lx, int32_t ly
   auto T = [centre, left_stride](int j, int i) {
     return static_cast<double>(centre[static_cast<ptrdiff_t>(i) * left_stride + j]);
   };
-  // Columns up to stride - 2 keep the 2x2 neighbourhood in the row; the right
-  // buffer is taken to be a square patch, so rows obey the same bound.
-  const Area area{right_stride - 2, right_stride - 2};
+  // Columns up to stride - 2 keep the 2x2 neighbourhood in the row. The right
+  // buffer is taken to be a square patch of stride rows; the y gradient samples
+  // half a pixel below the cell and so reaches row k + 2, hence rows up to
+  // stride - 3 (the x gradient's column k + 2 then lies at worst on the next
+  // row's first pixel, still inside the patch).
+  const Area area{right_stride - 2, right_stride - 3};
   const LscResult r = Iterate(T, hw, hh, right, right_stride, *rx, *ry, 0.0, max_iterations,
                               threshold, max_shift, area);
   return Finish(r, max_iterations, rx, ry);

@@ -172,6 +172,44 @@ TEST(LeastSquaresCorrelation, ReturnCodes) {
             20);
 }
 
+// Whole-pixel members on a square right patch of exactly kPatch x kPatch
+// pixels, 21x21 window: the first iteration's samples decide. Columns may
+// reach cell kPatch - 2, rows kPatch - 3 (the y gradient reads one row
+// below the cell). With M = 1 a run that samples returns M + 1 = 2 and
+// moves the position; a sampling failure returns 2M = 2 and leaves it.
+TEST(LeastSquaresCorrelation, WholePixelSamplingAreaOnSquarePatch) {
+  Texture tex(19);
+  const auto left = RenderPatch<uint8_t>(tex, kPatch, 22.5, 22.5, 1, 0, 0, 1);
+  const auto right = RenderPatch<uint8_t>(tex, kPatch, 24.5, 23.5, 1, 0, 0, 1);
+  std::vector<uint32_t> left32(left.begin(), left.end()), right32(right.begin(), right.end());
+  struct Start {
+    double x, y;
+    bool inside;
+  };
+  // Bottom-right sample at (x + 10, y + 10); its cell index is floor(. - 0.5).
+  const Start starts[] = {
+      {33.0, 32.0, true},   // cells 42 (last column), 41 (last row)
+      {33.0, 33.0, false},  // row cell 42: the gradient would read row 44
+      {34.0, 32.0, false},  // column cell 43
+      {11.5, 11.5, true},   // top-left cell 1, 1
+      {11.0, 11.5, false},  // column cell 0
+      {11.5, 11.0, false},  // row cell 0
+  };
+  for (const auto& s : starts) {
+    SCOPED_TRACE(testing::Message() << s.x << ", " << s.y);
+    double x = s.x, y = s.y;
+    EXPECT_EQ(epho_OnePtLSCByteHalf(left.data(), kPatch, 22, 22, right.data(), kPatch, &x, &y, 10,
+                                    10, 1, 0.01f, 100.0f),
+              2);
+    EXPECT_EQ(x != s.x || y != s.y, s.inside);
+    x = s.x, y = s.y;
+    EXPECT_EQ(epho_OnePtLSCU32(left32.data(), kPatch, 22, 22, right32.data(), kPatch, &x, &y, 10,
+                               10, 1, 0.01f, 100.0f),
+              2);
+    EXPECT_EQ(x != s.x || y != s.y, s.inside);
+  }
+}
+
 TEST(LeastSquaresCorrelation, FlatTemplateReportsSingularMatrix) {
   Texture tex(17);
   auto textured = RenderPatch<uint8_t>(tex, kPatch, 22.5, 22.5, 1, 0, 0, 1);

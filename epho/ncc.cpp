@@ -25,7 +25,7 @@ int epho_ncc::g_vector_path = 0;
 namespace {
 
 using epho_ncc::BilinearHalfPixel;
-using epho_ncc::CoefficientFromSums;
+using epho_ncc::CrossCoefficient;
 using std::ptrdiff_t;
 
 inline double WindowCount(int hw, int hh) {
@@ -47,9 +47,9 @@ double CorrelateWhole(int hw, int hh, Left left, Right right) {
       slr += l * r;
     }
   }
-  return CoefficientFromSums(WindowCount(hw, hh), static_cast<double>(sl), static_cast<double>(sll),
-                             static_cast<double>(sr), static_cast<double>(srr),
-                             static_cast<double>(slr));
+  return CrossCoefficient(WindowCount(hw, hh), static_cast<double>(sl), static_cast<double>(sll),
+                          static_cast<double>(sr), static_cast<double>(srr),
+                          static_cast<double>(slr));
 }
 
 // Real sums, relative to the first sample of each window.
@@ -70,7 +70,7 @@ double CorrelateReal(int hw, int hh, Left left, Right right) {
       slr += l * r;
     }
   }
-  return CoefficientFromSums(WindowCount(hw, hh), sl, sll, sr, srr, slr);
+  return CrossCoefficient(WindowCount(hw, hh), sl, sll, sr, srr, slr);
 }
 
 // Top-left pixel of a whole-pixel window.
@@ -109,9 +109,9 @@ struct ByteSums {
 // final square root: n * var = n * sum(x^2) - sum(x)^2.
 inline double ByteCoefficient(const ByteSums& t, int64_t n) {
   if (n > 10000000)  // n * sum(x^2) could leave 64 bits: plain double sums
-    return CoefficientFromSums(static_cast<double>(n), static_cast<double>(t.l),
-                               static_cast<double>(t.ll), static_cast<double>(t.r),
-                               static_cast<double>(t.rr), static_cast<double>(t.lr));
+    return CrossCoefficient(static_cast<double>(n), static_cast<double>(t.l),
+                            static_cast<double>(t.ll), static_cast<double>(t.r),
+                            static_cast<double>(t.rr), static_cast<double>(t.lr));
   const int64_t var_l = n * t.ll - t.l * t.l, var_r = n * t.rr - t.r * t.r;
   if (var_l == 0 || var_r == 0) return 0.0;
   return static_cast<double>(n * t.lr - t.l * t.r) /
@@ -409,9 +409,9 @@ double epho_CrossCoefU16NoResample(const uint16_t* left, const uint16_t* right,
       slr += a * b;
     }
   }
-  return CoefficientFromSums(WindowCount(hw, hh), static_cast<double>(sl), static_cast<double>(sll),
-                             static_cast<double>(sr), static_cast<double>(srr),
-                             static_cast<double>(slr));
+  return CrossCoefficient(WindowCount(hw, hh), static_cast<double>(sl), static_cast<double>(sll),
+                          static_cast<double>(sr), static_cast<double>(srr),
+                          static_cast<double>(slr));
 }
 
 double epho_CrossCoefU32NoResample(const uint32_t* left, const uint32_t* right,

@@ -21,6 +21,19 @@ inline double CoefficientFromSums(double n, double sumL, double sumLL, double su
   return (sumLR - (sumL / n) * sumR) / std::sqrt(varL * varR);
 }
 
+// The coefficient of the exported correlation members: exactly 0 when either
+// variance compares equal to 0 (a flat window), otherwise the formula as it
+// stands, so a NaN pixel gives NaN and the caller sees that the data is bad.
+// The real-valued members sum relative to the window's first sample, which
+// keeps a flat window at exactly zero variance.
+inline double CrossCoefficient(double n, double sumL, double sumLL, double sumR, double sumRR,
+                               double sumLR) {
+  const double varL = sumLL - (sumL / n) * sumL;
+  const double varR = sumRR - (sumR / n) * sumR;
+  if (varL == 0.0 || varR == 0.0) return 0.0;
+  return (sumLR - (sumL / n) * sumR) / std::sqrt(varL * varR);
+}
+
 // Splits a coordinate for bilinear sampling with pixel centres at k + 0.5:
 // k = floor(u - 0.5) and the fraction f in [0, 1) toward pixel k + 1.
 inline void SplitHalfPixel(double u, std::ptrdiff_t* k, double* f) {

@@ -215,6 +215,20 @@ TEST(CrossCoefAllMembers, FlatIdenticalAndInverted) {
     EXPECT_NEAR(c.same, 1.0, 1e-12);
     EXPECT_NEAR(c.inverted, -1.0, 1e-12);
   }
+  // A NaN pixel is bad data, not a flat window: it shows in the coefficient
+  // instead of passing for "no correlation".
+  ad[31 * kSize + 29] = std::nan("");
+  af[31 * kSize + 29] = std::nanf("");
+  EXPECT_TRUE(std::isnan(
+      epho_CrossCoefDoubleNoResample(ad.data(), negd.data(), kSize, kSize, 30, 30, 30, 30, 15, 15)));
+  EXPECT_TRUE(std::isnan(
+      epho_CrossCoefFloatNoResample(negf.data(), af.data(), kSize, kSize, 30, 30, 30, 30, 15, 15)));
+  EXPECT_TRUE(std::isnan(epho_CrossCoefDoubleNoRotation(ad.data(), negd.data(), kSize, kSize, 30.2,
+                                                        30.7, 30.2, 30.7, 15, 15)));
+  // Still exactly 0 when the other window is flat.
+  EXPECT_EQ(epho_CrossCoefDoubleNoResample(ad.data(), flatd.data(), kSize, kSize, 30, 30, 30, 30,
+                                           15, 15),
+            0.0);
 }
 
 TEST(CrossCoefWholePixel, U32IsUnsigned) {

@@ -22,7 +22,8 @@ KZDV_BEGIN_C
  * Window, full-size form (width, height): half sizes hw = width / 2 and
  * hh = height / 2 (truncated), and the window used is always odd, 2*hw+1 by
  * 2*hh+1, centred on the given position (8x8 and 9x9 are the same window).
- * A flat (zero-variance) window on either side gives exactly 0.0, never NaN.
+ * A flat (zero-variance) window on either side gives exactly 0.0; otherwise
+ * the coefficient is returned as computed, so a NaN pixel gives NaN.
  *
  * Resampling members (NoRotation, BothResample, RightResample): pixel k spans
  * k..k+1 with its centre at k + 0.5, so a position of 10.5 reads pixel 10 and
@@ -158,9 +159,10 @@ EPHO_EXPORT int16_t epho_OnePtLSCDouble(const double* left, int32_t leftStride, 
 /* Template read in place at whole pixels around left pixel (lx, ly), not
  * turned; window 2*halfWidth+1 by 2*halfHeight+1. Template pixel lx lines up
  * with right position lx + 0.5 (half-pixel centres on the right side). The
- * right buffer is taken as a square patch: cell indices must stay within
- * 1..rightStride-2 along both axes, so it must hold rightStride rows. No
- * report: the code alone tells the outcome. */
+ * right buffer is taken as a square patch of rightStride rows: cell indices
+ * must stay within columns 1..rightStride-2 and rows 1..rightStride-3 (the
+ * gradient samples reach one row below the 2x2 cell). No report: the code
+ * alone tells the outcome. */
 EPHO_EXPORT int16_t epho_OnePtLSCByteHalf(const uint8_t* left, int32_t leftStride, int32_t lx,
                                           int32_t ly, const uint8_t* right, int32_t rightStride,
                                           double* rx, double* ry, uint32_t halfWidth,
