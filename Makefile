@@ -58,7 +58,7 @@ fuzz: deps
 	$(call install_missing,$(FUZZ_PACKAGES))
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DEPHO_FUZZ=ON -DEPHO_SANITIZE=address,undefined
-	cmake --build build-fuzz -j $(JOBS)
+	cmake --build build-fuzz -j $(JOBS) --target fuzzers
 	@echo "Fuzzers are in build-fuzz/fuzz_*; e.g. build-fuzz/fuzz_camerafile_fuzz testdata/fuzz/camerafile_fuzz"
 
 install: build

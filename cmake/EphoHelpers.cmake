@@ -123,6 +123,10 @@ function(epho_add_fuzzers_in dir)
     endif()
     target_link_libraries(fuzz_${stem} PRIVATE ${EPHO_STATIC_LIBS} GDAL::GDAL PROJ::proj
                           Eigen3::Eigen Boost::headers Threads::Threads)
+    if(NOT TARGET fuzzers)
+      add_custom_target(fuzzers)
+    endif()
+    add_dependencies(fuzzers fuzz_${stem})
   endforeach()
 endfunction()
 
