@@ -38,6 +38,34 @@ inline uint16_t Get16(const uint8_t* p) {
   return static_cast<uint16_t>(p[0] | p[1] << 8);
 }
 
+// The native slot of a counted field is {int32 count; T* data}; that of a
+// pointer field is the bare pointer (one element). These read and store the
+// slot for either shape.
+struct NativeBlock {
+  int32_t count;
+  void* data;
+};
+
+inline NativeBlock LoadBlock(Shape shape, const uint8_t* slot) {
+  NativeBlock b{1, nullptr};
+  if (shape == Shape::kCounted) {
+    std::memcpy(&b.count, slot, sizeof b.count);
+    std::memcpy(&b.data, slot + offsetof(Emif_CountedObjects, data), sizeof b.data);
+  } else {
+    std::memcpy(&b.data, slot, sizeof b.data);
+  }
+  return b;
+}
+
+inline void StoreBlock(Shape shape, uint8_t* slot, int32_t count, void* data) {
+  if (shape == Shape::kCounted) {
+    std::memcpy(slot, &count, sizeof count);
+    std::memcpy(slot + offsetof(Emif_CountedObjects, data), &data, sizeof data);
+  } else {
+    std::memcpy(slot, &data, sizeof data);
+  }
+}
+
 // Bits per value of a base-data pixel type (0 u1 .. 12 c128), 0 if unknown.
 int BaseDataBits(int type) {
   static const int kBits[] = {1, 2, 4, 8, 8, 16, 16, 32, 32, 32, 64, 64, 128};
@@ -71,10 +99,7 @@ class Encoder {
         }
         return true;
       case Shape::kCounted: {
-        int32_t count;
-        void* data;
-        std::memcpy(&count, p, sizeof count);
-        std::memcpy(&data, p + offsetof(Emif_CountedObjects, data), sizeof data);
+        const auto [count, data] = LoadBlock(f.shape, p);
         if (count < 0) return Fail("negative count in " + Where(f));
         if (count > 0 && !data) return Fail("count without data in " + Where(f));
         if (f.IsString()) return String(static_cast<const Etxt_Char*>(data), count);
@@ -242,13 +267,7 @@ class Decoder {
           *error_ = "Out of memory";
           return false;
         }
-        if (f.shape == Shape::kPointer) {
-          std::memcpy(p, &block, sizeof block);
-        } else {
-          const int32_t c = static_cast<int32_t>(count);
-          std::memcpy(p, &c, sizeof c);
-          std::memcpy(p + offsetof(Emif_CountedObjects, data), &block, sizeof block);
-        }
+        StoreBlock(f.shape, p, static_cast<int32_t>(count), block);
         uint8_t* data = static_cast<uint8_t*>(block);
         for (uint32_t i = 0; i < count; ++i) {
           if (!Element(f, data + f.elem_size * i)) return false;
@@ -459,10 +478,7 @@ void FreeRecord(const DesignImpl& d, uint8_t* rec) {
         FreeElements(f, p, static_cast<size_t>(f.fixed_count));
         break;
       case Shape::kCounted: {
-        int32_t count;
-        void* data;
-        std::memcpy(&count, p, sizeof count);
-        std::memcpy(&data, p + offsetof(Emif_CountedObjects, data), sizeof data);
+        const auto [count, data] = LoadBlock(f.shape, p);
         if (data && !f.IsString() && count > 0) {
           FreeElements(f, static_cast<uint8_t*>(data), static_cast<size_t>(count));
         }
@@ -512,26 +528,14 @@ bool CopyRecord(const DesignImpl& d, const uint8_t* src, uint8_t* dst, std::stri
         break;
       case Shape::kCounted:
       case Shape::kPointer: {
-        int32_t count = 1;
-        void* data;
-        if (f.shape == Shape::kCounted) {
-          std::memcpy(&count, s, sizeof count);
-          std::memcpy(&data, s + offsetof(Emif_CountedObjects, data), sizeof data);
-        } else {
-          std::memcpy(&data, s, sizeof data);
-        }
+        const auto [count, data] = LoadBlock(f.shape, s);
         if (!data || count <= 0) break;  // an empty field stays zero
         void* block = emsc_HeapCalloc(static_cast<size_t>(count), f.elem_size);
         if (!block) {
           *error = "Out of memory";
           return false;
         }
-        if (f.shape == Shape::kCounted) {
-          std::memcpy(t, &count, sizeof count);
-          std::memcpy(t + offsetof(Emif_CountedObjects, data), &block, sizeof block);
-        } else {
-          std::memcpy(t, &block, sizeof block);
-        }
+        StoreBlock(f.shape, t, count, block);
         if (!CopyElements(f, static_cast<const uint8_t*>(data), static_cast<uint8_t*>(block),
                           static_cast<size_t>(count), error)) {
           return false;
@@ -690,16 +694,10 @@ bool ConvertField(const Field& a, const uint8_t* s, const Field& b, uint8_t* t,
   // The source as (count, elements).
   int32_t count = a.fixed_count;
   const uint8_t* data = s;
-  if (a.shape == Shape::kCounted) {
-    void* p;
-    std::memcpy(&count, s, sizeof count);
-    std::memcpy(&p, s + offsetof(Emif_CountedObjects, data), sizeof p);
-    data = static_cast<const uint8_t*>(p);
-  } else if (a.shape == Shape::kPointer) {
-    void* p;
-    std::memcpy(&p, s, sizeof p);
-    data = static_cast<const uint8_t*>(p);
-    count = p ? 1 : 0;
+  if (a.shape == Shape::kCounted || a.shape == Shape::kPointer) {
+    const NativeBlock block = LoadBlock(a.shape, s);
+    data = static_cast<const uint8_t*>(block.data);
+    count = block.data ? block.count : 0;
   }
   if (!data || count <= 0) return true;
   if (b.shape == Shape::kSingle || b.shape == Shape::kFixed) {
@@ -718,12 +716,7 @@ bool ConvertField(const Field& a, const uint8_t* s, const Field& b, uint8_t* t,
     *error = "Out of memory";
     return false;
   }
-  if (b.shape == Shape::kCounted) {
-    std::memcpy(t, &count, sizeof count);
-    std::memcpy(t + offsetof(Emif_CountedObjects, data), &block, sizeof block);
-  } else {
-    std::memcpy(t, &block, sizeof block);
-  }
+  StoreBlock(b.shape, t, count, block);
   for (int32_t i = 0; i < count; ++i) {
     if (!ConvertElement(a, data + a.elem_size * static_cast<size_t>(i), b,
                         static_cast<uint8_t*>(block) + b.elem_size * static_cast<size_t>(i),
