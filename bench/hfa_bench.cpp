@@ -11,7 +11,7 @@
 
 #include "bench_util.h"
 #include "ehfa.h"
-#include "../platform/ehfa/hfa_internal.hpp"
+#include "platform/ehfa/hfa_internal.h"
 #include "test_util.h"
 
 namespace {

@@ -5,7 +5,7 @@
 
 #include <cmath>
 
-#include "platform/eprj/proj_cli_test_util.h"
+#include "proj_cli_test_util.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include "eerr_frame.hpp"
 #include "efio.h"
 #include "epho/camerafile.h"
-#include "epho/camerafile/camera_file_format.h"
+#include "epho/camerafile/camera_file_format_internal.h"
 
 using namespace epho_camerafile;
 

@@ -4,6 +4,7 @@
 
 #include "epho/base.h"
 #include "epho/kernel.h"
+#include "epho/orientation.h"
 #include "epho/geodesy.h"
 #include "epho/matching.h"
 #include "epho/pyramid.h"

@@ -1,5 +1,6 @@
 /* Photogrammetric math kernel: angles and rotation matrices, solvers, planar
- * transforms, collinearity and lens distortion, orientation from control. */
+ * transforms, collinearity and lens distortion.
+ * (Resection, intersection and DLT are in epho/orientation.h.) */
 #ifndef EPHO_KERNEL_H
 #define EPHO_KERNEL_H
 
@@ -7,6 +8,5 @@
 #include "epho/solvers.h"
 #include "epho/planar.h"
 #include "epho/collinearity.h"
-#include "epho/orientation.h"
 
 #endif /* EPHO_KERNEL_H */

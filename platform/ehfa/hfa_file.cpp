@@ -16,7 +16,7 @@
 #include <ctime>
 #include <unordered_set>
 
-#include "hfa_internal.hpp"
+#include "platform/ehfa/hfa_internal.h"
 
 namespace kzdv {
 namespace hfa {

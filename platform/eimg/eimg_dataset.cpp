@@ -10,7 +10,7 @@
 #include <mutex>
 #include <new>
 
-#include "eimg_internal.hpp"
+#include "platform/eimg/eimg_internal.h"
 #include "etxt.h"
 
 namespace kzdv::eimg {

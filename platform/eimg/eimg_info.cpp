@@ -11,7 +11,7 @@
 #include <cstdio>
 
 #include "eerr_frame.hpp"
-#include "eimg_internal.hpp"
+#include "platform/eimg/eimg_internal.h"
 
 using kzdv::eimg::GdalQuiet;
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "eerr_frame.hpp"
-#include "eimg_internal.hpp"
+#include "platform/eimg/eimg_internal.h"
 
 using kzdv::eimg::GdalQuiet;
 

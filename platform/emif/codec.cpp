@@ -11,7 +11,7 @@
 #include <cwchar>
 #include <limits>
 
-#include "emif_internal.hpp"
+#include "platform/emif/emif_codec.h"
 #include "emsc.h"
 #include "etxt.h"
 

@@ -14,7 +14,7 @@
 #include "emif.h"
 #include "eprj.h"
 #include "eprj_hfa.h"
-#include "eprj_internal.h"
+#include "platform/eprj/eprj_internal.h"
 #include "exfr.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include "ehfa.h"
 #include "eprj.h"
 #include "exfr.h"
-#include "testsupport/test_util.h"
+#include "test_util.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 
 #include "eerr_frame.hpp"
 #include "eprj.h"
-#include "eprj_internal.h"
+#include "platform/eprj/eprj_internal.h"
 
 namespace {
 

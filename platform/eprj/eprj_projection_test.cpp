@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "eprj.h"
-#include "platform/eprj/proj_cli_test_util.h"
+#include "proj_cli_test_util.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "eprj.h"
-#include "testsupport/test_util.h"
+#include "test_util.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "efga.h"
-#include "testsupport/test_util.h"
+#include "test_util.h"
 
 namespace {
 

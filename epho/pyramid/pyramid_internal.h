@@ -1,6 +1,6 @@
 // Internal steps of the pyramid computation, visible to the tests.
-#ifndef EPHO_PYRAMID_INTERNAL_HPP
-#define EPHO_PYRAMID_INTERNAL_HPP
+#ifndef EPHO_PYRAMID_PYRAMID_INTERNAL_H_
+#define EPHO_PYRAMID_PYRAMID_INTERNAL_H_
 
 #include "eerr_frame.hpp"
 #include "eimg.h"
@@ -26,4 +26,4 @@ Emsc_Boolean computeBinomialPyramid(const Etxt_Char* task, Eimg_LayerStack* stac
                                     Eint_InitToolkitData* init, bool* levels_changed,
                                     Eerr_ErrorReport** err);
 
-#endif  // EPHO_PYRAMID_INTERNAL_HPP
+#endif  // EPHO_PYRAMID_PYRAMID_INTERNAL_H_

@@ -1,7 +1,7 @@
 // Internal: the planar projective fit shared by epho_DeriveDLT2D and the
 // resection's approximation.
-#ifndef EPHO_DLT_H
-#define EPHO_DLT_H
+#ifndef EPHO_ORIENTATION_DLT_INTERNAL_H_
+#define EPHO_ORIENTATION_DLT_INTERNAL_H_
 
 #include <Eigen/Core>
 
@@ -34,4 +34,4 @@ const wchar_t* FitProjective3D(const double* film_xy, const double* ground_xyz, 
 
 }  // namespace epho
 
-#endif  // EPHO_DLT_H
+#endif  // EPHO_ORIENTATION_DLT_INTERNAL_H_

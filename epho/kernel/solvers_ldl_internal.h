@@ -4,8 +4,8 @@
 // [first, end). Every sum is taken term by term in increasing index order, as
 // the plain recurrences are written, so blocking changes speed only: full and
 // packed storage of one matrix give bit-identical results.
-#ifndef EPHO_SOLVERS_LDL_H
-#define EPHO_SOLVERS_LDL_H
+#ifndef EPHO_KERNEL_SOLVERS_LDL_INTERNAL_H_
+#define EPHO_KERNEL_SOLVERS_LDL_INTERNAL_H_
 
 #include <algorithm>
 #include <cstddef>
@@ -349,4 +349,4 @@ bool Invert(double* a, Rows rows, int first, int end) {
 }  // namespace ldl
 }  // namespace epho
 
-#endif  // EPHO_SOLVERS_LDL_H
+#endif  // EPHO_KERNEL_SOLVERS_LDL_INTERNAL_H_

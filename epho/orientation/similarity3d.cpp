@@ -4,7 +4,7 @@
 #include <cmath>
 
 #include "eerr_frame.hpp"
-#include "epho/dlt.h"
+#include "epho/orientation/dlt_internal.h"
 #include "epho/orientation.h"
 
 extern "C" {

@@ -2,7 +2,7 @@
 // active sub-block), used by the bundle adjustment's normal equations. Pivots
 // are applied as reciprocals.
 #include "epho/solvers.h"
-#include "epho/solvers_ldl.h"
+#include "epho/kernel/solvers_ldl_internal.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include "eerr_frame.hpp"
 #include "emsc.h"
 #include "epho/matching.h"
-#include "epho/ncc_internal.h"
+#include "epho/matching/ncc_internal.h"
 #include "epho/solvers.h"
 
 namespace {

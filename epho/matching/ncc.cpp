@@ -18,7 +18,7 @@
 #endif
 
 #include "epho/matching.h"
-#include "epho/ncc_internal.h"
+#include "epho/matching/ncc_internal.h"
 
 int epho_ncc::g_vector_path = 0;
 

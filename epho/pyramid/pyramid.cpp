@@ -6,7 +6,7 @@
 #include "eimg.h"
 #include "eint.h"
 #include "epho/pyramid.h"
-#include "epho/pyramid_internal.hpp"
+#include "epho/pyramid/pyramid_internal.h"
 
 namespace {
 

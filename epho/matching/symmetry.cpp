@@ -12,7 +12,7 @@
 #include <cstdint>
 
 #include "epho/matching.h"
-#include "epho/ncc_internal.h"
+#include "epho/matching/ncc_internal.h"
 
 namespace {
 

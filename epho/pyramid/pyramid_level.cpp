@@ -14,8 +14,8 @@
 #include <numeric>
 #include <vector>
 
-#include "epho/pyramid_filter.hpp"
-#include "epho/pyramid_internal.hpp"
+#include "epho/pyramid/pyramid_filter_internal.h"
+#include "epho/pyramid/pyramid_internal.h"
 
 namespace epho::pyramid {
 namespace {

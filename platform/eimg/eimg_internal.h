@@ -1,7 +1,7 @@
 // Internals of the eimg layers: the shared GDAL dataset behind layer handles,
 // layer-name parsing and GDAL error capture. Not exported.
-#ifndef EIMG_INTERNAL_HPP
-#define EIMG_INTERNAL_HPP
+#ifndef PLATFORM_EIMG_EIMG_INTERNAL_H_
+#define PLATFORM_EIMG_EIMG_INTERNAL_H_
 
 #include <gdal.h>
 
@@ -73,4 +73,4 @@ struct Eimg_PrivateStorage {
   kzdv::eimg::DatasetPtr dataset;
 };
 
-#endif  // EIMG_INTERNAL_HPP
+#endif  // PLATFORM_EIMG_EIMG_INTERNAL_H_

@@ -7,8 +7,8 @@
 #include <cmath>
 #include <memory>
 
-#include "platform/eprj/proj_cli_test_util.h"
-#include "testsupport/test_util.h"
+#include "proj_cli_test_util.h"
+#include "test_util.h"
 
 namespace {
 

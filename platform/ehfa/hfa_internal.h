@@ -1,8 +1,8 @@
 // The in-memory side of an open hierarchical file: the entry tree (read whole
 // at open, headers only), positioned I/O with a read window and an append
 // buffer, and the write bookkeeping (dirty entry headers, bulk writes).
-#ifndef HFA_INTERNAL_HPP
-#define HFA_INTERNAL_HPP
+#ifndef PLATFORM_EHFA_HFA_INTERNAL_H_
+#define PLATFORM_EHFA_HFA_INTERNAL_H_
 
 #include <cstdint>
 #include <deque>
@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "ehfa.h"
-#include "../emif/emif_internal.hpp"
+#include "platform/emif/emif_codec.h"
 
 namespace kzdv {
 namespace hfa {
@@ -117,4 +117,4 @@ uint64_t BytesRead(const Ehfa_File* file);
 }  // namespace hfa
 }  // namespace kzdv
 
-#endif  // HFA_INTERNAL_HPP
+#endif  // PLATFORM_EHFA_HFA_INTERNAL_H_

@@ -1,4 +1,4 @@
-#include "epho/dlt.h"
+#include "epho/orientation/dlt_internal.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 // Internals of the design machinery shared by emif and ehfa: the immutable
 // design representation, its two layouts (native memory record and packed
 // disk bytes), and the codec between them.
-#ifndef EMIF_INTERNAL_HPP
-#define EMIF_INTERNAL_HPP
+#ifndef PLATFORM_EMIF_EMIF_CODEC_H_
+#define PLATFORM_EMIF_EMIF_CODEC_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -128,4 +128,4 @@ struct Emif_Dictionary {
   const Emif_Design* Handle(const kzdv::mif::DesignRef& d);
 };
 
-#endif  // EMIF_INTERNAL_HPP
+#endif  // PLATFORM_EMIF_EMIF_CODEC_H_

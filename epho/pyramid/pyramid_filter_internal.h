@@ -5,8 +5,8 @@
 // the border), so output column c of the tile uses indices 2c, 2c+1, 2c+2.
 // The vertical 1-2-1 pass runs over contiguous memory and vectorises; the
 // horizontal pass reads every other sum.
-#ifndef EPHO_PYRAMID_FILTER_HPP
-#define EPHO_PYRAMID_FILTER_HPP
+#ifndef EPHO_PYRAMID_PYRAMID_FILTER_INTERNAL_H_
+#define EPHO_PYRAMID_PYRAMID_FILTER_INTERNAL_H_
 
 #include <cstdint>
 #include <type_traits>
@@ -79,4 +79,4 @@ inline void HorizontalReduce(const Acc* __restrict v, T* __restrict out, long ou
 
 }  // namespace epho::pyramid
 
-#endif  // EPHO_PYRAMID_FILTER_HPP
+#endif  // EPHO_PYRAMID_PYRAMID_FILTER_INTERNAL_H_

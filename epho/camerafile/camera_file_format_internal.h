@@ -1,7 +1,7 @@
 // Keys and names of the camera calibration text file shared by its writer
 // and reader (internal).
-#ifndef EPHO_CAMERAFILE_CAMERA_FILE_FORMAT_H
-#define EPHO_CAMERAFILE_CAMERA_FILE_FORMAT_H
+#ifndef EPHO_CAMERAFILE_CAMERA_FILE_FORMAT_INTERNAL_H_
+#define EPHO_CAMERAFILE_CAMERA_FILE_FORMAT_INTERNAL_H_
 
 #include "epho/camerafile.h"
 
@@ -60,4 +60,4 @@ inline constexpr long kMaxObservations = 10000;
 
 }  // namespace epho_camerafile
 
-#endif  // EPHO_CAMERAFILE_CAMERA_FILE_FORMAT_H
+#endif  // EPHO_CAMERAFILE_CAMERA_FILE_FORMAT_INTERNAL_H_

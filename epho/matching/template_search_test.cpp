@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "epho/matching.h"
-#include "epho/ncc_internal.h"
+#include "epho/matching/ncc_internal.h"
 
 namespace {
 

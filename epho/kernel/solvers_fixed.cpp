@@ -2,7 +2,7 @@
 // family of least-squares correlation and the one-call 6x6 and n x n inverses.
 // Pivots are divided by.
 #include "epho/solvers.h"
-#include "epho/solvers_ldl.h"
+#include "epho/kernel/solvers_ldl_internal.h"
 
 namespace {
 

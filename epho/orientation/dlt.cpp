@@ -1,6 +1,6 @@
 // Direct linear transforms: the planar 8-parameter projective fit and the
 // split of an 11-parameter DLT into inner and outer orientation.
-#include "epho/dlt.h"
+#include "epho/orientation/dlt_internal.h"
 
 #include <Eigen/Dense>
 #include <cmath>

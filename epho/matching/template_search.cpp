@@ -25,7 +25,7 @@
 #endif
 
 #include "epho/matching.h"
-#include "epho/ncc_internal.h"
+#include "epho/matching/ncc_internal.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include "eerr_frame.hpp"
 #include "epho/angles.h"
-#include "epho/dlt.h"
+#include "epho/orientation/dlt_internal.h"
 #include "epho/orientation.h"
 
 namespace {

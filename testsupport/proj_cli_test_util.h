@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "testsupport/test_util.h"
+#include "test_util.h"
 
 namespace projcli {
 
