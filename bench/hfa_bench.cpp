@@ -35,8 +35,8 @@ Emif_Design* PointDesign() {
       L"Zdefined", L"FALSE", L"TRUE", b, 3, L"PointType", L"GCP_FULL", L"GCP_HORIZ", L"GCP_VERT",
       L"GCP_NONE", b, 3, L"PointUsage", L"GCP_CONTROL", L"GCP_CHECK", L"GCP_TIE", b, 3,
       L"PointUsed", L"FALSE", L"TRUE", b, 0x10d, L"color", 3, 0xd, L"Standard Deviation X", 0xd,
-      L"Standard Deviation Y", 0xd, L"Standard Deviation Z", 0xe, L"Residual X", 0xe,
-      L"Residual Y", 0xe, L"Residual Z", 0xc, L"ImagePointCount", 0, nullptr);
+      L"Standard Deviation Y", 0xd, L"Standard Deviation Z", 0xe, L"Residual X", 0xe, L"Residual Y",
+      0xe, L"Residual Z", 0xc, L"ImagePointCount", 0, nullptr);
 }
 
 }  // namespace
@@ -123,15 +123,14 @@ int main() {
     }
     std::fclose(in);
   });
-  bench::PrintComparison("read 100k ground points in file order", "stdio fread, same bytes",
-                         read_s, raw_read_s,
-                         checked == kPoints ? "(target < 1 s)" : "(WRONG POINTS READ)");
+  bench::PrintComparison("read 100k ground points in file order", "stdio fread, same bytes", read_s,
+                         raw_read_s, checked == kPoints ? "(target < 1 s)" : "(WRONG POINTS READ)");
 
   // Opening a 1 GiB image (sparse) reads its tree only.
   GDALAllRegister();
   const std::string big = dir.File("big.img");
-  GDALDatasetH ds = GDALCreate(GDALGetDriverByName("HFA"), big.c_str(), 32768, 32768, 1, GDT_Byte,
-                               nullptr);
+  GDALDatasetH ds =
+      GDALCreate(GDALGetDriverByName("HFA"), big.c_str(), 32768, 32768, 1, GDT_Byte, nullptr);
   GDALClose(ds);
   uint64_t bytes_read = 0;
   const std::wstring wbig = kzdv::FromUtf8(big);

@@ -39,7 +39,8 @@ std::vector<uint8_t> Texture(unsigned seed, int size) {
     for (int c = 0; c < size; ++c) {
       double v = 0;
       for (int k = 0; k < 10; ++k) v += std::sin(kx[k] * c + ky[k] * r + ph[k]);
-      img[r * size + c] = static_cast<uint8_t>(std::max(0.0, std::min(255.0, 128 + 35 * v + 20 * (u(rng) - 0.5))));
+      img[r * size + c] =
+          static_cast<uint8_t>(std::max(0.0, std::min(255.0, 128 + 35 * v + 20 * (u(rng) - 0.5))));
     }
   return img;
 }
@@ -63,17 +64,18 @@ double PlainScalarByte(const uint8_t* l, const uint8_t* r, uint32_t ls, uint32_t
 // best-of-5 time per call.
 template <class F>
 double PerCall(int calls, F call) {
-  return bench::BestSeconds(5, [&] {
-           double s = 0;
-           for (int k = 0; k < calls; ++k) s += call(k);
-           g_sink = g_sink + s;
-         }) /
+  return bench::BestSeconds(5,
+                            [&] {
+                              double s = 0;
+                              for (int k = 0; k < calls; ++k) s += call(k);
+                              g_sink = g_sink + s;
+                            }) /
          calls;
 }
 
 void Throughput(const std::string& name, int size, double seconds_per_call) {
-  std::printf("%-48s %8.1f Mpix/s  (%.3f us/call)\n", (name + " " + std::to_string(size) + "x" +
-                                                      std::to_string(size)).c_str(),
+  std::printf("%-48s %8.1f Mpix/s  (%.3f us/call)\n",
+              (name + " " + std::to_string(size) + "x" + std::to_string(size)).c_str(),
               double(size) * size / seconds_per_call * 1e-6, seconds_per_call * 1e6);
 }
 
@@ -98,49 +100,62 @@ void Kernels() {
     const double plain = PerCall(calls, [&](int k) {
       return PlainScalarByte(A8, B8, kImage, kImage, p(k), q(k), q(k), p(k), h, h);
     });
-    bench::PrintComparison("ByteNoResample " + std::to_string(size) + "x" + std::to_string(size) +
-                               " (1e5 calls)",
-                           "plain scalar loop", ours * 1e5, plain * 1e5, "(target x4)");
+    bench::PrintComparison(
+        "ByteNoResample " + std::to_string(size) + "x" + std::to_string(size) + " (1e5 calls)",
+        "plain scalar loop", ours * 1e5, plain * 1e5, "(target x4)");
     Throughput("ByteNoResample", size, ours);
     Throughput("U16NoResample", size, PerCall(calls, [&](int k) {
-      return epho_CrossCoefU16NoResample(a16.data(), b16.data(), kImage, kImage, p(k), q(k), q(k), p(k), s, s);
-    }));
+                 return epho_CrossCoefU16NoResample(a16.data(), b16.data(), kImage, kImage, p(k),
+                                                    q(k), q(k), p(k), s, s);
+               }));
     Throughput("U32NoResample", size, PerCall(calls, [&](int k) {
-      return epho_CrossCoefU32NoResample(a32.data(), b32.data(), kImage, kImage, p(k), q(k), q(k), p(k), s, s);
-    }));
+                 return epho_CrossCoefU32NoResample(a32.data(), b32.data(), kImage, kImage, p(k),
+                                                    q(k), q(k), p(k), s, s);
+               }));
     Throughput("FloatNoResample", size, PerCall(calls, [&](int k) {
-      return epho_CrossCoefFloatNoResample(af.data(), bf.data(), kImage, kImage, p(k), q(k), q(k), p(k), s, s);
-    }));
+                 return epho_CrossCoefFloatNoResample(af.data(), bf.data(), kImage, kImage, p(k),
+                                                      q(k), q(k), p(k), s, s);
+               }));
     Throughput("DoubleNoResample", size, PerCall(calls, [&](int k) {
-      return epho_CrossCoefDoubleNoResample(ad.data(), bd.data(), kImage, kImage, p(k), q(k), q(k), p(k), s, s);
-    }));
+                 return epho_CrossCoefDoubleNoResample(ad.data(), bd.data(), kImage, kImage, p(k),
+                                                       q(k), q(k), p(k), s, s);
+               }));
     Throughput("ByteNoRotation", size, PerCall(calls, [&](int k) {
-      return epho_CrossCoefByteNoRotation(A8, B8, kImage, kImage, d(k), d(k + 3), d(k + 5), d(k), s, s);
-    }));
+                 return epho_CrossCoefByteNoRotation(A8, B8, kImage, kImage, d(k), d(k + 3),
+                                                     d(k + 5), d(k), s, s);
+               }));
     Throughput("DoubleNoRotation", size, PerCall(calls, [&](int k) {
-      return epho_CrossCoefDoubleNoRotation(ad.data(), bd.data(), kImage, kImage, d(k), d(k + 3), d(k + 5), d(k), s, s);
-    }));
+                 return epho_CrossCoefDoubleNoRotation(ad.data(), bd.data(), kImage, kImage, d(k),
+                                                       d(k + 3), d(k + 5), d(k), s, s);
+               }));
     Throughput("ByteBothResample", size, PerCall(calls, [&](int k) {
-      return epho_CrossCoefByteBothResample(A8, B8, kImage, kImage, 0.1, 0.3, d(k), d(k + 3), d(k + 5), d(k), s, s);
-    }));
+                 return epho_CrossCoefByteBothResample(A8, B8, kImage, kImage, 0.1, 0.3, d(k),
+                                                       d(k + 3), d(k + 5), d(k), s, s);
+               }));
     Throughput("DoubleBothResample", size, PerCall(calls, [&](int k) {
-      return epho_CrossCoefDoubleBothResample(ad.data(), bd.data(), kImage, kImage, 0.1, 0.3, d(k), d(k + 3), d(k + 5), d(k), s, s);
-    }));
+                 return epho_CrossCoefDoubleBothResample(ad.data(), bd.data(), kImage, kImage, 0.1,
+                                                         0.3, d(k), d(k + 3), d(k + 5), d(k), s, s);
+               }));
     Throughput("ByteRightResample", size, PerCall(calls, [&](int k) {
-      return epho_CrossCoefByteRightResample(A8, B8, kImage, kImage, 0.3, p(k), q(k), d(k + 5), d(k), s, s);
-    }));
+                 return epho_CrossCoefByteRightResample(A8, B8, kImage, kImage, 0.3, p(k), q(k),
+                                                        d(k + 5), d(k), s, s);
+               }));
     Throughput("DoubleRightResample", size, PerCall(calls, [&](int k) {
-      return epho_CrossCoefDoubleRightResample(ad.data(), bd.data(), kImage, kImage, 0.3, p(k), q(k), d(k + 5), d(k), s, s);
-    }));
+                 return epho_CrossCoefDoubleRightResample(ad.data(), bd.data(), kImage, kImage, 0.3,
+                                                          p(k), q(k), d(k + 5), d(k), s, s);
+               }));
     Throughput("ByteShift", size, PerCall(calls, [&](int k) {
-      return epho_CrossCoefByteShift(A8, B8, kImage, kImage, p(k), q(k), d(k + 5), d(k), h, h);
-    }));
+                 return epho_CrossCoefByteShift(A8, B8, kImage, kImage, p(k), q(k), d(k + 5), d(k),
+                                                h, h);
+               }));
     Throughput("U32Shift", size, PerCall(calls, [&](int k) {
-      return epho_CrossCoefU32Shift(a32.data(), b32.data(), kImage, kImage, p(k), q(k), d(k + 5), d(k), h, h);
-    }));
+                 return epho_CrossCoefU32Shift(a32.data(), b32.data(), kImage, kImage, p(k), q(k),
+                                               d(k + 5), d(k), h, h);
+               }));
     Throughput("getCrossSumU32 (sum of products only)", size, PerCall(calls, [&](int k) {
-      return epho_getCrossSumU32(a32.data(), kImage, p(k), q(k), b32.data(), kImage, q(k), p(k), h, h);
-    }));
+                 return epho_getCrossSumU32(a32.data(), kImage, p(k), q(k), b32.data(), kImage,
+                                            q(k), p(k), h, h);
+               }));
   }
 }
 
@@ -150,8 +165,9 @@ void LeastSquares() {
   std::vector<uint8_t> right(64 * 64);
   for (int r = 0; r < 63; ++r)
     for (int c = 0; c < 63; ++c)  // shifted by half a pixel both ways
-      right[r * 64 + c] = uint8_t((left[r * 64 + c] + left[r * 64 + c + 1] + left[(r + 1) * 64 + c] +
-                                   left[(r + 1) * 64 + c + 1] + 2) / 4);
+      right[r * 64 + c] = uint8_t((left[r * 64 + c] + left[r * 64 + c + 1] +
+                                   left[(r + 1) * 64 + c] + left[(r + 1) * 64 + c + 1] + 2) /
+                                  4);
   int iterations = 0;
   const double t = PerCall(200, [&](int) {
     double x = 22.4, y = 21.9;
@@ -160,7 +176,8 @@ void LeastSquares() {
     iterations = -code;
     return x;
   });
-  std::printf("%-48s %8.1f us/point (%d iterations)\n", "OnePtLSCByteHalf 21x21", t * 1e6, iterations);
+  std::printf("%-48s %8.1f us/point (%d iterations)\n", "OnePtLSCByteHalf 21x21", t * 1e6,
+              iterations);
 }
 
 #ifdef EPHO_HAVE_OPENCV
@@ -174,11 +191,11 @@ void Search() {
   for (int t : {11, 21})
     for (int s : {64, 128}) {
       const int h = t / 2;
-      const int x0 = 20, y0 = 16;  // search area origin in the right image
+      const int x0 = 20, y0 = 16;                          // search area origin in the right image
       const int lx = x0 + s / 2 + 1, ly = y0 + s / 2 - 2;  // template centre (left image)
       scratch.resize(epho_NccSearchScratchBytes(h, h, s - t + 1, s - t + 1));
       const std::string what = std::to_string(t) + "x" + std::to_string(t) + " in " +
-                                std::to_string(s) + "x" + std::to_string(s);
+                               std::to_string(s) + "x" + std::to_string(s);
       for (int type = 0; type < 2; ++type) {
         Epho_NccPeak peak{};
         const int calls = 200;
@@ -208,18 +225,19 @@ void Search() {
           cv::minMaxLoc(result, nullptr, &mx, nullptr, &at);
           return mx + at.x;
         });
-        bench::PrintComparison(std::string(type == 0 ? "NccSearchByte  " : "NccSearchFloat ") + what +
-                                   " (1e3 calls)",
-                               "cv::matchTemplate", ours * 1e3, peer * 1e3, "(target x1)");
+        bench::PrintComparison(
+            std::string(type == 0 ? "NccSearchByte  " : "NccSearchFloat ") + what + " (1e3 calls)",
+            "cv::matchTemplate", ours * 1e3, peer * 1e3, "(target x1)");
         // Same data, same answer: position and coefficient.
         double mx;
         cv::Point at;
         cv::minMaxLoc(result, nullptr, &mx, nullptr, &at);
         const float cv_at_ours = result.at<float>(peak.row - h - y0, peak.column - h - x0);
-        std::printf("    best ours (%d,%d) r=%.9f  OpenCV (%d,%d) r=%.9f  |ours-OpenCV at ours|=%.2e %s\n",
-                    peak.column, peak.row, peak.coefficient, at.x + h + x0, at.y + h + y0, mx,
-                    std::fabs(peak.coefficient - cv_at_ours),
-                    std::fabs(peak.coefficient - cv_at_ours) < 1e-6 ? "ok" : "MISMATCH");
+        std::printf(
+            "    best ours (%d,%d) r=%.9f  OpenCV (%d,%d) r=%.9f  |ours-OpenCV at ours|=%.2e %s\n",
+            peak.column, peak.row, peak.coefficient, at.x + h + x0, at.y + h + y0, mx,
+            std::fabs(peak.coefficient - cv_at_ours),
+            std::fabs(peak.coefficient - cv_at_ours) < 1e-6 ? "ok" : "MISMATCH");
       }
     }
   // Whole-pixel kernel against every OpenCV coefficient of one map.
@@ -233,17 +251,19 @@ void Search() {
     int above = 0;
     for (int y = 0; y < result.rows; ++y)
       for (int x = 0; x < result.cols; ++x) {
-        const double d = std::fabs(result.at<float>(y, x) -
-                                   epho_CrossCoefByteNoResample(left8.data(), right8.data(), 160, 160,
-                                                                lx, ly, x0 + x + h, y0 + y + h, t, t));
+        const double d =
+            std::fabs(result.at<float>(y, x) -
+                      epho_CrossCoefByteNoResample(left8.data(), right8.data(), 160, 160, lx, ly,
+                                                   x0 + x + h, y0 + y + h, t, t));
         worst = std::max(worst, d);
         sum += d;
         above += d > 1e-6;
       }
-    std::printf("    ByteNoResample vs OpenCV (32-bit float result) over a %dx%d map: mean |difference| "
-                "%.2e, max %.2e, %d of %d above 1e-6\n",
-                result.cols, result.rows, sum / (result.cols * result.rows), worst, above,
-                result.cols * result.rows);
+    std::printf(
+        "    ByteNoResample vs OpenCV (32-bit float result) over a %dx%d map: mean |difference| "
+        "%.2e, max %.2e, %d of %d above 1e-6\n",
+        result.cols, result.rows, sum / (result.cols * result.rows), worst, above,
+        result.cols * result.rows);
   }
 }
 #endif

@@ -88,17 +88,16 @@ Emsc_Boolean emod_DeriveTp2GcTransform(double lat0, double lon0, double h0, doub
     return EMSC_FALSE;
   const double sf = std::sin(lat0), cf = std::cos(lat0);
   const double sl = std::sin(lon0), cl = std::cos(lon0);
-  const double f[EMOD_TANGENT_FRAME_SIZE] = {
-      origin[0], origin[1], origin[2],
-      -sl,       cl,        0.0,   // east
-      -sf * cl,  -sf * sl,  cf,    // north
-      cf * cl,   cf * sl,   sf};   // up
+  const double f[EMOD_TANGENT_FRAME_SIZE] = {origin[0], origin[1], origin[2], -sl, cl, 0.0,  // east
+                                             -sf * cl,  -sf * sl,  cf,   // north
+                                             cf * cl,   cf * sl,   sf};  // up
   for (int i = 0; i < EMOD_TANGENT_FRAME_SIZE; ++i) frame[i] = f[i];
   return EMSC_TRUE;
 }
 
 Emsc_Boolean emod_GeocentricToTangentPlane(double Xg, double Yg, double Zg, double* Xt, double* Yt,
-                                           double* Zt, const double frame[EMOD_TANGENT_FRAME_SIZE]) {
+                                           double* Zt,
+                                           const double frame[EMOD_TANGENT_FRAME_SIZE]) {
   if (!Xt || !Yt || !Zt || !ValidFrame(frame) || !Finite3(Xg, Yg, Zg)) return EMSC_FALSE;
   const double dx = Xg - frame[0], dy = Yg - frame[1], dz = Zg - frame[2];
   const double* r = frame + 3;
@@ -109,7 +108,8 @@ Emsc_Boolean emod_GeocentricToTangentPlane(double Xg, double Yg, double Zg, doub
 }
 
 Emsc_Boolean emod_TangentPlaneToGeocentric(double Xt, double Yt, double Zt, double* Xg, double* Yg,
-                                           double* Zg, const double frame[EMOD_TANGENT_FRAME_SIZE]) {
+                                           double* Zg,
+                                           const double frame[EMOD_TANGENT_FRAME_SIZE]) {
   if (!Xg || !Yg || !Zg || !ValidFrame(frame) || !Finite3(Xt, Yt, Zt)) return EMSC_FALSE;
   const double* r = frame + 3;  // rotation rows; its transpose takes tangent axes back
   *Xg = frame[0] + r[0] * Xt + r[3] * Yt + r[6] * Zt;

@@ -9,10 +9,10 @@
 
 namespace {
 
-constexpr double kA = 6378137.0;                 // WGS 84
-constexpr double kE2 = 0.0066943799901413165;    // WGS 84
+constexpr double kA = 6378137.0;               // WGS 84
+constexpr double kE2 = 0.0066943799901413165;  // WGS 84
 constexpr double kDeg = 0.017453292519943295;
-constexpr double kMetre = 1e-6;                  // agreement asked of every conversion
+constexpr double kMetre = 1e-6;  // agreement asked of every conversion
 
 // Longitude, latitude (degrees) and height over the globe, with the poles,
 // the antimeridian from both sides and heights from below the geoid to orbit.
@@ -99,8 +99,11 @@ TEST(EmodGeocentric, SphereHasTheRadiusAsHeightOrigin) {
 struct Origin {
   double lon_deg, lat_deg, h;
 };
-const Origin kOrigins[] = {{2.35, 48.85, 35.0}, {-179.99, -45.0, 0.0}, {180.0, 10.0, 100.0},
-                           {0.0, 90.0, 0.0},    {135.0, -89.5, 2800.0}};
+const Origin kOrigins[] = {{2.35, 48.85, 35.0},
+                           {-179.99, -45.0, 0.0},
+                           {180.0, 10.0, 100.0},
+                           {0.0, 90.0, 0.0},
+                           {135.0, -89.5, 2800.0}};
 
 TEST(EmodTangentPlane, AgreesWithProjTopocentric) {
   for (const Origin& o : kOrigins) {

@@ -4,14 +4,14 @@
 #ifndef EPHO_TEST_UTIL_H
 #define EPHO_TEST_UTIL_H
 
+#include <unistd.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <system_error>
 #include <vector>
-
-#include <unistd.h>
 
 #include "eerr.h"
 

@@ -441,7 +441,8 @@ TEST(CameraFile, WriteRefusesRecordsItCouldNotReadBack) {
   ASSERT_TRUE(back) << kzdv::ReportText(err);
   EXPECT_EQ(std::wstring(back->cameraDescription), longest);
   std::string crlf;
-  for (char ch : Slurp(dir.File("w.cam"))) crlf += ch == '\n' ? std::string("\r\n") : std::string(1, ch);
+  for (char ch : Slurp(dir.File("w.cam")))
+    crlf += ch == '\n' ? std::string("\r\n") : std::string(1, ch);
   Spit(dir.File("crlf.cam"), crlf);
   CameraPtr back_crlf(CameraInfoFileRead(dir.WFile("crlf.cam").c_str(), nullptr, &err));
   ASSERT_TRUE(back_crlf) << kzdv::ReportText(err);

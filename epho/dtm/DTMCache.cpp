@@ -151,8 +151,8 @@ void DTMCache::Open(const wchar_t* name) {
   auto* map_info = static_cast<Eprj_MapInfo*>(emsc_HeapCalloc(1, sizeof(Eprj_MapInfo)));
   if (!map_info) ctx.Throw(__LINE__, L"Out of memory");
   Owned<Eprj_MapInfo, FreeMapInfo> map_info_owner(map_info);
-  map_info->proName = estr_Duplicate(projection && projection->proName ? projection->proName
-                                                                       : L"Unknown");
+  map_info->proName =
+      estr_Duplicate(projection && projection->proName ? projection->proName : L"Unknown");
   map_info->units = estr_Duplicate(info->units);
   if (!map_info->proName || !map_info->units) ctx.Throw(__LINE__, L"Out of memory");
   map_info->upperLeftCenter = {info->upperLeftCenterX, info->upperLeftCenterY};

@@ -1,5 +1,7 @@
 // DEM cache: entries shared by name, kept alive by holders, read by many
 // threads; heights compared with what GDAL reads from the same file.
+#include "epho/dtm.h"
+
 #include <gdal.h>
 #include <gtest/gtest.h>
 #include <ogr_srs_api.h>
@@ -9,14 +11,15 @@
 #include <thread>
 #include <vector>
 
-#include "epho/dtm.h"
 #include "test_util.h"
 
 #if defined(__SANITIZE_THREAD__)
 // GDAL creates its global mutexes under another mutex in an order that
 // ThreadSanitizer reports as a possible inversion inside libgdal itself; the
 // report names none of our code. Data races are still reported.
-extern "C" __attribute__((visibility("default"), used)) const char* __tsan_default_suppressions() { return "deadlock:libgdal.so\n"; }
+extern "C" __attribute__((visibility("default"), used)) const char* __tsan_default_suppressions() {
+  return "deadlock:libgdal.so\n";
+}
 #endif
 
 namespace {
@@ -36,7 +39,8 @@ std::string WriteDem(const std::string& path, int w, int h) {
   OSRDestroySpatialReference(srs);
   std::vector<float> z(size_t(w) * h);
   for (int r = 0; r < h; ++r)
-    for (int c = 0; c < w; ++c) z[size_t(r) * w + c] = float(400 + 0.5 * c - 0.25 * r + (c * r % 7));
+    for (int c = 0; c < w; ++c)
+      z[size_t(r) * w + c] = float(400 + 0.5 * c - 0.25 * r + (c * r % 7));
   GDALRasterBandH b = GDALGetRasterBand(ds, 1);
   GDALSetRasterUnitType(b, "m");
   EXPECT_EQ(GDALRasterIO(b, GF_Write, 0, 0, w, h, z.data(), w, h, GDT_Float32, 0, 0), CE_None);

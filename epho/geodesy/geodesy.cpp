@@ -21,10 +21,17 @@ struct VerticalDef {
   int epsg;  // vertical CRS of heights above that geoid
 };
 const VerticalDef kVertical[] = {
-    {L"EGM96", 5773},          {L"EGM96 geoid", 5773},     {L"EGM96 height", 5773},
-    {L"EGM2008", 3855},        {L"EGM2008 geoid", 3855},   {L"EGM2008 height", 3855},
-    {L"EGM84", 5798},          {L"EGM84 geoid", 5798},     {L"EGM84 height", 5798},
-    {L"NAVD88", 5703},         {L"North American Vertical Datum 1988", 5703},
+    {L"EGM96", 5773},
+    {L"EGM96 geoid", 5773},
+    {L"EGM96 height", 5773},
+    {L"EGM2008", 3855},
+    {L"EGM2008 geoid", 3855},
+    {L"EGM2008 height", 3855},
+    {L"EGM84", 5798},
+    {L"EGM84 geoid", 5798},
+    {L"EGM84 height", 5798},
+    {L"NAVD88", 5703},
+    {L"North American Vertical Datum 1988", 5703},
     {L"NAVD88 height", 5703},
 };
 
@@ -73,8 +80,7 @@ bool Datum::Undulation(double longitude, double latitude, double* n, std::wstrin
       proj_->pj = proj_normalize_for_visualization(proj_->ctx, p);
       proj_destroy(p);
     }
-    if (!proj_->pj)
-      proj_->failure = L"PROJ has no transformation to the heights of " + name_;
+    if (!proj_->pj) proj_->failure = L"PROJ has no transformation to the heights of " + name_;
   }
   if (!proj_->pj) {
     if (why) *why = proj_->failure;
@@ -185,10 +191,9 @@ double epho_CalculateZShift(const EphoDatum* datumA, const EphoDatum* datumB, do
     why = L"Out of memory";
   }
   if (missing && missing->ClaimWarning()) {
-    Eerr_ErrorReport* r = eerr_CreateErrorReport(L"epho_CalculateZShift", __LINE__,
-                                                 EERR_SEVERITY_WARNING, nullptr,
-                                                 L"%s: heights are used without a geoid shift",
-                                                 why.c_str(), 0);
+    Eerr_ErrorReport* r =
+        eerr_CreateErrorReport(L"epho_CalculateZShift", __LINE__, EERR_SEVERITY_WARNING, nullptr,
+                               L"%s: heights are used without a geoid shift", why.c_str(), 0);
     eerr_PrintErrorReport(r, nullptr, 0);
     eerr_DeleteErrorReport(r);
   }

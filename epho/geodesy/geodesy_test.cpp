@@ -30,7 +30,7 @@ TEST(EphoGeodesy, Egm96ShiftAgreesWithProjAndIsMinusTheUndulation) {
   Datum wgs(epho_DatumGet(L"WGS 84", nullptr));
   Datum egm(epho_DatumGet(L"EGM96", nullptr));
   ASSERT_TRUE(wgs && egm);
-  const projcli::Rows pts = {{0.0, 0.0, 0.0}, {50.0, 10.0, 0.0}, {-75.5, 40.2, 0.0},
+  const projcli::Rows pts = {{0.0, 0.0, 0.0},      {50.0, 10.0, 0.0},    {-75.5, 40.2, 0.0},
                              {179.99, -60.0, 0.0}, {-179.99, 89.5, 0.0}, {135.0, -89.9, 0.0}};
   // Heights above the geoid of points on the ellipsoid: -N. (EPSG order:
   // latitude first.)
@@ -44,7 +44,8 @@ TEST(EphoGeodesy, Egm96ShiftAgreesWithProjAndIsMinusTheUndulation) {
     const double s = epho_CalculateZShift(wgs.get(), egm.get(), pts[i][0] * kDeg, pts[i][1] * kDeg);
     EXPECT_NEAR(s, truth[i][2], 1e-4) << i;
     // Reversed roles give the opposite shift.
-    EXPECT_NEAR(epho_CalculateZShift(egm.get(), wgs.get(), pts[i][0] * kDeg, pts[i][1] * kDeg), -s, 1e-12);
+    EXPECT_NEAR(epho_CalculateZShift(egm.get(), wgs.get(), pts[i][0] * kDeg, pts[i][1] * kDeg), -s,
+                1e-12);
   }
   // Published EGM96 undulation at (0°, 0°): 17.16 m, so s = -17.16.
   EXPECT_NEAR(epho_CalculateZShift(wgs.get(), egm.get(), 0.0, 0.0), -17.16, 0.01);

@@ -1,8 +1,8 @@
 // Symmetric solvers on full row-major storage of fixed stride: the 8x8 factor
 // family of least-squares correlation and the one-call 6x6 and n x n inverses.
 // Pivots are divided by.
-#include "epho/solvers.h"
 #include "epho/kernel/solvers_ldl_internal.h"
+#include "epho/solvers.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Symmetric solvers on row-offset storage (full or packed upper triangle, any
 // active sub-block), used by the bundle adjustment's normal equations. Pivots
 // are applied as reciprocals.
-#include "epho/solvers.h"
 #include "epho/kernel/solvers_ldl_internal.h"
+#include "epho/solvers.h"
 
 namespace {
 

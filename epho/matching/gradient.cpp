@@ -52,7 +52,8 @@ int GradientAngle(const P* image, uint32_t stride, int32_t x, int32_t y, uint32_
   for (int pass = 0; pass < 2; ++pass) {
     double smooth[kBins];
     for (int b = 0; b < kBins; ++b)
-      smooth[b] = 0.25 * hist[(b + kBins - 1) % kBins] + 0.5 * hist[b] + 0.25 * hist[(b + 1) % kBins];
+      smooth[b] =
+          0.25 * hist[(b + kBins - 1) % kBins] + 0.5 * hist[b] + 0.25 * hist[(b + 1) % kBins];
     for (int b = 0; b < kBins; ++b) hist[b] = smooth[b];
   }
   int best = 0;

@@ -44,7 +44,8 @@ TEST(GradientAngle, LinearRampPointsUpTheSlope) {
   for (double a : {0.0, 0.3, 1.2, 2.0, M_PI, -2.5, -0.7}) {
     std::vector<double> img(kSize * kSize);
     for (int r = 0; r < kSize; ++r)
-      for (int c = 0; c < kSize; ++c) img[r * kSize + c] = 500 + 3 * std::cos(a) * c + 3 * std::sin(a) * r;
+      for (int c = 0; c < kSize; ++c)
+        img[r * kSize + c] = 500 + 3 * std::cos(a) * c + 3 * std::sin(a) * r;
     double angle = 99;
     ASSERT_EQ(epho_GradiAngleDouble(img.data(), kSize, 40, 40, 10, 7, &angle), 0);
     EXPECT_NEAR(AngleDiff(angle, a), 0.0, 1.0 * M_PI / 180) << "slope direction " << a;
@@ -64,8 +65,8 @@ TEST(GradientAngle, FollowsTurnedContentAndLetsTurnedWindowsMatch) {
     EXPECT_NEAR(AngleDiff(at - a0, t), 0.0, 2.0 * M_PI / 180) << "turn " << t;
     // Both windows turned to their own gradient angle show the same content
     // (window centres at the pixel centre 40.5 of the resampling members).
-    EXPECT_GT(epho_CrossCoefDoubleBothResample(base.data(), turned.data(), kSize, kSize, a0, at, 40.5,
-                                               40.5, 40.5, 40.5, 21, 21),
+    EXPECT_GT(epho_CrossCoefDoubleBothResample(base.data(), turned.data(), kSize, kSize, a0, at,
+                                               40.5, 40.5, 40.5, 40.5, 21, 21),
               0.98);
     std::vector<uint8_t> b8(base.begin(), base.end()), t8(turned.begin(), turned.end());
     double a8, t8a;

@@ -67,10 +67,10 @@ LscResult Iterate(const Template& T, int hw, int hh, const P* right, ptrdiff_t s
         const double v = ry + p[3] + p[4] * j + p[5] * i;
         if (!InsideArea(u, v, area)) return {Ending::kSampling, n, 0, 0};
         const double g = BilinearHalfPixel(right, stride, u, v);
-        const double gx =
-            BilinearHalfPixel(right, stride, u + 0.5, v) - BilinearHalfPixel(right, stride, u - 0.5, v);
-        const double gy =
-            BilinearHalfPixel(right, stride, u, v + 0.5) - BilinearHalfPixel(right, stride, u, v - 0.5);
+        const double gx = BilinearHalfPixel(right, stride, u + 0.5, v) -
+                          BilinearHalfPixel(right, stride, u - 0.5, v);
+        const double gy = BilinearHalfPixel(right, stride, u, v + 0.5) -
+                          BilinearHalfPixel(right, stride, u, v - 0.5);
         const double t = T(j, i);
         const double row[8] = {gx, gx * j, gx * i, gy, gy * j, gy * i, -1.0, -t};
         const double l = p[7] * t + p[6] - g;
@@ -116,10 +116,9 @@ int16_t Finish(const LscResult& r, int max_iterations, double* rx, double* ry) {
 // The resampled-template members (Byte, Double).
 template <typename P>
 int16_t LscResampled(const wchar_t* fn, const P* left, int32_t left_stride, double left_angle,
-                     double lx, double ly, const P* right, int32_t right_stride,
-                     double right_angle, double* rx, double* ry, int16_t width, int16_t height,
-                     int16_t max_iterations, float threshold, float max_shift,
-                     Eerr_ErrorReport** err) {
+                     double lx, double ly, const P* right, int32_t right_stride, double right_angle,
+                     double* rx, double* ry, int16_t width, int16_t height, int16_t max_iterations,
+                     float threshold, float max_shift, Eerr_ErrorReport** err) {
   kzdv::ErrorFrame frame(fn, err);
   const int16_t failure = static_cast<int16_t>(2 * max_iterations);
   if (!rx || !ry || !left || !right) {
@@ -129,8 +128,8 @@ int16_t LscResampled(const wchar_t* fn, const P* left, int32_t left_stride, doub
   if (max_iterations < 1) return 1;
   const int hw = width / 2, hh = height / 2;
   const int64_t count = static_cast<int64_t>(2 * hh + 1) * (2 * hw + 1) + 1;
-  kzdv::HeapPtr<float> templ(
-      static_cast<float*>(emsc_HeapMalloc(sizeof(float) * static_cast<size_t>(count > 0 ? count : 1))));
+  kzdv::HeapPtr<float> templ(static_cast<float*>(
+      emsc_HeapMalloc(sizeof(float) * static_cast<size_t>(count > 0 ? count : 1))));
   if (!templ) {
     frame.Fail(2572, L"Not enough memory for point Least Square Correlation!");
     return failure;
@@ -143,13 +142,17 @@ int16_t LscResampled(const wchar_t* fn, const P* left, int32_t left_stride, doub
           BilinearHalfPixel(left, left_stride, lx + j * c - i * s, ly + j * s + i * c));
   const float* tp = templ.get();
   const int tw = 2 * hw + 1;
-  auto T = [tp, tw, hw, hh](int j, int i) { return static_cast<double>(tp[(i + hh) * tw + j + hw]); };
+  auto T = [tp, tw, hw, hh](int j, int i) {
+    return static_cast<double>(tp[(i + hh) * tw + j + hw]);
+  };
   // The right buffer is a search patch of twice the window.
   const Area area{4 * hw, 4 * hh};
   const LscResult r = Iterate(T, hw, hh, right, right_stride, *rx, *ry, right_angle, max_iterations,
                               threshold, max_shift, area);
-  if (r.ending == Ending::kFactor) frame.Fail(2666, L"Least Square Matching with inversible matrix!");
-  if (r.ending == Ending::kSolve) frame.Fail(2670, L"Least Square Matching with inversible matrix!");
+  if (r.ending == Ending::kFactor)
+    frame.Fail(2666, L"Least Square Matching with inversible matrix!");
+  if (r.ending == Ending::kSolve)
+    frame.Fail(2670, L"Least Square Matching with inversible matrix!");
   return Finish(r, max_iterations, rx, ry);
 }
 
@@ -193,10 +196,10 @@ int16_t epho_OnePtLSCByte(const uint8_t* left, int32_t leftStride, double leftAn
 }
 
 int16_t epho_OnePtLSCDouble(const double* left, int32_t leftStride, double leftAngle, double lx,
-                            double ly, const double* right, int32_t rightStride,
-                            double rightAngle, double* rx, double* ry, int16_t width,
-                            int16_t height, int16_t maxIterations, float convergence,
-                            float maxShift, Eerr_ErrorReport** err) {
+                            double ly, const double* right, int32_t rightStride, double rightAngle,
+                            double* rx, double* ry, int16_t width, int16_t height,
+                            int16_t maxIterations, float convergence, float maxShift,
+                            Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"epho_OnePtLSCDouble";
   return LscResampled(kFn, left, leftStride, leftAngle, lx, ly, right, rightStride, rightAngle, rx,
                       ry, width, height, maxIterations, convergence, maxShift, err);

@@ -50,7 +50,7 @@ std::vector<P> RenderPatch(const Texture& tex, int size, double tx, double ty, d
   return img;
 }
 
-constexpr int kPatch = 44;           // right patch: twice a 21x21 window plus margin
+constexpr int kPatch = 44;                          // right patch: twice a 21x21 window plus margin
 constexpr double kTruthX = 21.87, kTruthY = 22.21;  // texture origin in the right patch
 
 TEST(LeastSquaresCorrelation, RecoversSubPixelShiftForEveryMember) {
@@ -154,8 +154,8 @@ TEST(LeastSquaresCorrelation, ReturnCodes) {
   // A start 1.6 px off with a maximum shift of 1 px: failure, position moved
   // by the shift reached.
   x = 24.1, y = 22.5;
-  EXPECT_EQ(epho_OnePtLSCByteHalf(img.data(), kPatch, 22, 22, img.data(), kPatch, &x, &y, 10, 10, 10,
-                                  0.01f, 1.0f),
+  EXPECT_EQ(epho_OnePtLSCByteHalf(img.data(), kPatch, 22, 22, img.data(), kPatch, &x, &y, 10, 10,
+                                  10, 0.01f, 1.0f),
             20);
   EXPECT_LT(x, 24.1 - 1.0);
   // Samples leaving the patch: failure, position untouched.
@@ -167,8 +167,8 @@ TEST(LeastSquaresCorrelation, ReturnCodes) {
   EXPECT_EQ(x, 8.0);
   EXPECT_EQ(err, nullptr);  // not a reported failure
   x = std::nan(""), y = 22.5;
-  EXPECT_EQ(epho_OnePtLSCByteHalf(img.data(), kPatch, 22, 22, img.data(), kPatch, &x, &y, 10, 10, 10,
-                                  0.01f, 1.0f),
+  EXPECT_EQ(epho_OnePtLSCByteHalf(img.data(), kPatch, 22, 22, img.data(), kPatch, &x, &y, 10, 10,
+                                  10, 0.01f, 1.0f),
             20);
 }
 

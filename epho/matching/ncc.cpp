@@ -87,8 +87,7 @@ double WholePixelReal(const P* left, const P* right, uint32_t ls, uint32_t rs, u
   const P* pr = Corner(right, rs, rx, ry, hw, hh);
   const ptrdiff_t sl = ls, sr = rs;
   return CorrelateReal(
-      hw, hh,
-      [&](int j, int i) { return static_cast<double>(pl[(i + hh) * sl + (j + hw)]); },
+      hw, hh, [&](int j, int i) { return static_cast<double>(pl[(i + hh) * sl + (j + hw)]); },
       [&](int j, int i) { return static_cast<double>(pr[(i + hh) * sr + (j + hw)]); });
 }
 
@@ -122,13 +121,12 @@ constexpr int kFlushSteps = 16000;
 
 // 16 zero bytes then 16 0xFF bytes: 16 (or 8) bytes loaded from
 // kLeadZeros + 16 - m have m leading zero bytes.
-alignas(32) const uint8_t kLeadZeros[32] = {0,    0,    0,    0,    0,    0,    0,    0,
-                                            0,    0,    0,    0,    0,    0,    0,    0,
-                                            0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
-                                            0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+alignas(32) const uint8_t kLeadZeros[32] = {
+    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,
+    0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
 
-double ByteCoefScalar(const uint8_t* pl, const uint8_t* pr, ptrdiff_t ls, ptrdiff_t rs, int w, int h,
-                    int64_t n) {
+double ByteCoefScalar(const uint8_t* pl, const uint8_t* pr, ptrdiff_t ls, ptrdiff_t rs, int w,
+                      int h, int64_t n) {
   ByteSums t;
   for (int i = 0; i < h; ++i, pl += ls, pr += rs)
     for (int j = 0; j < w; ++j) {
@@ -141,7 +139,7 @@ double ByteCoefScalar(const uint8_t* pl, const uint8_t* pr, ptrdiff_t ls, ptrdif
 #if defined(__SSE2__)
 // SSE2: 16 and 8 pixels a step; needs w >= 8.
 double ByteCoefSse2(const uint8_t* pl, const uint8_t* pr, ptrdiff_t ls, ptrdiff_t rs, int w, int h,
-                  int64_t n) {
+                    int64_t n) {
   const __m128i zero = _mm_setzero_si128(), ones = _mm_set1_epi16(1);
   __m128i vl = zero, vll = zero, vr = zero, vrr = zero, vlr = zero;
   ByteSums t;
@@ -179,8 +177,10 @@ double ByteCoefSse2(const uint8_t* pl, const uint8_t* pr, ptrdiff_t ls, ptrdiff_
     }
     if (j < w) {  // the last 8 pixels, those already counted masked out
       const __m128i m = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(kLeadZeros + 8 + (w - j)));
-      const __m128i a = _mm_and_si128(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(pl + w - 8)), m);
-      const __m128i b = _mm_and_si128(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(pr + w - 8)), m);
+      const __m128i a =
+          _mm_and_si128(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(pl + w - 8)), m);
+      const __m128i b =
+          _mm_and_si128(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(pr + w - 8)), m);
       step(_mm_unpacklo_epi8(a, zero), _mm_unpacklo_epi8(b, zero));
     }
     if (steps >= kFlushSteps) flush();
@@ -211,8 +211,10 @@ __attribute__((target("avx2"))) inline int64_t Avx2Total(const __m256i* v) {
 constexpr int kQuickSteps = 2000;  // 2000 * 8 lanes * 130050 < 2^31
 
 __attribute__((target("avx2"))) inline void Avx2QuickFlush(const Avx2Lanes* v, ByteSums* t) {
-  const __m256i a = _mm256_hadd_epi32(_mm256_hadd_epi32(v->l, v->ll), _mm256_hadd_epi32(v->r, v->rr));
-  const __m256i b = _mm256_hadd_epi32(_mm256_hadd_epi32(v->lr, v->lr), _mm256_hadd_epi32(v->lr, v->lr));
+  const __m256i a =
+      _mm256_hadd_epi32(_mm256_hadd_epi32(v->l, v->ll), _mm256_hadd_epi32(v->r, v->rr));
+  const __m256i b =
+      _mm256_hadd_epi32(_mm256_hadd_epi32(v->lr, v->lr), _mm256_hadd_epi32(v->lr, v->lr));
   const __m128i sa = _mm_add_epi32(_mm256_castsi256_si128(a), _mm256_extracti128_si256(a, 1));
   const __m128i sb = _mm_add_epi32(_mm256_castsi256_si128(b), _mm256_extracti128_si256(b, 1));
   t->l += _mm_cvtsi128_si32(sa);
@@ -248,8 +250,8 @@ inline __m128i HeadAndTail8(const uint8_t* p, int w, __m128i m) {
 
 // AVX2: 16 pixels a step; a row of 8..16 pixels is one step. Needs w >= 8.
 __attribute__((target("avx2"))) double ByteCoefAvx2(const uint8_t* pl, const uint8_t* pr,
-                                                  ptrdiff_t ls, ptrdiff_t rs, int w, int h,
-                                                  int64_t n) {
+                                                    ptrdiff_t ls, ptrdiff_t rs, int w, int h,
+                                                    int64_t n) {
   Avx2Lanes v;
   Avx2Clear(&v);
   ByteSums t;
@@ -275,9 +277,10 @@ __attribute__((target("avx2"))) double ByteCoefAvx2(const uint8_t* pl, const uin
         Avx2Step(&v, _mm_loadu_si128(reinterpret_cast<const __m128i*>(pl + j)),
                  _mm_loadu_si128(reinterpret_cast<const __m128i*>(pr + j)));
       if (j < w) {  // the last 16 pixels, the first 16 - (w - j) masked out
-        Avx2Step(&v,
-                 _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pl + w - 16)), tail16),
-                 _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pr + w - 16)), tail16));
+        Avx2Step(
+            &v,
+            _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pl + w - 16)), tail16),
+            _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pr + w - 16)), tail16));
         ++steps;
       }
       if (steps >= kFlushSteps) {
@@ -344,9 +347,7 @@ struct ShiftedSampler {  // NoRotation: a pure shift, still half-pixel centres
   const P* image;
   ptrdiff_t stride;
   double x, y;
-  double operator()(int j, int i) const {
-    return BilinearHalfPixel(image, stride, x + j, y + i);
-  }
+  double operator()(int j, int i) const { return BilinearHalfPixel(image, stride, x + j, y + i); }
 };
 
 template <typename P>
@@ -390,10 +391,9 @@ double epho_CrossCoefByteNoResample(const uint8_t* left, const uint8_t* right, u
   return ByteWholePixel(left, right, leftStride, rightStride, lx, ly, rx, ry, width, height);
 }
 
-double epho_CrossCoefU16NoResample(const uint16_t* left, const uint16_t* right,
-                                   uint32_t leftStride, uint32_t rightStride, uint32_t lx,
-                                   uint32_t ly, uint32_t rx, uint32_t ry, int16_t width,
-                                   int16_t height) {
+double epho_CrossCoefU16NoResample(const uint16_t* left, const uint16_t* right, uint32_t leftStride,
+                                   uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t rx,
+                                   uint32_t ry, int16_t width, int16_t height) {
   // 16-bit squares exceed int32: exact 64-bit sums instead.
   const int hw = width / 2, hh = height / 2;
   WholeSampler<uint16_t> l{left, leftStride, lx, ly};
@@ -414,10 +414,9 @@ double epho_CrossCoefU16NoResample(const uint16_t* left, const uint16_t* right,
                           static_cast<double>(slr));
 }
 
-double epho_CrossCoefU32NoResample(const uint32_t* left, const uint32_t* right,
-                                   uint32_t leftStride, uint32_t rightStride, uint32_t lx,
-                                   uint32_t ly, uint32_t rx, uint32_t ry, int16_t width,
-                                   int16_t height) {
+double epho_CrossCoefU32NoResample(const uint32_t* left, const uint32_t* right, uint32_t leftStride,
+                                   uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t rx,
+                                   uint32_t ry, int16_t width, int16_t height) {
   return WholePixelReal(left, right, leftStride, rightStride, lx, ly, rx, ry, width, height);
 }
 
@@ -427,17 +426,15 @@ double epho_CrossCoefFloatNoResample(const float* left, const float* right, uint
   return WholePixelReal(left, right, leftStride, rightStride, lx, ly, rx, ry, width, height);
 }
 
-double epho_CrossCoefDoubleNoResample(const double* left, const double* right,
-                                      uint32_t leftStride, uint32_t rightStride, uint32_t lx,
-                                      uint32_t ly, uint32_t rx, uint32_t ry, int16_t width,
-                                      int16_t height) {
+double epho_CrossCoefDoubleNoResample(const double* left, const double* right, uint32_t leftStride,
+                                      uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t rx,
+                                      uint32_t ry, int16_t width, int16_t height) {
   return WholePixelReal(left, right, leftStride, rightStride, lx, ly, rx, ry, width, height);
 }
 
-double epho_CrossCoefByteNoRotation(const uint8_t* left, const uint8_t* right,
-                                    uint32_t leftStride, uint32_t rightStride, double lx,
-                                    double ly, double rx, double ry, int16_t width,
-                                    int16_t height) {
+double epho_CrossCoefByteNoRotation(const uint8_t* left, const uint8_t* right, uint32_t leftStride,
+                                    uint32_t rightStride, double lx, double ly, double rx,
+                                    double ry, int16_t width, int16_t height) {
   ShiftedSampler<uint8_t> l{left, leftStride, lx, ly};
   ShiftedSampler<uint8_t> r{right, rightStride, rx, ry};
   return CorrelateWhole(
@@ -445,18 +442,17 @@ double epho_CrossCoefByteNoRotation(const uint8_t* left, const uint8_t* right,
       [&](int j, int i) { return RoundGrey(r(j, i)); });
 }
 
-double epho_CrossCoefDoubleNoRotation(const double* left, const double* right,
-                                      uint32_t leftStride, uint32_t rightStride, double lx,
-                                      double ly, double rx, double ry, int16_t width,
-                                      int16_t height) {
+double epho_CrossCoefDoubleNoRotation(const double* left, const double* right, uint32_t leftStride,
+                                      uint32_t rightStride, double lx, double ly, double rx,
+                                      double ry, int16_t width, int16_t height) {
   return CorrelateReal(width / 2, height / 2, ShiftedSampler<double>{left, leftStride, lx, ly},
                        ShiftedSampler<double>{right, rightStride, rx, ry});
 }
 
 double epho_CrossCoefByteBothResample(const uint8_t* left, const uint8_t* right,
                                       uint32_t leftStride, uint32_t rightStride, double leftAngle,
-                                      double rightAngle, double lx, double ly, double rx,
-                                      double ry, int16_t width, int16_t height) {
+                                      double rightAngle, double lx, double ly, double rx, double ry,
+                                      int16_t width, int16_t height) {
   TurnedSampler<uint8_t> l{left, leftStride, lx, ly, std::cos(leftAngle), std::sin(leftAngle)};
   TurnedSampler<uint8_t> r{right, rightStride, rx, ry, std::cos(rightAngle), std::sin(rightAngle)};
   return CorrelateWhole(
@@ -465,9 +461,9 @@ double epho_CrossCoefByteBothResample(const uint8_t* left, const uint8_t* right,
 }
 
 double epho_CrossCoefDoubleBothResample(const double* left, const double* right,
-                                        uint32_t leftStride, uint32_t rightStride,
-                                        double leftAngle, double rightAngle, double lx, double ly,
-                                        double rx, double ry, int16_t width, int16_t height) {
+                                        uint32_t leftStride, uint32_t rightStride, double leftAngle,
+                                        double rightAngle, double lx, double ly, double rx,
+                                        double ry, int16_t width, int16_t height) {
   return CorrelateReal(
       width / 2, height / 2,
       TurnedSampler<double>{left, leftStride, lx, ly, std::cos(leftAngle), std::sin(leftAngle)},
@@ -512,9 +508,10 @@ double epho_CrossCoefU32Shift(const uint32_t* left, const uint32_t* right, uint3
                               uint32_t rightStride, int32_t lx, int32_t ly, double rx, double ry,
                               uint32_t halfWidth, uint32_t halfHeight) {
   WholeSampler<uint32_t> l{left, leftStride, lx, ly};
-  return CorrelateReal(static_cast<int16_t>(halfWidth), static_cast<int16_t>(halfHeight),
-                       [&](int j, int i) { return static_cast<double>(l(j, i)); },
-                       BiasedShiftSampler<uint32_t>(right, rightStride, rx, ry));
+  return CorrelateReal(
+      static_cast<int16_t>(halfWidth), static_cast<int16_t>(halfHeight),
+      [&](int j, int i) { return static_cast<double>(l(j, i)); },
+      BiasedShiftSampler<uint32_t>(right, rightStride, rx, ry));
 }
 
 }  // extern "C"

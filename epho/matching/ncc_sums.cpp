@@ -36,7 +36,8 @@ void SumSquareSum(const P* image, uint32_t stride, int32_t x, int32_t y, uint32_
   const int n = 2 * hw + 1;
   double s = 0.0, ss = 0.0;
   for (int32_t i = -hh; i <= hh; ++i) {
-    const P* p = image + (static_cast<ptrdiff_t>(y) + i) * stride + (static_cast<ptrdiff_t>(x) - hw);
+    const P* p =
+        image + (static_cast<ptrdiff_t>(y) + i) * stride + (static_cast<ptrdiff_t>(x) - hw);
     int k = 0;
     for (; k + 4 <= n; k += 4) {
       const double a = p[k], b = p[k + 1], c = p[k + 2], d = p[k + 3];

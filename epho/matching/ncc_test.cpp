@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <random>
 #include <vector>
@@ -56,7 +56,8 @@ std::vector<double> MidpointWindow(const std::vector<P>& img, int x, int y, int 
     for (int j = -hw; j <= hw; ++j) {
       const int c = x + j, r = y + i;
       double s = (double(img[(r - 1) * kSize + c - 1]) + img[(r - 1) * kSize + c] +
-                  img[r * kSize + c - 1] + img[r * kSize + c]) / 4.0;
+                  img[r * kSize + c - 1] + img[r * kSize + c]) /
+                 4.0;
       v.push_back(round ? std::floor(s + 0.5) : s);
     }
   return v;
@@ -72,10 +73,9 @@ TEST(CrossCoefWholePixel, ByteVectorPathsAllWidths) {
     for (int w = 1; w <= 41; w += 2)
       for (int h : {1, 5}) {
         SCOPED_TRACE(testing::Message() << "path " << path << " width " << w << " height " << h);
-        EXPECT_NEAR(epho_CrossCoefByteNoResample(a.data(), b.data(), kSize, kSize, 21, 30, 23, 29,
-                                                 w, h),
-                    Pearson(Window(a, 21, 30, w / 2, h / 2), Window(b, 23, 29, w / 2, h / 2)),
-                    1e-12);
+        EXPECT_NEAR(
+            epho_CrossCoefByteNoResample(a.data(), b.data(), kSize, kSize, 21, 30, 23, 29, w, h),
+            Pearson(Window(a, 21, 30, w / 2, h / 2), Window(b, 23, 29, w / 2, h / 2)), 1e-12);
       }
   }
   epho_ncc::SetVectorPathForTesting(0);
@@ -84,7 +84,8 @@ TEST(CrossCoefWholePixel, ByteVectorPathsAllWidths) {
 TEST(CrossCoefWholePixel, EveryPixelTypeMatchesPearson) {
   auto b1 = RandomImage<uint8_t>(1, 0, 256), b2 = RandomImage<uint8_t>(2, 0, 256);
   auto u1 = RandomImage<uint16_t>(3, 0, 65536), u2 = RandomImage<uint16_t>(4, 0, 65536);
-  auto w1 = RandomImage<uint32_t>(5, 0, 4294967295.0), w2 = RandomImage<uint32_t>(6, 0, 4294967295.0);
+  auto w1 = RandomImage<uint32_t>(5, 0, 4294967295.0),
+       w2 = RandomImage<uint32_t>(6, 0, 4294967295.0);
   auto f1 = RandomImage<float>(7, -5, 5), f2 = RandomImage<float>(8, -5, 5);
   auto d1 = RandomImage<double>(9, 1e6, 1e6 + 1), d2 = RandomImage<double>(10, -1, 1);
   // Left and right images share a component so coefficients are not all ~0.
@@ -97,12 +98,12 @@ TEST(CrossCoefWholePixel, EveryPixelTypeMatchesPearson) {
     EXPECT_NEAR(epho_CrossCoefByteNoResample(b1.data(), b2.data(), kSize, kSize, lx, ly, rx, ry,
                                              s[0], s[1]),
                 Pearson(Window(b1, lx, ly, hw, hh), Window(b2, rx, ry, hw, hh)), 1e-12);
-    EXPECT_NEAR(epho_CrossCoefU16NoResample(u1.data(), u2.data(), kSize, kSize, lx, ly, rx, ry,
-                                            s[0], s[1]),
-                Pearson(Window(u1, lx, ly, hw, hh), Window(u2, rx, ry, hw, hh)), 1e-12);
-    EXPECT_NEAR(epho_CrossCoefU32NoResample(w1.data(), w2.data(), kSize, kSize, lx, ly, rx, ry,
-                                            s[0], s[1]),
-                Pearson(Window(w1, lx, ly, hw, hh), Window(w2, rx, ry, hw, hh)), 1e-12);
+    EXPECT_NEAR(
+        epho_CrossCoefU16NoResample(u1.data(), u2.data(), kSize, kSize, lx, ly, rx, ry, s[0], s[1]),
+        Pearson(Window(u1, lx, ly, hw, hh), Window(u2, rx, ry, hw, hh)), 1e-12);
+    EXPECT_NEAR(
+        epho_CrossCoefU32NoResample(w1.data(), w2.data(), kSize, kSize, lx, ly, rx, ry, s[0], s[1]),
+        Pearson(Window(w1, lx, ly, hw, hh), Window(w2, rx, ry, hw, hh)), 1e-12);
     EXPECT_NEAR(epho_CrossCoefFloatNoResample(f1.data(), f2.data(), kSize, kSize, lx, ly, rx, ry,
                                               s[0], s[1]),
                 Pearson(Window(f1, lx, ly, hw, hh), Window(f2, rx, ry, hw, hh)), 1e-12);
@@ -129,11 +130,13 @@ TEST(CrossCoefWholePixel, WindowSizeRules) {
   EXPECT_EQ(epho_CrossCoefByteNoResample(a.data(), b.data(), kSize, kSize, 20, 20, 22, 23, 1, 9),
             epho_CrossCoefByteNoResample(a.data(), b.data(), kSize, kSize, 20, 20, 22, 23, 0, 9));
   // A single pixel has no variance; a negative size is an empty window.
-  EXPECT_EQ(epho_CrossCoefByteNoResample(a.data(), b.data(), kSize, kSize, 20, 20, 22, 23, 1, 1), 0.0);
-  EXPECT_EQ(epho_CrossCoefByteNoResample(a.data(), b.data(), kSize, kSize, 20, 20, 22, 23, -5, 9), 0.0);
-  EXPECT_EQ(epho_CrossCoefByteShift(a.data(), b.data(), kSize, kSize, 20, 20, 22.0, 23.0,
-                                    0xFFFFFFFFu, 3),
+  EXPECT_EQ(epho_CrossCoefByteNoResample(a.data(), b.data(), kSize, kSize, 20, 20, 22, 23, 1, 1),
             0.0);
+  EXPECT_EQ(epho_CrossCoefByteNoResample(a.data(), b.data(), kSize, kSize, 20, 20, 22, 23, -5, 9),
+            0.0);
+  EXPECT_EQ(
+      epho_CrossCoefByteShift(a.data(), b.data(), kSize, kSize, 20, 20, 22.0, 23.0, 0xFFFFFFFFu, 3),
+      0.0);
 }
 
 // Flat, identical and negative-contrast windows, for every member.
@@ -146,7 +149,8 @@ TEST(CrossCoefAllMembers, FlatIdenticalAndInverted) {
   std::vector<uint32_t> a32(a.begin(), a.end()), neg32(a.size()), flat32(a.size(), 0xF0000000u);
   for (size_t k = 0; k < a.size(); ++k) neg32[k] = 0xFFFFFFFFu - 1000u * a[k];
   std::vector<uint16_t> a16(a.size()), neg16(a.size()), flat16(a.size(), 65535);
-  for (size_t k = 0; k < a.size(); ++k) a16[k] = uint16_t(a[k] * 257), neg16[k] = uint16_t(65535 - a16[k]);
+  for (size_t k = 0; k < a.size(); ++k)
+    a16[k] = uint16_t(a[k] * 257), neg16[k] = uint16_t(65535 - a16[k]);
   std::vector<float> af(a.begin(), a.end()), negf(a.size()), flatf(a.size(), 0.3f);
   for (size_t k = 0; k < a.size(); ++k) negf[k] = -0.5f * af[k];
 
@@ -173,33 +177,53 @@ TEST(CrossCoefAllMembers, FlatIdenticalAndInverted) {
        epho_CrossCoefFloatNoResample(af.data(), af.data(), kSize, kSize, 30, 30, 30, 30, 15, 15),
        epho_CrossCoefFloatNoResample(af.data(), negf.data(), kSize, kSize, 30, 30, 30, 30, 15, 15)},
       {"DoubleNoResample",
-       epho_CrossCoefDoubleNoResample(ad.data(), flatd.data(), kSize, kSize, 30, 30, 30, 30, 15, 15),
+       epho_CrossCoefDoubleNoResample(ad.data(), flatd.data(), kSize, kSize, 30, 30, 30, 30, 15,
+                                      15),
        epho_CrossCoefDoubleNoResample(ad.data(), ad.data(), kSize, kSize, 30, 30, 30, 30, 15, 15),
-       epho_CrossCoefDoubleNoResample(ad.data(), negd.data(), kSize, kSize, 30, 30, 30, 30, 15, 15)},
+       epho_CrossCoefDoubleNoResample(ad.data(), negd.data(), kSize, kSize, 30, 30, 30, 30, 15,
+                                      15)},
       {"ByteNoRotation",
-       epho_CrossCoefByteNoRotation(a.data(), flat.data(), kSize, kSize, 30.2, 30.7, 20.1, 20.9, 15, 15),
-       epho_CrossCoefByteNoRotation(a.data(), a.data(), kSize, kSize, 30.2, 30.7, 30.2, 30.7, 15, 15),
-       epho_CrossCoefByteNoRotation(a.data(), neg.data(), kSize, kSize, 30.2, 30.7, 30.2, 30.7, 15, 15)},
+       epho_CrossCoefByteNoRotation(a.data(), flat.data(), kSize, kSize, 30.2, 30.7, 20.1, 20.9, 15,
+                                    15),
+       epho_CrossCoefByteNoRotation(a.data(), a.data(), kSize, kSize, 30.2, 30.7, 30.2, 30.7, 15,
+                                    15),
+       epho_CrossCoefByteNoRotation(a.data(), neg.data(), kSize, kSize, 30.2, 30.7, 30.2, 30.7, 15,
+                                    15)},
       {"DoubleNoRotation",
-       epho_CrossCoefDoubleNoRotation(flatd.data(), ad.data(), kSize, kSize, 30.2, 30.7, 20.1, 20.9, 15, 15),
-       epho_CrossCoefDoubleNoRotation(ad.data(), ad.data(), kSize, kSize, 30.2, 30.7, 30.2, 30.7, 15, 15),
-       epho_CrossCoefDoubleNoRotation(ad.data(), negd.data(), kSize, kSize, 30.2, 30.7, 30.2, 30.7, 15, 15)},
+       epho_CrossCoefDoubleNoRotation(flatd.data(), ad.data(), kSize, kSize, 30.2, 30.7, 20.1, 20.9,
+                                      15, 15),
+       epho_CrossCoefDoubleNoRotation(ad.data(), ad.data(), kSize, kSize, 30.2, 30.7, 30.2, 30.7,
+                                      15, 15),
+       epho_CrossCoefDoubleNoRotation(ad.data(), negd.data(), kSize, kSize, 30.2, 30.7, 30.2, 30.7,
+                                      15, 15)},
       {"ByteBothResample",
-       epho_CrossCoefByteBothResample(a.data(), flat.data(), kSize, kSize, p, -p, 30.2, 30.7, 29.0, 31.0, 15, 15),
-       epho_CrossCoefByteBothResample(a.data(), a.data(), kSize, kSize, p, p, 30.2, 30.7, 30.2, 30.7, 15, 15),
-       epho_CrossCoefByteBothResample(a.data(), neg.data(), kSize, kSize, p, p, 30.2, 30.7, 30.2, 30.7, 15, 15)},
+       epho_CrossCoefByteBothResample(a.data(), flat.data(), kSize, kSize, p, -p, 30.2, 30.7, 29.0,
+                                      31.0, 15, 15),
+       epho_CrossCoefByteBothResample(a.data(), a.data(), kSize, kSize, p, p, 30.2, 30.7, 30.2,
+                                      30.7, 15, 15),
+       epho_CrossCoefByteBothResample(a.data(), neg.data(), kSize, kSize, p, p, 30.2, 30.7, 30.2,
+                                      30.7, 15, 15)},
       {"DoubleBothResample",
-       epho_CrossCoefDoubleBothResample(flatd.data(), ad.data(), kSize, kSize, p, -p, 30.2, 30.7, 29.0, 31.0, 15, 15),
-       epho_CrossCoefDoubleBothResample(ad.data(), ad.data(), kSize, kSize, p, p, 30.2, 30.7, 30.2, 30.7, 15, 15),
-       epho_CrossCoefDoubleBothResample(ad.data(), negd.data(), kSize, kSize, p, p, 30.2, 30.7, 30.2, 30.7, 15, 15)},
+       epho_CrossCoefDoubleBothResample(flatd.data(), ad.data(), kSize, kSize, p, -p, 30.2, 30.7,
+                                        29.0, 31.0, 15, 15),
+       epho_CrossCoefDoubleBothResample(ad.data(), ad.data(), kSize, kSize, p, p, 30.2, 30.7, 30.2,
+                                        30.7, 15, 15),
+       epho_CrossCoefDoubleBothResample(ad.data(), negd.data(), kSize, kSize, p, p, 30.2, 30.7,
+                                        30.2, 30.7, 15, 15)},
       {"ByteRightResample",
-       epho_CrossCoefByteRightResample(a.data(), flat.data(), kSize, kSize, p, 30, 30, 29.3, 31.1, 15, 15),
-       epho_CrossCoefByteRightResample(a.data(), a.data(), kSize, kSize, 0.0, 30, 30, 30.5, 30.5, 15, 15),
-       epho_CrossCoefByteRightResample(a.data(), neg.data(), kSize, kSize, 0.0, 30, 30, 30.5, 30.5, 15, 15)},
+       epho_CrossCoefByteRightResample(a.data(), flat.data(), kSize, kSize, p, 30, 30, 29.3, 31.1,
+                                       15, 15),
+       epho_CrossCoefByteRightResample(a.data(), a.data(), kSize, kSize, 0.0, 30, 30, 30.5, 30.5,
+                                       15, 15),
+       epho_CrossCoefByteRightResample(a.data(), neg.data(), kSize, kSize, 0.0, 30, 30, 30.5, 30.5,
+                                       15, 15)},
       {"DoubleRightResample",
-       epho_CrossCoefDoubleRightResample(ad.data(), flatd.data(), kSize, kSize, p, 30, 30, 29.3, 31.1, 15, 15),
-       epho_CrossCoefDoubleRightResample(ad.data(), ad.data(), kSize, kSize, 0.0, 30, 30, 30.5, 30.5, 15, 15),
-       epho_CrossCoefDoubleRightResample(ad.data(), negd.data(), kSize, kSize, 0.0, 30, 30, 30.5, 30.5, 15, 15)},
+       epho_CrossCoefDoubleRightResample(ad.data(), flatd.data(), kSize, kSize, p, 30, 30, 29.3,
+                                         31.1, 15, 15),
+       epho_CrossCoefDoubleRightResample(ad.data(), ad.data(), kSize, kSize, 0.0, 30, 30, 30.5,
+                                         30.5, 15, 15),
+       epho_CrossCoefDoubleRightResample(ad.data(), negd.data(), kSize, kSize, 0.0, 30, 30, 30.5,
+                                         30.5, 15, 15)},
       {"ByteShift",
        epho_CrossCoefByteShift(a.data(), flat.data(), kSize, kSize, 30, 30, 29.3, 31.1, 7, 7),
        epho_CrossCoefByteShift(a.data(), a.data(), kSize, kSize, 30, 30, 30.0, 30.0, 7, 7),
@@ -219,16 +243,16 @@ TEST(CrossCoefAllMembers, FlatIdenticalAndInverted) {
   // instead of passing for "no correlation".
   ad[31 * kSize + 29] = std::nan("");
   af[31 * kSize + 29] = std::nanf("");
-  EXPECT_TRUE(std::isnan(
-      epho_CrossCoefDoubleNoResample(ad.data(), negd.data(), kSize, kSize, 30, 30, 30, 30, 15, 15)));
+  EXPECT_TRUE(std::isnan(epho_CrossCoefDoubleNoResample(ad.data(), negd.data(), kSize, kSize, 30,
+                                                        30, 30, 30, 15, 15)));
   EXPECT_TRUE(std::isnan(
       epho_CrossCoefFloatNoResample(negf.data(), af.data(), kSize, kSize, 30, 30, 30, 30, 15, 15)));
   EXPECT_TRUE(std::isnan(epho_CrossCoefDoubleNoRotation(ad.data(), negd.data(), kSize, kSize, 30.2,
                                                         30.7, 30.2, 30.7, 15, 15)));
   // Still exactly 0 when the other window is flat.
-  EXPECT_EQ(epho_CrossCoefDoubleNoResample(ad.data(), flatd.data(), kSize, kSize, 30, 30, 30, 30,
-                                           15, 15),
-            0.0);
+  EXPECT_EQ(
+      epho_CrossCoefDoubleNoResample(ad.data(), flatd.data(), kSize, kSize, 30, 30, 30, 30, 15, 15),
+      0.0);
 }
 
 TEST(CrossCoefWholePixel, U32IsUnsigned) {
@@ -253,45 +277,62 @@ TEST(CrossCoefResampling, PixelCentreConventions) {
   const double whole =
       epho_CrossCoefByteNoResample(a.data(), b.data(), kSize, kSize, 10, 12, 20, 22, 9, 9);
   // 10.5 is the centre of pixel 10: the whole-pixel value, exactly.
-  EXPECT_EQ(epho_CrossCoefByteNoRotation(a.data(), b.data(), kSize, kSize, 10.5, 12.5, 20.5, 22.5, 9, 9),
-            whole);
-  EXPECT_NEAR(epho_CrossCoefByteBothResample(a.data(), b.data(), kSize, kSize, 0, 0, 10.5, 12.5, 20.5, 22.5, 9, 9),
+  EXPECT_EQ(
+      epho_CrossCoefByteNoRotation(a.data(), b.data(), kSize, kSize, 10.5, 12.5, 20.5, 22.5, 9, 9),
+      whole);
+  EXPECT_NEAR(epho_CrossCoefByteBothResample(a.data(), b.data(), kSize, kSize, 0, 0, 10.5, 12.5,
+                                             20.5, 22.5, 9, 9),
               whole, 1e-15);
-  EXPECT_NEAR(epho_CrossCoefByteRightResample(a.data(), b.data(), kSize, kSize, 0, 10, 12, 20.5, 22.5, 9, 9),
+  EXPECT_NEAR(epho_CrossCoefByteRightResample(a.data(), b.data(), kSize, kSize, 0, 10, 12, 20.5,
+                                              22.5, 9, 9),
               whole, 1e-15);
-  EXPECT_NEAR(epho_CrossCoefDoubleNoRotation(ad.data(), bd.data(), kSize, kSize, 10.5, 12.5, 20.5, 22.5, 9, 9),
+  EXPECT_NEAR(epho_CrossCoefDoubleNoRotation(ad.data(), bd.data(), kSize, kSize, 10.5, 12.5, 20.5,
+                                             22.5, 9, 9),
               whole, 1e-12);
-  EXPECT_NEAR(epho_CrossCoefDoubleRightResample(ad.data(), bd.data(), kSize, kSize, 0, 10, 12, 20.5, 22.5, 9, 9),
+  EXPECT_NEAR(epho_CrossCoefDoubleRightResample(ad.data(), bd.data(), kSize, kSize, 0, 10, 12, 20.5,
+                                                22.5, 9, 9),
               whole, 1e-12);
   // 10.0 lies between pixels 9 and 10: the mean of the four neighbours, and
   // the Byte members round it half up.
   auto lw = Window(a, 10, 12, 4, 4);
-  EXPECT_NEAR(epho_CrossCoefByteNoRotation(a.data(), b.data(), kSize, kSize, 10.5, 12.5, 20.0, 22.0, 9, 9),
+  EXPECT_NEAR(
+      epho_CrossCoefByteNoRotation(a.data(), b.data(), kSize, kSize, 10.5, 12.5, 20.0, 22.0, 9, 9),
+      Pearson(lw, MidpointWindow(b, 20, 22, 4, 4, true)), 1e-12);
+  EXPECT_NEAR(epho_CrossCoefByteRightResample(a.data(), b.data(), kSize, kSize, 0, 10, 12, 20.0,
+                                              22.0, 9, 9),
               Pearson(lw, MidpointWindow(b, 20, 22, 4, 4, true)), 1e-12);
-  EXPECT_NEAR(epho_CrossCoefByteRightResample(a.data(), b.data(), kSize, kSize, 0, 10, 12, 20.0, 22.0, 9, 9),
-              Pearson(lw, MidpointWindow(b, 20, 22, 4, 4, true)), 1e-12);
-  EXPECT_NEAR(epho_CrossCoefDoubleNoRotation(ad.data(), bd.data(), kSize, kSize, 10.5, 12.5, 20.0, 22.0, 9, 9),
+  EXPECT_NEAR(epho_CrossCoefDoubleNoRotation(ad.data(), bd.data(), kSize, kSize, 10.5, 12.5, 20.0,
+                                             22.0, 9, 9),
               Pearson(lw, MidpointWindow(b, 20, 22, 4, 4, false)), 1e-12);
-  EXPECT_NEAR(epho_CrossCoefDoubleBothResample(ad.data(), bd.data(), kSize, kSize, 0, 0, 10.0, 12.0, 20.0, 22.0, 9, 9),
-              Pearson(MidpointWindow(a, 10, 12, 4, 4, false), MidpointWindow(b, 20, 22, 4, 4, false)), 1e-12);
+  EXPECT_NEAR(
+      epho_CrossCoefDoubleBothResample(ad.data(), bd.data(), kSize, kSize, 0, 0, 10.0, 12.0, 20.0,
+                                       22.0, 9, 9),
+      Pearson(MidpointWindow(a, 10, 12, 4, 4, false), MidpointWindow(b, 20, 22, 4, 4, false)),
+      1e-12);
   // Shift members: 20.0 reads pixel 20 itself ...
-  EXPECT_EQ(epho_CrossCoefByteShift(a.data(), b.data(), kSize, kSize, 10, 12, 20.0, 22.0, 4, 4), whole);
+  EXPECT_EQ(epho_CrossCoefByteShift(a.data(), b.data(), kSize, kSize, 10, 12, 20.0, 22.0, 4, 4),
+            whole);
   std::vector<uint32_t> a32(a.begin(), a.end()), b32(b.begin(), b.end());
-  EXPECT_NEAR(epho_CrossCoefU32Shift(a32.data(), b32.data(), kSize, kSize, 10, 12, 20.0, 22.0, 4, 4),
-              whole, 1e-12);
+  EXPECT_NEAR(
+      epho_CrossCoefU32Shift(a32.data(), b32.data(), kSize, kSize, 10, 12, 20.0, 22.0, 4, 4), whole,
+      1e-12);
   // ... and 20.5 averages pixels 20 and 21 (the midpoint window one pixel on).
   EXPECT_NEAR(epho_CrossCoefByteShift(a.data(), b.data(), kSize, kSize, 10, 12, 20.5, 22.5, 4, 4),
               Pearson(lw, MidpointWindow(b, 21, 23, 4, 4, true)), 1e-12);
-  EXPECT_NEAR(epho_CrossCoefU32Shift(a32.data(), b32.data(), kSize, kSize, 10, 12, 20.5, 22.5, 4, 4),
-              Pearson(lw, MidpointWindow(b, 21, 23, 4, 4, false)), 1e-12);
+  EXPECT_NEAR(
+      epho_CrossCoefU32Shift(a32.data(), b32.data(), kSize, kSize, 10, 12, 20.5, 22.5, 4, 4),
+      Pearson(lw, MidpointWindow(b, 21, 23, 4, 4, false)), 1e-12);
   // Shifting along one axis only: columns at 20.25 weigh pixels 20 and 21 by 3:1.
   std::vector<double> quarter;
   for (int i = -4; i <= 4; ++i)
     for (int j = -4; j <= 4; ++j)
-      quarter.push_back(0.75 * bd[(22 + i) * kSize + 20 + j] + 0.25 * bd[(22 + i) * kSize + 21 + j]);
-  EXPECT_NEAR(epho_CrossCoefU32Shift(a32.data(), b32.data(), kSize, kSize, 10, 12, 20.25, 22.0, 4, 4),
-              Pearson(lw, quarter), 1e-12);
-  EXPECT_NEAR(epho_CrossCoefDoubleNoRotation(ad.data(), bd.data(), kSize, kSize, 10.5, 12.5, 20.75, 22.5, 9, 9),
+      quarter.push_back(0.75 * bd[(22 + i) * kSize + 20 + j] +
+                        0.25 * bd[(22 + i) * kSize + 21 + j]);
+  EXPECT_NEAR(
+      epho_CrossCoefU32Shift(a32.data(), b32.data(), kSize, kSize, 10, 12, 20.25, 22.0, 4, 4),
+      Pearson(lw, quarter), 1e-12);
+  EXPECT_NEAR(epho_CrossCoefDoubleNoRotation(ad.data(), bd.data(), kSize, kSize, 10.5, 12.5, 20.75,
+                                             22.5, 9, 9),
               Pearson(lw, quarter), 1e-12);
 }
 
@@ -307,14 +348,18 @@ TEST(CrossCoefResampling, QuarterTurnFindsRotatedCopy) {
   std::vector<double> ad(a.begin(), a.end()), rotd(rot.begin(), rot.end());
   // Left centre pixel (20, 25) becomes pixel (kSize-1-25, 20) = (38, 20).
   const double q = M_PI / 2;
-  EXPECT_NEAR(epho_CrossCoefByteRightResample(a.data(), rot.data(), kSize, kSize, q, 20, 25, 38.5, 20.5, 11, 11),
+  EXPECT_NEAR(epho_CrossCoefByteRightResample(a.data(), rot.data(), kSize, kSize, q, 20, 25, 38.5,
+                                              20.5, 11, 11),
               1.0, 1e-12);
-  EXPECT_NEAR(epho_CrossCoefDoubleBothResample(ad.data(), rotd.data(), kSize, kSize, 0.3, 0.3 + q, 20.5, 25.5, 38.5, 20.5, 11, 11),
+  EXPECT_NEAR(epho_CrossCoefDoubleBothResample(ad.data(), rotd.data(), kSize, kSize, 0.3, 0.3 + q,
+                                               20.5, 25.5, 38.5, 20.5, 11, 11),
               1.0, 1e-12);  // bilinear sampling commutes with the quarter turn
-  EXPECT_NEAR(epho_CrossCoefDoubleBothResample(ad.data(), rotd.data(), kSize, kSize, 0, q, 20.5, 25.5, 38.5, 20.5, 11, 11),
+  EXPECT_NEAR(epho_CrossCoefDoubleBothResample(ad.data(), rotd.data(), kSize, kSize, 0, q, 20.5,
+                                               25.5, 38.5, 20.5, 11, 11),
               1.0, 1e-12);
   // Unturned, the same windows do not correlate.
-  EXPECT_LT(std::fabs(epho_CrossCoefByteNoRotation(a.data(), rot.data(), kSize, kSize, 20.5, 25.5, 38.5, 20.5, 11, 11)),
+  EXPECT_LT(std::fabs(epho_CrossCoefByteNoRotation(a.data(), rot.data(), kSize, kSize, 20.5, 25.5,
+                                                   38.5, 20.5, 11, 11)),
             0.5);
 }
 
@@ -340,13 +385,17 @@ TEST(SummationHelpers, SumsCrossSumsAndMirrors) {
   EXPECT_DOUBLE_EQ(s32, rs32);
   EXPECT_DOUBLE_EQ(ss32, rss32);
   EXPECT_EQ(epho_getCrossSumByte(a.data(), kSize, 20, 30, b.data(), kSize, 40, 10, 6, 3), cross);
-  EXPECT_DOUBLE_EQ(epho_getCrossSumU32(a32.data(), kSize, 20, 30, b32.data(), kSize, 40, 10, 6, 3), cross32);
-  EXPECT_DOUBLE_EQ(getCrossSumU32RowMirror(a32.data(), kSize, 20, 30, b32.data(), kSize, 40, 10, 6, 3), rowm);
-  EXPECT_DOUBLE_EQ(getCrossSumU32ColumnMirror(a32.data(), kSize, 20, 30, b32.data(), kSize, 40, 10, 6, 3), colm);
+  EXPECT_DOUBLE_EQ(epho_getCrossSumU32(a32.data(), kSize, 20, 30, b32.data(), kSize, 40, 10, 6, 3),
+                   cross32);
+  EXPECT_DOUBLE_EQ(
+      getCrossSumU32RowMirror(a32.data(), kSize, 20, 30, b32.data(), kSize, 40, 10, 6, 3), rowm);
+  EXPECT_DOUBLE_EQ(
+      getCrossSumU32ColumnMirror(a32.data(), kSize, 20, 30, b32.data(), kSize, 40, 10, 6, 3), colm);
   // A patch symmetric about its centre column equals its column mirror.
   std::vector<uint32_t> sym(kSize * kSize);
   for (int r = 0; r < kSize; ++r)
-    for (int c = 0; c < kSize; ++c) sym[r * kSize + c] = b32[r * kSize + std::min(c, 64 - c) % kSize];
+    for (int c = 0; c < kSize; ++c)
+      sym[r * kSize + c] = b32[r * kSize + std::min(c, 64 - c) % kSize];
   EXPECT_EQ(getCrossSumU32ColumnMirror(sym.data(), kSize, 32, 20, sym.data(), kSize, 32, 20, 7, 5),
             epho_getCrossSumU32(sym.data(), kSize, 32, 20, sym.data(), kSize, 32, 20, 7, 5));
   // Negative half sizes: empty window.
@@ -355,8 +404,11 @@ TEST(SummationHelpers, SumsCrossSumsAndMirrors) {
   EXPECT_EQ(ss, 0.0);
   epho_getPixelSumSquareSumU32(a32.data(), kSize, 20, 30, 2, 0xFFFFFFFFu, &s32, &ss32);
   EXPECT_EQ(s32 + ss32, 0.0);
-  EXPECT_EQ(epho_getCrossSumByte(a.data(), kSize, 20, 30, b.data(), kSize, 40, 10, 0xFFFFFFFEu, 3), 0.0);
-  EXPECT_EQ(getCrossSumU32RowMirror(a32.data(), kSize, 20, 30, b32.data(), kSize, 40, 10, 3, 0xFFFFFFFFu), 0.0);
+  EXPECT_EQ(epho_getCrossSumByte(a.data(), kSize, 20, 30, b.data(), kSize, 40, 10, 0xFFFFFFFEu, 3),
+            0.0);
+  EXPECT_EQ(
+      getCrossSumU32RowMirror(a32.data(), kSize, 20, 30, b32.data(), kSize, 40, 10, 3, 0xFFFFFFFFu),
+      0.0);
 }
 
 }  // namespace

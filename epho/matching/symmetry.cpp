@@ -30,7 +30,8 @@ struct AxisPeak {
 // `across`).
 AxisPeak FindAxis(const uint32_t* image, uint32_t stride, int32_t centre, int32_t across,
                   uint32_t hw, uint32_t hh, int32_t radius, bool vertical) {
-  const double n = static_cast<double>(2 * static_cast<int64_t>(hw) + 1) * (2 * static_cast<int64_t>(hh) + 1);
+  const double n =
+      static_cast<double>(2 * static_cast<int64_t>(hw) + 1) * (2 * static_cast<int64_t>(hh) + 1);
   auto coefficient = [&](int32_t d) {
     // Axis at centre + d/2: first window at c1, second at c2, c1 + c2 = 2*centre + d.
     const int32_t c1 = centre + (d >= 0 ? d / 2 : -((-d + 1) / 2));
@@ -39,7 +40,8 @@ AxisPeak FindAxis(const uint32_t* image, uint32_t stride, int32_t centre, int32_
     if (vertical) {
       epho_getPixelSumSquareSumU32(image, stride, c1, across, hw, hh, &s1, &ss1);
       epho_getPixelSumSquareSumU32(image, stride, c2, across, hw, hh, &s2, &ss2);
-      cross = getCrossSumU32ColumnMirror(image, stride, c1, across, image, stride, c2, across, hw, hh);
+      cross =
+          getCrossSumU32ColumnMirror(image, stride, c1, across, image, stride, c2, across, hw, hh);
     } else {
       epho_getPixelSumSquareSumU32(image, stride, across, c1, hw, hh, &s1, &ss1);
       epho_getPixelSumSquareSumU32(image, stride, across, c2, hw, hh, &s2, &ss2);
@@ -77,8 +79,8 @@ AxisPeak FindAxis(const uint32_t* image, uint32_t stride, int32_t centre, int32_
 
 }  // namespace
 
-extern "C" int epho_FindSymmetryCenter(const uint32_t* image, uint32_t stride, int32_t x,
-                                       int32_t y, uint32_t halfWidth, uint32_t halfHeight,
+extern "C" int epho_FindSymmetryCenter(const uint32_t* image, uint32_t stride, int32_t x, int32_t y,
+                                       uint32_t halfWidth, uint32_t halfHeight,
                                        uint32_t searchRadius, double* centre_x, double* centre_y,
                                        double* coefficient) {
   if (!image || !centre_x || !centre_y || halfWidth > 32767 || halfHeight > 32767 ||

@@ -39,11 +39,11 @@ constexpr uint32_t kMaxRange = 1u << 14;
 inline size_t RoundUp(size_t v, size_t m) { return (v + m - 1) / m * m; }
 
 struct Geometry {
-  int hw, hh, tw, th;        // template half sizes and sizes
-  size_t cols, rows;         // candidate range
-  size_t cols_padded;        // cols rounded up to kPad
-  size_t area_w, area_h;     // search area (candidates plus template margins)
-  size_t work_stride;        // row length of the stored search area, elements
+  int hw, hh, tw, th;     // template half sizes and sizes
+  size_t cols, rows;      // candidate range
+  size_t cols_padded;     // cols rounded up to kPad
+  size_t area_w, area_h;  // search area (candidates plus template margins)
+  size_t work_stride;     // row length of the stored search area, elements
 };
 
 Geometry MakeGeometry(uint32_t hw, uint32_t hh, uint32_t cols, uint32_t rows) {
@@ -88,8 +88,8 @@ Layout MakeLayout(const Geometry& g) {
 bool ArgumentsValid(uint32_t hw, uint32_t hh, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
                     uint32_t ryMax) {
   return hw <= EPHO_NCC_SEARCH_MAX_HALF && hh <= EPHO_NCC_SEARCH_MAX_HALF && rxMin <= rxMax &&
-         ryMin <= ryMax && rxMax - rxMin < kMaxRange && ryMax - ryMin < kMaxRange &&
-         rxMin >= hw && ryMin >= hh;
+         ryMin <= ryMax && rxMax - rxMin < kMaxRange && ryMax - ryMin < kMaxRange && rxMin >= hw &&
+         ryMin >= hh;
 }
 
 #if EPHO_SEARCH_X86
@@ -114,9 +114,12 @@ __attribute__((target("avx2"))) void CrossRowByteAvx2(const int32_t* pairs, size
         const __m256i k = _mm256_set1_epi32(c[p]);
         const int32_t* q = row + 2 * p;
         a0 = _mm256_add_epi32(a0, _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)q), k));
-        a1 = _mm256_add_epi32(a1, _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)(q + 8)), k));
-        a2 = _mm256_add_epi32(a2, _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)(q + 16)), k));
-        a3 = _mm256_add_epi32(a3, _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)(q + 24)), k));
+        a1 =
+            _mm256_add_epi32(a1, _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)(q + 8)), k));
+        a2 = _mm256_add_epi32(a2,
+                              _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)(q + 16)), k));
+        a3 = _mm256_add_epi32(a3,
+                              _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)(q + 24)), k));
       }
     }
     _mm256_storeu_si256((__m256i*)(out + xb), a0);
@@ -130,8 +133,9 @@ __attribute__((target("avx2"))) void CrossRowByteAvx2(const int32_t* pairs, size
       const int32_t* row = pairs + tr * stride + xb;
       const int32_t* c = coef + tr * npairs;
       for (int p = 0; p < npairs; ++p)
-        a0 = _mm256_add_epi32(a0, _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)(row + 2 * p)),
-                                                    _mm256_set1_epi32(c[p])));
+        a0 = _mm256_add_epi32(a0,
+                              _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)(row + 2 * p)),
+                                                _mm256_set1_epi32(c[p])));
     }
     _mm256_storeu_si256((__m256i*)(out + xb), a0);
   }
@@ -175,9 +179,9 @@ void CrossRowByteSse2(const int32_t* pairs, size_t stride, const int32_t* coef, 
 // ---- float cross products: out[x] = sum T' * F over the window at column x.
 // Columns [from, cols_padded) of one row, 8 at a time, four independent chains.
 __attribute__((target("avx2,fma"))) void CrossTailFloatAvx2(const float* area, size_t stride,
-                                                           const float* templ, int th, int tw,
-                                                           size_t from, size_t cols_padded,
-                                                           float* out) {
+                                                            const float* templ, int th, int tw,
+                                                            size_t from, size_t cols_padded,
+                                                            float* out) {
   for (size_t xb = from; xb < cols_padded; xb += 8) {
     __m256 a0 = _mm256_setzero_ps(), a1 = a0, a2 = a0, a3 = a0;
     for (int tr = 0; tr < th; ++tr) {
@@ -190,15 +194,16 @@ __attribute__((target("avx2,fma"))) void CrossTailFloatAvx2(const float* area, s
         a2 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc + 2), _mm256_set1_ps(t[tc + 2]), a2);
         a3 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc + 3), _mm256_set1_ps(t[tc + 3]), a3);
       }
-      for (; tc < tw; ++tc) a0 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc), _mm256_set1_ps(t[tc]), a0);
+      for (; tc < tw; ++tc)
+        a0 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc), _mm256_set1_ps(t[tc]), a0);
     }
     _mm256_storeu_ps(out + xb, _mm256_add_ps(_mm256_add_ps(a0, a1), _mm256_add_ps(a2, a3)));
   }
 }
 
 __attribute__((target("avx2,fma"))) void CrossRowFloatAvx2(const float* area, size_t stride,
-                                                          const float* templ, int th, int tw,
-                                                          size_t cols_padded, float* out) {
+                                                           const float* templ, int th, int tw,
+                                                           size_t cols_padded, float* out) {
   size_t xb = 0;
   for (; xb + kBlock <= cols_padded; xb += kBlock) {
     __m256 a0 = _mm256_setzero_ps(), a1 = a0, a2 = a0, a3 = a0;
@@ -226,9 +231,9 @@ __attribute__((target("avx2,fma"))) void CrossRowFloatAvx2(const float* area, si
 // and 1): every loaded vector of the search area serves both, which halves
 // the loads per multiply-add. Needs th + 1 stored rows.
 __attribute__((target("avx2,fma"))) void CrossTwoRowsFloatAvx2(const float* area, size_t stride,
-                                                              const float* templ, int th, int tw,
-                                                              size_t cols_padded, float* out0,
-                                                              float* out1) {
+                                                               const float* templ, int th, int tw,
+                                                               size_t cols_padded, float* out0,
+                                                               float* out1) {
   size_t xb = 0;
   for (; xb + kBlock <= cols_padded; xb += kBlock) {
     __m256 p0 = _mm256_setzero_ps(), p1 = p0, p2 = p0, p3 = p0;  // row 0
@@ -284,13 +289,14 @@ __attribute__((target("avx2,fma"))) void CrossTwoRowsFloatAvx2(const float* area
   // The last columns, still two rows a pass: 16 and then 8 columns, with the
   // template columns split over independent chains to keep the adds in flight.
   if (xb + 16 <= cols_padded) {
-    __m256 p0 = _mm256_setzero_ps(), p1 = p0, p2 = p0, p3 = p0;  // row 0: cols 0-7, 8-15, even/odd tc
-    __m256 q0 = p0, q1 = p0, q2 = p0, q3 = p0;                   // row 1
+    __m256 p0 = _mm256_setzero_ps(), p1 = p0, p2 = p0,
+           p3 = p0;                             // row 0: cols 0-7, 8-15, even/odd tc
+    __m256 q0 = p0, q1 = p0, q2 = p0, q3 = p0;  // row 1
     for (int r = 0; r <= th; ++r) {
       const float* row = area + r * stride + xb;
       const float* t0 = templ + r * tw;
       const float* t1 = templ + (r - 1) * tw;
-      const bool first = r < th, second = r > 0;
+      const bool first = r<th, second = r> 0;
       int tc = 0;
       for (; tc + 2 <= tw; tc += 2) {
         const __m256 v0 = _mm256_loadu_ps(row + tc), v1 = _mm256_loadu_ps(row + tc + 8);
@@ -337,7 +343,7 @@ __attribute__((target("avx2,fma"))) void CrossTwoRowsFloatAvx2(const float* area
       const float* row = area + r * stride + xb;
       const float* t0 = templ + r * tw;
       const float* t1 = templ + (r - 1) * tw;
-      const bool first = r < th, second = r > 0;
+      const bool first = r<th, second = r> 0;
       int tc = 0;
       for (; tc + 4 <= tw; tc += 4) {
         const __m256 v0 = _mm256_loadu_ps(row + tc), v1 = _mm256_loadu_ps(row + tc + 1);
@@ -442,7 +448,8 @@ struct BestTracker {
     }
     // Ties go to the first position in raster order, whatever the visit order.
     const double lhs = sa * b, rhs = a * sb;
-    if (lhs > rhs || (lhs == rhs && (cy < y || (cy == y && cx < x)))) a = sa, b = sb, x = cx, y = cy;
+    if (lhs > rhs || (lhs == rhs && (cy < y || (cy == y && cx < x))))
+      a = sa, b = sb, x = cx, y = cy;
   }
 };
 
@@ -466,7 +473,8 @@ void FinishPeak(Kernel kernel, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax, u
   peak->subpixel_column = bx;
   peak->subpixel_row = by;
   if (static_cast<uint32_t>(bx) > rxMin && static_cast<uint32_t>(bx) < rxMax)
-    peak->subpixel_column += ParabolaOffset(kernel(bx - 1, by), peak->coefficient, kernel(bx + 1, by));
+    peak->subpixel_column +=
+        ParabolaOffset(kernel(bx - 1, by), peak->coefficient, kernel(bx + 1, by));
   else
     peak->on_border |= 1;
   if (static_cast<uint32_t>(by) > ryMin && static_cast<uint32_t>(by) < ryMax)
@@ -641,10 +649,10 @@ int SearchFloat(const float* left, const float* right, uint32_t ls, uint32_t rs,
 template <typename P, class Search, class Kernel>
 int RunSearch(const P* left, const P* right, uint32_t ls, uint32_t rs, uint32_t lx, uint32_t ly,
               uint32_t hw, uint32_t hh, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
-              uint32_t ryMax, void* scratch, size_t scratchBytes, Epho_NccPeak* peak,
-              Search search, Kernel kernel) {
-  if (!left || !right || !peak || !ArgumentsValid(hw, hh, rxMin, ryMin, rxMax, ryMax) ||
-      lx < hw || ly < hh)
+              uint32_t ryMax, void* scratch, size_t scratchBytes, Epho_NccPeak* peak, Search search,
+              Kernel kernel) {
+  if (!left || !right || !peak || !ArgumentsValid(hw, hh, rxMin, ryMin, rxMax, ryMax) || lx < hw ||
+      ly < hh)
     return EPHO_NCC_SEARCH_BAD_ARGUMENT;
   const Geometry g = MakeGeometry(hw, hh, rxMax - rxMin + 1, ryMax - ryMin + 1);
   const Layout lay = MakeLayout(g);
@@ -672,7 +680,8 @@ int epho_NccSearchByte(const uint8_t* left, const uint8_t* right, uint32_t leftS
                        uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t halfWidth,
                        uint32_t halfHeight, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
                        uint32_t ryMax, void* scratch, size_t scratchBytes, Epho_NccPeak* peak) {
-  const int16_t w = static_cast<int16_t>(2 * halfWidth + 1), h = static_cast<int16_t>(2 * halfHeight + 1);
+  const int16_t w = static_cast<int16_t>(2 * halfWidth + 1),
+                h = static_cast<int16_t>(2 * halfHeight + 1);
   return RunSearch(left, right, leftStride, rightStride, lx, ly, halfWidth, halfHeight, rxMin,
                    ryMin, rxMax, ryMax, scratch, scratchBytes, peak, SearchByte,
                    [&](int32_t x, int32_t y) {
@@ -685,7 +694,8 @@ int epho_NccSearchFloat(const float* left, const float* right, uint32_t leftStri
                         uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t halfWidth,
                         uint32_t halfHeight, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
                         uint32_t ryMax, void* scratch, size_t scratchBytes, Epho_NccPeak* peak) {
-  const int16_t w = static_cast<int16_t>(2 * halfWidth + 1), h = static_cast<int16_t>(2 * halfHeight + 1);
+  const int16_t w = static_cast<int16_t>(2 * halfWidth + 1),
+                h = static_cast<int16_t>(2 * halfHeight + 1);
   return RunSearch(left, right, leftStride, rightStride, lx, ly, halfWidth, halfHeight, rxMin,
                    ryMin, rxMax, ryMax, scratch, scratchBytes, peak, SearchFloat,
                    [&](int32_t x, int32_t y) {

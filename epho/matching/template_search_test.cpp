@@ -69,10 +69,11 @@ TEST_P(TemplateSearchPaths, AgreesWithKernelAtEveryConfiguration) {
   const int W = 120, H = 110;
   // Search areas whose size is no multiple of the vector block, odd and
   // square templates, ranges touching the image edge.
-  const int configs[][6] = {  // hw, hh, x0, y0, x1, y1
-      {5, 5, 5, 5, 70, 60},  {10, 10, 30, 20, 96, 86}, {1, 7, 40, 40, 44, 49},
-      {12, 3, 12, 3, 107, 106}, {0, 4, 50, 50, 50, 58}, {7, 7, 20, 30, 20, 30},
-      {3, 9, 30, 20, 74, 35},  {6, 2, 20, 60, 39, 62}};
+  const int configs[][6] = {// hw, hh, x0, y0, x1, y1
+                            {5, 5, 5, 5, 70, 60},   {10, 10, 30, 20, 96, 86},
+                            {1, 7, 40, 40, 44, 49}, {12, 3, 12, 3, 107, 106},
+                            {0, 4, 50, 50, 50, 58}, {7, 7, 20, 30, 20, 30},
+                            {3, 9, 30, 20, 74, 35}, {6, 2, 20, 60, 39, 62}};
   for (unsigned seed = 1; seed <= 2; ++seed) {
     Waves waves(seed);
     auto left8 = Render<uint8_t>(waves, W, H, 0, 0);
@@ -84,7 +85,8 @@ TEST_P(TemplateSearchPaths, AgreesWithKernelAtEveryConfiguration) {
       SCOPED_TRACE(testing::Message() << "seed " << seed << " hw " << c[0] << " hh " << c[1]);
       const uint32_t hw = c[0], hh = c[1];
       const int lx = 55, ly = 50;
-      std::vector<char> scratch(epho_NccSearchScratchBytes(hw, hh, c[4] - c[2] + 1, c[5] - c[3] + 1));
+      std::vector<char> scratch(
+          epho_NccSearchScratchBytes(hw, hh, c[4] - c[2] + 1, c[5] - c[3] + 1));
       ASSERT_GT(scratch.size(), 0u);
       Epho_NccPeak peak;
       ASSERT_EQ(epho_NccSearchByte(left8.data(), right8.data(), W, W, lx, ly, hw, hh, c[2], c[3],

@@ -1,13 +1,12 @@
 // Direct linear transforms: the planar 8-parameter projective fit and the
 // split of an 11-parameter DLT into inner and outer orientation.
-#include "epho/orientation/dlt_internal.h"
-
 #include <Eigen/Dense>
 #include <cmath>
 
 #include "eerr_frame.hpp"
 #include "epho/angles.h"
 #include "epho/orientation.h"
+#include "epho/orientation/dlt_internal.h"
 
 namespace epho {
 

@@ -1,5 +1,3 @@
-#include "epho/orientation/dlt_internal.h"
-
 #include <gtest/gtest.h>
 
 #include <Eigen/Geometry>
@@ -10,6 +8,7 @@
 #include "epho/angles.h"
 #include "epho/collinearity.h"
 #include "epho/orientation.h"
+#include "epho/orientation/dlt_internal.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 
 #include "eerr_frame.hpp"
 #include "epho/angles.h"
-#include "epho/orientation/dlt_internal.h"
 #include "epho/orientation.h"
+#include "epho/orientation/dlt_internal.h"
 
 namespace {
 

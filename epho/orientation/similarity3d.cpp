@@ -4,8 +4,8 @@
 #include <cmath>
 
 #include "eerr_frame.hpp"
-#include "epho/orientation/dlt_internal.h"
 #include "epho/orientation.h"
+#include "epho/orientation/dlt_internal.h"
 
 extern "C" {
 

@@ -1,11 +1,12 @@
 // Binomial pyramid levels of an image file: the exported entry and the work
 // on one layer stack.
+#include "epho/pyramid.h"
+
 #include <memory>
 #include <string>
 
 #include "eimg.h"
 #include "eint.h"
-#include "epho/pyramid.h"
 #include "epho/pyramid/pyramid_internal.h"
 
 namespace {
@@ -81,7 +82,8 @@ Emsc_Boolean computeBinomialPyramid(const Etxt_Char* task, Eimg_LayerStack* stac
   }
 
   for (long k = 1; k <= n; ++k) {
-    kzdv::HeapPtr<Etxt_Char> name(estr_Sprintf(L"%s, pyramid layer %d of %d", task, int(k), int(n)));
+    kzdv::HeapPtr<Etxt_Char> name(
+        estr_Sprintf(L"%s, pyramid layer %d of %d", task, int(k), int(n)));
     EERR_FAIL_IF(!name, frame, EMSC_FALSE, L"estr_Sprintf failed");
     if (meter) {
       EERR_CHECK(emet_MeterInfoChangeTaskName(meter, name.get(), frame.Callee()), frame, EMSC_FALSE,
@@ -103,9 +105,9 @@ Emsc_Boolean computeBinomialPyramid(const Etxt_Char* task, Eimg_LayerStack* stac
   EERR_CHECK(emet_MeterInfoPrint(meter, 100.0, frame.Callee()), frame, EMSC_FALSE,
              L"emet_MeterInfoPrint failed");
   for (long i = 0; i < stack->count; ++i)
-    EERR_CHECK(eimg_SSLayerNamesSet(stack->layers[i], EIMG_PYRAMID_ALGORITHM_BINOMIAL3,
-                                    frame.Callee()),
-               frame, EMSC_FALSE, L"eimg_SSLayerNamesSet failed");
+    EERR_CHECK(
+        eimg_SSLayerNamesSet(stack->layers[i], EIMG_PYRAMID_ALGORITHM_BINOMIAL3, frame.Callee()),
+        frame, EMSC_FALSE, L"eimg_SSLayerNamesSet failed");
   return EMSC_TRUE;
 }
 

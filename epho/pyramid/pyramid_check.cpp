@@ -60,9 +60,9 @@ Emsc_Boolean Check(const Etxt_Char* file_name, bool allow_other, kzdv::ErrorFram
   NamesPtr names(eimg_LayerGetNames(file.get(), init, frame.Callee()), estr_StringListDelete);
   EERR_CHECK(names, frame, EMSC_FALSE, L"Cannot get layer names from file %s!", file.get());
   for (long i = 0; i < names->count; ++i) {
-    LayerPtr layer(eimg_LayerOpen(names->strings[i], init, nullptr, EIMG_ACCESS_READ,
-                                  frame.Callee()),
-                   CloseLayer);
+    LayerPtr layer(
+        eimg_LayerOpen(names->strings[i], init, nullptr, EIMG_ACCESS_READ, frame.Callee()),
+        CloseLayer);
     EERR_CHECK(layer, frame, EMSC_FALSE, L"Cannot open image layer %s!", names->strings[i]);
     EERR_FAIL_IF(layer->pixelType == EGDA_TYPE_U1, frame, EMSC_FALSE,
                  L"This program doesn't support 1bit image!");
@@ -84,8 +84,7 @@ Emsc_Boolean epho_PyramidLayersCheck(const Etxt_Char* file_name, Eerr_ErrorRepor
   return Check(file_name, false, frame);
 }
 
-Emsc_Boolean epho_PyramidLayersCheckAllowRSETS(const Etxt_Char* file_name,
-                                               Eerr_ErrorReport** err) {
+Emsc_Boolean epho_PyramidLayersCheckAllowRSETS(const Etxt_Char* file_name, Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"epho_PyramidLayersCheckAllowRSETS";
   kzdv::ErrorFrame frame(kFn, err);
   return Check(file_name, true, frame);

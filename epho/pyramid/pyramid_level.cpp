@@ -20,11 +20,11 @@
 namespace epho::pyramid {
 namespace {
 
-constexpr long kMaxTileWidth = 1024;         // output columns per tile
-constexpr long kMinChunkRows = 64;           // output rows per chunk, at least
+constexpr long kMaxTileWidth = 1024;  // output columns per tile
+constexpr long kMinChunkRows = 64;    // output rows per chunk, at least
 constexpr long kMaxChunkRows = 512;
-constexpr long kTileBytesPerLayer = 4 << 20; // input window budget per layer
-constexpr long kChunkBytes = 8 << 20;        // whole-width input rows of one chunk
+constexpr long kTileBytesPerLayer = 4 << 20;  // input window budget per layer
+constexpr long kChunkBytes = 8 << 20;         // whole-width input rows of one chunk
 
 struct Geometry {
   long sw, sh, dw, dh;  // source and destination sizes, pixels
@@ -203,14 +203,22 @@ bool ReduceTyped(Eimg_LayerStack* src, Eimg_LayerStack* dst, Emet_MeterInfo* met
     case EGDA_TYPE_U1:
     case EGDA_TYPE_U2:
     case EGDA_TYPE_U4:
-    case EGDA_TYPE_U8: return Reduce<uint8_t>(src, dst, meter, frame);
-    case EGDA_TYPE_S8: return Reduce<int8_t>(src, dst, meter, frame);
-    case EGDA_TYPE_U16: return Reduce<uint16_t>(src, dst, meter, frame);
-    case EGDA_TYPE_S16: return Reduce<int16_t>(src, dst, meter, frame);
-    case EGDA_TYPE_U32: return Reduce<uint32_t>(src, dst, meter, frame);
-    case EGDA_TYPE_S32: return Reduce<int32_t>(src, dst, meter, frame);
-    case EGDA_TYPE_F32: return Reduce<float>(src, dst, meter, frame);
-    case EGDA_TYPE_F64: return Reduce<double>(src, dst, meter, frame);
+    case EGDA_TYPE_U8:
+      return Reduce<uint8_t>(src, dst, meter, frame);
+    case EGDA_TYPE_S8:
+      return Reduce<int8_t>(src, dst, meter, frame);
+    case EGDA_TYPE_U16:
+      return Reduce<uint16_t>(src, dst, meter, frame);
+    case EGDA_TYPE_S16:
+      return Reduce<int16_t>(src, dst, meter, frame);
+    case EGDA_TYPE_U32:
+      return Reduce<uint32_t>(src, dst, meter, frame);
+    case EGDA_TYPE_S32:
+      return Reduce<int32_t>(src, dst, meter, frame);
+    case EGDA_TYPE_F32:
+      return Reduce<float>(src, dst, meter, frame);
+    case EGDA_TYPE_F64:
+      return Reduce<double>(src, dst, meter, frame);
     default:
       frame.Fail(__LINE__, L"Image layer %s has an unsupported pixel type!", s->name);
       return false;

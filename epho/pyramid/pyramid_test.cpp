@@ -1,5 +1,7 @@
 // Pyramid levels checked against a plain 3x3 binomial filter written here,
 // with the files written and read back by GDAL itself.
+#include "epho/pyramid.h"
+
 #include <gdal.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -14,7 +16,6 @@
 
 #include "eimg.h"
 #include "emet.h"
-#include "epho/pyramid.h"
 #include "test_util.h"
 
 namespace {
@@ -49,13 +50,24 @@ Plane ReferenceLevel(const Plane& in, long w, long h, bool integer) {
 void Fill(Plane& p, GDALDataType t, std::mt19937& rng) {
   double lo = 0, hi = 255;
   switch (t) {
-    case GDT_UInt16: hi = 65535; break;
-    case GDT_Int16: lo = -32768, hi = 32767; break;
-    case GDT_UInt32: hi = 4294967295.0; break;
-    case GDT_Int32: lo = -2147483648.0, hi = 2147483647.0; break;
+    case GDT_UInt16:
+      hi = 65535;
+      break;
+    case GDT_Int16:
+      lo = -32768, hi = 32767;
+      break;
+    case GDT_UInt32:
+      hi = 4294967295.0;
+      break;
+    case GDT_Int32:
+      lo = -2147483648.0, hi = 2147483647.0;
+      break;
     case GDT_Float32:
-    case GDT_Float64: lo = -1e4, hi = 1e4; break;
-    default: break;
+    case GDT_Float64:
+      lo = -1e4, hi = 1e4;
+      break;
+    default:
+      break;
   }
   std::uniform_real_distribution<double> d(lo, hi);
   bool integer = t != GDT_Float32 && t != GDT_Float64;
@@ -153,15 +165,15 @@ TEST(PyramidLayers, EveryPixelTypeMatchesBinomialReferenceEdgesIncluded) {
     GDALDataType type;
     bool integer;
     double tolerance;
-  } cases[] = {{GDT_Byte, true, 0},     {GDT_UInt16, true, 0},     {GDT_Int16, true, 0},
-               {GDT_UInt32, true, 0},   {GDT_Int32, true, 0},      {GDT_Float32, false, 1e-6},
+  } cases[] = {{GDT_Byte, true, 0},        {GDT_UInt16, true, 0}, {GDT_Int16, true, 0},
+               {GDT_UInt32, true, 0},      {GDT_Int32, true, 0},  {GDT_Float32, false, 1e-6},
                {GDT_Float64, false, 1e-12}};
   unsigned seed = 1;
   for (const auto& c : cases) {
     SCOPED_TRACE(GDALGetDataTypeName(c.type));
     Raster r = RandomRaster(w, h, 1, c.type, seed++);
-    std::string path = WriteTiff(dir.File(std::string(GDALGetDataTypeName(c.type)) + ".tif"), r,
-                                 c.type);
+    std::string path =
+        WriteTiff(dir.File(std::string(GDALGetDataTypeName(c.type)) + ".tif"), r, c.type);
     ExpectLevelsMatch(path, r, c.integer, c.tolerance);
   }
 }
@@ -175,8 +187,7 @@ TEST(PyramidLayers, TiledAndInterleavedFilesMatchReference) {
                     wide, true);
   // Pixel-interleaved three bands: read in one pass for all bands.
   Raster rgb = RandomRaster(517, 389, 3, GDT_Byte, 12);
-  ExpectLevelsMatch(WriteTiff(dir.File("bip.tif"), rgb, GDT_Byte, {"INTERLEAVE=PIXEL"}), rgb,
-                    true);
+  ExpectLevelsMatch(WriteTiff(dir.File("bip.tif"), rgb, GDT_Byte, {"INTERLEAVE=PIXEL"}), rgb, true);
   // Line-interleaved ENVI: one pass, levels in GDAL's external overview file.
   Raster bil = RandomRaster(333, 301, 2, GDT_UInt16, 15);
   std::string bil_src = WriteTiff(dir.File("bil_src.tif"), bil, GDT_UInt16);
@@ -189,8 +200,7 @@ TEST(PyramidLayers, TiledAndInterleavedFilesMatchReference) {
   ExpectLevelsMatch(bil_path, bil, true);
   // Band-sequential: band after band.
   Raster bsq = RandomRaster(300, 260, 3, GDT_Int16, 13);
-  ExpectLevelsMatch(WriteTiff(dir.File("bsq.tif"), bsq, GDT_Int16, {"INTERLEAVE=BAND"}), bsq,
-                    true);
+  ExpectLevelsMatch(WriteTiff(dir.File("bsq.tif"), bsq, GDT_Int16, {"INTERLEAVE=BAND"}), bsq, true);
   // Rows so wide that a chunk holds fewer rows than a block of the level.
   Raster widef = RandomRaster(9001, 300, 1, GDT_Float64, 14);
   ExpectLevelsMatch(WriteTiff(dir.File("wide.tif"), widef, GDT_Float64), widef, false, 1e-12);
@@ -207,9 +217,8 @@ TEST(PyramidLayers, LevelCountFollowsSizeRuleAndGdalSeesLevels) {
   for (const auto& c : cases) {
     EXPECT_EQ(epho_PyramidLevelCount(c.w, c.h), c.levels) << c.w << "x" << c.h;
     Raster r{c.w, c.h, {Plane(c.w * c.h, 7.0)}};
-    std::string path = WriteTiff(dir.File("c" + std::to_string(c.w) + "x" + std::to_string(c.h) +
-                                          ".tif"),
-                                 r, GDT_Byte);
+    std::string path = WriteTiff(
+        dir.File("c" + std::to_string(c.w) + "x" + std::to_string(c.h) + ".tif"), r, GDT_Byte);
     Eerr_ErrorReport* err = nullptr;
     epho_ComputePyramidLayers3x3(kzdv::FromUtf8(path).c_str(), nullptr, &err);
     ASSERT_EQ(err, nullptr) << kzdv::ReportText(err);
@@ -377,8 +386,8 @@ TEST(PyramidLayers, CheckTellsBinomialFromOtherLevels) {
   ASSERT_EQ(err, nullptr) << kzdv::ReportText(err);
   EXPECT_TRUE(epho_PyramidLayersCheck(wpath.c_str(), &err));
   EXPECT_FALSE(epho_PyramidLayersCheck(kzdv::FromUtf8(dir.File("missing.tif")).c_str(), &err));
-  EXPECT_TRUE(kzdv::ReportContains(err, L"Cannot get layer names from file " +
-                                            kzdv::FromUtf8(dir.File("missing.tif")) + L"!"));
+  EXPECT_TRUE(kzdv::ReportContains(
+      err, L"Cannot get layer names from file " + kzdv::FromUtf8(dir.File("missing.tif")) + L"!"));
   eerr_DeleteErrorReport(err);
 }
 

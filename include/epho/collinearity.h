@@ -56,8 +56,9 @@ EPHO_EXPORT void epho_CameraAwayDistortion(const Epho_CountedDoubles* primary,
 /* Distortion at the distorted position of (x, y) by fixed-point iteration
  * (at most 11 evaluations, 0.0001 film-unit tolerance; a first distortion
  * below 0.001 in both axes is returned as it is); (0, 0) when mode is not 1
- * or when the changes grow beyond `divergence_bound` or the previous change. (x + dx, y + dy) is then where the lens puts the ideal point
- * (x, y), and one epho_CameraAwayDistortion step there brings it back. */
+ * or when the changes grow beyond `divergence_bound` or the previous change. (x + dx, y + dy) is
+ * then where the lens puts the ideal point (x, y), and one epho_CameraAwayDistortion step there
+ * brings it back. */
 EPHO_EXPORT void epho_CameraAwayDistortionIterative(const Epho_CountedDoubles* primary,
                                                     const Epho_CountedDoubles* secondary, double x,
                                                     double y, double* dx, double* dy,

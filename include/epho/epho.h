@@ -3,13 +3,13 @@
 #define EPHO_EPHO_H
 
 #include "epho/base.h"
-#include "epho/kernel.h"
-#include "epho/orientation.h"
-#include "epho/geodesy.h"
-#include "epho/matching.h"
-#include "epho/pyramid.h"
-#include "epho/dtm.h"
 #include "epho/camerafile.h"
+#include "epho/dtm.h"
 #include "epho/fiducial.h"
+#include "epho/geodesy.h"
+#include "epho/kernel.h"
+#include "epho/matching.h"
+#include "epho/orientation.h"
+#include "epho/pyramid.h"
 
 #endif /* EPHO_EPHO_H */

@@ -5,8 +5,8 @@
 #define EPHO_KERNEL_H
 
 #include "epho/angles.h"
-#include "epho/solvers.h"
-#include "epho/planar.h"
 #include "epho/collinearity.h"
+#include "epho/planar.h"
+#include "epho/solvers.h"
 
 #endif /* EPHO_KERNEL_H */

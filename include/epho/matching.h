@@ -51,8 +51,8 @@ EPHO_EXPORT double epho_CrossCoefFloatNoResample(const float* left, const float*
                                                  int16_t width, int16_t height);
 EPHO_EXPORT double epho_CrossCoefDoubleNoResample(const double* left, const double* right,
                                                   uint32_t leftStride, uint32_t rightStride,
-                                                  uint32_t lx, uint32_t ly, uint32_t rx, uint32_t ry,
-                                                  int16_t width, int16_t height);
+                                                  uint32_t lx, uint32_t ly, uint32_t rx,
+                                                  uint32_t ry, int16_t width, int16_t height);
 
 /* Both windows at sub-pixel positions, not turned (half-pixel centres). */
 EPHO_EXPORT double epho_CrossCoefByteNoRotation(const uint8_t* left, const uint8_t* right,
@@ -171,8 +171,8 @@ EPHO_EXPORT int16_t epho_OnePtLSCByteHalf(const uint8_t* left, int32_t leftStrid
 EPHO_EXPORT int16_t epho_OnePtLSCU32(const uint32_t* left, int32_t leftStride, int32_t lx,
                                      int32_t ly, const uint32_t* right, int32_t rightStride,
                                      double* rx, double* ry, uint32_t halfWidth,
-                                     uint32_t halfHeight, int16_t maxIterations,
-                                     float convergence, float maxShift);
+                                     uint32_t halfHeight, int16_t maxIterations, float convergence,
+                                     float maxShift);
 
 /* ------------------------------------------------------------------------ */
 /* Gradient angle: the dominant gradient direction of a window, so that a
@@ -188,8 +188,7 @@ EPHO_EXPORT int16_t epho_OnePtLSCU32(const uint32_t* left, int32_t leftStride, i
  * of a smoothed 36-bin direction histogram refined by a parabola.
  * Returns 0, or 1 when the window has no gradient (flat; angle set to 0). */
 EPHO_EXPORT int epho_GradiAngleByte(const uint8_t* image, uint32_t stride, int32_t x, int32_t y,
-                                    uint32_t halfWidth, uint32_t halfHeight,
-                                    double* angle_radians);
+                                    uint32_t halfWidth, uint32_t halfHeight, double* angle_radians);
 EPHO_EXPORT int epho_GradiAngleDouble(const double* image, uint32_t stride, int32_t x, int32_t y,
                                       uint32_t halfWidth, uint32_t halfHeight,
                                       double* angle_radians);
@@ -211,8 +210,8 @@ EPHO_EXPORT int epho_GradiAngleDouble(const double* image, uint32_t stride, int3
  * 2 for a null pointer or a half size above 32767. */
 EPHO_EXPORT int epho_FindSymmetryCenter(const uint32_t* image, uint32_t stride, int32_t x,
                                         int32_t y, uint32_t halfWidth, uint32_t halfHeight,
-                                        uint32_t searchRadius, double* centre_x,
-                                        double* centre_y, double* coefficient);
+                                        uint32_t searchRadius, double* centre_x, double* centre_y,
+                                        double* coefficient);
 
 /* ------------------------------------------------------------------------ */
 /* Template search: the best whole-pixel NCC position of a left window inside
@@ -230,8 +229,8 @@ EPHO_EXPORT int epho_FindSymmetryCenter(const uint32_t* image, uint32_t stride, 
 #define EPHO_NCC_SEARCH_MAX_HALF 127
 
 typedef struct Epho_NccPeak {
-  int32_t column, row;  /* best whole-pixel right centre */
-  double coefficient;   /* NCC there, as epho_CrossCoef...NoResample returns it */
+  int32_t column, row; /* best whole-pixel right centre */
+  double coefficient;  /* NCC there, as epho_CrossCoef...NoResample returns it */
   /* Sub-pixel peak (whole-pixel convention: pixel centres at whole numbers,
    * as column/row): a parabola through the best value and its two neighbours
    * along each axis, the offset limited to +-0.5. Along an axis where the
@@ -245,7 +244,7 @@ typedef struct Epho_NccPeak {
 #define EPHO_NCC_SEARCH_OK 0
 #define EPHO_NCC_SEARCH_BAD_ARGUMENT 1 /* empty range, half size too large, null pointer */
 #define EPHO_NCC_SEARCH_SCRATCH 2      /* scratch missing or too small */
-#define EPHO_NCC_SEARCH_FLAT 3 /* every coefficient is 0 (flat template or search area) */
+#define EPHO_NCC_SEARCH_FLAT 3         /* every coefficient is 0 (flat template or search area) */
 
 /* Bytes of scratch the search needs for these window and range sizes
  * (0 when the arguments are out of range). The same size serves both pixel

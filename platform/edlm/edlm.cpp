@@ -17,8 +17,10 @@ struct _edlm_list {
 namespace {
 void FreeElement(const EdlmList* list, void* element) {
   if (!element) return;
-  if (list->free_element) list->free_element(element);
-  else emsc_HeapFree(element);
+  if (list->free_element)
+    list->free_element(element);
+  else
+    emsc_HeapFree(element);
 }
 }  // namespace
 
@@ -38,7 +40,9 @@ EdlmList* edlm_InitList(long element_size, long initial_count, Edlm_FreeFunction
   }
 }
 
-long edlm_CountList(const EdlmList* list) { return list ? static_cast<long>(list->items.size()) : 0; }
+long edlm_CountList(const EdlmList* list) {
+  return list ? static_cast<long>(list->items.size()) : 0;
+}
 
 Emsc_Boolean edlm_Add(EdlmList* list, void* element, Eerr_ErrorReport** err) {
   return edlm_Insert(list, edlm_CountList(list), element, err);

@@ -58,9 +58,12 @@ void eerr_DeleteErrorReportEx(Eerr_ErrorReport** report) {
 
 static const wchar_t* SeverityName(int severity) {
   switch (severity) {
-    case EERR_SEVERITY_INFO: return L"info";
-    case EERR_SEVERITY_WARNING: return L"warning";
-    default: return L"error";
+    case EERR_SEVERITY_INFO:
+      return L"info";
+    case EERR_SEVERITY_WARNING:
+      return L"warning";
+    default:
+      return L"error";
   }
 }
 
@@ -115,7 +118,8 @@ EerrException::EerrException(const char* source, const char* context)
     : source_(source ? source : ""), context_(context ? context : "") {}
 
 EerrException::EerrException(EerrException&& other) noexcept
-    : source_(std::move(other.source_)), context_(std::move(other.context_)),
+    : source_(std::move(other.source_)),
+      context_(std::move(other.context_)),
       report_(other.report_) {
   other.report_ = nullptr;
 }

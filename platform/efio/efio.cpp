@@ -34,8 +34,8 @@ Emsc_Boolean efio_Close(Efio_File* file, Eerr_ErrorReport** err) {
   const bool close_failed = std::fclose(file->stream) != 0;
   std::wstring name = std::move(file->name);
   delete file;
-  EERR_FAIL_IF(write_failed || close_failed, frame, EMSC_FALSE,
-               L"Error writing or closing %s", name.c_str());
+  EERR_FAIL_IF(write_failed || close_failed, frame, EMSC_FALSE, L"Error writing or closing %s",
+               name.c_str());
   return EMSC_TRUE;
 }
 

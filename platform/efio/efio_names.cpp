@@ -26,11 +26,16 @@ Etxt_Char* estr_GetPathPart(const Etxt_Char* path, Estr_PathPart part) {
   const size_t dot = file.find_last_of(L'.');
   const bool has_ext = dot != std::wstring::npos && dot != 0;
   switch (part) {
-    case ESTR_PATH_DIRECTORY: return Dup(dir);
-    case ESTR_PATH_FILE: return Dup(file);
-    case ESTR_PATH_ROOT: return Dup(has_ext ? file.substr(0, dot) : file);
-    case ESTR_PATH_EXTENSION: return Dup(has_ext ? file.substr(dot) : L"");
-    case ESTR_PATH_NO_EXTENSION: return Dup(dir + (has_ext ? file.substr(0, dot) : file));
+    case ESTR_PATH_DIRECTORY:
+      return Dup(dir);
+    case ESTR_PATH_FILE:
+      return Dup(file);
+    case ESTR_PATH_ROOT:
+      return Dup(has_ext ? file.substr(0, dot) : file);
+    case ESTR_PATH_EXTENSION:
+      return Dup(has_ext ? file.substr(dot) : L"");
+    case ESTR_PATH_NO_EXTENSION:
+      return Dup(dir + (has_ext ? file.substr(0, dot) : file));
   }
   return Dup(L"");
 }
@@ -133,9 +138,9 @@ Estr_StringList* efnp_FileNodeListGet(const Etxt_Char* file_node, Eerr_ErrorRepo
     size_t close = s.find(L')', k + 2);
     EERR_FAIL_IF(close == std::wstring::npos, frame, nullptr, L"Malformed file node name %s",
                  file_node);
-    EERR_CHECK(estr_StringListAppend(list.get(), s.substr(k + 2, close - k - 2).c_str(),
-                                     frame.Callee()),
-               frame, nullptr, L"estr_StringListAppend failed");
+    EERR_CHECK(
+        estr_StringListAppend(list.get(), s.substr(k + 2, close - k - 2).c_str(), frame.Callee()),
+        frame, nullptr, L"estr_StringListAppend failed");
     k = close + 1;
   }
   return list.release();
@@ -148,7 +153,8 @@ Etxt_Char* efnp_FileNodeListSet(const Etxt_Char* file_name, const Estr_StringLis
   std::wstring s = file_name;
   size_t k = NodeStart(s);
   if (k != std::wstring::npos) s.resize(k);
-  for (long i = 0; nodes && i < nodes->count; ++i) s += L"(:" + std::wstring(nodes->strings[i]) + L")";
+  for (long i = 0; nodes && i < nodes->count; ++i)
+    s += L"(:" + std::wstring(nodes->strings[i]) + L")";
   Etxt_Char* r = Dup(s);
   EERR_FAIL_IF(!r, frame, nullptr, L"Out of memory");
   return r;

@@ -78,7 +78,8 @@ TEST(Files, TempNamesAreUniqueAndCopyReplaces) {
   std::string s((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   EXPECT_EQ(s, "new content");
   Eerr_ErrorReport* err = nullptr;
-  EXPECT_FALSE(efio_FileCopy(dir.WFile("missing").c_str(), dir.WFile("c").c_str(), 0, nullptr, &err));
+  EXPECT_FALSE(
+      efio_FileCopy(dir.WFile("missing").c_str(), dir.WFile("c").c_str(), 0, nullptr, &err));
   eerr_DeleteErrorReportEx(&err);
 }
 

@@ -1,11 +1,10 @@
 // Interchange with GDAL's HFA driver: files GDAL writes (georeferenced,
 // several bands and pixel types, overviews, metadata) are read by us with the
 // values GDAL reports, and our copies of them open in GDAL unchanged.
-#include <gtest/gtest.h>
-
 #include <cpl_conv.h>
 #include <gdal.h>
 #include <gdal_alg.h>
+#include <gtest/gtest.h>
 #include <ogr_srs_api.h>
 
 #include <cstring>
@@ -51,9 +50,9 @@ std::string MakeGdalImage(const testutil::ScratchDir& dir, const std::string& na
     GDALRasterBandH band = GDALGetRasterBand(ds, b);
     for (int y = 0; y < height; ++y) {
       for (int x = 0; x < width; ++x) row[static_cast<size_t>(x)] = (x * 3 + y * 7 + b * 11) % 251;
-      EXPECT_EQ(GDALRasterIO(band, GF_Write, 0, y, width, 1, row.data(), width, 1, GDT_Float64, 0,
-                             0),
-                CE_None);
+      EXPECT_EQ(
+          GDALRasterIO(band, GF_Write, 0, y, width, 1, row.data(), width, 1, GDT_Float64, 0, 0),
+          CE_None);
     }
   }
   GDALSetMetadataItem(ds, "FOO", "bar", nullptr);
@@ -141,10 +140,10 @@ TEST(EhfaGdal, FilesWrittenByGdalDecodeToWhatGdalReports) {
     int bands;
     const wchar_t* pixel_type;
   };
-  for (const Case& c : {Case{GDT_UInt16, 2, L"u16"}, Case{GDT_Float32, 3, L"f32"},
-                        Case{GDT_Byte, 1, L"u8"}}) {
-    const std::string path = MakeGdalImage(dir, "g" + std::to_string(c.type) + ".img", c.type,
-                                           c.bands);
+  for (const Case& c :
+       {Case{GDT_UInt16, 2, L"u16"}, Case{GDT_Float32, 3, L"f32"}, Case{GDT_Byte, 1, L"u8"}}) {
+    const std::string path =
+        MakeGdalImage(dir, "g" + std::to_string(c.type) + ".img", c.type, c.bands);
     ErrGuard err;
     Ehfa_File* f = ehfa_FileOpen(kzdv::FromUtf8(path).c_str(), "r", nullptr, &err);
     ASSERT_TRUE(f) << err.Text();
@@ -173,8 +172,8 @@ TEST(EhfaGdal, FilesWrittenByGdalDecodeToWhatGdalReports) {
     for (int b = 1; b <= c.bands; ++b) {
       const std::wstring layer = L":Layer_" + std::to_wstring(b);
       Object l;
-      ASSERT_TRUE(ehfa_ObjectRead(f, EHFA_SEEK_INTO, layer.c_str(), nullptr, &l.design, &l.rec,
-                                  &err))
+      ASSERT_TRUE(
+          ehfa_ObjectRead(f, EHFA_SEEK_INTO, layer.c_str(), nullptr, &l.design, &l.rec, &err))
           << err.Text();
       EXPECT_EQ(FieldOf<uint32_t>(l.design, l.rec, L"width"), 100u);
       EXPECT_EQ(FieldOf<uint32_t>(l.design, l.rec, L"height"), 80u);
@@ -223,11 +222,10 @@ TEST(EhfaGdal, FilesWrittenByGdalDecodeToWhatGdalReports) {
 }
 
 // Copy of a GDAL file by name; `table` may be null.
-GdalView CopyAndView(const std::string& from, const std::string& to,
-                     const Ehfa_CEFRecord* table) {
+GdalView CopyAndView(const std::string& from, const std::string& to, const Ehfa_CEFRecord* table) {
   ErrGuard err;
-  EXPECT_TRUE(ehfa_FileCopy(kzdv::FromUtf8(from).c_str(), kzdv::FromUtf8(to).c_str(), table,
-                            nullptr, &err))
+  EXPECT_TRUE(
+      ehfa_FileCopy(kzdv::FromUtf8(from).c_str(), kzdv::FromUtf8(to).c_str(), table, nullptr, &err))
       << err.Text();
   return ViewWithGdal(to);
 }
@@ -261,8 +259,8 @@ TEST(EhfaGdal, CopyKeepsColourTables) {
   testutil::ScratchDir dir("ehfa_colours");
   GDALAllRegister();
   const std::string src = dir.File("thematic.img");
-  GDALDatasetH ds = GDALCreate(GDALGetDriverByName("HFA"), src.c_str(), 32, 32, 1, GDT_Byte,
-                               nullptr);
+  GDALDatasetH ds =
+      GDALCreate(GDALGetDriverByName("HFA"), src.c_str(), 32, 32, 1, GDT_Byte, nullptr);
   GDALColorTableH ct = GDALCreateColorTable(GPI_RGB);
   for (int i = 0; i < 5; ++i) {
     const GDALColorEntry e{static_cast<short>(i * 50), static_cast<short>(255 - i * 40),
@@ -330,7 +328,8 @@ TEST(EhfaGdal, CopyTableDropsOrRewritesExactlyItsNodes) {
   const GdalView before = ViewWithGdal(src);
 
   // Dropping the metadata table loses the metadata and nothing else.
-  const Ehfa_CEFRecord drop[] = {Record(L"GDAL_MetaData", nullptr, nullptr, true), Ehfa_CEFRecord{}};
+  const Ehfa_CEFRecord drop[] = {Record(L"GDAL_MetaData", nullptr, nullptr, true),
+                                 Ehfa_CEFRecord{}};
   GdalView v = CopyAndView(src, dir.File("drop.img"), drop);
   ASSERT_TRUE(v.opened);
   EXPECT_EQ(v.foo, "");
@@ -377,8 +376,7 @@ TEST(EhfaGdal, CopyTableDropsOrRewritesExactlyItsNodes) {
   EXPECT_FALSE(ehfa_EntrySeekIfPresent(f, EHFA_SEEK_INTO, L":IMGFormatInfo", nullptr, &err));
   {
     Object note;  // its design is the file's: freed before the file closes
-    ASSERT_TRUE(
-        ehfa_ObjectRead(f, EHFA_SEEK_BY_NAME, L":", L"Note", &note.design, &note.rec, &err))
+    ASSERT_TRUE(ehfa_ObjectRead(f, EHFA_SEEK_BY_NAME, L":", L"Note", &note.design, &note.rec, &err))
         << err.Text();
     EXPECT_EQ(TextOf(note.design, note.rec, L"text"), L"hello");
   }

@@ -1,10 +1,11 @@
 // Files built from scratch with our designs: write positions, seeks, bulk
 // writes, raw data, 100,000 small objects read back both ways, and GDAL
 // opening what we write; then damaged files.
-#include <gtest/gtest.h>
+#include "ehfa.h"
 
 #include <gdal.h>
 #include <gdal_alg.h>
+#include <gtest/gtest.h>
 
 #include <cstring>
 #include <filesystem>
@@ -14,7 +15,6 @@
 #include <string>
 #include <vector>
 
-#include "ehfa.h"
 #include "test_util.h"
 
 namespace {
@@ -58,8 +58,8 @@ DesignPtr GroundPointDesign() {
       L"Zdefined", L"FALSE", L"TRUE", b, 3, L"PointType", L"GCP_FULL", L"GCP_HORIZ", L"GCP_VERT",
       L"GCP_NONE", b, 3, L"PointUsage", L"GCP_CONTROL", L"GCP_CHECK", L"GCP_TIE", b, 3,
       L"PointUsed", L"FALSE", L"TRUE", b, 0x10d, L"color", 3, 0xd, L"Standard Deviation X", 0xd,
-      L"Standard Deviation Y", 0xd, L"Standard Deviation Z", 0xe, L"Residual X", 0xe,
-      L"Residual Y", 0xe, L"Residual Z", 0xc, L"ImagePointCount", 0, &err));
+      L"Standard Deviation Y", 0xd, L"Standard Deviation Z", 0xe, L"Residual X", 0xe, L"Residual Y",
+      0xe, L"Residual Z", 0xc, L"ImagePointCount", 0, &err));
   EXPECT_TRUE(d) << err.Text();
   EXPECT_EQ(emif_DesignSizeGet(d.get()), sizeof(GroundPoint));
   return d;
@@ -114,7 +114,8 @@ TEST(EhfaFile, HundredThousandPointsReadBackSequentiallyAndBySeeking) {
   ErrGuard err;
   Ehfa_File* f = ehfa_FileCreate(path.c_str(), nullptr, &err);
   ASSERT_TRUE(f) << err.Text();
-  ASSERT_TRUE(ehfa_EntryWrite(f, EHFA_WRITE_FIRST_CHILD, L"BlockProperty", L"Block_Property", &err));
+  ASSERT_TRUE(
+      ehfa_EntryWrite(f, EHFA_WRITE_FIRST_CHILD, L"BlockProperty", L"Block_Property", &err));
   ASSERT_TRUE(ehfa_EntrySeek(f, EHFA_SEEK_INTO, L":BlockProperty", nullptr, &err));
   ASSERT_TRUE(ehfa_FileChange(f, EHFA_CHANGE_BULK, 0, nullptr, &err));
   for (int i = 0; i < kPoints; ++i) {
@@ -129,8 +130,8 @@ TEST(EhfaFile, HundredThousandPointsReadBackSequentiallyAndBySeeking) {
       const ImagePoint q{j + 1, i + 0.5, j - 0.5};
       const std::wstring iname = L"ImagePoint" + std::to_wstring(j);
       ASSERT_TRUE(ehfa_ObjectWrite(f, nullptr, iname.c_str(),
-                                   j == 0 ? EHFA_WRITE_FIRST_CHILD : EHFA_WRITE_AFTER, ip.get(),
-                                   &q, &err));
+                                   j == 0 ? EHFA_WRITE_FIRST_CHILD : EHFA_WRITE_AFTER, ip.get(), &q,
+                                   &err));
     }
     if (p.image_points) {
       ASSERT_TRUE(ehfa_EntrySeek(f, EHFA_SEEK_PARENT, nullptr, nullptr, &err));
@@ -144,8 +145,8 @@ TEST(EhfaFile, HundredThousandPointsReadBackSequentiallyAndBySeeking) {
   // Sequentially: each point, then its image points, in file order.
   const Emif_Design* d = nullptr;
   void* rec = nullptr;
-  ASSERT_TRUE(ehfa_ObjectRead(f, EHFA_SEEK_BY_NAME, L":BlockProperty", L"GroundPoint0", &d, &rec,
-                              &err));
+  ASSERT_TRUE(
+      ehfa_ObjectRead(f, EHFA_SEEK_BY_NAME, L":BlockProperty", L"GroundPoint0", &d, &rec, &err));
   for (int i = 0; i < kPoints; ++i) {
     if (i > 0) {
       const std::wstring name = L"GroundPoint" + std::to_wstring(i);
@@ -168,8 +169,8 @@ TEST(EhfaFile, HundredThousandPointsReadBackSequentiallyAndBySeeking) {
   // By seeking, in another order.
   for (int i = kPoints - 1; i >= 0; i -= 7) {
     const std::wstring name = L"GroundPoint" + std::to_wstring(i);
-    ASSERT_TRUE(ehfa_ObjectRead(f, EHFA_SEEK_BY_NAME, L":BlockProperty", name.c_str(), &d, &rec,
-                                &err));
+    ASSERT_TRUE(
+        ehfa_ObjectRead(f, EHFA_SEEK_BY_NAME, L":BlockProperty", name.c_str(), &d, &rec, &err));
     ExpectPoint(*static_cast<const GroundPoint*>(rec), i);
     emif_ObjectFree(d, rec, nullptr);
     if (i % 10 == 0) {
@@ -285,15 +286,15 @@ TEST(EhfaFile, ObjectsStoredUnderAnOlderLayoutReadIntoTheCurrentOne) {
   ASSERT_TRUE(ehfa_FileClose(f, &err));
   f = ehfa_FileOpen(path.c_str(), "r", nullptr, &err);
   int32_t now[4] = {-1, -1, -1, -1};
-  ASSERT_TRUE(ehfa_ObjectReadInto(f, EHFA_SEEK_BY_NAME, L":", L"ExtraAutoTieData", new_d.get(),
-                                  now, &err))
+  ASSERT_TRUE(
+      ehfa_ObjectReadInto(f, EHFA_SEEK_BY_NAME, L":", L"ExtraAutoTieData", new_d.get(), now, &err))
       << err.Text();
   EXPECT_EQ(now[0], 3);
   EXPECT_EQ(now[1], 4);
   EXPECT_EQ(now[2], 0);
   EXPECT_EQ(now[3], 0);
-  EXPECT_FALSE(ehfa_ObjectReadIntoIfPresent(f, EHFA_SEEK_BY_NAME, L":", L"Missing", new_d.get(),
-                                            now, &err));
+  EXPECT_FALSE(
+      ehfa_ObjectReadIntoIfPresent(f, EHFA_SEEK_BY_NAME, L":", L"Missing", new_d.get(), now, &err));
   EXPECT_FALSE(err.e);
   ehfa_FileClose(f, nullptr);
 }
@@ -331,8 +332,8 @@ TEST(EhfaFile, RawDataTravelWithOffsetsFromZeroAndLandAbsolute) {
   unsigned char* back = nullptr;
   uint32_t back_size = 0;
   Etxt_Char* type = nullptr;
-  ASSERT_TRUE(ehfa_ObjectDataReadIfPresent(f, EHFA_SEEK_BY_NAME, L":", L"Frame0", &back,
-                                           &back_size, &type, &err));
+  ASSERT_TRUE(ehfa_ObjectDataReadIfPresent(f, EHFA_SEEK_BY_NAME, L":", L"Frame0", &back, &back_size,
+                                           &type, &err));
   ASSERT_EQ(back_size, size);
   EXPECT_EQ(0, std::memcmp(back, bytes, size));
   EXPECT_STREQ(type, L"Frame_X");
@@ -341,8 +342,8 @@ TEST(EhfaFile, RawDataTravelWithOffsetsFromZeroAndLandAbsolute) {
                                             &back_size, nullptr, &err));
   EXPECT_FALSE(err.e);
   // Bytes that do not fit their design are refused.
-  EXPECT_FALSE(ehfa_ObjectDataWrite(f, L":", L"Frame1", EHFA_WRITE_AFTER, L"Frame_X", bytes, 10,
-                                    &err));
+  EXPECT_FALSE(
+      ehfa_ObjectDataWrite(f, L":", L"Frame1", EHFA_WRITE_AFTER, L"Frame_X", bytes, 10, &err));
   EXPECT_TRUE(err.Mentions(L"do not match design Frame_X")) << err.Text();
   emsc_HeapFree(type);
   emsc_HeapFree(bytes);
@@ -362,8 +363,8 @@ TEST(EhfaFile, GdalReadsAnImageLayerWeWrite) {
   testutil::ScratchDir dir("ehfa_ourimage");
   GDALAllRegister();
   const std::string model = dir.File("model.img");
-  GDALDatasetH ds = GDALCreate(GDALGetDriverByName("HFA"), model.c_str(), 64, 64, 1, GDT_Byte,
-                               nullptr);
+  GDALDatasetH ds =
+      GDALCreate(GDALGetDriverByName("HFA"), model.c_str(), 64, 64, 1, GDT_Byte, nullptr);
   ASSERT_TRUE(ds);
   GDALClose(ds);
   std::vector<unsigned char> pixels(64 * 64);
@@ -402,7 +403,8 @@ TEST(EhfaFile, GdalReadsAnImageLayerWeWrite) {
   SetField(blocks_field.design, blocks.data, L"logvalid", 1);
   ASSERT_TRUE(ehfa_ObjectWrite(f, L":Layer_1", L"RasterDMS", EHFA_WRITE_FIRST_CHILD, d, rec, &err));
   emif_ObjectFree(d, rec, nullptr);
-  ASSERT_TRUE(ehfa_ObjectRead(src, EHFA_SEEK_INTO, L":Layer_1:Ehfa_Layer", nullptr, &d, &rec, &err));
+  ASSERT_TRUE(
+      ehfa_ObjectRead(src, EHFA_SEEK_INTO, L":Layer_1:Ehfa_Layer", nullptr, &d, &rec, &err));
   SetField(d, rec, L"dictionaryPtr", text.data_offset);
   ASSERT_TRUE(ehfa_ObjectWrite(f, L":Layer_1", L"Ehfa_Layer", EHFA_WRITE_REPLACE, d, rec, &err));
   emif_ObjectFree(d, rec, nullptr);

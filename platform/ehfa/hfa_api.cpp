@@ -21,8 +21,8 @@ std::string U8(const Etxt_Char* s) { return s ? ToUtf8(s) : std::string(); }
 
 // Finds the node a seek asks for; null with *missing set to the name looked
 // for when it is not there, or *error on misuse.
-Node* SeekTarget(Ehfa_File* f, Ehfa_SeekMethod method, const Etxt_Char* path,
-                 const Etxt_Char* name, std::string* missing, std::string* error) {
+Node* SeekTarget(Ehfa_File* f, Ehfa_SeekMethod method, const Etxt_Char* path, const Etxt_Char* name,
+                 std::string* missing, std::string* error) {
   Node* cur = f->current;
   switch (method) {
     case EHFA_SEEK_ROOT:
@@ -211,8 +211,8 @@ Ehfa_File* ehfa_FileOpen(const Etxt_Char* name, const char* mode, Eint_InitToolk
   EERR_FAIL_IF(!f->io.Open(ToUtf8(name), writable, false, &error), frame, nullptr,
                L"Cannot open %s: %s", name, W(error));
   try {
-    EERR_FAIL_IF(!f->Load(&error), frame, nullptr, L"%s is not a valid hierarchical file: %s",
-                 name, W(error));
+    EERR_FAIL_IF(!f->Load(&error), frame, nullptr, L"%s is not a valid hierarchical file: %s", name,
+                 W(error));
   } catch (const std::bad_alloc&) {
     EERR_FAIL(frame, nullptr, L"Out of memory reading %s", name);
   }
@@ -274,9 +274,8 @@ Emsc_Boolean ehfa_EntrySeek(Ehfa_File* file, Ehfa_SeekMethod method, const Etxt_
   return DoSeek(frame, file, method, path, name, true) == 1 ? EMSC_TRUE : EMSC_FALSE;
 }
 
-Emsc_Boolean ehfa_EntrySeekIfPresent(Ehfa_File* file, Ehfa_SeekMethod method,
-                                     const Etxt_Char* path, const Etxt_Char* name,
-                                     Eerr_ErrorReport** err) {
+Emsc_Boolean ehfa_EntrySeekIfPresent(Ehfa_File* file, Ehfa_SeekMethod method, const Etxt_Char* path,
+                                     const Etxt_Char* name, Eerr_ErrorReport** err) {
   ErrorFrame frame(L"ehfa_EntrySeekIfPresent", err);
   EERR_FAIL_IF(!file, frame, EMSC_FALSE, L"Args");
   return DoSeek(frame, file, method, path, name, false) == 1 ? EMSC_TRUE : EMSC_FALSE;
@@ -330,8 +329,8 @@ Emsc_Boolean ehfa_EntryDelete(Ehfa_File* file, Eerr_ErrorReport** err) {
 }
 
 Emsc_Boolean ehfa_ObjectWrite(Ehfa_File* file, const Etxt_Char* path, const Etxt_Char* name,
-                              Ehfa_WritePos position, const Emif_Design* design,
-                              const void* object, Eerr_ErrorReport** err) {
+                              Ehfa_WritePos position, const Emif_Design* design, const void* object,
+                              Eerr_ErrorReport** err) {
   ErrorFrame frame(L"ehfa_ObjectWrite", err);
   EERR_FAIL_IF(!file || !design || !object, frame, EMSC_FALSE, L"Args");
   std::vector<uint8_t> bytes;
@@ -339,8 +338,7 @@ Emsc_Boolean ehfa_ObjectWrite(Ehfa_File* file, const Etxt_Char* path, const Etxt
   const kzdv::mif::DesignImpl& d = *design->impl;
   try {
     EERR_FAIL_IF(!kzdv::mif::Encode(d, object, 0, &bytes, &error), frame, EMSC_FALSE,
-                 L"Cannot encode %s of design %s: %s", name ? name : L"", W(d.name),
-                 W(error));
+                 L"Cannot encode %s of design %s: %s", name ? name : L"", W(d.name), W(error));
     if (file->dict->dict.Add(design->impl)) file->dict->changed = true;
   } catch (const std::bad_alloc&) {
     EERR_FAIL(frame, EMSC_FALSE, L"Out of memory");
@@ -366,8 +364,7 @@ Emsc_Boolean ehfa_ObjectDataWrite(Ehfa_File* file, const Etxt_Char* path, const 
   if (d && size > 0) {
     std::vector<uint8_t> probe = bytes;
     EERR_FAIL_IF(!kzdv::mif::Rebase(*d, probe.data(), probe.size(), 0, &error), frame, EMSC_FALSE,
-                 L"The data of %s do not match design %s: %s", name ? name : L"", type,
-                 W(error));
+                 L"The data of %s do not match design %s: %s", name ? name : L"", type, W(error));
   }
   Node* n = Place(frame, file, path, name, position, t8);
   if (!n) return EMSC_FALSE;
@@ -411,8 +408,7 @@ Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod meth
     if (d->size > std::max<uint64_t>(file->io.size(), 1u << 20) ||
         (!bytes.empty() && d->disk_min > bytes.size())) {
       frame.Fail(__LINE__, L"Node %s holds %u bytes, not an object of type %s (%u bytes or more)",
-                 W(file->PathOf(n)), n->data_size, W(n->type),
-                 static_cast<unsigned>(d->disk_min));
+                 W(file->PathOf(n)), n->data_size, W(n->type), static_cast<unsigned>(d->disk_min));
       return EMSC_FALSE;
     }
     rec = emsc_HeapCalloc(1, d->size);
@@ -423,8 +419,8 @@ Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod meth
     if (!bytes.empty() && !kzdv::mif::Decode(*d, bytes.data(), bytes.size(), rec, &error)) {
       kzdv::mif::FreeContents(*d, rec);
       emsc_HeapFree(rec);
-      frame.Fail(__LINE__, L"Cannot decode %s of type %s in %s: %s", W(file->PathOf(n)),
-                 W(n->type), file->name.c_str(), W(error));
+      frame.Fail(__LINE__, L"Cannot decode %s of type %s in %s: %s", W(file->PathOf(n)), W(n->type),
+                 file->name.c_str(), W(error));
       return EMSC_FALSE;
     }
   } catch (const std::bad_alloc&) {
@@ -513,8 +509,7 @@ Emsc_Boolean ehfa_ObjectDataReadIfPresent(Ehfa_File* file, Ehfa_SeekMethod metho
   const kzdv::mif::DesignRef d = file->dict->dict.Find(n->type);
   if (d && !bytes.empty()) {
     EERR_FAIL_IF(!kzdv::mif::Rebase(*d, bytes.data(), bytes.size(), 0, &error), frame, EMSC_FALSE,
-                 L"Cannot read %s in %s: %s", W(file->PathOf(n)), file->name.c_str(),
-                 W(error));
+                 L"Cannot read %s in %s: %s", W(file->PathOf(n)), file->name.c_str(), W(error));
   }
   kzdv::HeapPtr<unsigned char> out(
       static_cast<unsigned char*>(emsc_MemDup(bytes.data(), bytes.size())));

@@ -8,9 +8,9 @@
 // the same image, georeferencing and overviews in the copy.
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <cwchar>
 #include <cwctype>
+#include <filesystem>
 
 #include "eerr_frame.hpp"
 #include "platform/ehfa/hfa_internal.h"
@@ -48,7 +48,8 @@ bool GetU32(const mif::DesignImpl& d, const uint8_t* rec, const char* name, uint
 }
 void SetU32(const mif::DesignImpl& d, uint8_t* rec, const char* name, uint32_t v) {
   const mif::Field* f = FieldNamed(d, name);
-  if (f && f->shape == mif::Shape::kSingle && f->elem_size == 4) std::memcpy(rec + f->offset, &v, 4);
+  if (f && f->shape == mif::Shape::kSingle && f->elem_size == 4)
+    std::memcpy(rec + f->offset, &v, 4);
 }
 
 // Moves `size` bytes at `from` in the source to the end of the target.

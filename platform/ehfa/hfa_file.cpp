@@ -506,7 +506,8 @@ bool Ehfa_File::Flush(bool force, std::string* error) {
     Set32(rec + 14, dict_pos);
     if (!io.Write(header_pos, rec, sizeof rec, error)) return false;
   }
-  std::sort(dirty.begin(), dirty.end(), [](const Node* a, const Node* b) { return a->pos < b->pos; });
+  std::sort(dirty.begin(), dirty.end(),
+            [](const Node* a, const Node* b) { return a->pos < b->pos; });
   for (Node* n : dirty) {
     n->dirty = false;
     if (!n->alive) continue;

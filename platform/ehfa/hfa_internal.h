@@ -102,8 +102,8 @@ struct Ehfa_File {
   void MarkDirty(kzdv::hfa::Node* n);
   // Writes `bytes` as the node's data (in place when they fit, else at the
   // end); `design` (may be null) rebases pointer offsets to the position.
-  bool SetData(kzdv::hfa::Node* n, std::vector<uint8_t>* bytes,
-               const kzdv::mif::DesignImpl* design, std::string* error);
+  bool SetData(kzdv::hfa::Node* n, std::vector<uint8_t>* bytes, const kzdv::mif::DesignImpl* design,
+               std::string* error);
   bool ReadData(const kzdv::hfa::Node* n, std::vector<uint8_t>* bytes, std::string* error);
   // Entry headers, dictionary and append buffer to disk. `force` also inside
   // a bulk write.

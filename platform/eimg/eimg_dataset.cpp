@@ -10,8 +10,8 @@
 #include <mutex>
 #include <new>
 
-#include "platform/eimg/eimg_internal.h"
 #include "etxt.h"
+#include "platform/eimg/eimg_internal.h"
 
 namespace kzdv::eimg {
 
@@ -58,7 +58,8 @@ DatasetPtr OpenDataset(const std::string& path, int access, std::wstring* error)
   }
   if (!ds) {
     CPLErrorReset();
-    ds = GDALOpenEx(path.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY | GDAL_OF_VERBOSE_ERROR, nullptr, nullptr, nullptr);
+    ds = GDALOpenEx(path.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY | GDAL_OF_VERBOSE_ERROR,
+                    nullptr, nullptr, nullptr);
   }
   if (!ds) {
     *error = quiet.Message(L"cannot open the raster file");
@@ -77,16 +78,26 @@ GDALDataType ToGdalType(Egda_PixelType type) {
     case EGDA_TYPE_U2:
     case EGDA_TYPE_U4:
     case EGDA_TYPE_U8:
-    case EGDA_TYPE_S8: return GDT_Byte;
-    case EGDA_TYPE_U16: return GDT_UInt16;
-    case EGDA_TYPE_S16: return GDT_Int16;
-    case EGDA_TYPE_U32: return GDT_UInt32;
-    case EGDA_TYPE_S32: return GDT_Int32;
-    case EGDA_TYPE_F32: return GDT_Float32;
-    case EGDA_TYPE_F64: return GDT_Float64;
-    case EGDA_TYPE_C64: return GDT_CFloat32;
-    case EGDA_TYPE_C128: return GDT_CFloat64;
-    default: return GDT_Unknown;
+    case EGDA_TYPE_S8:
+      return GDT_Byte;
+    case EGDA_TYPE_U16:
+      return GDT_UInt16;
+    case EGDA_TYPE_S16:
+      return GDT_Int16;
+    case EGDA_TYPE_U32:
+      return GDT_UInt32;
+    case EGDA_TYPE_S32:
+      return GDT_Int32;
+    case EGDA_TYPE_F32:
+      return GDT_Float32;
+    case EGDA_TYPE_F64:
+      return GDT_Float64;
+    case EGDA_TYPE_C64:
+      return GDT_CFloat32;
+    case EGDA_TYPE_C128:
+      return GDT_CFloat64;
+    default:
+      return GDT_Unknown;
   }
 }
 
@@ -104,17 +115,26 @@ Egda_PixelType FromGdalBand(GDALRasterBandH band) {
       if (pt && EQUAL(pt, "SIGNEDBYTE")) return EGDA_TYPE_S8;
       return EGDA_TYPE_U8;
     }
-    case GDT_UInt16: return EGDA_TYPE_U16;
-    case GDT_Int16: return EGDA_TYPE_S16;
-    case GDT_UInt32: return EGDA_TYPE_U32;
-    case GDT_Int32: return EGDA_TYPE_S32;
-    case GDT_Float32: return EGDA_TYPE_F32;
-    case GDT_Float64: return EGDA_TYPE_F64;
+    case GDT_UInt16:
+      return EGDA_TYPE_U16;
+    case GDT_Int16:
+      return EGDA_TYPE_S16;
+    case GDT_UInt32:
+      return EGDA_TYPE_U32;
+    case GDT_Int32:
+      return EGDA_TYPE_S32;
+    case GDT_Float32:
+      return EGDA_TYPE_F32;
+    case GDT_Float64:
+      return EGDA_TYPE_F64;
     case GDT_CInt16:
-    case GDT_CFloat32: return EGDA_TYPE_C64;
+    case GDT_CFloat32:
+      return EGDA_TYPE_C64;
     case GDT_CInt32:
-    case GDT_CFloat64: return EGDA_TYPE_C128;
-    default: return EGDA_TYPE_INVALID;
+    case GDT_CFloat64:
+      return EGDA_TYPE_C128;
+    default:
+      return EGDA_TYPE_INVALID;
   }
 }
 
@@ -208,8 +228,8 @@ GDALRasterBandH LayerBand(const Eimg_Layer* layer) {
   if (layer->pyramidLevel > GDALGetOverviewCount(h)) return nullptr;
   h = GDALGetOverview(h, static_cast<int>(layer->pyramidLevel - 1));
   // A level that was rebuilt with another size is not the level we opened.
-  if (h && (GDALGetRasterBandXSize(h) != layer->width ||
-            GDALGetRasterBandYSize(h) != layer->height))
+  if (h &&
+      (GDALGetRasterBandXSize(h) != layer->width || GDALGetRasterBandYSize(h) != layer->height))
     return nullptr;
   return h;
 }

@@ -154,8 +154,10 @@ Etxt_Char* eimg_LayerUnitTypeGet(Eimg_Layer* layer, Eerr_ErrorReport** err) {
   const char* unit = GDALGetRasterUnitType(access.band);
   std::string u = unit ? unit : "";
   // GDAL's short spellings of the common height units.
-  if (EQUAL(u.c_str(), "m") || EQUAL(u.c_str(), "metre") || EQUAL(u.c_str(), "meter")) u = "meters";
-  else if (EQUAL(u.c_str(), "ft") || EQUAL(u.c_str(), "foot")) u = "feet";
+  if (EQUAL(u.c_str(), "m") || EQUAL(u.c_str(), "metre") || EQUAL(u.c_str(), "meter"))
+    u = "meters";
+  else if (EQUAL(u.c_str(), "ft") || EQUAL(u.c_str(), "foot"))
+    u = "feet";
   Etxt_Char* out = etxt_FromUtf8(u.c_str());
   EERR_FAIL_IF(!out, frame, nullptr, L"Out of memory");
   return out;
@@ -175,8 +177,10 @@ Etxt_Char* eimg_FileRasterDataOrderGet(const Etxt_Char* file_name, Eint_InitTool
   const wchar_t* order = L"BSQ";
   if (GDALGetRasterCount(ds->ds) > 1) {
     const char* il = GDALGetMetadataItem(ds->ds, "INTERLEAVE", "IMAGE_STRUCTURE");
-    if (il && EQUAL(il, "PIXEL")) order = L"BIP";
-    else if (il && EQUAL(il, "LINE")) order = L"BIL";
+    if (il && EQUAL(il, "PIXEL"))
+      order = L"BIP";
+    else if (il && EQUAL(il, "LINE"))
+      order = L"BIL";
   }
   Etxt_Char* out = etxt_Text_strdup(order);
   EERR_FAIL_IF(!out, frame, nullptr, L"Out of memory");
@@ -188,9 +192,9 @@ Emsc_Boolean eimg_FileProxyWithName(const Etxt_Char* file_name, const Etxt_Char*
   static const Etxt_Char* const kFn = L"eimg_FileProxyWithName";
   kzdv::ErrorFrame frame(kFn, err);
   kzdv::eimg::LayerNameParts parts;
-  EERR_FAIL_IF(!file_name || !proxy_name || !*proxy_name ||
-                   !kzdv::eimg::ParseLayerName(file_name, &parts),
-               frame, EMSC_FALSE, L"Invalid file or proxy name");
+  EERR_FAIL_IF(
+      !file_name || !proxy_name || !*proxy_name || !kzdv::eimg::ParseLayerName(file_name, &parts),
+      frame, EMSC_FALSE, L"Invalid file or proxy name");
   std::wstring error;
   auto src = kzdv::eimg::OpenDataset(kzdv::ToUtf8(parts.file), EIMG_ACCESS_READ, &error);
   EERR_FAIL_IF(!src, frame, EMSC_FALSE, L"Cannot open %s: %s", parts.file.c_str(), error.c_str());
@@ -200,14 +204,13 @@ Emsc_Boolean eimg_FileProxyWithName(const Etxt_Char* file_name, const Etxt_Char*
   // the proxy meanwhile sees the old or the new one, never a partial file.
   static std::atomic<unsigned> counter{0};
   std::string final_name = kzdv::ToUtf8(proxy_name);
-  std::string tmp = final_name + ".tmp" + std::to_string(::getpid()) + "_" +
-                    std::to_string(counter.fetch_add(1));
+  std::string tmp =
+      final_name + ".tmp" + std::to_string(::getpid()) + "_" + std::to_string(counter.fetch_add(1));
   GdalQuiet quiet;
   GDALDatasetH out = GDALCreateCopy(vrt, tmp.c_str(), src->ds, FALSE, nullptr, nullptr, nullptr);
   if (!out) {
     std::remove(tmp.c_str());
-    EERR_FAIL(frame, EMSC_FALSE, L"Cannot write proxy %s: %s", proxy_name,
-              quiet.Message().c_str());
+    EERR_FAIL(frame, EMSC_FALSE, L"Cannot write proxy %s: %s", proxy_name, quiet.Message().c_str());
   }
   GDALClose(out);
   bool ok = CPLGetLastErrorType() < CE_Failure;
@@ -229,8 +232,8 @@ Emsc_Boolean eimg_SSLayerNamesSet(Eimg_Layer* layer, const Etxt_Char* algorithm,
   GdalQuiet quiet;
   // Recorded on the layer itself, also when asked through one of its levels.
   GDALRasterBandH base = GDALGetRasterBand(kzdv::eimg::LayerDataset(layer)->ds, layer->impl->band);
-  EERR_FAIL_IF(GDALSetMetadataItem(base, "PYRAMID_ALGORITHM",
-                                   kzdv::ToUtf8(algorithm).c_str(), nullptr) != CE_None,
+  EERR_FAIL_IF(GDALSetMetadataItem(base, "PYRAMID_ALGORITHM", kzdv::ToUtf8(algorithm).c_str(),
+                                   nullptr) != CE_None,
                frame, EMSC_FALSE, L"Cannot record the pyramid algorithm of %s: %s", layer->name,
                quiet.Message().c_str());
   return EMSC_TRUE;

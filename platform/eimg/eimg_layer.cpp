@@ -18,7 +18,8 @@ namespace {
 Estr_StringList* NewStringList(long count) {
   auto* list = static_cast<Estr_StringList*>(emsc_HeapCalloc(1, sizeof(Estr_StringList)));
   if (!list) return nullptr;
-  list->strings = static_cast<Etxt_Char**>(emsc_HeapCalloc(count > 0 ? count : 1, sizeof(Etxt_Char*)));
+  list->strings =
+      static_cast<Etxt_Char**>(emsc_HeapCalloc(count > 0 ? count : 1, sizeof(Etxt_Char*)));
   if (!list->strings) {
     emsc_HeapFree(list);
     return nullptr;
@@ -118,16 +119,22 @@ int eimg_PixelTypeBytes(Egda_PixelType type) {
     case EGDA_TYPE_U2:
     case EGDA_TYPE_U4:
     case EGDA_TYPE_U8:
-    case EGDA_TYPE_S8: return 1;
+    case EGDA_TYPE_S8:
+      return 1;
     case EGDA_TYPE_U16:
-    case EGDA_TYPE_S16: return 2;
+    case EGDA_TYPE_S16:
+      return 2;
     case EGDA_TYPE_U32:
     case EGDA_TYPE_S32:
-    case EGDA_TYPE_F32: return 4;
+    case EGDA_TYPE_F32:
+      return 4;
     case EGDA_TYPE_F64:
-    case EGDA_TYPE_C64: return 8;
-    case EGDA_TYPE_C128: return 16;
-    default: return 0;
+    case EGDA_TYPE_C64:
+      return 8;
+    case EGDA_TYPE_C128:
+      return 16;
+    default:
+      return 0;
   }
 }
 
@@ -240,7 +247,7 @@ Emsc_Boolean eimg_LayerWrite(Eimg_Layer* layer, long x, long y, const Eimg_Pixel
   static const Etxt_Char* const kFn = L"eimg_LayerWrite";
   kzdv::ErrorFrame frame(kFn, err);
   return LayerIO(layer, GF_Write, x, y, const_cast<Eimg_PixelRect*>(rect), frame) ? EMSC_TRUE
-                                                                                   : EMSC_FALSE;
+                                                                                  : EMSC_FALSE;
 }
 
 Emsc_Boolean eimg_LayerRasterPixelRectGet(Eimg_Layer* layer, long x, long y, Eimg_PixelRect* rect,
@@ -341,9 +348,8 @@ Eimg_LayerStack* eimg_LayerStackStructureCreate(long count, Eerr_ErrorReport** e
   return stack;
 }
 
-Eimg_LayerStack* eimg_LayerStackOpen(const Estr_StringList* layer_names,
-                                     Eint_InitToolkitData* init, int access,
-                                     Eerr_ErrorReport** err) {
+Eimg_LayerStack* eimg_LayerStackOpen(const Estr_StringList* layer_names, Eint_InitToolkitData* init,
+                                     int access, Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"eimg_LayerStackOpen";
   kzdv::ErrorFrame frame(kFn, err);
   (void)init;
@@ -390,8 +396,10 @@ Emsc_Boolean eimg_LayerStackClose(Eimg_LayerStack* stack, Eerr_ErrorReport** err
     for (long i = 0; i < stack->count; ++i) {
       eimg_LayerClose(stack->layers[i], frame.Callee());
       if (frame.CalleeFailed()) {
-        if (ok) frame.Fail(__LINE__, L"eimg_LayerClose failed");
-        else frame.Tolerate();
+        if (ok)
+          frame.Fail(__LINE__, L"eimg_LayerClose failed");
+        else
+          frame.Tolerate();
         ok = false;
       }
     }
@@ -412,8 +420,8 @@ static Emsc_Boolean StackIO(Eimg_LayerStack* stack, GDALRWFlag flag, long x, lon
   return EMSC_TRUE;
 }
 
-Emsc_Boolean eimg_LayerStackRead(Eimg_LayerStack* stack, long x, long y,
-                                 Eimg_PixelRectStack* rects, Eerr_ErrorReport** err) {
+Emsc_Boolean eimg_LayerStackRead(Eimg_LayerStack* stack, long x, long y, Eimg_PixelRectStack* rects,
+                                 Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"eimg_LayerStackRead";
   kzdv::ErrorFrame frame(kFn, err);
   return StackIO(stack, GF_Read, x, y, rects, frame);

@@ -1,4 +1,6 @@
 // eimg layers against what GDAL itself reads and writes in the same files.
+#include "eimg.h"
+
 #include <gdal.h>
 #include <gdal_alg.h>
 #include <gtest/gtest.h>
@@ -7,7 +9,6 @@
 #include <memory>
 #include <vector>
 
-#include "eimg.h"
 #include "test_util.h"
 
 namespace {
@@ -22,8 +23,8 @@ std::string MakeFile(const std::string& path, int w, int h, int bands, GDALDataT
   for (int b = 1; b <= bands; ++b) {
     std::vector<double> v(size_t(w) * h);
     for (size_t i = 0; i < v.size(); ++i) v[i] = double((i * 7 + b * 13) % 250);
-    EXPECT_EQ(CE_None, GDALRasterIO(GDALGetRasterBand(ds, b), GF_Write, 0, 0, w, h, v.data(), w, h, GDT_Float64, 0,
-                 0));
+    EXPECT_EQ(CE_None, GDALRasterIO(GDALGetRasterBand(ds, b), GF_Write, 0, 0, w, h, v.data(), w, h,
+                                    GDT_Float64, 0, 0));
   }
   double gt[6] = {300000.0, 2.0, 0.0, 4000000.0, 0.0, -2.0};
   GDALSetGeoTransform(ds, gt);
@@ -38,7 +39,8 @@ std::string MakeFile(const std::string& path, int w, int h, int bands, GDALDataT
 double GdalPixel(const std::string& path, int band, int x, int y) {
   GDALDatasetH ds = GDALOpen(path.c_str(), GA_ReadOnly);
   double v = 0;
-  EXPECT_EQ(CE_None, GDALRasterIO(GDALGetRasterBand(ds, band), GF_Read, x, y, 1, 1, &v, 1, 1, GDT_Float64, 0, 0));
+  EXPECT_EQ(CE_None, GDALRasterIO(GDALGetRasterBand(ds, band), GF_Read, x, y, 1, 1, &v, 1, 1,
+                                  GDT_Float64, 0, 0));
   GDALClose(ds);
   return v;
 }
@@ -94,9 +96,9 @@ TEST(EimgLayer, NamesOpenReadWriteMatchGdal) {
   eimg_PixelRectDelete(one);
 
   // Bad names and missing layers report.
-  EXPECT_EQ(eimg_LayerOpen((wpath + L"(:Layer_4)").c_str(), nullptr, nullptr, EIMG_ACCESS_READ,
-                           &err),
-            nullptr);
+  EXPECT_EQ(
+      eimg_LayerOpen((wpath + L"(:Layer_4)").c_str(), nullptr, nullptr, EIMG_ACCESS_READ, &err),
+      nullptr);
   EXPECT_NE(err, nullptr);
   eerr_DeleteErrorReportEx(&err);
   EXPECT_EQ(eimg_LayerGetNames(L"/no/such/file.tif", nullptr, &err), nullptr);
@@ -161,8 +163,8 @@ TEST(EimgLayer, InformationNullValueStatisticsAndDataOrder) {
   } orders[] = {{"PIXEL", 3, L"BIP"}, {"BAND", 3, L"BSQ"}, {"PIXEL", 1, L"BSQ"}};
   int i = 0;
   for (const auto& o : orders) {
-    std::string f =
-        MakeFile(dir.File("o" + std::to_string(i++) + ".tif"), 8, 8, o.bands, GDT_Byte, o.interleave);
+    std::string f = MakeFile(dir.File("o" + std::to_string(i++) + ".tif"), 8, 8, o.bands, GDT_Byte,
+                             o.interleave);
     Etxt_Char* order = eimg_FileRasterDataOrderGet(kzdv::FromUtf8(f).c_str(), nullptr, &err);
     ASSERT_NE(order, nullptr);
     EXPECT_EQ(std::wstring(order), o.expected) << o.interleave << " " << o.bands;
@@ -208,8 +210,8 @@ TEST(EimgLayer, PrivateStorageSharesOneDatasetAndProxyReadsTheFile) {
 
   // A proxy is a VRT that GDAL reads as the same image.
   std::string proxy = dir.File("a.uai");
-  ASSERT_TRUE(eimg_FileProxyWithName(kzdv::FromUtf8(path).c_str(), kzdv::FromUtf8(proxy).c_str(),
-                                     &err))
+  ASSERT_TRUE(
+      eimg_FileProxyWithName(kzdv::FromUtf8(path).c_str(), kzdv::FromUtf8(proxy).c_str(), &err))
       << kzdv::ReportText(err);
   GDALDatasetH a = GDALOpen(path.c_str(), GA_ReadOnly);
   GDALDatasetH p = GDALOpen(proxy.c_str(), GA_ReadOnly);
@@ -246,7 +248,8 @@ TEST(EimgLayer, PyramidLevelsAreGdalOverviews) {
   ASSERT_EQ(GDALGetOverviewCount(b2), 3);
   EXPECT_EQ(GDALGetOverviewCount(GDALGetRasterBand(ds, 1)), 3);  // levels are per file
   double v = 0;
-  EXPECT_EQ(CE_None, GDALRasterIO(GDALGetOverview(b2, 1), GF_Read, 24, 14, 1, 1, &v, 1, 1, GDT_Float64, 0, 0));
+  EXPECT_EQ(CE_None, GDALRasterIO(GDALGetOverview(b2, 1), GF_Read, 24, 14, 1, 1, &v, 1, 1,
+                                  GDT_Float64, 0, 0));
   EXPECT_EQ(v, 4242.0);
   EXPECT_STREQ(GDALGetMetadataItem(b2, "PYRAMID_ALGORITHM", nullptr), "KordaBino3");
   GDALClose(ds);

@@ -25,8 +25,8 @@ struct Emet_MeterInfo {
 
 namespace {
 
-Emet_MeterInfo* Create(const Etxt_Char* task, Emet_Sink sink, void* context,
-                       Eerr_ErrorReport** err, const Etxt_Char* fn) {
+Emet_MeterInfo* Create(const Etxt_Char* task, Emet_Sink sink, void* context, Eerr_ErrorReport** err,
+                       const Etxt_Char* fn) {
   kzdv::ErrorFrame frame(fn, err);
   auto* m = new (std::nothrow) Emet_MeterInfo;
   EERR_FAIL_IF(!m, frame, nullptr, L"Out of memory");
@@ -63,8 +63,8 @@ Emet_MeterInfo* emet_MeterInfoCreate(const Etxt_Char* task, Eerr_ErrorReport** e
   return Create(task, nullptr, nullptr, err, L"emet_MeterInfoCreate");
 }
 
-Emet_MeterInfo* emet_MeterInfoCreateWithSink(const Etxt_Char* task, Emet_Sink sink,
-                                             void* context, Eerr_ErrorReport** err) {
+Emet_MeterInfo* emet_MeterInfoCreateWithSink(const Etxt_Char* task, Emet_Sink sink, void* context,
+                                             Eerr_ErrorReport** err) {
   return Create(task, sink, context, err, L"emet_MeterInfoCreateWithSink");
 }
 
@@ -90,8 +90,10 @@ Emsc_Boolean emet_MeterInfoPrint(Emet_MeterInfo* meter, double percent, Eerr_Err
   if (!meter) return EMSC_TRUE;
   if (!(percent >= 0)) percent = 0;  // also catches NaN
   percent = std::min(percent, 100.0);
-  if (meter->sink) meter->sink(meter->task.c_str(), percent, meter->context);
-  else Draw(meter, percent);
+  if (meter->sink)
+    meter->sink(meter->task.c_str(), percent, meter->context);
+  else
+    Draw(meter, percent);
   return EMSC_TRUE;
 }
 

@@ -55,9 +55,11 @@ TEST(Meter, ConsoleMeterPrintsPlainLinesWhenNotATerminal) {
 
 TEST(Preferences, HostSetsLibraryReads) {
   epmg_ClearPreferences();
-  EXPECT_TRUE(epmg_GetBooleanPreference(L"rasterprocess", L"use_dem_layer_cache", EMSC_TRUE, nullptr));
+  EXPECT_TRUE(
+      epmg_GetBooleanPreference(L"rasterprocess", L"use_dem_layer_cache", EMSC_TRUE, nullptr));
   epmg_SetBooleanPreference(L"rasterprocess", L"use_dem_layer_cache", EMSC_FALSE);
-  EXPECT_FALSE(epmg_GetBooleanPreference(L"rasterprocess", L"use_dem_layer_cache", EMSC_TRUE, nullptr));
+  EXPECT_FALSE(
+      epmg_GetBooleanPreference(L"rasterprocess", L"use_dem_layer_cache", EMSC_TRUE, nullptr));
   EXPECT_TRUE(epmg_GetBooleanPreference(L"other", L"use_dem_layer_cache", EMSC_TRUE, nullptr));
   epmg_SetDoublePreference(L"rasterprocess", L"rp_reprojtolerance", 0.25);
   EXPECT_EQ(epmg_GetDoublePreference(L"rasterprocess", L"rp_reprojtolerance", 1.0, nullptr), 0.25);

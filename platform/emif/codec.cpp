@@ -11,9 +11,9 @@
 #include <cwchar>
 #include <limits>
 
-#include "platform/emif/emif_codec.h"
 #include "emsc.h"
 #include "etxt.h"
+#include "platform/emif/emif_codec.h"
 
 namespace kzdv {
 namespace mif {
@@ -34,9 +34,7 @@ inline uint32_t Get32(const uint8_t* p) {
   return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
          static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
 }
-inline uint16_t Get16(const uint8_t* p) {
-  return static_cast<uint16_t>(p[0] | p[1] << 8);
-}
+inline uint16_t Get16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | p[1] << 8); }
 
 // The native slot of a counted field is {int32 count; T* data}; that of a
 // pointer field is the bare pointer (one element). These read and store the
@@ -166,7 +164,9 @@ class Encoder {
         const int bits = BaseDataBits(b.data_type);
         if (bits == 0 || b.rows < 0 || b.columns < 0) return Fail("bad base data in " + Where(f));
         const uint64_t bytes = (static_cast<uint64_t>(b.rows) * static_cast<uint64_t>(b.columns) *
-                                    static_cast<uint64_t>(bits) + 7) / 8;
+                                    static_cast<uint64_t>(bits) +
+                                7) /
+                               8;
         if (bytes != static_cast<uint64_t>(b.byte_count < 0 ? 0 : b.byte_count) ||
             (bytes > 0 && !b.data)) {
           return Fail("base data size does not match its shape in " + Where(f));
@@ -252,13 +252,13 @@ class Decoder {
           *error_ = "pointer " + Where(f) + " holds " + std::to_string(count) + " values";
           return false;
         }
-        const size_t least = std::max<size_t>(1, f.IsObject() ? f.design->disk_min
-                                                 : f.base == EMIF_T_BASEDATA
-                                                     ? 12
-                                                     : DiskScalarSize(f.base));
+        const size_t least =
+            std::max<size_t>(1, f.IsObject()                ? f.design->disk_min
+                                : f.base == EMIF_T_BASEDATA ? 12
+                                                            : DiskScalarSize(f.base));
         if (count > 0x7fffffffu || static_cast<uint64_t>(count) * least > n_ - pos_) {
-          *error_ = "count " + std::to_string(count) + " of " + Where(f) +
-                    " exceeds the data (" + std::to_string(n_ - pos_) + " bytes left)";
+          *error_ = "count " + std::to_string(count) + " of " + Where(f) + " exceeds the data (" +
+                    std::to_string(n_ - pos_) + " bytes left)";
           return false;
         }
         if (f.IsString()) return String(f, p, count);
@@ -328,7 +328,9 @@ class Decoder {
           return false;
         }
         const uint64_t bytes = (static_cast<uint64_t>(b.rows) * static_cast<uint64_t>(b.columns) *
-                                    static_cast<uint64_t>(bits) + 7) / 8;
+                                    static_cast<uint64_t>(bits) +
+                                7) /
+                               8;
         if (bytes > n_ - pos_) {
           *error_ = "base data of " + Where(f) + " exceeds the data";
           return false;
@@ -565,7 +567,8 @@ bool CopyElements(const Field& f, const uint8_t* src, uint8_t* dst, size_t count
       t->data = nullptr;
       t->byte_count = 0;
       if (s->data && s->byte_count > 0) {
-        t->data = static_cast<unsigned char*>(emsc_MemDup(s->data, static_cast<size_t>(s->byte_count)));
+        t->data =
+            static_cast<unsigned char*>(emsc_MemDup(s->data, static_cast<size_t>(s->byte_count)));
         if (!t->data) {
           *error = "Out of memory";
           return false;
@@ -578,7 +581,6 @@ bool CopyElements(const Field& f, const uint8_t* src, uint8_t* dst, size_t count
   std::memcpy(dst, src, f.elem_size * count);
   return true;
 }
-
 
 // ---- conversion between designs (fields matched by name) ------------------
 
@@ -689,8 +691,8 @@ bool ConvertElement(const Field& a, const uint8_t* s, const Field& b, uint8_t* t
   return true;
 }
 
-bool ConvertField(const Field& a, const uint8_t* s, const Field& b, uint8_t* t,
-                  std::string* error, int depth) {
+bool ConvertField(const Field& a, const uint8_t* s, const Field& b, uint8_t* t, std::string* error,
+                  int depth) {
   // The source as (count, elements).
   int32_t count = a.fixed_count;
   const uint8_t* data = s;
@@ -719,8 +721,8 @@ bool ConvertField(const Field& a, const uint8_t* s, const Field& b, uint8_t* t,
   StoreBlock(b.shape, t, count, block);
   for (int32_t i = 0; i < count; ++i) {
     if (!ConvertElement(a, data + a.elem_size * static_cast<size_t>(i), b,
-                        static_cast<uint8_t*>(block) + b.elem_size * static_cast<size_t>(i),
-                        error, depth)) {
+                        static_cast<uint8_t*>(block) + b.elem_size * static_cast<size_t>(i), error,
+                        depth)) {
       return false;
     }
   }

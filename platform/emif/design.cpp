@@ -190,9 +190,8 @@ DesignRef BuildDesign(const std::string& name, std::vector<Field> fields, std::s
     f.wname = FromUtf8(f.name);
     f.base = f.code & 0xff;
     const int modifier = f.code & ~0xff;
-    if (DiskTypeChar(f.base) == 0 ||
-        (modifier != 0 && modifier != EMIF_M_FIXED && modifier != EMIF_M_COUNTED &&
-         modifier != EMIF_M_POINTER)) {
+    if (DiskTypeChar(f.base) == 0 || (modifier != 0 && modifier != EMIF_M_FIXED &&
+                                      modifier != EMIF_M_COUNTED && modifier != EMIF_M_POINTER)) {
       *error = "Unknown type code " + std::to_string(f.code) + " of field " + f.name;
       return nullptr;
     }
@@ -343,7 +342,8 @@ Emif_Design* emif_DesignCreate(const Etxt_Char* name, ...) {
     ErrorFrame frame(L"emif_DesignCreate", err);
     EERR_FAIL(frame, nullptr, L"A field of design %s has no name", name ? name : L"");
   }
-  return emif_DesignCreateFromFields(name, fields_in.data(), static_cast<int>(fields_in.size()), err);
+  return emif_DesignCreateFromFields(name, fields_in.data(), static_cast<int>(fields_in.size()),
+                                     err);
 }
 
 Emif_Design* emif_DesignCreateFromFields(const Etxt_Char* name, const Emif_FieldSpec* fields_in,

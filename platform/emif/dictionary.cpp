@@ -47,8 +47,8 @@ class Parser {
     out_ = out;
     error_ = error;
     for (;;) {
-      while (pos_ < n_ && (t_[pos_] == ' ' || t_[pos_] == '\n' || t_[pos_] == '\r' ||
-                           t_[pos_] == '\t')) {
+      while (pos_ < n_ &&
+             (t_[pos_] == ' ' || t_[pos_] == '\n' || t_[pos_] == '\r' || t_[pos_] == '\t')) {
         ++pos_;
       }
       if (pos_ >= n_ || t_[pos_] == '.' || t_[pos_] == '\0') return true;
@@ -70,8 +70,7 @@ class Parser {
   // Text up to the next ',' (consumed).
   bool Item(std::string* s) {
     const size_t start = pos_;
-    while (pos_ < n_ && t_[pos_] != ',' && t_[pos_] != '\0' && t_[pos_] != '{' &&
-           t_[pos_] != '}') {
+    while (pos_ < n_ && t_[pos_] != ',' && t_[pos_] != '\0' && t_[pos_] != '{' && t_[pos_] != '}') {
       ++pos_;
     }
     if (pos_ >= n_ || t_[pos_] != ',') return Fail("',' expected");
@@ -241,8 +240,8 @@ bool Dictionary::Parse(const char* text, size_t length, Dictionary* out, std::st
       if (rf.pointer == 'p') {
         f.code = EMIF_M_COUNTED | base;
       } else if (rf.pointer == '*') {
-        f.code = base == EMIF_T_OBJECT ? (EMIF_M_POINTER | EMIF_T_OBJECT_PTR)
-                                       : (EMIF_M_POINTER | base);
+        f.code =
+            base == EMIF_T_OBJECT ? (EMIF_M_POINTER | EMIF_T_OBJECT_PTR) : (EMIF_M_POINTER | base);
       } else if (rf.count == 1) {
         f.code = base;
       } else if (rf.count > 1) {
@@ -325,8 +324,7 @@ Emsc_Boolean emif_DictionaryAddDesign(Emif_Dictionary* dictionary, const Emif_De
   return EMSC_TRUE;
 }
 
-const Emif_Design* emif_FindDesignByName(const Emif_Dictionary* dictionary,
-                                         const Etxt_Char* name) {
+const Emif_Design* emif_FindDesignByName(const Emif_Dictionary* dictionary, const Etxt_Char* name) {
   if (!dictionary || !name) return nullptr;
   Emif_Dictionary* d = const_cast<Emif_Dictionary*>(dictionary);
   return d->Handle(d->dict.Find(kzdv::ToUtf8(name)));
@@ -366,7 +364,6 @@ Emif_Dictionary* emif_DictionaryFromText(const char* text, size_t length, Eerr_E
   std::unique_ptr<Emif_Dictionary> d(new (std::nothrow) Emif_Dictionary);
   EERR_FAIL_IF(!d, frame, nullptr, L"Out of memory");
   std::string error;
-  EERR_FAIL_IF(!Dictionary::Parse(text, length, &d->dict, &error), frame, nullptr, L"%s",
-               W(error));
+  EERR_FAIL_IF(!Dictionary::Parse(text, length, &d->dict, &error), frame, nullptr, L"%s", W(error));
   return d.release();
 }

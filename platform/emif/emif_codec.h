@@ -33,16 +33,16 @@ using DesignRef = std::shared_ptr<const DesignImpl>;
 struct Field {
   std::string name;  // UTF-8
   std::wstring wname;
-  int code = 0;   // as given
-  int base = 0;   // low byte of the code
+  int code = 0;  // as given
+  int base = 0;  // low byte of the code
   Shape shape = Shape::kSingle;
   int fixed_count = 1;
   std::vector<std::string> enum_names;
   std::vector<std::wstring> wenum_names;
-  std::vector<const Etxt_Char*> wenum_ptrs;  // closed by a null
-  DesignRef design;                          // object fields
+  std::vector<const Etxt_Char*> wenum_ptrs;   // closed by a null
+  DesignRef design;                           // object fields
   std::shared_ptr<const Emif_Design> handle;  // of `design`, for emif_DesignFieldGet
-  size_t offset = 0;                         // memory record
+  size_t offset = 0;                          // memory record
   size_t size = 0;
   size_t align = 1;
   size_t elem_size = 0;  // memory size of one element

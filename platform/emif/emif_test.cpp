@@ -1,6 +1,8 @@
 // Designs, dictionaries and the object codec. Truth: the C compiler's struct
 // layout (offsetof), the dictionary text GDAL writes into its HFA files, and
 // hand-built packed bytes of the public format.
+#include "emif.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -8,8 +10,6 @@
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include "emif.h"
 
 namespace {
 
@@ -67,8 +67,8 @@ DesignPtr EverythingDesign(const Emif_Design* sub) {
   DesignPtr d = Own(emif_DesignCreate(
       L"Everything", 0xc, L"id", 0x208, L"text", 0xe, L"x", 3, L"flag", L"FALSE", L"TRUE",
       (Etxt_Char*)nullptr, 0x10d, L"color", 3, 0x10e, L"affine", 6, 0x20c, L"ints", 0x20e,
-      L"doubles", 0x207, L"bytes", 0x202, L"subs", sub, 0x402, L"pointed", sub, 0x002,
-      L"inplace", sub, 0xd, L"f", 0x009, L"u16", 1, L"pointed_too", sub, 0, &err));
+      L"doubles", 0x207, L"bytes", 0x202, L"subs", sub, 0x402, L"pointed", sub, 0x002, L"inplace",
+      sub, 0xd, L"f", 0x009, L"u16", 1, L"pointed_too", sub, 0, &err));
   EXPECT_TRUE(d) << err.Text();
   return d;
 }
@@ -79,14 +79,12 @@ TEST(EmifDesign, MemoryLayoutMatchesTheCompiler) {
   ASSERT_TRUE(d);
   EXPECT_EQ(emif_DesignSizeGet(d.get()), sizeof(Everything));
   EXPECT_EQ(emif_DesignSizeGet(sub.get()), sizeof(Sub));
-  const size_t expected[] = {offsetof(Everything, id),       offsetof(Everything, text),
-                             offsetof(Everything, x),        offsetof(Everything, flag),
-                             offsetof(Everything, color),    offsetof(Everything, affine),
-                             offsetof(Everything, ints),     offsetof(Everything, doubles),
-                             offsetof(Everything, bytes),    offsetof(Everything, subs),
-                             offsetof(Everything, pointed),  offsetof(Everything, inplace),
-                             offsetof(Everything, f),        offsetof(Everything, u16),
-                             offsetof(Everything, pointed_too)};
+  const size_t expected[] = {
+      offsetof(Everything, id),   offsetof(Everything, text),    offsetof(Everything, x),
+      offsetof(Everything, flag), offsetof(Everything, color),   offsetof(Everything, affine),
+      offsetof(Everything, ints), offsetof(Everything, doubles), offsetof(Everything, bytes),
+      offsetof(Everything, subs), offsetof(Everything, pointed), offsetof(Everything, inplace),
+      offsetof(Everything, f),    offsetof(Everything, u16),     offsetof(Everything, pointed_too)};
   ASSERT_EQ(emif_DesignFieldCount(d.get()), 15);
   for (int i = 0; i < 15; ++i) {
     Emif_FieldInfo info;
@@ -113,9 +111,9 @@ TEST(EmifDesign, TextMatchesWhatGdalWrites) {
                                         L"b", 0xe, L"eSquared", 0xe, L"radius", 0, &err));
   ASSERT_TRUE(sph) << err.Text();
   DesignPtr pro = Own(emif_DesignCreate(
-      L"Eprj_ProParameters", 3, L"proType", L"EPRJ_INTERNAL", L"EPRJ_EXTERNAL",
-      (Etxt_Char*)nullptr, 0xb, L"proNumber", 0x208, L"proExeName", 0x208, L"proName", 0xb,
-      L"proZone", 0x20e, L"proParams", 0x401, L"proSpheroid", sph.get(), 0, &err));
+      L"Eprj_ProParameters", 3, L"proType", L"EPRJ_INTERNAL", L"EPRJ_EXTERNAL", (Etxt_Char*)nullptr,
+      0xb, L"proNumber", 0x208, L"proExeName", 0x208, L"proName", 0xb, L"proZone", 0x20e,
+      L"proParams", 0x401, L"proSpheroid", sph.get(), 0, &err));
   ASSERT_TRUE(pro) << err.Text();
   char* t1 = emif_DesignTextGet(sph.get(), &err);
   char* t2 = emif_DesignTextGet(pro.get(), &err);

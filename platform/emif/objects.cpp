@@ -77,8 +77,7 @@ unsigned char* emif_ObjectEncode(const Emif_Design* design, const void* object,
   std::vector<uint8_t> bytes;
   std::string error;
   EERR_FAIL_IF(!Encode(*design->impl, object, base_offset, &bytes, &error), frame, nullptr,
-               L"Cannot encode an object of design %s: %s", design->impl->wname.c_str(),
-               W(error));
+               L"Cannot encode an object of design %s: %s", design->impl->wname.c_str(), W(error));
   unsigned char* out = static_cast<unsigned char*>(emsc_MemDup(bytes.data(), bytes.size()));
   EERR_FAIL_IF(!out, frame, nullptr, L"Out of memory");
   *size = static_cast<uint32_t>(bytes.size());
@@ -130,8 +129,7 @@ Emsc_Boolean emif_MIFableObjectConvertToMIF(const Emif_Design* design, const voi
   std::vector<uint8_t> packed;
   std::string error;
   EERR_FAIL_IF(!Encode(*design->impl, object, 0, &packed, &error), frame, EMSC_FALSE,
-               L"Cannot encode an object of design %s: %s", design->impl->wname.c_str(),
-               W(error));
+               L"Cannot encode an object of design %s: %s", design->impl->wname.c_str(), W(error));
   Dictionary dict;
   dict.Add(design->impl);
   Emif_CountedString name{}, text{};

@@ -28,15 +28,17 @@ extern "C" Eprj_ElevationInfo* eprj_ElevationInfoRead(const Etxt_Char* fileName,
   EERR_FAIL_IF(!fileName || !*fileName, frame, nullptr, L"No file name");
   GDALAllRegister();
   const std::string name = kzdv::ToUtf8(fileName);
-  GDALDatasetH ds = GDALOpenEx(name.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY, nullptr, nullptr, nullptr);
+  GDALDatasetH ds =
+      GDALOpenEx(name.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY, nullptr, nullptr, nullptr);
   EERR_FAIL_IF(!ds, frame, nullptr, L"Cannot open %s", fileName);
   struct Closer {
     GDALDatasetH ds;
     ~Closer() { GDALClose(ds); }
   } closer{ds};
-  EERR_FAIL_IF(band < 1 || band > GDALGetRasterCount(ds), frame, nullptr,
-               L"%s has no band %ld", fileName, band);
-  const std::wstring unit = UnitName(GDALGetRasterUnitType(GDALGetRasterBand(ds, static_cast<int>(band))));
+  EERR_FAIL_IF(band < 1 || band > GDALGetRasterCount(ds), frame, nullptr, L"%s has no band %ld",
+               fileName, band);
+  const std::wstring unit =
+      UnitName(GDALGetRasterUnitType(GDALGetRasterBand(ds, static_cast<int>(band))));
   std::wstring spheroid = L"Undefined", datum = L"Undefined";
   if (OGRSpatialReferenceH h = GDALGetSpatialRef(ds)) {
     const OGRSpatialReference* srs = OGRSpatialReference::FromHandle(h);

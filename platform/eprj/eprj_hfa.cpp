@@ -3,6 +3,8 @@
 // we write GDAL reads and the other way round; a layer keeps its parameters in
 // a child "Projection" (with a child "Datum") and its map info in "Map_Info",
 // a block file keeps them at the root as "Eprj_ProParameters".
+#include "eprj_hfa.h"
+
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -13,9 +15,8 @@
 #include "ehfa.h"
 #include "emif.h"
 #include "eprj.h"
-#include "eprj_hfa.h"
-#include "platform/eprj/eprj_internal.h"
 #include "exfr.h"
+#include "platform/eprj/eprj_internal.h"
 
 namespace {
 
@@ -101,19 +102,18 @@ const Designs& TheDesigns() {
     d.datum = emif_FindDesignByName(d.dictionary, L"Eprj_Datum");
     d.mapinfo = emif_FindDesignByName(d.dictionary, L"Eprj_MapInfo");
     d.elevation = emif_FindDesignByName(d.dictionary, L"Eprj_ElevationInfo");
-    const bool layout =
-        d.spheroid && d.pro && d.datum && d.mapinfo && d.elevation &&
-        emif_DesignSizeGet(d.spheroid) == sizeof(MifSpheroid) &&
-        emif_DesignSizeGet(d.pro) == sizeof(MifProParameters) &&
-        emif_DesignSizeGet(d.datum) == sizeof(MifDatum) &&
-        emif_DesignSizeGet(d.mapinfo) == sizeof(MifMapInfo) &&
-        emif_DesignSizeGet(d.elevation) == sizeof(MifElevationInfo) &&
-        FieldAt(d.pro, L"proParams", offsetof(MifProParameters, proParams)) &&
-        FieldAt(d.pro, L"proSpheroid", offsetof(MifProParameters, proSpheroid)) &&
-        FieldAt(d.pro, L"proZone", offsetof(MifProParameters, proZone)) &&
-        FieldAt(d.spheroid, L"radius", offsetof(MifSpheroid, radius)) &&
-        FieldAt(d.datum, L"gridname", offsetof(MifDatum, gridname)) &&
-        FieldAt(d.mapinfo, L"units", offsetof(MifMapInfo, units));
+    const bool layout = d.spheroid && d.pro && d.datum && d.mapinfo && d.elevation &&
+                        emif_DesignSizeGet(d.spheroid) == sizeof(MifSpheroid) &&
+                        emif_DesignSizeGet(d.pro) == sizeof(MifProParameters) &&
+                        emif_DesignSizeGet(d.datum) == sizeof(MifDatum) &&
+                        emif_DesignSizeGet(d.mapinfo) == sizeof(MifMapInfo) &&
+                        emif_DesignSizeGet(d.elevation) == sizeof(MifElevationInfo) &&
+                        FieldAt(d.pro, L"proParams", offsetof(MifProParameters, proParams)) &&
+                        FieldAt(d.pro, L"proSpheroid", offsetof(MifProParameters, proSpheroid)) &&
+                        FieldAt(d.pro, L"proZone", offsetof(MifProParameters, proZone)) &&
+                        FieldAt(d.spheroid, L"radius", offsetof(MifSpheroid, radius)) &&
+                        FieldAt(d.datum, L"gridname", offsetof(MifDatum, gridname)) &&
+                        FieldAt(d.mapinfo, L"units", offsetof(MifMapInfo, units));
     if (!layout) d.fault = L"The projection designs do not have the expected memory layout";
     return d;
   }();
@@ -143,11 +143,16 @@ long GetLong(const Emif_Design* d, const void* obj, const wchar_t* name, long df
   if (!Field(d, name, &f)) return dflt;
   switch (f.code & 0xff) {
     case EMIF_T_ENUM:
-    case EMIF_T_LONG: return *At<int32_t>(obj, f);
-    case EMIF_T_ULONG: return static_cast<long>(*At<uint32_t>(obj, f));
-    case EMIF_T_SHORT: return *At<int16_t>(obj, f);
-    case EMIF_T_USHORT: return *At<uint16_t>(obj, f);
-    default: return dflt;
+    case EMIF_T_LONG:
+      return *At<int32_t>(obj, f);
+    case EMIF_T_ULONG:
+      return static_cast<long>(*At<uint32_t>(obj, f));
+    case EMIF_T_SHORT:
+      return *At<int16_t>(obj, f);
+    case EMIF_T_USHORT:
+      return *At<uint16_t>(obj, f);
+    default:
+      return dflt;
   }
 }
 
@@ -224,9 +229,11 @@ void* ProToMif(const Eprj_ProParameters& p, kzdv::ErrorFrame& frame) {
   m->proType = p.proType;
   m->proNumber = static_cast<uint32_t>(p.proNumber);
   m->proZone = static_cast<uint32_t>(p.proZone);
-  bool ok = SetString(&m->proExeName, p.proExeName) && SetString(&m->proName, p.proName ? p.proName : L"");
+  bool ok = SetString(&m->proExeName, p.proExeName) &&
+            SetString(&m->proName, p.proName ? p.proName : L"");
   if (ok && p.proParams.count > 0 && p.proParams.data) {
-    m->proParams.data = static_cast<double*>(emsc_MemDup(p.proParams.data, sizeof(double) * p.proParams.count));
+    m->proParams.data =
+        static_cast<double*>(emsc_MemDup(p.proParams.data, sizeof(double) * p.proParams.count));
     ok = m->proParams.data != nullptr;
     if (ok) m->proParams.count = p.proParams.count;
   }
@@ -263,7 +270,8 @@ void* DatumToMif(const Eprj_Datum& datum, kzdv::ErrorFrame& frame) {
   bool ok = SetString(&m->datumname, datum.datumname ? datum.datumname : L"") &&
             SetString(&m->gridname, datum.gridname);
   if (ok && datum.params.count > 0 && datum.params.data) {
-    m->params.data = static_cast<double*>(emsc_MemDup(datum.params.data, sizeof(double) * datum.params.count));
+    m->params.data =
+        static_cast<double*>(emsc_MemDup(datum.params.data, sizeof(double) * datum.params.count));
     ok = m->params.data != nullptr;
     if (ok) m->params.count = datum.params.count;
   }
@@ -302,7 +310,8 @@ Eprj_ProParameters* ProFromMif(const Emif_Design* d, const void* obj, const Emif
             Dup(GetString(d, obj, L"proName"), &p->proName);
   const std::vector<double> params = GetDoubles(d, obj, L"proParams");
   if (ok && !params.empty()) {
-    p->proParams.data = static_cast<double*>(emsc_MemDup(params.data(), sizeof(double) * params.size()));
+    p->proParams.data =
+        static_cast<double*>(emsc_MemDup(params.data(), sizeof(double) * params.size()));
     ok = p->proParams.data != nullptr;
     if (ok) p->proParams.count = static_cast<int>(params.size());
   }
@@ -413,8 +422,9 @@ Emsc_Boolean eprj_ProParametersWrite(Ehfa_File* file, const Etxt_Char* path, con
   const Designs& d = TheDesigns();
   MifObject rec{d.pro, ProToMif(*parameters, frame)};
   if (!rec.object) return EMSC_FALSE;
-  EERR_CHECK(ehfa_ObjectWrite(file, at, node, EHFA_WRITE_REPLACE, d.pro, rec.object, frame.Callee()),
-             frame, EMSC_FALSE, L"ehfa_ObjectWrite failed");
+  EERR_CHECK(
+      ehfa_ObjectWrite(file, at, node, EHFA_WRITE_REPLACE, d.pro, rec.object, frame.Callee()),
+      frame, EMSC_FALSE, L"ehfa_ObjectWrite failed");
   const Eprj_Datum* datum = parameters->proSpheroid ? parameters->proSpheroid->datum : nullptr;
   if (datum) {
     MifObject drec{d.datum, DatumToMif(*datum, frame)};
@@ -487,13 +497,14 @@ Exfr_XForm* eprj_MapInfoToFileXForm(const Eprj_MapInfo* info, Eerr_ErrorReport**
   EERR_FAIL_IF(!info, frame, nullptr, L"No map info");
   const double w = info->pixelSize.width, h = info->pixelSize.height;
   EERR_FAIL_IF(!std::isfinite(w) || !std::isfinite(h) || w == 0.0 || h == 0.0 ||
-                   !std::isfinite(info->upperLeftCenter.x) || !std::isfinite(info->upperLeftCenter.y),
+                   !std::isfinite(info->upperLeftCenter.x) ||
+                   !std::isfinite(info->upperLeftCenter.y),
                frame, nullptr, L"Map info with pixel size %g x %g cannot address pixels", w, h);
   // Map y grows north, rows grow south; the pixel size is positive.
   const double x0 = info->upperLeftCenter.x - 0.5 * std::fabs(w);
   const double y0 = info->upperLeftCenter.y + 0.5 * std::fabs(h);
-  const double c[6] = {1.0 / std::fabs(w), 0.0, -x0 / std::fabs(w),
-                       0.0, -1.0 / std::fabs(h), y0 / std::fabs(h)};
+  const double c[6] = {1.0 / std::fabs(w), 0.0, -x0 / std::fabs(w), 0.0, -1.0 / std::fabs(h),
+                       y0 / std::fabs(h)};
   Exfr_XForm* x = exfr_AffineXFormCreate(c, frame.Callee());
   EERR_CHECK(x, frame, nullptr, L"exfr_AffineXFormCreate failed");
   return x;

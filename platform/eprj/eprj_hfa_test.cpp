@@ -1,8 +1,7 @@
 // Projection records in HFA files written by GDAL and read by GDAL, compared
 // with what GDAL's gdalsrsinfo says about the same files.
-#include <gtest/gtest.h>
-
 #include <gdal.h>
+#include <gtest/gtest.h>
 #include <ogr_spatialref.h>
 
 #include <cstdio>
@@ -72,7 +71,8 @@ bool GdalProject(const std::string& wkt, double lon, double lat, double* x, doub
   srs.SetAxisMappingStrategy(OAMS_TRADITIONAL_GIS_ORDER);
   std::unique_ptr<OGRSpatialReference> geog(srs.CloneGeogCS());
   geog->SetAxisMappingStrategy(OAMS_TRADITIONAL_GIS_ORDER);
-  std::unique_ptr<OGRCoordinateTransformation> ct(OGRCreateCoordinateTransformation(geog.get(), &srs));
+  std::unique_ptr<OGRCoordinateTransformation> ct(
+      OGRCreateCoordinateTransformation(geog.get(), &srs));
   *x = lon;
   *y = lat;
   return ct && ct->Transform(1, x, y);
@@ -122,7 +122,8 @@ TEST(EprjHfa, ParametersInGdalWrittenFilesAgreeWithGdalsrsinfo) {
     ASSERT_TRUE(p) << Report(err);
     EXPECT_EQ(p->proType, EPRJ_INTERNAL);
     // GDAL stores UTM as transverse Mercator (its default); either is fine.
-    EXPECT_TRUE(p->proNumber == s.number || (s.number == EPRJ_TRANSVERSE_MERCATOR && p->proNumber == EPRJ_UTM))
+    EXPECT_TRUE(p->proNumber == s.number ||
+                (s.number == EPRJ_TRANSVERSE_MERCATOR && p->proNumber == EPRJ_UTM))
         << p->proNumber;
     ASSERT_TRUE(p->proSpheroid);
     EXPECT_NEAR(p->proSpheroid->a, gdal.GetSemiMajor(), 1e-6);
@@ -149,18 +150,22 @@ TEST(EprjHfa, ParametersWeWriteAreWhatGdalReads) {
   testutil::ScratchDir dir("eprjhfaw");
   // Oblique stereographic on Bessel, datum named, into a GDAL-made raster.
   const std::string img = MakeImg(dir, "ours.img", 0);
-  double params[EPRJ_PARAMETER_COUNT] = {0, 0, 0.9999079, 0, 5.38763888888889 * kDeg,
-                                         52.15616055555555 * kDeg, 155000, 463000};
+  double params[EPRJ_PARAMETER_COUNT] = {
+      0, 0, 0.9999079, 0, 5.38763888888889 * kDeg, 52.15616055555555 * kDeg, 155000, 463000};
   Pro p(eprj_ProParametersCreate(EPRJ_DOUBLE_STEREOGRAPHIC, L"Double Stereographic", 0, params,
                                  L"Bessel 1841", L"Amersfoort", nullptr));
   ASSERT_TRUE(p);
-  Eprj_MapInfo info = {const_cast<Etxt_Char*>(L"Double Stereographic"), {155005, 463005},
-                       {155035, 462975}, {10, 10}, const_cast<Etxt_Char*>(L"meters")};
+  Eprj_MapInfo info = {const_cast<Etxt_Char*>(L"Double Stereographic"),
+                       {155005, 463005},
+                       {155035, 462975},
+                       {10, 10},
+                       const_cast<Etxt_Char*>(L"meters")};
   Eerr_ErrorReport* err = nullptr;
   {
     File f(ehfa_FileOpen(kzdv::FromUtf8(img).c_str(), "r+b", nullptr, &err));
     ASSERT_TRUE(f) << Report(err);
-    ASSERT_TRUE(eprj_ProParametersWrite(f.get(), L":Layer_1", L"Projection", p.get(), &err)) << Report(err);
+    ASSERT_TRUE(eprj_ProParametersWrite(f.get(), L":Layer_1", L"Projection", p.get(), &err))
+        << Report(err);
     ASSERT_TRUE(eprj_MapInfoWrite(f.get(), L":Layer_1", &info, &err)) << Report(err);
   }
   // Our reader gives back what we wrote.
@@ -251,7 +256,8 @@ TEST(EprjHfa, MifFormsRoundTripAndMissingNodesAreReported) {
   eprj_ProjectionFree(proj2);
   emif_DictionaryDestroy(dict);
 
-  Eprj_ElevationInfo* e = eprj_ElevationInfoCreateByName(L"WGS 84", L"EGM96", L"meter", L"height", nullptr);
+  Eprj_ElevationInfo* e =
+      eprj_ElevationInfoCreateByName(L"WGS 84", L"EGM96", L"meter", L"height", nullptr);
   ASSERT_TRUE(eprj_ElevationInfoConvertToMIFable(e, &design, &object, nullptr));
   Eprj_ElevationInfo* e2 = eprj_ElevationInfoConvertFromMIFable(design, object, nullptr);
   ASSERT_TRUE(e2);

@@ -22,9 +22,9 @@ struct SpheroidDef {
 struct DatumDef {
   const wchar_t* name;
   const wchar_t* spheroid;
-  int epsg_geographic;    // EPSG code of its geographic CRS, 0 when none
+  int epsg_geographic;  // EPSG code of its geographic CRS, 0 when none
   Eprj_DatumType type;
-  const wchar_t* grid;    // grid name for EPRJ_DATUM_GRID
+  const wchar_t* grid;  // grid name for EPRJ_DATUM_GRID
 };
 
 // Table entries by name (case and the spelling variants listed in the

@@ -1,6 +1,7 @@
 // Projection objects: parameters turned into a PROJ operation that converts
 // between map coordinates (metres) and geographic longitude/latitude
 // (radians) on the projection's own spheroid.
+#include <cpl_conv.h>
 #include <proj.h>
 
 #include <cmath>
@@ -10,8 +11,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <cpl_conv.h>
 
 #include "eerr_frame.hpp"
 #include "eprj.h"
@@ -51,9 +50,12 @@ bool ProjDefinition(const Eprj_ProParameters& p, std::string& def, std::wstring&
     return true;
   }
   if (p.proNumber == EPRJ_PSEUDO_MERCATOR) {
-    auto at = [&](int i) { return i < p.proParams.count && p.proParams.data ? p.proParams.data[i] : 0.0; };
+    auto at = [&](int i) {
+      return i < p.proParams.count && p.proParams.data ? p.proParams.data[i] : 0.0;
+    };
     char buf[256];
-    std::snprintf(buf, sizeof buf, "+proj=webmerc +lon_0=%.17g +x_0=%.17g +y_0=%.17g +a=%.17g +b=%.17g +units=m",
+    std::snprintf(buf, sizeof buf,
+                  "+proj=webmerc +lon_0=%.17g +x_0=%.17g +y_0=%.17g +a=%.17g +b=%.17g +units=m",
                   at(4) * 57.29577951308232, at(6), at(7), p.proSpheroid->a, p.proSpheroid->b);
     def = buf;
     return true;
@@ -71,16 +73,18 @@ bool ProjDefinition(const Eprj_ProParameters& p, std::string& def, std::wstring&
   CPLFree(p4);
   std::ostringstream out;
   std::string tok;
-  static const char* const kDrop[] = {"+units=", "+to_meter=", "+no_defs", "+type=", "+datum=",
-                                      "+towgs84=", "+nadgrids=", "+wktext", "+ellps=", "+a=",
-                                      "+b=", "+rf=", "+f=", "+R=", "+geoidgrids="};
+  static const char* const kDrop[] = {"+units=", "+to_meter=", "+no_defs",    "+type=",
+                                      "+datum=", "+towgs84=",  "+nadgrids=",  "+wktext",
+                                      "+ellps=", "+a=",        "+b=",         "+rf=",
+                                      "+f=",     "+R=",        "+geoidgrids="};
   while (in >> tok) {
     bool drop = false;
     for (const char* d : kDrop) drop = drop || tok.compare(0, std::strlen(d), d) == 0;
     if (!drop) out << tok << ' ';
   }
   char axes[96];
-  std::snprintf(axes, sizeof axes, "+a=%.17g +b=%.17g +units=m", p.proSpheroid->a, p.proSpheroid->b);
+  std::snprintf(axes, sizeof axes, "+a=%.17g +b=%.17g +units=m", p.proSpheroid->a,
+                p.proSpheroid->b);
   out << axes;
   def = out.str();
   return true;
@@ -127,13 +131,15 @@ bool Convert(const Eprj_MapProjection* projection, Efga_Matrix* points, PJ_DIREC
       if (ok && dir == PJ_FWD) {
         ok = std::fabs(x) <= kMaxMapCoordinate && std::fabs(y) <= kMaxMapCoordinate;
         const double dlon = std::remainder(back[2 * i] - x0, 2 * M_PI) * std::cos(y0);
-        ok = ok && std::fabs(dlon) <= kAngleRoundTrip && std::fabs(back[2 * i + 1] - y0) <= kAngleRoundTrip;
+        ok = ok && std::fabs(dlon) <= kAngleRoundTrip &&
+             std::fabs(back[2 * i + 1] - y0) <= kAngleRoundTrip;
       } else if (ok) {
         ok = std::fabs(back[2 * i] - x0) <= kMapRoundTrip &&
              std::fabs(back[2 * i + 1] - y0) <= kMapRoundTrip && std::fabs(y) <= kHalfPi + 1e-12;
       }
       if (!ok) {
-        frame.Fail(__LINE__, L"Point %ld (%.10g, %.10g) is outside the projection's domain", i, x0, y0);
+        frame.Fail(__LINE__, L"Point %ld (%.10g, %.10g) is outside the projection's domain", i, x0,
+                   y0);
         return false;
       }
     }
@@ -142,7 +148,8 @@ bool Convert(const Eprj_MapProjection* projection, Efga_Matrix* points, PJ_DIREC
   return true;
 }
 
-Emsc_Boolean ToLL(const Eprj_MapProjection* projection, Efga_Matrix* points, Eerr_ErrorReport** err) {
+Emsc_Boolean ToLL(const Eprj_MapProjection* projection, Efga_Matrix* points,
+                  Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"toLL";
   kzdv::ErrorFrame frame(kFn, err);
   return Convert(projection, points, PJ_INV, frame) ? EMSC_TRUE : EMSC_FALSE;
@@ -225,7 +232,8 @@ Emsc_Boolean ConvertArrays(const Eprj_MapProjection* projection, long count, dou
 
 extern "C" {
 
-Eprj_MapProjection* eprj_ProjectionInit(const Eprj_ProParameters* parameters, Eerr_ErrorReport** err) {
+Eprj_MapProjection* eprj_ProjectionInit(const Eprj_ProParameters* parameters,
+                                        Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"eprj_ProjectionInit";
   kzdv::ErrorFrame frame(kFn, err);
   try {
@@ -251,7 +259,8 @@ void eprj_ProjectionFree(Eprj_MapProjection* projection) {
   emsc_HeapFree(projection);
 }
 
-Eprj_MapProjection* eprj_ProjectionCopy(const Eprj_MapProjection* projection, Eerr_ErrorReport** err) {
+Eprj_MapProjection* eprj_ProjectionCopy(const Eprj_MapProjection* projection,
+                                        Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"eprj_ProjectionCopy";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!projection, frame, nullptr, L"No projection");

@@ -1,8 +1,7 @@
 // Projections against PROJ's cs2cs run on the fly, WKT round trips through
 // GDAL, and the reports for bad parameters and points.
-#include <gtest/gtest.h>
-
 #include <gdal.h>
+#include <gtest/gtest.h>
 #include <ogr_spatialref.h>
 
 #include <cmath>
@@ -16,8 +15,8 @@
 namespace {
 
 constexpr double kDeg = 0.017453292519943295;
-constexpr double kMapTolerance = 1e-3;        // metres
-constexpr double kAngleTolerance = 1e-9;      // degrees
+constexpr double kMapTolerance = 1e-3;    // metres
+constexpr double kAngleTolerance = 1e-9;  // degrees
 
 struct ProDeleter {
   void operator()(Eprj_ProParameters* p) const { eprj_ProParametersFree(p); }
@@ -39,8 +38,8 @@ struct Case {
   std::vector<double> params;  // GCTP layout, angles in degrees here
   const wchar_t* spheroid;
   const wchar_t* datum;
-  std::string proj;             // the same system written for cs2cs
-  std::string ellps;            // its geographic system
+  std::string proj;                               // the same system written for cs2cs
+  std::string ellps;                              // its geographic system
   std::vector<std::pair<double, double>> lonlat;  // sample points, degrees
 };
 
@@ -66,60 +65,136 @@ Pro Make(const Case& c) {
 
 std::vector<Case> Cases() {
   return {
-      {"UTM 33 north", EPRJ_UTM, 33, {0, 0, 0, 1}, L"WGS 84", L"WGS 84",
-       "+proj=utm +zone=33 +ellps=WGS84", "+ellps=WGS84",
+      {"UTM 33 north",
+       EPRJ_UTM,
+       33,
+       {0, 0, 0, 1},
+       L"WGS 84",
+       L"WGS 84",
+       "+proj=utm +zone=33 +ellps=WGS84",
+       "+ellps=WGS84",
        {{15.0, 52.5}, {12.1, 0.5}, {17.9, 78.0}, {9.0, 45.0}}},
-      {"UTM 19 south", EPRJ_UTM, 19, {0, 0, 0, -1}, L"GRS 1980", L"NAD83",
-       "+proj=utm +zone=19 +south +ellps=GRS80", "+ellps=GRS80",
+      {"UTM 19 south",
+       EPRJ_UTM,
+       19,
+       {0, 0, 0, -1},
+       L"GRS 1980",
+       L"NAD83",
+       "+proj=utm +zone=19 +south +ellps=GRS80",
+       "+ellps=GRS80",
        {{-69.0, -33.4}, {-71.9, -0.1}, {-66.5, -79.9}}},
-      {"UTM 31 on International 1924", EPRJ_UTM, 31, {0, 0, 0, 1}, L"International 1924", L"ED50",
-       "+proj=utm +zone=31 +ellps=intl", "+ellps=intl", {{2.35, 48.85}, {0.1, 38.0}}},
-      {"Transverse Mercator on Bessel", EPRJ_TRANSVERSE_MERCATOR, 0,
-       {0, 0, 1.0, 0, 9.0, 0, 3500000, 0}, L"Bessel 1841", L"DHDN",
-       "+proj=tmerc +lat_0=0 +lon_0=9 +k=1 +x_0=3500000 +y_0=0 +ellps=bessel", "+ellps=bessel",
+      {"UTM 31 on International 1924",
+       EPRJ_UTM,
+       31,
+       {0, 0, 0, 1},
+       L"International 1924",
+       L"ED50",
+       "+proj=utm +zone=31 +ellps=intl",
+       "+ellps=intl",
+       {{2.35, 48.85}, {0.1, 38.0}}},
+      {"Transverse Mercator on Bessel",
+       EPRJ_TRANSVERSE_MERCATOR,
+       0,
+       {0, 0, 1.0, 0, 9.0, 0, 3500000, 0},
+       L"Bessel 1841",
+       L"DHDN",
+       "+proj=tmerc +lat_0=0 +lon_0=9 +k=1 +x_0=3500000 +y_0=0 +ellps=bessel",
+       "+ellps=bessel",
        {{9.0, 50.0}, {10.7, 47.3}, {7.2, 54.9}}},
-      {"Transverse Mercator with origin latitude", EPRJ_TRANSVERSE_MERCATOR, 0,
-       {0, 0, 0.9996012717, 0, -2.0, 49.0, 400000, -100000}, L"Airy 1830", L"OSGB 1936",
+      {"Transverse Mercator with origin latitude",
+       EPRJ_TRANSVERSE_MERCATOR,
+       0,
+       {0, 0, 0.9996012717, 0, -2.0, 49.0, 400000, -100000},
+       L"Airy 1830",
+       L"OSGB 1936",
        "+proj=tmerc +lat_0=49 +lon_0=-2 +k=0.9996012717 +x_0=400000 +y_0=-100000 +ellps=airy",
-       "+ellps=airy", {{-1.5, 51.5}, {-5.7, 50.1}, {-3.0, 58.6}}},
-      {"Lambert conformal conic, two parallels", EPRJ_LAMBERT_CONFORMAL_CONIC, 0,
-       {0, 0, 33.0, 45.0, -96.0, 23.0, 0, 0}, L"GRS 1980", L"NAD83",
+       "+ellps=airy",
+       {{-1.5, 51.5}, {-5.7, 50.1}, {-3.0, 58.6}}},
+      {"Lambert conformal conic, two parallels",
+       EPRJ_LAMBERT_CONFORMAL_CONIC,
+       0,
+       {0, 0, 33.0, 45.0, -96.0, 23.0, 0, 0},
+       L"GRS 1980",
+       L"NAD83",
        "+proj=lcc +lat_1=33 +lat_2=45 +lat_0=23 +lon_0=-96 +x_0=0 +y_0=0 +ellps=GRS80",
-       "+ellps=GRS80", {{-96.0, 23.0}, {-120.5, 47.2}, {-75.0, 30.0}}},
-      {"Lambert conformal conic, one parallel", EPRJ_LAMBERT_CONFORMAL_CONIC_1SP, 0,
-       {0, 0, 2.337229167, 46.8, 0.99987742, 600000, 2200000}, L"Clarke 1880", nullptr,
+       "+ellps=GRS80",
+       {{-96.0, 23.0}, {-120.5, 47.2}, {-75.0, 30.0}}},
+      {"Lambert conformal conic, one parallel",
+       EPRJ_LAMBERT_CONFORMAL_CONIC_1SP,
+       0,
+       {0, 0, 2.337229167, 46.8, 0.99987742, 600000, 2200000},
+       L"Clarke 1880",
+       nullptr,
        "+proj=lcc +lat_1=46.8 +lat_0=46.8 +lon_0=2.337229167 +k_0=0.99987742 +x_0=600000 "
        "+y_0=2200000 +a=6378249.145 +rf=293.465",
-       "+a=6378249.145 +rf=293.465", {{2.35, 48.85}, {-4.5, 48.4}, {7.7, 43.7}}},
-      {"Polar stereographic south", EPRJ_POLAR_STEREOGRAPHIC, 0,
-       {0, 0, 0, 0, 0.0, -71.0, 0, 0}, L"WGS 84", L"WGS 84",
-       "+proj=stere +lat_0=-90 +lat_ts=-71 +lon_0=0 +x_0=0 +y_0=0 +ellps=WGS84", "+ellps=WGS84",
+       "+a=6378249.145 +rf=293.465",
+       {{2.35, 48.85}, {-4.5, 48.4}, {7.7, 43.7}}},
+      {"Polar stereographic south",
+       EPRJ_POLAR_STEREOGRAPHIC,
+       0,
+       {0, 0, 0, 0, 0.0, -71.0, 0, 0},
+       L"WGS 84",
+       L"WGS 84",
+       "+proj=stere +lat_0=-90 +lat_ts=-71 +lon_0=0 +x_0=0 +y_0=0 +ellps=WGS84",
+       "+ellps=WGS84",
        {{0.0, -90.0 + 1e-7}, {166.7, -77.8}, {-60.0, -64.0}, {180.0, -70.0}}},
-      {"Polar stereographic north", EPRJ_POLAR_STEREOGRAPHIC, 0,
-       {0, 0, 0, 0, -45.0, 70.0, 0, 0}, L"WGS 84", L"WGS 84",
-       "+proj=stere +lat_0=90 +lat_ts=70 +lon_0=-45 +x_0=0 +y_0=0 +ellps=WGS84", "+ellps=WGS84",
+      {"Polar stereographic north",
+       EPRJ_POLAR_STEREOGRAPHIC,
+       0,
+       {0, 0, 0, 0, -45.0, 70.0, 0, 0},
+       L"WGS 84",
+       L"WGS 84",
+       "+proj=stere +lat_0=90 +lat_ts=70 +lon_0=-45 +x_0=0 +y_0=0 +ellps=WGS84",
+       "+ellps=WGS84",
        {{-45.0, 80.0}, {-51.7, 64.2}, {20.0, 78.2}}},
-      {"Mercator", EPRJ_MERCATOR, 0, {0, 0, 0, 0, 10.0, 0, 1000, 2000}, L"WGS 84", L"WGS 84",
-       "+proj=merc +lon_0=10 +k=1 +x_0=1000 +y_0=2000 +ellps=WGS84", "+ellps=WGS84",
+      {"Mercator",
+       EPRJ_MERCATOR,
+       0,
+       {0, 0, 0, 0, 10.0, 0, 1000, 2000},
+       L"WGS 84",
+       L"WGS 84",
+       "+proj=merc +lon_0=10 +k=1 +x_0=1000 +y_0=2000 +ellps=WGS84",
+       "+ellps=WGS84",
        {{10.0, 0.0}, {-170.0, -60.0}, {179.9, 84.0}}},
-      {"Albers equal-area", EPRJ_ALBERS_CONIC_EQUAL_AREA, 0,
-       {0, 0, 29.5, 45.5, -96.0, 23.0, 0, 0}, L"GRS 1980", L"NAD83",
+      {"Albers equal-area",
+       EPRJ_ALBERS_CONIC_EQUAL_AREA,
+       0,
+       {0, 0, 29.5, 45.5, -96.0, 23.0, 0, 0},
+       L"GRS 1980",
+       L"NAD83",
        "+proj=aea +lat_1=29.5 +lat_2=45.5 +lat_0=23 +lon_0=-96 +x_0=0 +y_0=0 +ellps=GRS80",
-       "+ellps=GRS80", {{-96.0, 37.5}, {-122.4, 37.8}, {-70.0, 44.0}}},
-      {"Oblique stereographic", EPRJ_DOUBLE_STEREOGRAPHIC, 0,
+       "+ellps=GRS80",
+       {{-96.0, 37.5}, {-122.4, 37.8}, {-70.0, 44.0}}},
+      {"Oblique stereographic",
+       EPRJ_DOUBLE_STEREOGRAPHIC,
+       0,
        {0, 0, 0.9999079, 0, 5.38763888888889, 52.15616055555555, 155000, 463000},
-       L"Bessel 1841", nullptr,
+       L"Bessel 1841",
+       nullptr,
        "+proj=sterea +lat_0=52.15616055555555 +lon_0=5.38763888888889 +k=0.9999079 "
        "+x_0=155000 +y_0=463000 +ellps=bessel",
-       "+ellps=bessel", {{5.387638889, 52.156160556}, {4.9, 52.37}, {6.9, 53.2}}},
-      {"State plane NAD83 zone 405", EPRJ_STATE_PLANE, 405, {}, L"GRS 1980", L"NAD83",
+       "+ellps=bessel",
+       {{5.387638889, 52.156160556}, {4.9, 52.37}, {6.9, 53.2}}},
+      {"State plane NAD83 zone 405",
+       EPRJ_STATE_PLANE,
+       405,
+       {},
+       L"GRS 1980",
+       L"NAD83",
        "+proj=lcc +lat_1=35.46666666666667 +lat_2=34.03333333333333 +lat_0=33.5 +lon_0=-118 "
        "+x_0=2000000 +y_0=500000 +ellps=GRS80",
-       "+ellps=GRS80", {{-118.24, 34.05}, {-117.2, 34.9}}},
-      {"State plane NAD27 zone 405", EPRJ_STATE_PLANE, 405, {}, L"Clarke 1866", L"NAD27",
+       "+ellps=GRS80",
+       {{-118.24, 34.05}, {-117.2, 34.9}}},
+      {"State plane NAD27 zone 405",
+       EPRJ_STATE_PLANE,
+       405,
+       {},
+       L"Clarke 1866",
+       L"NAD27",
        "+proj=lcc +lat_1=35.46666666666667 +lat_2=34.03333333333333 +lat_0=33.5 +lon_0=-118 "
        "+x_0=609601.2192024384 +y_0=0 +ellps=clrk66",
-       "+ellps=clrk66", {{-118.24, 34.05}, {-117.2, 34.9}}},
+       "+ellps=clrk66",
+       {{-118.24, 34.05}, {-117.2, 34.9}}},
   };
 }
 
@@ -133,15 +208,16 @@ TEST(EprjProjection, MapCoordinatesAgreeWithCs2csToOneMillimetre) {
     ASSERT_TRUE(proj) << kzdv::ToUtf8(kzdv::ReportText(err));
     projcli::Rows in;
     for (const auto& ll : c.lonlat) in.push_back({ll.first, ll.second});
-    const projcli::Rows truth = projcli::Run(
-        "cs2cs -f %.6f +proj=longlat " + c.ellps + " +to " + c.proj, in);
+    const projcli::Rows truth =
+        projcli::Run("cs2cs -f %.6f +proj=longlat " + c.ellps + " +to " + c.proj, in);
     ASSERT_EQ(truth.size(), in.size());
     std::vector<double> x, y;
     for (const auto& ll : c.lonlat) {
       x.push_back(ll.first * kDeg);
       y.push_back(ll.second * kDeg);
     }
-    ASSERT_TRUE(eprj_ProjectionFromLL(proj.get(), static_cast<long>(x.size()), x.data(), y.data(), &err))
+    ASSERT_TRUE(
+        eprj_ProjectionFromLL(proj.get(), static_cast<long>(x.size()), x.data(), y.data(), &err))
         << kzdv::ToUtf8(kzdv::ReportText(err));
     for (size_t i = 0; i < in.size(); ++i) {
       ASSERT_GE(truth[i].size(), 2u);
@@ -173,7 +249,8 @@ TEST(EprjProjection, GeographicCoordinatesAgreeWithCs2csToNanodegrees) {
     }
     Eerr_ErrorReport* err = nullptr;
     ASSERT_TRUE(proj->toLL);
-    ASSERT_TRUE(eprj_ProjectionToLL(proj.get(), static_cast<long>(x.size()), x.data(), y.data(), &err))
+    ASSERT_TRUE(
+        eprj_ProjectionToLL(proj.get(), static_cast<long>(x.size()), x.data(), y.data(), &err))
         << kzdv::ToUtf8(kzdv::ReportText(err));
     for (size_t i = 0; i < map.size(); ++i) {
       EXPECT_NEAR(std::remainder(x[i] / kDeg - truth[i][0], 360.0), 0.0, kAngleTolerance) << i;
@@ -196,7 +273,8 @@ TEST(EprjProjection, GeographicIsIdentityAndCopiesConvertAlike) {
   Proj a(eprj_ProjectionInit(utm.get(), nullptr));
   Proj b(eprj_ProjectionCopy(a.get(), nullptr));
   ASSERT_TRUE(b);
-  EXPECT_TRUE(eprj_ProParametersEqual(eprj_MapProjectionCSRGet(b.get(), nullptr), utm.get(), nullptr));
+  EXPECT_TRUE(
+      eprj_ProParametersEqual(eprj_MapProjectionCSRGet(b.get(), nullptr), utm.get(), nullptr));
   double xa = 15.1 * kDeg, ya = 52.0 * kDeg, xb = xa, yb = ya;
   ASSERT_TRUE(eprj_ProjectionFromLL(a.get(), 1, &xa, &ya, nullptr));
   ASSERT_TRUE(eprj_ProjectionFromLL(b.get(), 1, &xb, &yb, nullptr));
@@ -231,13 +309,15 @@ TEST(EprjProjection, BadParametersAndPointsAreReportedNotWritten) {
   for (auto change : std::vector<std::pair<int, double>>{{5, 3.0}, {4, NAN}, {2, 0.0}}) {
     double p[EPRJ_PARAMETER_COUNT] = {0, 0, 0.9996, 0, 0.1, 0.2, 500000, 0};
     p[change.first] = change.second;
-    Pro tm(eprj_ProParametersCreate(EPRJ_TRANSVERSE_MERCATOR, L"", 0, p, L"WGS 84", nullptr, nullptr));
+    Pro tm(
+        eprj_ProParametersCreate(EPRJ_TRANSVERSE_MERCATOR, L"", 0, p, L"WGS 84", nullptr, nullptr));
     EXPECT_EQ(eprj_ProjectionInit(tm.get(), &err), nullptr) << change.first;
     EXPECT_NE(err, nullptr);
     eerr_DeleteErrorReportEx(&err);
   }
   // A state plane zone that does not exist.
-  Pro sp(eprj_ProParametersCreate(EPRJ_STATE_PLANE, L"", 9999, nullptr, L"GRS 1980", nullptr, nullptr));
+  Pro sp(eprj_ProParametersCreate(EPRJ_STATE_PLANE, L"", 9999, nullptr, L"GRS 1980", nullptr,
+                                  nullptr));
   EXPECT_EQ(eprj_ProjectionInit(sp.get(), &err), nullptr);
   EXPECT_TRUE(Mentions(err, L"State plane zone 9999"));
   eerr_DeleteErrorReportEx(&err);

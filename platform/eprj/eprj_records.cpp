@@ -43,12 +43,18 @@ struct Alias {
   const wchar_t* name;
 };
 const Alias kSpheroidAliases[] = {
-    {L"WGS84", L"WGS 84"},          {L"WGS 1984", L"WGS 84"},
-    {L"GRS80", L"GRS 1980"},        {L"International 1909", L"International 1924"},
-    {L"International", L"International 1924"}, {L"Hayford", L"International 1924"},
-    {L"Bessel", L"Bessel 1841"},    {L"Airy", L"Airy 1830"},
-    {L"Clarke 1880", L"Clarke 1880 (RGS)"}, {L"Krasovsky", L"Krassowsky 1940"},
-    {L"WGS 1972", L"WGS 72"},       {L"Everest", L"Everest 1830"},
+    {L"WGS84", L"WGS 84"},
+    {L"WGS 1984", L"WGS 84"},
+    {L"GRS80", L"GRS 1980"},
+    {L"International 1909", L"International 1924"},
+    {L"International", L"International 1924"},
+    {L"Hayford", L"International 1924"},
+    {L"Bessel", L"Bessel 1841"},
+    {L"Airy", L"Airy 1830"},
+    {L"Clarke 1880", L"Clarke 1880 (RGS)"},
+    {L"Krasovsky", L"Krassowsky 1940"},
+    {L"WGS 1972", L"WGS 72"},
+    {L"Everest", L"Everest 1830"},
     {L"Clarke1866", L"Clarke 1866"},
 };
 
@@ -66,12 +72,17 @@ const DatumDef kDatums[] = {
     {L"WGS 1972", L"WGS 72", 4322, EPRJ_DATUM_PARAMETRIC, nullptr},
 };
 const Alias kDatumAliases[] = {
-    {L"WGS84", L"WGS 84"},  {L"WGS 1984", L"WGS 84"}, {L"North American Datum 1983", L"NAD83"},
-    {L"North American Datum 1927", L"NAD27"}, {L"European Datum 1950", L"ED50"},
+    {L"WGS84", L"WGS 84"},
+    {L"WGS 1984", L"WGS 84"},
+    {L"North American Datum 1983", L"NAD83"},
+    {L"North American Datum 1927", L"NAD27"},
+    {L"European Datum 1950", L"ED50"},
     {L"European Terrestrial Reference System 1989", L"ETRS89"},
-    {L"Geocentric Datum of Australia 1994", L"GDA94"}, {L"OSGB36", L"OSGB 1936"},
+    {L"Geocentric Datum of Australia 1994", L"GDA94"},
+    {L"OSGB36", L"OSGB 1936"},
     {L"Ordnance Survey of Great Britain 1936", L"OSGB 1936"},
-    {L"Deutsches Hauptdreiecksnetz", L"DHDN"}, {L"WGS 72", L"WGS 1972"},
+    {L"Deutsches Hauptdreiecksnetz", L"DHDN"},
+    {L"WGS 72", L"WGS 1972"},
 };
 
 }  // namespace
@@ -144,11 +155,31 @@ T* NewRecord() {
 
 bool Near(double a, double b, double tol) { return std::fabs(a - b) <= tol; }
 
-const wchar_t* const kLinearUnits[] = {
-    L"meters", L"meter", L"metre", L"metres", L"m", L"feet", L"foot", L"ft",
-    L"us_survey_feet", L"us survey feet", L"us_survey_foot", L"kilometers", L"kilometer",
-    L"km", L"centimeters", L"centimeter", L"millimeters", L"millimeter", L"inches", L"inch",
-    L"yards", L"yard", L"miles", L"mile", L"Undefined"};
+const wchar_t* const kLinearUnits[] = {L"meters",
+                                       L"meter",
+                                       L"metre",
+                                       L"metres",
+                                       L"m",
+                                       L"feet",
+                                       L"foot",
+                                       L"ft",
+                                       L"us_survey_feet",
+                                       L"us survey feet",
+                                       L"us_survey_foot",
+                                       L"kilometers",
+                                       L"kilometer",
+                                       L"km",
+                                       L"centimeters",
+                                       L"centimeter",
+                                       L"millimeters",
+                                       L"millimeter",
+                                       L"inches",
+                                       L"inch",
+                                       L"yards",
+                                       L"yard",
+                                       L"miles",
+                                       L"mile",
+                                       L"Undefined"};
 
 }  // namespace
 
@@ -181,7 +212,8 @@ Eprj_Spheroid* eprj_SpheroidCopy(const Eprj_Spheroid* spheroid, Eerr_ErrorReport
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!spheroid, frame, nullptr, L"No spheroid");
   SpheroidPtr s(NewRecord<Eprj_Spheroid>());
-  EERR_FAIL_IF(!s || !DupText(spheroid->sphereName, &s->sphereName), frame, nullptr, L"Out of memory");
+  EERR_FAIL_IF(!s || !DupText(spheroid->sphereName, &s->sphereName), frame, nullptr,
+               L"Out of memory");
   s->a = spheroid->a;
   s->b = spheroid->b;
   s->eSquared = spheroid->eSquared;
@@ -271,7 +303,8 @@ Eprj_ProParameters* eprj_ProParametersCreate(long proNumber, const Etxt_Char* pr
   return p.release();
 }
 
-Eprj_ProParameters* eprj_ProParametersCopy(const Eprj_ProParameters* source, Eerr_ErrorReport** err) {
+Eprj_ProParameters* eprj_ProParametersCopy(const Eprj_ProParameters* source,
+                                           Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"eprj_ProParametersCopy";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!source, frame, nullptr, L"No projection parameters");
@@ -381,12 +414,27 @@ void eprj_ElevationInfoFree(Eprj_ElevationInfo* info) {
 }
 
 Emsc_Boolean eprj_IsDatumVertical(const Etxt_Char* datumName) {
-  static const wchar_t* const kVertical[] = {
-      L"EGM96",  L"EGM2008", L"EGM84", L"EGM96 geoid", L"EGM2008 geoid", L"NAVD88",
-      L"North American Vertical Datum 1988", L"NGVD29", L"National Geodetic Vertical Datum 1929",
-      L"Mean Sea Level", L"MSL", L"DHHN92", L"DHHN2016", L"ODN", L"Ordnance Datum Newlyn",
-      L"NAP", L"Normaal Amsterdams Peil", L"AHD", L"Australian Height Datum", L"CGVD2013",
-      L"Geoid"};
+  static const wchar_t* const kVertical[] = {L"EGM96",
+                                             L"EGM2008",
+                                             L"EGM84",
+                                             L"EGM96 geoid",
+                                             L"EGM2008 geoid",
+                                             L"NAVD88",
+                                             L"North American Vertical Datum 1988",
+                                             L"NGVD29",
+                                             L"National Geodetic Vertical Datum 1929",
+                                             L"Mean Sea Level",
+                                             L"MSL",
+                                             L"DHHN92",
+                                             L"DHHN2016",
+                                             L"ODN",
+                                             L"Ordnance Datum Newlyn",
+                                             L"NAP",
+                                             L"Normaal Amsterdams Peil",
+                                             L"AHD",
+                                             L"Australian Height Datum",
+                                             L"CGVD2013",
+                                             L"Geoid"};
   if (!datumName) return EMSC_FALSE;
   for (const wchar_t* v : kVertical)
     if (estr_Eqic(v, datumName)) return EMSC_TRUE;

@@ -1,8 +1,7 @@
 // Records: spheroid constants against PROJ's EPSG database, copies and
 // comparisons, elevation info from a GDAL raster.
-#include <gtest/gtest.h>
-
 #include <gdal.h>
+#include <gtest/gtest.h>
 #include <ogr_spatialref.h>
 #include <proj.h>
 
@@ -25,15 +24,22 @@ TEST(EprjSpheroid, ConstantsMatchTheEpsgEllipsoids) {
     const wchar_t* name;
     const char* epsg;
   };
-  const Named spheroids[] = {{L"WGS 84", "7030"},        {L"GRS 1980", "7019"},
-                             {L"Clarke 1866", "7008"},   {L"International 1924", "7022"},
-                             {L"Bessel 1841", "7004"},   {L"Airy 1830", "7001"},
-                             {L"Clarke 1880 (RGS)", "7012"}, {L"Krassowsky 1940", "7024"},
-                             {L"WGS 72", "7043"},        {L"GRS 1967", "7036"},
+  const Named spheroids[] = {{L"WGS 84", "7030"},
+                             {L"GRS 1980", "7019"},
+                             {L"Clarke 1866", "7008"},
+                             {L"International 1924", "7022"},
+                             {L"Bessel 1841", "7004"},
+                             {L"Airy 1830", "7001"},
+                             {L"Clarke 1880 (RGS)", "7012"},
+                             {L"Krassowsky 1940", "7024"},
+                             {L"WGS 72", "7043"},
+                             {L"GRS 1967", "7036"},
                              {L"Everest 1830", "7015"},
                              // Spellings of GDAL and HFA files.
-                             {L"WGS_1984", "7030"},      {L"International 1909", "7022"},
-                             {L"bessel", "7004"},        {L"GRS80", "7019"}};
+                             {L"WGS_1984", "7030"},
+                             {L"International 1909", "7022"},
+                             {L"bessel", "7004"},
+                             {L"GRS80", "7019"}};
   PJ_CONTEXT* ctx = proj_context_create();
   for (const Named& n : spheroids) {
     SCOPED_TRACE(n.epsg);
@@ -108,8 +114,8 @@ TEST(EprjProParameters, CopiesAreDeepAndComparisonsSeeEveryStoredPart) {
 }
 
 TEST(EprjElevationInfo, DefaultsUnitsAndVerticalDatums) {
-  Eprj_ElevationInfo* e = eprj_ElevationInfoCreateByName(L"Undefined", L"Undefined", L"meter",
-                                                         L"height", nullptr);
+  Eprj_ElevationInfo* e =
+      eprj_ElevationInfoCreateByName(L"Undefined", L"Undefined", L"meter", L"height", nullptr);
   ASSERT_TRUE(e);
   Eerr_ErrorReport* err = nullptr;
   EXPECT_TRUE(eprj_ElevationInfoUnitSet(e, L"US Survey Feet", nullptr));
@@ -138,7 +144,8 @@ TEST(EprjElevationInfo, ReadFromAGeoTiffWithAVerticalSystem) {
   GDALAllRegister();
   testutil::ScratchDir dir("eprjelev");
   const std::string file = dir.File("dem.tif");
-  GDALDatasetH ds = GDALCreate(GDALGetDriverByName("GTiff"), file.c_str(), 2, 2, 1, GDT_Float32, nullptr);
+  GDALDatasetH ds =
+      GDALCreate(GDALGetDriverByName("GTiff"), file.c_str(), 2, 2, 1, GDT_Float32, nullptr);
   OGRSpatialReference srs;
   ASSERT_EQ(srs.SetFromUserInput("EPSG:4326+5773"), OGRERR_NONE);
   GDALSetSpatialRef(ds, OGRSpatialReference::ToHandle(&srs));

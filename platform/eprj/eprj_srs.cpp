@@ -1,12 +1,12 @@
 // Translation between projection parameters (GCTP layout, as HFA files keep
 // them) and GDAL spatial references, in both directions.
+#include <cpl_conv.h>
+
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-
-#include <cpl_conv.h>
 
 #include "eerr_frame.hpp"
 #include "eprj.h"
@@ -78,10 +78,13 @@ bool BuildSrs(const Eprj_ProParameters& p, OGRSpatialReference& srs, std::wstrin
     return ValidLatitude(v) ? true : Fail(why, kzdv::Format(L"%ls %g rad is beyond ±90°", what, v));
   };
   auto need_lon = [&](double v) {
-    return ValidLongitude(v) ? true : Fail(why, kzdv::Format(L"Central meridian %g rad is beyond ±360°", v));
+    return ValidLongitude(v)
+               ? true
+               : Fail(why, kzdv::Format(L"Central meridian %g rad is beyond ±360°", v));
   };
   auto need_scale = [&](double v) {
-    return v > 0.0 && v < 10.0 ? true : Fail(why, kzdv::Format(L"Scale factor %g is not plausible", v));
+    return v > 0.0 && v < 10.0 ? true
+                               : Fail(why, kzdv::Format(L"Scale factor %g is not plausible", v));
   };
   OGRErr e = OGRERR_NONE;
   switch (p.proNumber) {
@@ -121,7 +124,8 @@ bool BuildSrs(const Eprj_ProParameters& p, OGRSpatialReference& srs, std::wstrin
       // Layout of this number in HFA files: [2] central meridian, [3] latitude
       // of origin, [4] scale, [5] false easting, [6] false northing.
       if (!need_lat(p3, L"Latitude of origin") || !need_lon(p2) || !need_scale(p4)) return false;
-      if (std::fabs(p3) < 1e-12) return Fail(why, L"A one-parallel conic needs a non-zero parallel");
+      if (std::fabs(p3) < 1e-12)
+        return Fail(why, L"A one-parallel conic needs a non-zero parallel");
       e = srs.SetLCC1SP(p3 * kR2D, p2 * kR2D, p4, p5, Param(p, 6));
       break;
     case EPRJ_MERCATOR:
@@ -150,7 +154,8 @@ bool BuildSrs(const Eprj_ProParameters& p, OGRSpatialReference& srs, std::wstrin
     }
     case EPRJ_POLAR_STEREOGRAPHIC:
       if (!need_lat(p5, L"Latitude of true scale") || !need_lon(p4)) return false;
-      if (p5 == 0.0) return Fail(why, L"A polar stereographic needs a pole (latitude of true scale 0)");
+      if (p5 == 0.0)
+        return Fail(why, L"A polar stereographic needs a pole (latitude of true scale 0)");
       e = srs.SetPS(p5 * kR2D, p4 * kR2D, 1.0, fe, fn);
       break;
     case EPRJ_POLYCONIC:
@@ -161,7 +166,8 @@ bool BuildSrs(const Eprj_ProParameters& p, OGRSpatialReference& srs, std::wstrin
       if (!need_lat(p2, L"First standard parallel") || !need_lat(p3, L"Second standard parallel") ||
           !need_lat(p5, L"Latitude of origin") || !need_lon(p4))
         return false;
-      e = srs.SetEC(p2 * kR2D, Param(p, 8) != 0.0 ? p3 * kR2D : p2 * kR2D, p5 * kR2D, p4 * kR2D, fe, fn);
+      e = srs.SetEC(p2 * kR2D, Param(p, 8) != 0.0 ? p3 * kR2D : p2 * kR2D, p5 * kR2D, p4 * kR2D, fe,
+                    fn);
       break;
     case EPRJ_TRANSVERSE_MERCATOR:
     case EPRJ_GAUSS_KRUGER:
@@ -172,8 +178,8 @@ bool BuildSrs(const Eprj_ProParameters& p, OGRSpatialReference& srs, std::wstrin
     case EPRJ_STEREOGRAPHIC_EXTENDED:
       if (!need_lat(p5, L"Latitude of origin") || !need_lon(p4)) return false;
       if (p.proNumber == EPRJ_STEREOGRAPHIC_EXTENDED && !need_scale(p2)) return false;
-      e = srs.SetStereographic(p5 * kR2D, p4 * kR2D,
-                               p.proNumber == EPRJ_STEREOGRAPHIC ? 1.0 : p2, fe, fn);
+      e = srs.SetStereographic(p5 * kR2D, p4 * kR2D, p.proNumber == EPRJ_STEREOGRAPHIC ? 1.0 : p2,
+                               fe, fn);
       break;
     case EPRJ_DOUBLE_STEREOGRAPHIC:
       if (!need_lat(p5, L"Latitude of origin") || !need_lon(p4) || !need_scale(p2)) return false;
@@ -237,12 +243,18 @@ struct ProDeleter {
 // Datum names that HFA files spell their own way.
 std::wstring DatumNameOf(const OGRSpatialReference& srs) {
   switch (srs.GetEPSGGeogCS()) {
-    case 4326: return L"WGS 84";
-    case 4269: return L"NAD83";
-    case 4267: return L"NAD27";
-    case 4283: return L"GDA94";
-    case 4322: return L"WGS 1972";
-    default: break;
+    case 4326:
+      return L"WGS 84";
+    case 4269:
+      return L"NAD83";
+    case 4267:
+      return L"NAD27";
+    case 4283:
+      return L"GDA94";
+    case 4322:
+      return L"WGS 1972";
+    default:
+      break;
   }
   const char* d = srs.GetAttrValue("DATUM");
   if (!d) return L"";
@@ -299,7 +311,9 @@ Eprj_ProParameters* eprj_ProParametersFromWkt(const char* wkt, Eerr_ErrorReport*
   double params[EPRJ_PARAMETER_COUNT] = {0};
   long number = -1, zone = 0;
   const wchar_t* name = L"";
-  auto deg = [&](const char* key, double dflt = 0.0) { return srs.GetNormProjParm(key, dflt) * kD2R; };
+  auto deg = [&](const char* key, double dflt = 0.0) {
+    return srs.GetNormProjParm(key, dflt) * kD2R;
+  };
   auto lin = [&](const char* key) { return srs.GetNormProjParm(key, 0.0); };
   int north = 0;
   const char* method = srs.IsProjected() ? srs.GetAttrValue("PROJECTION") : nullptr;
@@ -363,8 +377,9 @@ Eprj_ProParameters* eprj_ProParametersFromWkt(const char* wkt, Eerr_ErrorReport*
       name = L"Polar Stereographic";
       params[4] = deg(SRS_PP_CENTRAL_MERIDIAN);
       params[5] = deg(SRS_PP_LATITUDE_OF_ORIGIN);
-      EERR_FAIL_IF(srs.GetNormProjParm(SRS_PP_SCALE_FACTOR, 1.0) != 1.0, frame, nullptr,
-                   L"Polar stereographic with a scale factor other than 1 has no projection number");
+      EERR_FAIL_IF(
+          srs.GetNormProjParm(SRS_PP_SCALE_FACTOR, 1.0) != 1.0, frame, nullptr,
+          L"Polar stereographic with a scale factor other than 1 has no projection number");
     } else if (EQUAL(method, SRS_PT_STEREOGRAPHIC)) {
       number = EPRJ_STEREOGRAPHIC_EXTENDED;
       name = L"Stereographic (Extended)";
@@ -395,8 +410,8 @@ Eprj_ProParameters* eprj_ProParametersFromWkt(const char* wkt, Eerr_ErrorReport*
         number = k.number;
         name = k.pro_name;
         const bool centre = k.number == EPRJ_LAMBERT_AZIMUTHAL_EQUAL_AREA ||
-                            k.number == EPRJ_AZIMUTHAL_EQUIDISTANT ||
-                            k.number == EPRJ_SINUSOIDAL || k.number == EPRJ_MILLER_CYLINDRICAL;
+                            k.number == EPRJ_AZIMUTHAL_EQUIDISTANT || k.number == EPRJ_SINUSOIDAL ||
+                            k.number == EPRJ_MILLER_CYLINDRICAL;
         params[4] = deg(centre ? SRS_PP_LONGITUDE_OF_CENTER : SRS_PP_CENTRAL_MERIDIAN);
         if (k.number == EPRJ_EQUIRECTANGULAR)
           params[5] = deg(SRS_PP_STANDARD_PARALLEL_1);
@@ -408,7 +423,8 @@ Eprj_ProParameters* eprj_ProParametersFromWkt(const char* wkt, Eerr_ErrorReport*
   EERR_FAIL_IF(number < 0, frame, nullptr, L"Projection method \"%hs\" has no projection number",
                method ? method : "?");
   if (pm != 0.0) {
-    EERR_FAIL_IF(number == EPRJ_UTM, frame, nullptr, L"UTM on a prime meridian other than Greenwich");
+    EERR_FAIL_IF(number == EPRJ_UTM, frame, nullptr,
+                 L"UTM on a prime meridian other than Greenwich");
     params[number == EPRJ_LAMBERT_CONFORMAL_CONIC_1SP ? 2 : 4] += pm * kD2R;
   }
 
@@ -423,8 +439,8 @@ Eprj_ProParameters* eprj_ProParametersFromWkt(const char* wkt, Eerr_ErrorReport*
   s->b = srs.GetSemiMinor();
   s->eSquared = (s->a * s->a - s->b * s->b) / (s->a * s->a);
   s->radius = s->a;
-  EERR_FAIL_IF(!DupText(kzdv::FromUtf8(sname ? sname : "").c_str(), &s->sphereName), frame,
-               nullptr, L"Out of memory");
+  EERR_FAIL_IF(!DupText(kzdv::FromUtf8(sname ? sname : "").c_str(), &s->sphereName), frame, nullptr,
+               L"Out of memory");
 
   const std::wstring dname = DatumNameOf(srs);
   if (!dname.empty()) {

@@ -145,27 +145,48 @@ std::wstring FormatV(const Etxt_Char* format, va_list args) {
     switch (conv) {
       case L'd':
       case L'i':
-        if (len == L"l") AppendOne(out, conv_text + L"l" + conv, va_arg(ap, long));
-        else if (len == L"ll" || len == L"q" || len == L"j") AppendOne(out, conv_text + L"ll" + conv, va_arg(ap, long long));
-        else if (len == L"z" || len == L"t") AppendOne(out, conv_text + L"ll" + conv, static_cast<long long>(va_arg(ap, ptrdiff_t)));
-        else AppendOne(out, conv_text + conv, va_arg(ap, int));
+        if (len == L"l")
+          AppendOne(out, conv_text + L"l" + conv, va_arg(ap, long));
+        else if (len == L"ll" || len == L"q" || len == L"j")
+          AppendOne(out, conv_text + L"ll" + conv, va_arg(ap, long long));
+        else if (len == L"z" || len == L"t")
+          AppendOne(out, conv_text + L"ll" + conv, static_cast<long long>(va_arg(ap, ptrdiff_t)));
+        else
+          AppendOne(out, conv_text + conv, va_arg(ap, int));
         break;
       case L'u':
       case L'o':
       case L'x':
       case L'X':
-        if (len == L"l") AppendOne(out, conv_text + L"l" + conv, va_arg(ap, unsigned long));
-        else if (len == L"ll" || len == L"q" || len == L"j") AppendOne(out, conv_text + L"ll" + conv, va_arg(ap, unsigned long long));
-        else if (len == L"z" || len == L"t") AppendOne(out, conv_text + L"ll" + conv, static_cast<unsigned long long>(va_arg(ap, size_t)));
-        else AppendOne(out, conv_text + conv, va_arg(ap, unsigned int));
+        if (len == L"l")
+          AppendOne(out, conv_text + L"l" + conv, va_arg(ap, unsigned long));
+        else if (len == L"ll" || len == L"q" || len == L"j")
+          AppendOne(out, conv_text + L"ll" + conv, va_arg(ap, unsigned long long));
+        else if (len == L"z" || len == L"t")
+          AppendOne(out, conv_text + L"ll" + conv,
+                    static_cast<unsigned long long>(va_arg(ap, size_t)));
+        else
+          AppendOne(out, conv_text + conv, va_arg(ap, unsigned int));
         break;
-      case L'f': case L'F': case L'e': case L'E': case L'g': case L'G': case L'a': case L'A':
-        if (len == L"L") AppendOne(out, conv_text + L"L" + conv, va_arg(ap, long double));
-        else AppendOne(out, conv_text + conv, va_arg(ap, double));
+      case L'f':
+      case L'F':
+      case L'e':
+      case L'E':
+      case L'g':
+      case L'G':
+      case L'a':
+      case L'A':
+        if (len == L"L")
+          AppendOne(out, conv_text + L"L" + conv, va_arg(ap, long double));
+        else
+          AppendOne(out, conv_text + conv, va_arg(ap, double));
         break;
       case L'c':
-        if (len == L"h") AppendOne(out, conv_text + L"lc", static_cast<wint_t>(static_cast<unsigned char>(va_arg(ap, int))));
-        else AppendOne(out, conv_text + L"lc", static_cast<wint_t>(va_arg(ap, wint_t)));
+        if (len == L"h")
+          AppendOne(out, conv_text + L"lc",
+                    static_cast<wint_t>(static_cast<unsigned char>(va_arg(ap, int))));
+        else
+          AppendOne(out, conv_text + L"lc", static_cast<wint_t>(va_arg(ap, wint_t)));
         break;
       case L's': {
         std::wstring text;

@@ -7,7 +7,9 @@ TEST(WideText, Utf8RoundTripIncludingAstralAndInvalidBytes) {
   EXPECT_EQ(kzdv::FromUtf8(kzdv::ToUtf8(w)), w);
   EXPECT_EQ(kzdv::ToUtf8(L"\u00e9"), "\xc3\xa9");
   // A lone continuation byte and a truncated sequence decode to U+FFFD, never crash.
-  EXPECT_EQ(kzdv::FromUtf8("a\x80" "b"), L"a\uFFFDb");
+  EXPECT_EQ(kzdv::FromUtf8("a\x80"
+                           "b"),
+            L"a\uFFFDb");
   EXPECT_EQ(kzdv::FromUtf8("a\xe2\x82"), L"a\uFFFD\uFFFD");
 }
 
@@ -49,8 +51,8 @@ TEST(WideText, FormatIsLocaleIndependentForNarrowUtf8AndHandlesStarsAndLengths) 
   // Non-ASCII UTF-8 through %hs must not depend on the C locale.
   EXPECT_EQ(kzdv::Format(L"[%hs]", "Kr\xc3\xbcger"), L"[Krüger]");
   EXPECT_EQ(kzdv::Format(L"[%-6s|%6.2hs]", L"ab", "xyz"), L"[ab    |    xy]");
-  EXPECT_EQ(kzdv::Format(L"%*d|%.*f|%ld|%zu|%x|%c|%hc", 5, 42, 2, 3.14159, -7L, static_cast<size_t>(9),
-                         255u, L'ü', 'q'),
+  EXPECT_EQ(kzdv::Format(L"%*d|%.*f|%ld|%zu|%x|%c|%hc", 5, 42, 2, 3.14159, -7L,
+                         static_cast<size_t>(9), 255u, L'ü', 'q'),
             L"   42|3.14|-7|9|ff|ü|q");
   EXPECT_EQ(kzdv::Format(L"%s %hs", static_cast<const wchar_t*>(nullptr),
                          static_cast<const char*>(nullptr)),

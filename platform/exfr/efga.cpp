@@ -10,8 +10,8 @@ extern "C" {
 Efga_Matrix* efga_MatrixCreate(long numrows, long numcolumns, Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"efga_MatrixCreate";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(numrows < 1 || numcolumns < 1, frame, nullptr,
-               L"Invalid matrix size %ld x %ld", numrows, numcolumns);
+  EERR_FAIL_IF(numrows < 1 || numcolumns < 1, frame, nullptr, L"Invalid matrix size %ld x %ld",
+               numrows, numcolumns);
   const size_t cells = static_cast<size_t>(numrows) * static_cast<size_t>(numcolumns);
   EERR_FAIL_IF(cells / static_cast<size_t>(numcolumns) != static_cast<size_t>(numrows) ||
                    cells > (static_cast<size_t>(-1) / sizeof(double)),

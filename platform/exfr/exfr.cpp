@@ -135,7 +135,8 @@ bool ApplyInPlace(const Exfr_XForm& t, Efga_Matrix* pts, kzdv::ErrorFrame& frame
       return true;
     case Exfr_XForm::kSensorModel:
       if (!t.ops->transform2D) {
-        frame.Fail(__LINE__, L"Sensor model %hs has no 2D transform", t.ops->name ? t.ops->name : "");
+        frame.Fail(__LINE__, L"Sensor model %hs has no 2D transform",
+                   t.ops->name ? t.ops->name : "");
         return false;
       }
       if (!t.ops->transform2D(t.model, pts, frame.Callee()) || frame.CalleeFailed()) {
@@ -293,7 +294,8 @@ Exfr_XForm* exfr_AffineXFormCreate(const double coef[6], Eerr_ErrorReport** err)
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!coef, frame, nullptr, L"No coefficients");
   for (int k = 0; k < 6; ++k)
-    EERR_FAIL_IF(!std::isfinite(coef[k]), frame, nullptr, L"Coefficient %d is not a finite number", k);
+    EERR_FAIL_IF(!std::isfinite(coef[k]), frame, nullptr, L"Coefficient %d is not a finite number",
+                 k);
   try {
     return AffineFromLibraryForm(coef).release();
   }
@@ -370,7 +372,8 @@ Emsc_Boolean exfr_Transform(const Exfr_XForm* xform, const Efga_Matrix* in, Efga
   if (!CheckXForm(xform, frame)) return EMSC_FALSE;
   EERR_FAIL_IF(!in || !out || !in->data || !out->data, frame, EMSC_FALSE, L"No point matrix");
   EERR_FAIL_IF(in->numrows != 2 || out->numrows != 2 || in->numcolumns != out->numcolumns, frame,
-               EMSC_FALSE, L"Point matrices must be 2 x n of equal size (got %ld x %ld and %ld x %ld)",
+               EMSC_FALSE,
+               L"Point matrices must be 2 x n of equal size (got %ld x %ld and %ld x %ld)",
                in->numrows, in->numcolumns, out->numrows, out->numcolumns);
   try {
     // Work on a copy so that a failure leaves the caller's output unchanged.

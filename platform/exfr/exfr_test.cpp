@@ -71,7 +71,7 @@ TEST(ExfrPolynomial, InverseReturnsThePointForAffineAndHigherOrders) {
   // A map-to-file style affine (rotation, scale, offset) and a gently curved
   // cubic in normalised coordinates.
   const double c[6] = {0.5 * std::cos(0.3), -0.5 * std::sin(0.3), -250000.0,
-                       0.5 * std::sin(0.3), 0.5 * std::cos(0.3), -2050000.0};
+                       0.5 * std::sin(0.3), 0.5 * std::cos(0.3),  -2050000.0};
   XForm affine(exfr_AffineXFormCreate(c, nullptr));
   double xc[10] = {3, 1.1, 0.05, 1e-3, 2e-3, -1e-3, 1e-5, 0, 2e-5, 0};
   double yc[10] = {-2, -0.04, 0.95, 5e-4, -1e-3, 2e-3, 0, 1e-5, 0, -2e-5};
@@ -118,9 +118,11 @@ TEST(ExfrCompose, CompositionEqualsSequentialApplicationAndInvertsInReverse) {
   Matrix seq = Points({1, 2, -30, 40, 7.5, 0});
   Matrix once = Points({1, 2, -30, 40, 7.5, 0});
   const Matrix start = Points({1, 2, -30, 40, 7.5, 0});
-  for (auto* t : {f.get(), g.get(), h.get()}) ASSERT_TRUE(exfr_Transform(t, seq.get(), seq.get(), nullptr));
+  for (auto* t : {f.get(), g.get(), h.get()})
+    ASSERT_TRUE(exfr_Transform(t, seq.get(), seq.get(), nullptr));
   ASSERT_TRUE(exfr_Transform(fgh.get(), once.get(), once.get(), nullptr));
-  for (int i = 0; i < 6; ++i) EXPECT_NEAR(once->data[i], seq->data[i], 1e-9 * (1 + std::fabs(seq->data[i])));
+  for (int i = 0; i < 6; ++i)
+    EXPECT_NEAR(once->data[i], seq->data[i], 1e-9 * (1 + std::fabs(seq->data[i])));
 
   XForm inv(exfr_XFormInvert(fgh.get(), nullptr));
   XForm copy(exfr_XFormCopy(inv.get(), nullptr));
@@ -177,12 +179,14 @@ struct Pinhole {
   int* alive;
 };
 
-Emsc_Boolean PinholeGroundToImage(void* m, long n, const double* g, double* im, Eerr_ErrorReport** err) {
+Emsc_Boolean PinholeGroundToImage(void* m, long n, const double* g, double* im,
+                                  Eerr_ErrorReport** err) {
   auto* p = static_cast<Pinhole*>(m);
   for (long i = 0; i < n; ++i) {
     const double d = p->cz - g[3 * i + 2];
     if (d <= 0) {
-      *err = eerr_CreateErrorReport(L"PinholeGroundToImage", 1, 2, nullptr, L"Point above the camera", 0);
+      *err = eerr_CreateErrorReport(L"PinholeGroundToImage", 1, 2, nullptr,
+                                    L"Point above the camera", 0);
       return EMSC_FALSE;
     }
     im[2 * i] = p->f * (g[3 * i] - p->cx) / d;
@@ -216,8 +220,9 @@ void PinholeDestroy(void* m) {
   --*p->alive;
   delete p;
 }
-const Exfr_SensorModelOps kPinholeOps = {"pinhole", PinholeGroundToImage, PinholeRay,
-                                         PinholeImageAndZ, nullptr, PinholeCopy, PinholeDestroy};
+const Exfr_SensorModelOps kPinholeOps = {
+    "pinhole", PinholeGroundToImage, PinholeRay,    PinholeImageAndZ,
+    nullptr,   PinholeCopy,          PinholeDestroy};
 
 TEST(ExfrSensorModel, RegisteredModelAnswersTheSensorCallsAndIsOwned) {
   int alive = 1;

@@ -25,8 +25,8 @@ KZDV_BEGIN_C
  * cannot be deep-copied (edlm_CopyList copies pointers to heap duplicates of
  * `element_size` bytes). Null with a report on failure. */
 KZDV_EXPORT EdlmList* edlm_InitList(long element_size, long initial_count,
-                                    Edlm_FreeFunction free_element,
-                                    Edlm_CopyFunction copy_element, Eerr_ErrorReport** err);
+                                    Edlm_FreeFunction free_element, Edlm_CopyFunction copy_element,
+                                    Eerr_ErrorReport** err);
 KZDV_EXPORT long edlm_CountList(const EdlmList* list);
 /* Appends an element; the list owns it from now on. */
 KZDV_EXPORT Emsc_Boolean edlm_Add(EdlmList* list, void* element, Eerr_ErrorReport** err);

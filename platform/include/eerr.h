@@ -19,10 +19,10 @@
 #define EERR_SEVERITY_ERROR 2
 
 typedef struct Eerr_ErrorReport {
-  Etxt_Char* function; /* heap copy of the reporting function's name */
-  long site;           /* report site inside that function */
-  int severity;        /* 0 info, 1 warning, 2 error */
-  Etxt_Char* message;  /* formatted message */
+  Etxt_Char* function;               /* heap copy of the reporting function's name */
+  long site;                         /* report site inside that function */
+  int severity;                      /* 0 info, 1 warning, 2 error */
+  Etxt_Char* message;                /* formatted message */
   struct Eerr_ErrorReport* previous; /* the callee's report, or null */
 } Eerr_ErrorReport;
 

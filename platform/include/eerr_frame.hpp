@@ -66,9 +66,9 @@ class KZDV_EXPORT ErrorFrame {
     return ret;                          \
   } while (0)
 
-#define EERR_FAIL_IF(cond, frame, ret, ...)          \
-  do {                                               \
-    if (cond) EERR_FAIL(frame, ret, __VA_ARGS__);    \
+#define EERR_FAIL_IF(cond, frame, ret, ...)       \
+  do {                                            \
+    if (cond) EERR_FAIL(frame, ret, __VA_ARGS__); \
   } while (0)
 
 // `ok` is a callee call (or its result) that is true on success; a report
@@ -80,18 +80,18 @@ class KZDV_EXPORT ErrorFrame {
 
 // Closes a try block around class code or C++ that may throw: the toolkit
 // exception's chain is handed to the caller, anything else becomes a report.
-#define EERR_CATCH(frame, ret)                                   \
-  catch (EerrException & eerr_e_) {                              \
-    (frame).Adopt(eerr_e_.Release());                            \
-    return ret;                                                  \
-  }                                                              \
-  catch (const std::bad_alloc&) {                                \
-    (frame).Fail(__LINE__, L"Out of memory");                    \
-    return ret;                                                  \
-  }                                                              \
-  catch (const std::exception& eerr_e_) {                        \
-    (frame).Fail(__LINE__, L"%hs", eerr_e_.what());              \
-    return ret;                                                  \
+#define EERR_CATCH(frame, ret)                      \
+  catch (EerrException & eerr_e_) {                 \
+    (frame).Adopt(eerr_e_.Release());               \
+    return ret;                                     \
+  }                                                 \
+  catch (const std::bad_alloc&) {                   \
+    (frame).Fail(__LINE__, L"Out of memory");       \
+    return ret;                                     \
+  }                                                 \
+  catch (const std::exception& eerr_e_) {           \
+    (frame).Fail(__LINE__, L"%hs", eerr_e_.what()); \
+    return ret;                                     \
   }
 
 // Class code: throw the context when the last toolkit call left a report.

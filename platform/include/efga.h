@@ -21,7 +21,8 @@ typedef struct Efga_Matrix {
 } Efga_Matrix;
 
 /* Element (row, column) of a matrix (no bounds check). */
-#define EFGA_MATRIX_AT(m, row, column) ((m)->data[(size_t)(column) * (size_t)(m)->numrows + (size_t)(row)])
+#define EFGA_MATRIX_AT(m, row, column) \
+  ((m)->data[(size_t)(column) * (size_t)(m)->numrows + (size_t)(row)])
 
 KZDV_BEGIN_C
 

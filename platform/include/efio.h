@@ -28,10 +28,10 @@ typedef struct Estr_StringList {
 
 /* Which part of a path estr_GetPathPart returns. */
 typedef enum {
-  ESTR_PATH_DIRECTORY = 0, /* "/a/b/c.img" -> "/a/b/" */
-  ESTR_PATH_FILE = 1,      /* -> "c.img" */
-  ESTR_PATH_ROOT = 2,      /* -> "c" (file name without extension) */
-  ESTR_PATH_EXTENSION = 3, /* -> ".img" */
+  ESTR_PATH_DIRECTORY = 0,   /* "/a/b/c.img" -> "/a/b/" */
+  ESTR_PATH_FILE = 1,        /* -> "c.img" */
+  ESTR_PATH_ROOT = 2,        /* -> "c" (file name without extension) */
+  ESTR_PATH_EXTENSION = 3,   /* -> ".img" */
   ESTR_PATH_NO_EXTENSION = 4 /* -> "/a/b/c" */
 } Estr_PathPart;
 

@@ -35,14 +35,14 @@ typedef struct Ehfa_File Ehfa_File;
 
 /* How ehfa_EntrySeek (and the object readers) find a node. */
 typedef enum {
-  EHFA_SEEK_ROOT = 0,        /* the root ":" */
-  EHFA_SEEK_FIRST_CHILD = 2, /* first child of the current node */
+  EHFA_SEEK_ROOT = 0,         /* the root ":" */
+  EHFA_SEEK_FIRST_CHILD = 2,  /* first child of the current node */
   EHFA_SEEK_NEXT_SIBLING = 4, /* next sibling of the current node */
-  EHFA_SEEK_PARENT = 6,      /* back to the parent of the current node */
-  EHFA_SEEK_INTO = 8,        /* the node `path` (joined with `name` when given); with
-                                neither, the current node itself */
-  EHFA_SEEK_BY_NAME = 12,    /* the child `name` of node `path` (of the current
-                                node when path is null) */
+  EHFA_SEEK_PARENT = 6,       /* back to the parent of the current node */
+  EHFA_SEEK_INTO = 8,         /* the node `path` (joined with `name` when given); with
+                                 neither, the current node itself */
+  EHFA_SEEK_BY_NAME = 12,     /* the child `name` of node `path` (of the current
+                                 node when path is null) */
   EHFA_SEEK_NEXT_IN_FILE = 18 /* the next entry in file order: the first child of
                                  the current node, else its next sibling, else the
                                  next sibling of the nearest ancestor that has one
@@ -84,11 +84,11 @@ typedef struct Ehfa_CEFRecord {
 /* What ehfa_EntryInfoGet tells about the current node. Strings are borrowed
  * and valid until the next call on the file. */
 typedef struct Ehfa_EntryInfo {
-  const char* name;      /* UTF-8 */
-  const char* type;      /* design name of the data */
-  uint32_t file_offset;  /* position of the entry header */
-  uint32_t data_offset;  /* position of the data (0: none) */
-  uint32_t data_size;    /* bytes */
+  const char* name;           /* UTF-8 */
+  const char* type;           /* design name of the data */
+  uint32_t file_offset;       /* position of the entry header */
+  uint32_t data_offset;       /* position of the data (0: none) */
+  uint32_t data_size;         /* bytes */
   uint32_t modification_time; /* seconds since 1970 */
   long child_count;
 } Ehfa_EntryInfo;
@@ -202,8 +202,7 @@ KZDV_EXPORT Emsc_Boolean ehfa_ObjectReadInto(Ehfa_File* file, Ehfa_SeekMethod me
 /* As ehfa_ObjectReadInto; a missing node gives EMSC_FALSE without a report
  * and the record zeroed. */
 KZDV_EXPORT Emsc_Boolean ehfa_ObjectReadIntoIfPresent(Ehfa_File* file, Ehfa_SeekMethod method,
-                                                      const Etxt_Char* path,
-                                                      const Etxt_Char* name,
+                                                      const Etxt_Char* path, const Etxt_Char* name,
                                                       const Emif_Design* design, void* record,
                                                       Eerr_ErrorReport** err);
 /* As ehfa_ObjectRead, but a missing node is not a failure: returns
@@ -217,10 +216,9 @@ KZDV_EXPORT Emsc_Boolean ehfa_ObjectReadIfPresent(Ehfa_File* file, Ehfa_SeekMeth
  * (may be null) the node's type, wide, heap. Missing node: EMSC_FALSE, no
  * report. */
 KZDV_EXPORT Emsc_Boolean ehfa_ObjectDataReadIfPresent(Ehfa_File* file, Ehfa_SeekMethod method,
-                                                      const Etxt_Char* path,
-                                                      const Etxt_Char* name, unsigned char** data,
-                                                      uint32_t* size, Etxt_Char** type,
-                                                      Eerr_ErrorReport** err);
+                                                      const Etxt_Char* path, const Etxt_Char* name,
+                                                      unsigned char** data, uint32_t* size,
+                                                      Etxt_Char** type, Eerr_ErrorReport** err);
 
 KZDV_END_C
 

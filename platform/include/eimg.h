@@ -56,14 +56,14 @@ typedef struct Eimg_PrivateStorage Eimg_PrivateStorage;
 
 /* An open layer. The fields describe it and must not be changed. */
 typedef struct Eimg_Layer {
-  Etxt_Char* name;        /* the name it was opened under */
-  long width;             /* columns, pixels */
-  long height;            /* rows, pixels */
+  Etxt_Char* name; /* the name it was opened under */
+  long width;      /* columns, pixels */
+  long height;     /* rows, pixels */
   Egda_PixelType pixelType;
-  long blockWidth;        /* the file's natural block, pixels */
+  long blockWidth; /* the file's natural block, pixels */
   long blockHeight;
-  Emsc_Boolean readOnly;  /* writes and pyramid changes are refused */
-  long pyramidLevel;      /* 0 for the layer itself, K for level K */
+  Emsc_Boolean readOnly; /* writes and pyramid changes are refused */
+  long pyramidLevel;     /* 0 for the layer itself, K for level K */
   Eimg_LayerImpl* impl;
 } Eimg_Layer;
 
@@ -120,15 +120,13 @@ KZDV_EXPORT Emsc_Boolean eimg_PixelTypeIsComplex(Egda_PixelType type);
 /* Names of every layer of a raster file: "file(:Layer_1)", ... Free with
  * estr_StringListDelete. */
 KZDV_EXPORT Estr_StringList* eimg_LayerGetNames(const Etxt_Char* file_name,
-                                                Eint_InitToolkitData* init,
-                                                Eerr_ErrorReport** err);
+                                                Eint_InitToolkitData* init, Eerr_ErrorReport** err);
 
 /* A private storage for the file of `layer_name`: layers opened with it share
  * one dataset and one block cache. Free with eimg_PrivateStorageDelete once
  * (the dataset stays open while a layer opened with it is open). */
 KZDV_EXPORT Eimg_PrivateStorage* eimg_LayerPrivateStorageCreate(const Etxt_Char* layer_name,
-                                                                int access,
-                                                                Eerr_ErrorReport** err);
+                                                                int access, Eerr_ErrorReport** err);
 KZDV_EXPORT void eimg_PrivateStorageDelete(Eimg_PrivateStorage* storage);
 
 /* Opens a layer (or a pyramid level, by its level name). `storage` may be null
@@ -150,8 +148,7 @@ KZDV_EXPORT Emsc_Boolean eimg_LayerWrite(Eimg_Layer* layer, long x, long y,
 /* Reads the cells of `rect` at (x, y); used with a 1 x 1 rectangle to fetch
  * one DEM cell. Same contract as eimg_LayerRead. */
 KZDV_EXPORT Emsc_Boolean eimg_LayerRasterPixelRectGet(Eimg_Layer* layer, long x, long y,
-                                                      Eimg_PixelRect* rect,
-                                                      Eerr_ErrorReport** err);
+                                                      Eimg_PixelRect* rect, Eerr_ErrorReport** err);
 
 /* Opens every named layer (stored by name order) as one stack; layers of the
  * same file share one dataset. */

@@ -23,8 +23,7 @@ KZDV_EXPORT Emet_MeterInfo* emet_MeterInfoCreate(const Etxt_Char* task, Eerr_Err
 KZDV_EXPORT Emet_MeterInfo* emet_MeterInfoCreateWithSink(const Etxt_Char* task, Emet_Sink sink,
                                                          void* context, Eerr_ErrorReport** err);
 KZDV_EXPORT void emet_MeterInfoDelete(Emet_MeterInfo* meter);
-KZDV_EXPORT Emsc_Boolean emet_MeterInfoChangeTaskName(Emet_MeterInfo* meter,
-                                                      const Etxt_Char* task,
+KZDV_EXPORT Emsc_Boolean emet_MeterInfoChangeTaskName(Emet_MeterInfo* meter, const Etxt_Char* task,
                                                       Eerr_ErrorReport** err);
 /* Shows `percent` (clamped to 0..100). A null meter is accepted and ignored. */
 KZDV_EXPORT Emsc_Boolean emet_MeterInfoPrint(Emet_MeterInfo* meter, double percent,

@@ -74,9 +74,9 @@ typedef struct Emif_Dictionary Emif_Dictionary;
 #define EMIF_M_COUNTED 0x200
 #define EMIF_M_POINTER 0x400
 /* Codes used by name. */
-#define EMIF_T_STRING (EMIF_M_COUNTED | EMIF_T_CHAR)     /* 0x208 */
-#define EMIF_T_BYTES (EMIF_M_COUNTED | EMIF_T_UCHAR)     /* 0x207 */
-#define EMIF_T_LONG_ARRAY (EMIF_M_COUNTED | EMIF_T_LONG) /* 0x20c */
+#define EMIF_T_STRING (EMIF_M_COUNTED | EMIF_T_CHAR)         /* 0x208 */
+#define EMIF_T_BYTES (EMIF_M_COUNTED | EMIF_T_UCHAR)         /* 0x207 */
+#define EMIF_T_LONG_ARRAY (EMIF_M_COUNTED | EMIF_T_LONG)     /* 0x20c */
 #define EMIF_T_DOUBLE_ARRAY (EMIF_M_COUNTED | EMIF_T_DOUBLE) /* 0x20e */
 #define EMIF_T_OBJECT_ARRAY (EMIF_M_COUNTED | EMIF_T_OBJECT) /* 0x202 */
 
@@ -199,8 +199,7 @@ KZDV_EXPORT const Emif_Design* emif_DictionaryDesignGet(const Emif_Dictionary* d
                                                         int index);
 /* Dictionary text of all designs, in definition order, closed by ".":
  * "{...}A,{...}B,." UTF-8, heap. */
-KZDV_EXPORT char* emif_DictionaryTextGet(const Emif_Dictionary* dictionary,
-                                         Eerr_ErrorReport** err);
+KZDV_EXPORT char* emif_DictionaryTextGet(const Emif_Dictionary* dictionary, Eerr_ErrorReport** err);
 /* Parses dictionary text (at most `length` bytes; it may stop at "." or a
  * zero). Definitions written inline ("1:x{0:pcstring,}Emif_String,type,")
  * become designs of their own. Malformed text is reported with the offset of
@@ -251,12 +250,9 @@ KZDV_EXPORT void* emif_ObjectDecode(const Emif_Design* design, const unsigned ch
  * the dictionary text that defines the design and every design it uses, and
  * the packed bytes (offsets counted from 0). Fields of the caller's record
  * are filled with new heap blocks (counts include the terminating zero). */
-KZDV_EXPORT Emsc_Boolean emif_MIFableObjectConvertToMIF(const Emif_Design* design,
-                                                        const void* object,
-                                                        Emif_CountedString* design_name,
-                                                        Emif_CountedString* dictionary,
-                                                        Emif_CountedBytes* bytes,
-                                                        Eerr_ErrorReport** err);
+KZDV_EXPORT Emsc_Boolean emif_MIFableObjectConvertToMIF(
+    const Emif_Design* design, const void* object, Emif_CountedString* design_name,
+    Emif_CountedString* dictionary, Emif_CountedBytes* bytes, Eerr_ErrorReport** err);
 /* Rebuilds the design (caller owns; emif_DesignDestroy) and the object (free
  * with emif_ObjectFree and that design) from the three MIF fields. */
 KZDV_EXPORT Emsc_Boolean emif_MIFableObjectConvertFromMIF(const Emif_CountedString* design_name,

@@ -12,8 +12,7 @@
 
 KZDV_BEGIN_C
 /* The value stored for category/name, or `default_value` when none is. */
-KZDV_EXPORT Emsc_Boolean epmg_GetBooleanPreference(const Etxt_Char* category,
-                                                   const Etxt_Char* name,
+KZDV_EXPORT Emsc_Boolean epmg_GetBooleanPreference(const Etxt_Char* category, const Etxt_Char* name,
                                                    Emsc_Boolean default_value,
                                                    Eerr_ErrorReport** err);
 KZDV_EXPORT void epmg_SetBooleanPreference(const Etxt_Char* category, const Etxt_Char* name,

@@ -89,12 +89,12 @@ typedef struct Eprj_Spheroid {
  * zone code; the spheroid decides NAD83 (GRS 1980) or NAD27 (Clarke 1866). */
 typedef struct Eprj_ProParameters {
   Eprj_ProType proType;
-  long proNumber;               /* internal projection number (EPRJ_*) */
-  Etxt_Char* proExeName;        /* external projections only, else null */
-  Etxt_Char* proName;           /* e.g. "UTM", "Transverse Mercator" */
-  long proZone;                 /* UTM and state plane zone, else 0 */
-  Eprj_DoubleArray proParams;   /* EPRJ_PARAMETER_COUNT GCTP parameters */
-  Eprj_Spheroid* proSpheroid;   /* owned; null for no spheroid */
+  long proNumber;             /* internal projection number (EPRJ_*) */
+  Etxt_Char* proExeName;      /* external projections only, else null */
+  Etxt_Char* proName;         /* e.g. "UTM", "Transverse Mercator" */
+  long proZone;               /* UTM and state plane zone, else 0 */
+  Eprj_DoubleArray proParams; /* EPRJ_PARAMETER_COUNT GCTP parameters */
+  Eprj_Spheroid* proSpheroid; /* owned; null for no spheroid */
 } Eprj_ProParameters;
 
 typedef struct Eprj_Coordinate {
@@ -216,7 +216,8 @@ KZDV_EXPORT Emsc_Boolean eprj_ProjectionFromLL(const Eprj_MapProjection* project
 KZDV_EXPORT Eprj_ProParameters* eprj_ProParametersFromWkt(const char* wkt, Eerr_ErrorReport** err);
 /* WKT (WKT1 as GDAL writes it) of the parameters; heap UTF-8 text, free with
  * emsc_HeapFree. */
-KZDV_EXPORT char* eprj_ProParametersToWkt(const Eprj_ProParameters* parameters, Eerr_ErrorReport** err);
+KZDV_EXPORT char* eprj_ProParametersToWkt(const Eprj_ProParameters* parameters,
+                                          Eerr_ErrorReport** err);
 
 /* ---- Elevation info. */
 

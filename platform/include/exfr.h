@@ -30,8 +30,8 @@ typedef struct Exfr_XForm Exfr_XForm;
 typedef struct Exfr_SensorModelOps {
   const char* name; /* kind of model, e.g. "frame camera" */
   /* count ground points (x, y, z triples) to image (x, y pairs). */
-  Emsc_Boolean (*groundToImage)(void* model, long count, const double* ground_xyz,
-                                double* image_xy, Eerr_ErrorReport** err);
+  Emsc_Boolean (*groundToImage)(void* model, long count, const double* ground_xyz, double* image_xy,
+                                Eerr_ErrorReport** err);
   /* The ray of an image point: a ground point on it and a direction. */
   Emsc_Boolean (*imageToGroundRay)(void* model, double image_x, double image_y,
                                    double origin_xyz[3], double direction_xyz[3],

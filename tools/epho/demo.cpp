@@ -15,8 +15,10 @@ int RunDemo(int argc, char** argv) {
   epho_tool::DemoContext demo;
   std::string dir = "epho-demo";
   for (int i = 1; i < argc; ++i) {
-    if (!std::strcmp(argv[i], "--workdir") && i + 1 < argc) dir = argv[++i];
-    else if (!std::strcmp(argv[i], "-v")) demo.verbose = true;
+    if (!std::strcmp(argv[i], "--workdir") && i + 1 < argc)
+      dir = argv[++i];
+    else if (!std::strcmp(argv[i], "-v"))
+      demo.verbose = true;
     else {
       std::fprintf(stderr, "usage: epho demo [--workdir DIR] [-v]\n");
       return 2;

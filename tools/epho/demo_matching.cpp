@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "gdal.h"
 #include "epho/matching.h"
+#include "gdal.h"
 #include "registry.h"
 
 namespace {
@@ -118,7 +118,8 @@ bool DemoMatching(epho_tool::DemoContext& demo) {
         ++rejected;
         continue;
       }
-      const double ex_ncc = peak.subpixel_column - lx - kShiftX, ey_ncc = peak.subpixel_row - ly - kShiftY;
+      const double ex_ncc = peak.subpixel_column - lx - kShiftX,
+                   ey_ncc = peak.subpixel_row - ly - kShiftY;
       const double ex = rx - 0.5 - lx - kShiftX, ey = ry - 0.5 - ly - kShiftY;
       ncc_sq += ex_ncc * ex_ncc + ey_ncc * ey_ncc;
       lsc_sq += ex * ex + ey * ey;
@@ -131,9 +132,10 @@ bool DemoMatching(epho_tool::DemoContext& demo) {
   const double ncc_rmse = std::sqrt(ncc_sq / points), lsc_rmse = std::sqrt(lsc_sq / points);
   demo.values["matching.tie_points"] = points;
   demo.values["matching.rmse_px"] = lsc_rmse;
-  demo.Summary("matching: %d tie points (%d rejected), RMSE against the known shift: NCC %.3f px, "
-               "NCC+LSC %.3f px",
-               points, rejected, ncc_rmse, lsc_rmse);
+  demo.Summary(
+      "matching: %d tie points (%d rejected), RMSE against the known shift: NCC %.3f px, "
+      "NCC+LSC %.3f px",
+      points, rejected, ncc_rmse, lsc_rmse);
   return lsc_rmse < 0.1;
 }
 

@@ -18,7 +18,7 @@ namespace {
 // Terrain of the demo: gentle hills over a tilted plane, metres.
 constexpr double kOriginE = 480000.0, kOriginN = 5300000.0;  // upper-left corner
 constexpr int kDemSize = 256;
-constexpr double kDemCell = 10.0;   // m
+constexpr double kDemCell = 10.0;  // m
 constexpr int kOrthoSize = 1024;
 constexpr double kOrthoCell = 2.5;  // m
 
@@ -31,8 +31,8 @@ bool WriteGeoTiff(const std::string& path, int size, int bands, GDALDataType typ
                   const std::vector<std::vector<double>>& data, const char* unit) {
   GDALAllRegister();
   const char* options[] = {"INTERLEAVE=PIXEL", "TILED=YES", nullptr};
-  GDALDatasetH ds = GDALCreate(GDALGetDriverByName("GTiff"), path.c_str(), size, size, bands,
-                               type, const_cast<char**>(options));
+  GDALDatasetH ds = GDALCreate(GDALGetDriverByName("GTiff"), path.c_str(), size, size, bands, type,
+                               const_cast<char**>(options));
   if (!ds) return false;
   double gt[6] = {kOriginE, cell, 0.0, kOriginN, 0.0, -cell};
   GDALSetGeoTransform(ds, gt);
@@ -45,8 +45,8 @@ bool WriteGeoTiff(const std::string& path, int size, int bands, GDALDataType typ
     GDALRasterBandH band = GDALGetRasterBand(ds, b + 1);
     if (unit) GDALSetRasterUnitType(band, unit);
     std::vector<double> copy = data[b];
-    ok = ok && GDALRasterIO(band, GF_Write, 0, 0, size, size, copy.data(), size, size,
-                            GDT_Float64, 0, 0) == CE_None;
+    ok = ok && GDALRasterIO(band, GF_Write, 0, 0, size, size, copy.data(), size, size, GDT_Float64,
+                            0, 0) == CE_None;
   }
   GDALClose(ds);
   return ok;
@@ -86,8 +86,8 @@ bool DemoTerrain(epho_tool::DemoContext& demo) {
   demo.files["dem"] = dem_path;
   demo.files["ortho"] = ortho_path;
   demo.values["dem.cell_m"] = kDemCell;
-  demo.Summary("terrain: DEM %dx%d cells of %.0f m, ortho %dx%d RGB at %.1f m (UTM 32N)",
-               kDemSize, kDemSize, kDemCell, kOrthoSize, kOrthoSize, kOrthoCell);
+  demo.Summary("terrain: DEM %dx%d cells of %.0f m, ortho %dx%d RGB at %.1f m (UTM 32N)", kDemSize,
+               kDemSize, kDemCell, kOrthoSize, kOrthoSize, kOrthoCell);
   return true;
 }
 
@@ -135,7 +135,8 @@ bool DemoPyramids(epho_tool::DemoContext& demo) {
          eimg_LayerRasterPixelRectGet(layer, long(EFGA_MATRIX_AT(point, 0, 0)),
                                       long(EFGA_MATRIX_AT(point, 1, 0)), one, nullptr);
     if (ok) {
-      worst = std::max(worst, std::fabs(*reinterpret_cast<float*>(one->data) - TerrainHeight(e, n)));
+      worst =
+          std::max(worst, std::fabs(*reinterpret_cast<float*>(one->data) - TerrainHeight(e, n)));
       ++points;
     }
   }

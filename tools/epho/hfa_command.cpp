@@ -5,8 +5,8 @@
 // their first N items (default 8).
 #include <algorithm>
 #include <cinttypes>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -175,8 +175,8 @@ Value Field(const Emif_FieldInfo& f, const uint8_t* p, int max_items, int depth)
   if (modifier == EMIF_M_FIXED) {
     if (base == EMIF_T_CHAR) {
       v.kind = Value::kString;
-      v.text.assign(reinterpret_cast<const char*>(p), strnlen(reinterpret_cast<const char*>(p),
-                                                              static_cast<size_t>(f.fixed_count)));
+      v.text.assign(reinterpret_cast<const char*>(p),
+                    strnlen(reinterpret_cast<const char*>(p), static_cast<size_t>(f.fixed_count)));
       return v;
     }
     return Items(f, p, f.fixed_count, max_items, depth);
@@ -282,9 +282,9 @@ void PrintText(FILE* out, const Value& v, int indent) {
       std::fprintf(out, "%*s%s:\n", indent, "", name.c_str());
       PrintText(out, value, indent + 2);
     } else {
-      std::fprintf(out, "%*s%s: %zu%s items\n", indent, "", name.c_str(), value.items.size(),
-                   value.more ? (" of " + std::to_string(value.items.size() + value.more)).c_str()
-                              : "");
+      std::fprintf(
+          out, "%*s%s: %zu%s items\n", indent, "", name.c_str(), value.items.size(),
+          value.more ? (" of " + std::to_string(value.items.size() + value.more)).c_str() : "");
       for (size_t i = 0; i < value.items.size(); ++i) {
         std::fprintf(out, "%*s[%zu] %s\n", indent + 2, "", i, Inline(value.items[i]).c_str());
       }
@@ -360,10 +360,8 @@ int DumpNode(FILE* out, Ehfa_File* f, const DumpOptions& o, int depth, bool firs
 
 // Dumps `file` (from node `node`, or the root) to `out`; 0 when every entry
 // decoded, 3 when some could not, 1 when the file cannot be opened.
-int HfaDump(FILE* out, const std::string& file, const std::string& node, bool json,
-            int max_items);
-int HfaDump(FILE* out, const std::string& file, const std::string& node, bool json,
-            int max_items) {
+int HfaDump(FILE* out, const std::string& file, const std::string& node, bool json, int max_items);
+int HfaDump(FILE* out, const std::string& file, const std::string& node, bool json, int max_items) {
   Eerr_ErrorReport* err = nullptr;
   const std::wstring wfile = kzdv::FromUtf8(file);
   Ehfa_File* f = ehfa_FileOpen(wfile.c_str(), "r", nullptr, &err);
@@ -372,8 +370,8 @@ int HfaDump(FILE* out, const std::string& file, const std::string& node, bool js
     eerr_DeleteErrorReport(err);
     return 1;
   }
-  if (!node.empty() && !ehfa_EntrySeek(f, EHFA_SEEK_INTO, kzdv::FromUtf8(node).c_str(), nullptr,
-                                       &err)) {
+  if (!node.empty() &&
+      !ehfa_EntrySeek(f, EHFA_SEEK_INTO, kzdv::FromUtf8(node).c_str(), nullptr, &err)) {
     eerr_PrintErrorReport(err, nullptr, 0);
     eerr_DeleteErrorReport(err);
     ehfa_FileClose(f, nullptr);

@@ -1,8 +1,7 @@
 // `epho hfa dump` on a file GDAL writes: the tree and values in text, and
 // JSON that a JSON reader accepts with the same values.
-#include <gtest/gtest.h>
-
 #include <gdal.h>
+#include <gtest/gtest.h>
 
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
@@ -13,8 +12,7 @@
 #include "test_util.h"
 
 namespace epho_tool {
-int HfaDump(FILE* out, const std::string& file, const std::string& node, bool json,
-            int max_items);
+int HfaDump(FILE* out, const std::string& file, const std::string& node, bool json, int max_items);
 }
 
 namespace {
@@ -35,8 +33,8 @@ TEST(HfaCommand, DumpsTreeAndValuesAsTextAndJson) {
   testutil::ScratchDir dir("hfa_dump");
   GDALAllRegister();
   const std::string path = dir.File("d.img");
-  GDALDatasetH ds = GDALCreate(GDALGetDriverByName("HFA"), path.c_str(), 300, 200, 1, GDT_Int16,
-                               nullptr);
+  GDALDatasetH ds =
+      GDALCreate(GDALGetDriverByName("HFA"), path.c_str(), 300, 200, 1, GDT_Int16, nullptr);
   double gt[6] = {1000, 2, 0, 5000, 0, -2};
   GDALSetGeoTransform(ds, gt);
   GDALClose(ds);

@@ -52,11 +52,11 @@ struct Registrar {
 
 #define EPHO_TOOL_CONCAT2(a, b) a##b
 #define EPHO_TOOL_CONCAT(a, b) EPHO_TOOL_CONCAT2(a, b)
-#define EPHO_COMMAND(name, usage, fn)                                             \
-  static ::epho_tool::Registrar EPHO_TOOL_CONCAT(epho_command_, __LINE__)( \
-      ::epho_tool::Command{name, usage, fn})
-#define EPHO_DEMO_STAGE(order, name, fn)                                           \
-  static ::epho_tool::Registrar EPHO_TOOL_CONCAT(epho_demo_stage_, __LINE__)( \
-      ::epho_tool::DemoStage{order, name, fn})
+#define EPHO_COMMAND(name, usage, fn)                           \
+  static ::epho_tool::Registrar EPHO_TOOL_CONCAT(epho_command_, \
+                                                 __LINE__)(::epho_tool::Command{name, usage, fn})
+#define EPHO_DEMO_STAGE(order, name, fn)          \
+  static ::epho_tool::Registrar EPHO_TOOL_CONCAT( \
+      epho_demo_stage_, __LINE__)(::epho_tool::DemoStage{order, name, fn})
 
 #endif  // EPHO_TOOL_REGISTRY_H
