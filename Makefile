@@ -20,7 +20,7 @@ define install_missing
 	fi
 endef
 
-.PHONY: all deps build demo test bench asan tsan fuzz install symbols format clean
+.PHONY: all deps build demo test bench asan tsan fuzz install symbols format format-check clean
 all: build
 
 deps:
@@ -69,8 +69,14 @@ symbols: build
 	for l in kzdvrasteru kzdvmodlibu kzdvpholibu; do \
 	  cmake/check_symbols.sh $(BUILD)/lib$$l.so cmake/exported_symbols/$$l.txt --write; done
 
+FORMAT_FILES = $$(git ls-files '*.cpp' '*.h' '*.hpp' '*.c')
 format:
-	clang-format -i $$(git ls-files '*.cpp' '*.h' '*.hpp' '*.c')
+	clang-format -i $(FORMAT_FILES)
+
+# Fails on any file that differs from the checked-in .clang-format style.
+format-check:
+	$(call install_missing,clang-format)
+	clang-format --dry-run --Werror $(FORMAT_FILES)
 
 clean:
 	rm -rf $(BUILD) build-bench build-asan build-tsan build-fuzz
