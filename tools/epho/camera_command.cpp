@@ -67,36 +67,53 @@ void Show(const Epho_CameraFrameInfo& c) {
   std::printf("\n");
 }
 
-int RunCamera(int argc, char** argv) {
-  if (argc == 3 && !std::strcmp(argv[1], "show")) {
-    CameraPtr camera = Read(argv[2]);
-    if (!camera) return 1;
-    std::printf("Camera file:      %s (%s layout)\n", argv[2], LayoutOf(argv[2]));
-    Show(*camera);
-    return 0;
+int RunShow(const std::string& file) {
+  CameraPtr camera = Read(file);
+  if (!camera) return epho_tool::kExitFailure;
+  std::printf("Camera file:      %s (%s layout)\n", file.c_str(), LayoutOf(file));
+  Show(*camera);
+  return epho_tool::kExitOk;
+}
+
+int RunConvert(const std::string& from, const std::string& to) {
+  CameraPtr camera = Read(from);
+  if (!camera) return epho_tool::kExitFailure;
+  if (!std::strcmp(LayoutOf(from), "current"))
+    std::printf("%s is already in the current layout; writing a copy\n", from.c_str());
+  Eerr_ErrorReport* err = nullptr;
+  const std::wstring out = kzdv::FromUtf8(to);
+  if (!CameraInfoFileWrite(out.c_str(), camera.get(), &err)) {
+    std::fflush(stdout);
+    eerr_PrintErrorReport(err, stderr, 0);
+    eerr_DeleteErrorReport(err);
+    return epho_tool::kExitFailure;
   }
-  if (argc == 4 && !std::strcmp(argv[1], "convert")) {
-    CameraPtr camera = Read(argv[2]);
-    if (!camera) return 1;
-    if (!std::strcmp(LayoutOf(argv[2]), "current"))
-      std::printf("%s is already in the current layout; writing a copy\n", argv[2]);
-    Eerr_ErrorReport* err = nullptr;
-    const std::wstring out = kzdv::FromUtf8(argv[3]);
-    if (!CameraInfoFileWrite(out.c_str(), camera.get(), &err)) {
-      eerr_PrintErrorReport(err, stderr, 0);
-      eerr_DeleteErrorReport(err);
-      return 1;
-    }
-    std::printf("wrote %s (camera \"%s\", %d fiducials)\n", argv[3],
-                Narrow(camera->cameraName).c_str(), camera->fiducialValueCount / 2);
-    return 0;
-  }
-  std::fprintf(stderr,
-               "usage: epho camera show FILE\n"
-               "       epho camera convert OLD NEW   (rewrite in the current layout)\n");
-  return 2;
+  std::printf("wrote %s (camera \"%s\", %d fiducials)\n", to.c_str(),
+              Narrow(camera->cameraName).c_str(), camera->fiducialValueCount / 2);
+  return epho_tool::kExitOk;
+}
+
+struct CameraArgs {
+  std::string file, from, to;
+};
+
+epho_tool::Run DeclareShow(CLI::App& app) {
+  auto args = std::make_shared<CameraArgs>();
+  app.add_option("FILE", args->file, "camera file")->required();
+  return [args] { return RunShow(args->file); };
+}
+
+epho_tool::Run DeclareConvert(CLI::App& app) {
+  auto args = std::make_shared<CameraArgs>();
+  app.add_option("OLD", args->from, "camera file to read")->required();
+  app.add_option("NEW", args->to, "camera file to write (may be OLD itself)")->required();
+  return [args] { return RunConvert(args->from, args->to); };
 }
 
 }  // namespace
 
-EPHO_COMMAND("camera", "show FILE | convert OLD NEW  camera calibration files", RunCamera);
+EPHO_COMMAND_GROUP("camera", "camera calibration files");
+EPHO_COMMAND("camera show", "print a camera calibration file (either layout)", DeclareShow);
+EPHO_COMMAND("camera convert",
+             "rewrite a camera file in the current layout (the target is replaced safely)",
+             DeclareConvert);

@@ -12,12 +12,10 @@
 namespace {
 
 int RunCameraCommand(std::vector<std::string> args) {
+  args.insert(args.begin(), "epho");
   std::vector<char*> argv;
   for (auto& a : args) argv.push_back(a.data());
-  for (const auto& c : epho_tool::Commands())
-    if (!std::strcmp(c.name, "camera")) return c.run(static_cast<int>(argv.size()), argv.data());
-  ADD_FAILURE() << "no camera command registered";
-  return -1;
+  return epho_tool::Main(static_cast<int>(argv.size()), argv.data());
 }
 
 }  // namespace

@@ -3,27 +3,23 @@
 // folder and print a short summary.
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
+#include <memory>
 #include <string>
 
 #include "registry.h"
 
 namespace {
 
-int RunDemo(int argc, char** argv) {
-  epho_tool::DemoContext demo;
+struct DemoArgs {
   std::string dir = "epho-demo";
-  for (int i = 1; i < argc; ++i) {
-    if (!std::strcmp(argv[i], "--workdir") && i + 1 < argc)
-      dir = argv[++i];
-    else if (!std::strcmp(argv[i], "-v"))
-      demo.verbose = true;
-    else {
-      std::fprintf(stderr, "usage: epho demo [--workdir DIR] [-v]\n");
-      return 2;
-    }
-  }
+  bool verbose = false;
+};
+
+int RunDemo(const DemoArgs& args) {
+  epho_tool::DemoContext demo;
+  demo.verbose = args.verbose;
+  const std::string& dir = args.dir;
   std::error_code ec;
   std::filesystem::create_directories(dir, ec);
   if (ec) {
@@ -45,9 +41,17 @@ int RunDemo(int argc, char** argv) {
     }
   }
   std::printf("epho demo: %zu stages, %d failed\n", stages.size(), failed);
-  return failed ? 1 : 0;
+  return failed ? epho_tool::kExitFailure : epho_tool::kExitOk;
+}
+
+epho_tool::Run DeclareDemo(CLI::App& app) {
+  auto args = std::make_shared<DemoArgs>();
+  app.add_option("--workdir", args->dir, "folder of the project (made if missing)")
+      ->capture_default_str();
+  app.add_flag("-v,--verbose", args->verbose, "print more of each stage");
+  return [args] { return RunDemo(*args); };
 }
 
 }  // namespace
 
-EPHO_COMMAND("demo", "[--workdir DIR]  build a synthetic aerial project end to end", RunDemo);
+EPHO_COMMAND("demo", "build a synthetic aerial project end to end", DeclareDemo);

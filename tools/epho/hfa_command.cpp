@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -392,38 +393,32 @@ int HfaDump(FILE* out, const std::string& file, const std::string& node, bool js
 
 namespace {
 
-int RunHfa(int argc, char** argv) {
-  const char* usage = "usage: epho hfa dump FILE [--node PATH] [--json] [--items N]\n";
-  if (argc < 3 || std::strcmp(argv[1], "dump") != 0) {
-    std::fputs(usage, argc >= 2 && !std::strcmp(argv[1], "--help") ? stdout : stderr);
-    return argc >= 2 && !std::strcmp(argv[1], "--help") ? 0 : 2;
-  }
+struct HfaArgs {
   std::string file, node;
   bool json = false;
   int items = 8;
-  for (int i = 2; i < argc; ++i) {
-    if (!std::strcmp(argv[i], "--json")) {
-      json = true;
-    } else if (!std::strcmp(argv[i], "--node") && i + 1 < argc) {
-      node = argv[++i];
-    } else if (!std::strcmp(argv[i], "--items") && i + 1 < argc) {
-      items = std::max(0, std::atoi(argv[++i]));
-    } else if (argv[i][0] != '-' && file.empty()) {
-      file = argv[i];
-    } else {
-      std::fputs(usage, stderr);
-      return 2;
+};
+
+epho_tool::Run DeclareHfaDump(CLI::App& dump) {
+  auto args = std::make_shared<HfaArgs>();
+  dump.add_option("FILE", args->file, "block file or .img image")->required();
+  dump.add_option("--node", args->node, "start at this node path (e.g. :Layer_1)");
+  dump.add_flag("--json", args->json, "print JSON instead of text");
+  IntegerOption(dump, "--items", args->items, "array items shown per field", 0, 1000000);
+  return [args] {
+    const int bad = HfaDump(stdout, args->file, args->node, args->json, args->items);
+    if (bad == 3) {
+      std::fflush(stdout);
+      std::fprintf(stderr, "epho hfa dump: some entries of %s could not be decoded\n",
+                   args->file.c_str());
     }
-  }
-  if (file.empty()) {
-    std::fputs(usage, stderr);
-    return 2;
-  }
-  return HfaDump(stdout, file, node, json, items);
+    return bad ? kExitFailure : kExitOk;
+  };
 }
 
 }  // namespace
 }  // namespace epho_tool
 
-EPHO_COMMAND("hfa", "dump FILE [--node PATH] [--json]  print the tree of a hierarchical file",
-             epho_tool::RunHfa);
+EPHO_COMMAND_GROUP("hfa", "hierarchical (HFA) files: block files, .img images");
+EPHO_COMMAND("hfa dump", "print the entry tree, types and decoded values of a hierarchical file",
+             epho_tool::DeclareHfaDump);

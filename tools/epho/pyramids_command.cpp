@@ -2,8 +2,9 @@
 // progress bar; Ctrl-C cancels cleanly (the image is left without levels).
 #include <csignal>
 #include <cstdio>
-#include <cstring>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "eimg.h"
 #include "emet.h"
@@ -25,23 +26,18 @@ long LevelCount(const std::wstring& image) {
   return n;
 }
 
-int RunPyramids(int argc, char** argv) {
+struct PyramidsArgs {
   bool check_only = false;
-  int first = 1;
-  if (argc > 1 && !std::strcmp(argv[1], "--check")) check_only = true, first = 2;
-  if (first >= argc) {
-    std::fprintf(stderr,
-                 "usage: epho pyramids [--check] IMAGE...\n"
-                 "  builds the 3x3 binomial pyramid levels of every layer of each image\n"
-                 "  (stored as GDAL overviews); --check only tells whether usable ones exist\n");
-    return 2;
-  }
+  std::vector<std::string> images;
+};
+
+int RunPyramids(const PyramidsArgs& args) {
   int failures = 0;
   auto old_handler = std::signal(SIGINT, CancelOnSignal);
-  for (int i = first; i < argc; ++i) {
-    std::wstring image = kzdv::FromUtf8(argv[i]);
+  for (const std::string& name : args.images) {
+    std::wstring image = kzdv::FromUtf8(name);
     Eerr_ErrorReport* err = nullptr;
-    if (check_only) {
+    if (args.check_only) {
       Emsc_Boolean ok = epho_PyramidLayersCheck(image.c_str(), &err);
       if (err) {
         eerr_PrintErrorReport(err, nullptr, 0);
@@ -49,7 +45,8 @@ int RunPyramids(int argc, char** argv) {
         ++failures;
         continue;
       }
-      std::printf("%s: %s\n", argv[i], ok ? "usable binomial pyramid levels" : "no usable levels");
+      std::printf("%s: %s\n", name.c_str(),
+                  ok ? "usable binomial pyramid levels" : "no usable levels");
       if (!ok) ++failures;
       continue;
     }
@@ -64,12 +61,23 @@ int RunPyramids(int argc, char** argv) {
       ++failures;
       continue;
     }
-    std::printf("%s: %ld pyramid levels\n", argv[i], LevelCount(image));
+    std::printf("%s: %ld pyramid levels\n", name.c_str(), LevelCount(image));
   }
   std::signal(SIGINT, old_handler);
-  return failures ? 1 : 0;
+  return failures ? epho_tool::kExitFailure : epho_tool::kExitOk;
+}
+
+epho_tool::Run DeclarePyramids(CLI::App& app) {
+  auto args = std::make_shared<PyramidsArgs>();
+  app.add_flag("--check", args->check_only,
+               "only tell whether usable levels exist (exit 1 when some image has none)");
+  app.add_option("IMAGE", args->images, "image files")->required();
+  app.footer(
+      "Builds the 3x3 binomial pyramid levels of every layer of each image (stored as GDAL "
+      "overviews). Ctrl-C cancels.");
+  return [args] { return RunPyramids(*args); };
 }
 
 }  // namespace
 
-EPHO_COMMAND("pyramids", "[--check] IMAGE...  build 3x3 binomial pyramid levels", RunPyramids);
+EPHO_COMMAND("pyramids", "build 3x3 binomial pyramid levels of images", DeclarePyramids);
