@@ -20,7 +20,8 @@ expect fail kernel   eimg.h                     # and does not read rasters
 expect ok   matching epho/matching/ncc_internal.h
 expect fail pyramid  epho/matching/ncc_internal.h   # another module's private header
 expect fail core     ehfa.h                     # the toolkit core depends on nothing
-expect ok   ehfa     platform/emif/emif_codec.h # a module interface of a declared module
-expect fail eimg     platform/emif/emif_codec.h # ... but not of an undeclared one
+expect ok   ehfa     platform/emif/object_codec.h    # a module interface of a declared module
+expect fail eimg     platform/emif/object_codec.h    # ... but not of an undeclared one
+expect fail ehfa     platform/emif/design_internal.h # nor the layouts private to emif
 [ $status = 0 ] && echo "module layering holds"
 exit $status

@@ -335,15 +335,16 @@ Emsc_Boolean ehfa_ObjectWrite(Ehfa_File* file, const Etxt_Char* path, const Etxt
   EERR_FAIL_IF(!file || !design || !object, frame, EMSC_FALSE, L"Args");
   std::vector<uint8_t> bytes;
   std::string error;
-  const kzdv::mif::DesignImpl& d = *design->impl;
+  const kzdv::mif::DesignImpl& d = *kzdv::mif::DesignOf(design);
   try {
     EERR_FAIL_IF(!kzdv::mif::Encode(d, object, 0, &bytes, &error), frame, EMSC_FALSE,
-                 L"Cannot encode %s of design %s: %s", name ? name : L"", W(d.name), W(error));
-    if (file->dict->dict.Add(design->impl)) file->dict->changed = true;
+                 L"Cannot encode %s of design %s: %s", name ? name : L"",
+                 emif_DesignNameGet(design), W(error));
+    kzdv::mif::AddDesign(file->dict.get(), kzdv::mif::DesignOf(design));
   } catch (const std::bad_alloc&) {
     EERR_FAIL(frame, EMSC_FALSE, L"Out of memory");
   }
-  Node* n = Place(frame, file, path, name, position, d.name);
+  Node* n = Place(frame, file, path, name, position, kzdv::mif::DesignName(d));
   if (!n) return EMSC_FALSE;
   EERR_FAIL_IF(!file->SetData(n, &bytes, &d, &error), frame, EMSC_FALSE, L"Cannot write %s: %s",
                file->name.c_str(), W(error));
@@ -356,7 +357,7 @@ Emsc_Boolean ehfa_ObjectDataWrite(Ehfa_File* file, const Etxt_Char* path, const 
   ErrorFrame frame(L"ehfa_ObjectDataWrite", err);
   EERR_FAIL_IF(!file || !type || (!data && size > 0), frame, EMSC_FALSE, L"Args");
   const std::string t8 = U8(type);
-  kzdv::mif::DesignRef d = file->dict->dict.Find(t8);
+  kzdv::mif::DesignRef d = kzdv::mif::FindDesign(*file->dict, t8);
   std::vector<uint8_t> bytes(static_cast<const uint8_t*>(data),
                              static_cast<const uint8_t*>(data) + size);
   std::string error;
@@ -389,9 +390,9 @@ Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod meth
   const int found = DoSeek(frame, file, method, path, name, missing_is_error);
   if (found <= 0) return EMSC_FALSE;
   const Node* n = file->current;
-  const kzdv::mif::DesignRef d = file->dict->dict.Find(n->type);
+  const kzdv::mif::DesignRef d = kzdv::mif::FindDesign(*file->dict, n->type);
   if (!d) {
-    const std::string why = file->dict->dict.Unusable(n->type);
+    const std::string why = kzdv::mif::UnusableReason(*file->dict, n->type);
     frame.Fail(__LINE__, L"Node %s has type %s, which the dictionary of %s does not define%s",
                W(file->PathOf(n)), W(n->type), file->name.c_str(),
                W(why.empty() ? std::string() : " usably: " + why));
@@ -405,13 +406,14 @@ Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod meth
       frame.Fail(__LINE__, L"Cannot read %s: %s", file->name.c_str(), W(error));
       return EMSC_FALSE;
     }
-    if (d->size > std::max<uint64_t>(file->io.size(), 1u << 20) ||
-        (!bytes.empty() && d->disk_min > bytes.size())) {
+    const size_t least = kzdv::mif::PackedMinimum(*d);
+    if (kzdv::mif::RecordSize(*d) > std::max<uint64_t>(file->io.size(), 1u << 20) ||
+        (!bytes.empty() && least > bytes.size())) {
       frame.Fail(__LINE__, L"Node %s holds %u bytes, not an object of type %s (%u bytes or more)",
-                 W(file->PathOf(n)), n->data_size, W(n->type), static_cast<unsigned>(d->disk_min));
+                 W(file->PathOf(n)), n->data_size, W(n->type), static_cast<unsigned>(least));
       return EMSC_FALSE;
     }
-    rec = emsc_HeapCalloc(1, d->size);
+    rec = emsc_HeapCalloc(1, kzdv::mif::RecordSize(*d));
     if (!rec) {
       frame.Fail(__LINE__, L"Out of memory");
       return EMSC_FALSE;
@@ -429,7 +431,7 @@ Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod meth
     return EMSC_FALSE;
   }
   *object = rec;
-  if (design) *design = file->dict->Handle(d);
+  if (design) *design = kzdv::mif::HandleOf(file->dict.get(), d);
   return EMSC_TRUE;
 }
 
@@ -441,19 +443,21 @@ Emsc_Boolean ReadInto(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod method
     frame.Fail(__LINE__, L"Args");
     return EMSC_FALSE;
   }
-  std::memset(record, 0, design->impl->size);
+  const kzdv::mif::DesignImpl& to = *kzdv::mif::DesignOf(design);
+  std::memset(record, 0, kzdv::mif::RecordSize(to));
   const Emif_Design* stored = nullptr;
   void* rec = nullptr;
   if (!ReadObject(frame, file, method, path, name, &stored, &rec, missing_is_error)) {
     return EMSC_FALSE;
   }
   std::string error;
-  const bool ok = kzdv::mif::Convert(*stored->impl, rec, *design->impl, record, &error);
-  kzdv::mif::FreeContents(*stored->impl, rec);
+  const kzdv::mif::DesignImpl& from = *kzdv::mif::DesignOf(stored);
+  const bool ok = kzdv::mif::Convert(from, rec, to, record, &error);
+  kzdv::mif::FreeContents(from, rec);
   emsc_HeapFree(rec);
   if (!ok) {
     frame.Fail(__LINE__, L"Cannot read %s as design %s: %s", W(file->PathOf(file->current)),
-               design->impl->wname.c_str(), W(error));
+               emif_DesignNameGet(design), W(error));
     return EMSC_FALSE;
   }
   return EMSC_TRUE;
@@ -506,7 +510,7 @@ Emsc_Boolean ehfa_ObjectDataReadIfPresent(Ehfa_File* file, Ehfa_SeekMethod metho
   std::string error;
   EERR_FAIL_IF(!file->ReadData(n, &bytes, &error), frame, EMSC_FALSE, L"Cannot read %s: %s",
                file->name.c_str(), W(error));
-  const kzdv::mif::DesignRef d = file->dict->dict.Find(n->type);
+  const kzdv::mif::DesignRef d = kzdv::mif::FindDesign(*file->dict, n->type);
   if (d && !bytes.empty()) {
     EERR_FAIL_IF(!kzdv::mif::Rebase(*d, bytes.data(), bytes.size(), 0, &error), frame, EMSC_FALSE,
                  L"Cannot read %s in %s: %s", W(file->PathOf(n)), file->name.c_str(), W(error));

@@ -32,26 +32,6 @@ struct Closer {
   }
 };
 
-const mif::Field* FieldNamed(const mif::DesignImpl& d, const char* name) {
-  for (const auto& f : d.fields) {
-    if (f.name == name) return &f;
-  }
-  return nullptr;
-}
-
-// 32-bit scalar of a record (l, L, e fields), if the design has it.
-bool GetU32(const mif::DesignImpl& d, const uint8_t* rec, const char* name, uint32_t* v) {
-  const mif::Field* f = FieldNamed(d, name);
-  if (!f || f->shape != mif::Shape::kSingle || f->elem_size != 4) return false;
-  std::memcpy(v, rec + f->offset, 4);
-  return true;
-}
-void SetU32(const mif::DesignImpl& d, uint8_t* rec, const char* name, uint32_t v) {
-  const mif::Field* f = FieldNamed(d, name);
-  if (f && f->shape == mif::Shape::kSingle && f->elem_size == 4)
-    std::memcpy(rec + f->offset, &v, 4);
-}
-
 // Moves `size` bytes at `from` in the source to the end of the target.
 bool MoveBytes(Ehfa_File* src, Ehfa_File* dst, uint32_t from, uint32_t size, uint32_t* to,
                std::string* error) {
@@ -91,20 +71,16 @@ bool SameIgnoringCase(const std::wstring& a, const std::wstring& b) {
 }
 
 // Rewrites what a record of a known image type points at outside itself.
-// `rec` is a decoded record of `d`; returns false with *error on failure.
-bool FixUp(Ehfa_File* src, Ehfa_File* dst, const Node* s, const mif::DesignImpl& d, uint8_t* rec,
-           std::string* error) {
+// `rec` views a decoded record; returns false with *error on failure.
+bool FixUp(Ehfa_File* src, Ehfa_File* dst, const Node* s, mif::RecordView rec, std::string* error) {
   if (s->type == "Edms_State") {
-    const mif::Field* f = FieldNamed(d, "blockinfo");
-    if (!f || f->shape != mif::Shape::kCounted || !f->design) return true;
-    Emif_CountedObjects blocks;
-    std::memcpy(&blocks, rec + f->offset, sizeof blocks);
-    const mif::DesignImpl& bd = *f->design;
-    for (int32_t i = 0; i < blocks.count; ++i) {
-      uint8_t* b = static_cast<uint8_t*>(blocks.data) + bd.size * static_cast<size_t>(i);
+    std::vector<mif::RecordView> blocks;
+    if (!rec.Objects("blockinfo", &blocks)) return true;
+    for (size_t i = 0; i < blocks.size(); ++i) {
+      mif::RecordView& b = blocks[i];
       uint32_t offset = 0, size = 0, valid = 1;
-      if (!GetU32(bd, b, "offset", &offset) || !GetU32(bd, b, "size", &size)) return true;
-      GetU32(bd, b, "logvalid", &valid);
+      if (!b.GetU32("offset", &offset) || !b.GetU32("size", &size)) return true;
+      b.GetU32("logvalid", &valid);
       if (size == 0 || offset == 0) continue;
       uint32_t to = 0;
       if (!MoveBytes(src, dst, offset, size, &to, error)) {
@@ -115,13 +91,13 @@ bool FixUp(Ehfa_File* src, Ehfa_File* dst, const Node* s, const mif::DesignImpl&
         *error = "raster block " + std::to_string(i) + " of " + src->PathOf(s) + ": " + *error;
         return false;
       }
-      SetU32(bd, b, "offset", to);
+      b.SetU32("offset", to);
     }
     return true;
   }
   if (s->type == "Ehfa_Layer") {
     uint32_t ptr = 0;
-    if (!GetU32(d, rec, "dictionaryPtr", &ptr) || ptr == 0 || ptr >= src->io.size()) return true;
+    if (!rec.GetU32("dictionaryPtr", &ptr) || ptr == 0 || ptr >= src->io.size()) return true;
     // The layer's dictionary text, up to its terminating zero (at most 64 KiB).
     std::vector<char> text(static_cast<size_t>(std::min<uint64_t>(65536, src->io.size() - ptr)));
     if (!src->io.Read(ptr, text.size(), text.data(), error)) return false;
@@ -130,16 +106,16 @@ bool FixUp(Ehfa_File* src, Ehfa_File* dst, const Node* s, const mif::DesignImpl&
     text.resize(len);
     text.push_back('\0');
     if (!dst->io.Append(text.data(), text.size(), &to, error)) return false;
-    SetU32(d, rec, "dictionaryPtr", to);
+    rec.SetU32("dictionaryPtr", to);
     return true;
   }
   if (s->type == "Edsc_Column") {
     uint32_t ptr = 0, rows = 0, type = 0, chars = 0;
-    if (!GetU32(d, rec, "columnDataPtr", &ptr) || !GetU32(d, rec, "numRows", &rows) ||
-        !GetU32(d, rec, "dataType", &type) || ptr == 0) {
+    if (!rec.GetU32("columnDataPtr", &ptr) || !rec.GetU32("numRows", &rows) ||
+        !rec.GetU32("dataType", &type) || ptr == 0) {
       return true;
     }
-    GetU32(d, rec, "maxNumChars", &chars);
+    rec.GetU32("maxNumChars", &chars);
     const uint64_t item = type == 0 ? 4 : type == 1 ? 8 : type == 2 ? 16 : chars;
     const uint64_t size = item * rows;
     if (size > src->io.size()) {
@@ -148,39 +124,28 @@ bool FixUp(Ehfa_File* src, Ehfa_File* dst, const Node* s, const mif::DesignImpl&
     }
     uint32_t to = 0;
     if (!MoveBytes(src, dst, ptr, static_cast<uint32_t>(size), &to, error)) return false;
-    SetU32(d, rec, "columnDataPtr", to);
+    rec.SetU32("columnDataPtr", to);
     return true;
   }
   if (s->type == "Eimg_RRDNamesList") {
     // Overview names read "file.img(:Layer_1:_ss_2_)"; names of the source
-    // file itself become names of the copy.
-    const mif::Field* f = FieldNamed(d, "nameList");
-    if (!f || f->shape != mif::Shape::kCounted || !f->design || f->design->fields.empty()) {
-      return true;
-    }
-    const mif::Field& str = f->design->fields[0];
-    if (!str.IsString()) return true;
-    Emif_CountedObjects list;
-    std::memcpy(&list, rec + f->offset, sizeof list);
+    // file itself become names of the copy. The name is the first field of
+    // each list item.
+    std::vector<mif::RecordView> list;
+    if (!rec.Objects("nameList", &list)) return true;
     const std::wstring from = BaseName(src->name), to = BaseName(dst->name);
-    for (int32_t i = 0; i < list.count; ++i) {
-      uint8_t* item = static_cast<uint8_t*>(list.data) + f->design->size * static_cast<size_t>(i);
-      Emif_CountedString cs;
-      std::memcpy(&cs, item + str.offset, sizeof cs);
-      if (!cs.data) continue;
-      const std::wstring name(cs.data);
+    for (mif::RecordView& item : list) {
+      const char* field = item.FieldName(0);
+      const Etxt_Char* text = nullptr;
+      if (!field || !item.GetText(field, &text)) return true;
+      if (!text) continue;
+      const std::wstring name(text);
       const size_t paren = name.find(L"(:");
       if (paren == std::wstring::npos || !SameIgnoringCase(name.substr(0, paren), from)) continue;
-      const std::wstring renamed = to + name.substr(paren);
-      Etxt_Char* t = etxt_Text_strdup(renamed.c_str());
-      if (!t) {
+      if (!item.SetText(field, to + name.substr(paren))) {
         *error = "Out of memory";
         return false;
       }
-      emsc_HeapFree(cs.data);
-      cs.data = t;
-      cs.count = static_cast<int32_t>(renamed.size() + 1);
-      std::memcpy(item + str.offset, &cs, sizeof cs);
     }
   }
   return true;
@@ -201,12 +166,12 @@ Node* CopyNode(Ehfa_File* src, Ehfa_File* dst, const Node* s, Node* tp, std::str
   std::vector<uint8_t> bytes;
   if (!src->ReadData(s, &bytes, error)) return nullptr;
   if (bytes.empty()) return t;
-  const mif::DesignRef d = src->dict->dict.Find(s->type);
+  const mif::DesignRef d = mif::FindDesign(*src->dict, s->type);
   if (d && NeedsFixUp(s->type)) {
-    std::vector<uint8_t> rec(d->size, 0);
+    std::vector<uint8_t> rec(mif::RecordSize(*d), 0);
     std::string why;
     if (mif::Decode(*d, bytes.data(), bytes.size(), rec.data(), &why)) {
-      const bool ok = FixUp(src, dst, s, *d, rec.data(), error);
+      const bool ok = FixUp(src, dst, s, mif::RecordView(*d, rec.data()), error);
       std::vector<uint8_t> again;
       if (ok && !mif::Encode(*d, rec.data(), 0, &again, error)) {
         mif::FreeContents(*d, rec.data());
@@ -276,8 +241,8 @@ Emsc_Boolean ehfa_FileCopy(const Etxt_Char* source_name, const Etxt_Char* target
   std::string error;
   try {
     // The target knows every design of the source.
-    for (const auto& d : s->dict->dict.designs()) t->dict->dict.Add(d);
-    t->dict->changed = true;
+    for (const auto& d : mif::Designs(*s->dict)) mif::AddDesign(t->dict.get(), d);
+    mif::SetChanged(t->dict.get(), true);
     ++t->bulk_depth;
     std::vector<std::pair<Node*, Node*>> stack;  // (source node, target parent)
     for (Node* c = s->root->last; c; c = c->prev) stack.emplace_back(c, t->root);

@@ -17,6 +17,10 @@
 #include <unordered_set>
 
 #include "platform/ehfa/hfa_internal.h"
+#include "platform/emif/byte_order.h"
+
+using kzdv::mif::LoadLe32;
+using kzdv::mif::StoreLe32;
 
 namespace kzdv {
 namespace hfa {
@@ -32,13 +36,6 @@ constexpr char kBaseDictionary[] =
     "Ehfa_Entry,{16:clabel,1:LheaderPtr,}Ehfa_HeaderTag,{1:LfreeList,1:lfreeSize,}"
     "Ehfa_FreeListNode,{1:lsize,1:Lptr,}Ehfa_Data,.";
 
-inline uint32_t Get32(const uint8_t* p) {
-  return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-         static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
-}
-inline void Set32(uint8_t* p, uint32_t v) {
-  for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
 std::string Errno() { return std::strerror(errno); }
 
 std::string FixedText(const uint8_t* p, size_t n) {
@@ -206,14 +203,11 @@ using namespace kzdv::hfa;
 // ---- the tree ---------------------------------------------------------------
 
 bool Ehfa_File::InitNew(std::string* error) {
-  dict.reset(new Emif_Dictionary);
-  if (!kzdv::mif::Dictionary::Parse(kBaseDictionary, sizeof kBaseDictionary - 1, &dict->dict,
-                                    error)) {
-    return false;
-  }
+  dict = kzdv::mif::ParseDictionary(kBaseDictionary, sizeof kBaseDictionary - 1, error);
+  if (!dict) return false;
   uint8_t head[38] = {};
   std::memcpy(head, kTag, 16);
-  Set32(head + 16, 20);
+  StoreLe32(head + 16, 20);
   header_pos = 20;
   uint32_t pos;
   if (!io.Append(head, sizeof head, &pos, error)) return false;
@@ -225,7 +219,7 @@ bool Ehfa_File::InitNew(std::string* error) {
   uint8_t blank[kEntryHeaderSize] = {};
   if (!io.Append(blank, sizeof blank, &root->pos, error)) return false;
   MarkDirty(root);
-  dict->changed = true;  // written by the first flush
+  kzdv::mif::SetChanged(dict.get(), true);  // written by the first flush
   return Flush(true, error);
 }
 
@@ -235,15 +229,15 @@ bool Ehfa_File::Load(std::string* error) {
     *error = "not a hierarchical file (no EHFA_HEADER_TAG)";
     return false;
   }
-  header_pos = Get32(head + 16);
+  header_pos = LoadLe32(head + 16);
   uint8_t rec[18];
   if (!io.Read(header_pos, sizeof rec, rec, error)) {
     *error = "file header: " + *error;
     return false;
   }
-  version = Get32(rec);
-  const uint32_t root_pos = Get32(rec + 8);
-  dict_pos = Get32(rec + 14);
+  version = LoadLe32(rec);
+  const uint32_t root_pos = LoadLe32(rec + 8);
+  dict_pos = LoadLe32(rec + 14);
 
   // Dictionary text: up to its terminating zero (or the end of the file).
   if (dict_pos >= io.size()) {
@@ -261,8 +255,8 @@ bool Ehfa_File::Load(std::string* error) {
     if (zero) break;
     at += n;
   }
-  dict.reset(new Emif_Dictionary);
-  if (!kzdv::mif::Dictionary::Parse(text.data(), text.size(), &dict->dict, error)) return false;
+  dict = kzdv::mif::ParseDictionary(text.data(), text.size(), error);
+  if (!dict) return false;
 
   // Entry headers, depth first. Every entry is read once; a link to an entry
   // already seen (a cycle or a shared child) or out of the file is an error.
@@ -284,13 +278,13 @@ bool Ehfa_File::Load(std::string* error) {
     nodes.emplace_back();
     Node* n = &nodes.back();
     n->pos = pos;
-    n->next = reinterpret_cast<Node*>(static_cast<uintptr_t>(Get32(h)));  // resolved below
-    n->child = reinterpret_cast<Node*>(static_cast<uintptr_t>(Get32(h + 12)));
-    n->data_pos = Get32(h + 16);
-    n->data_size = Get32(h + 20);
+    n->next = reinterpret_cast<Node*>(static_cast<uintptr_t>(LoadLe32(h)));  // resolved below
+    n->child = reinterpret_cast<Node*>(static_cast<uintptr_t>(LoadLe32(h + 12)));
+    n->data_pos = LoadLe32(h + 16);
+    n->data_size = LoadLe32(h + 20);
     n->name = FixedText(h + 24, kNameSize);
     n->type = FixedText(h + 88, kTypeSize);
-    n->mtime = Get32(h + 120);
+    n->mtime = LoadLe32(h + 120);
     *out = n;
     return true;
   };
@@ -491,19 +485,19 @@ bool Ehfa_File::ReadData(const Node* n, std::vector<uint8_t>* bytes, std::string
 
 bool Ehfa_File::Flush(bool force, std::string* error) {
   if (!writable || (bulk_depth > 0 && !force)) return true;
-  if (dict->changed) {
-    const std::string text = dict->dict.Text();
+  if (kzdv::mif::Changed(*dict)) {
+    const std::string text = kzdv::mif::DictionaryText(*dict);
     uint32_t pos;
     if (!io.Append(text.c_str(), text.size() + 1, &pos, error)) return false;
     dict_pos = pos;
-    dict->changed = false;
+    kzdv::mif::SetChanged(dict.get(), false);
     uint8_t rec[18] = {};
-    Set32(rec, version);
-    Set32(rec + 4, 0);
-    Set32(rec + 8, root->pos);
+    StoreLe32(rec, version);
+    StoreLe32(rec + 4, 0);
+    StoreLe32(rec + 8, root->pos);
     rec[12] = static_cast<uint8_t>(kEntryHeaderSize);
     rec[13] = 0;
-    Set32(rec + 14, dict_pos);
+    StoreLe32(rec + 14, dict_pos);
     if (!io.Write(header_pos, rec, sizeof rec, error)) return false;
   }
   std::sort(dirty.begin(), dirty.end(),
@@ -512,15 +506,15 @@ bool Ehfa_File::Flush(bool force, std::string* error) {
     n->dirty = false;
     if (!n->alive) continue;
     uint8_t h[kEntryUsed] = {};
-    Set32(h, n->next ? n->next->pos : 0);
-    Set32(h + 4, n->prev ? n->prev->pos : 0);
-    Set32(h + 8, n->parent ? n->parent->pos : 0);
-    Set32(h + 12, n->child ? n->child->pos : 0);
-    Set32(h + 16, n->data_pos);
-    Set32(h + 20, n->data_size);
+    StoreLe32(h, n->next ? n->next->pos : 0);
+    StoreLe32(h + 4, n->prev ? n->prev->pos : 0);
+    StoreLe32(h + 8, n->parent ? n->parent->pos : 0);
+    StoreLe32(h + 12, n->child ? n->child->pos : 0);
+    StoreLe32(h + 16, n->data_pos);
+    StoreLe32(h + 20, n->data_size);
     std::memcpy(h + 24, n->name.data(), std::min<size_t>(n->name.size(), kNameSize - 1));
     std::memcpy(h + 88, n->type.data(), std::min<size_t>(n->type.size(), kTypeSize - 1));
-    Set32(h + 120, n->mtime);
+    StoreLe32(h + 120, n->mtime);
     if (!io.Write(n->pos, h, sizeof h, error)) return false;
   }
   dirty.clear();

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "ehfa.h"
-#include "platform/emif/emif_codec.h"
+#include "platform/emif/object_codec.h"
 
 namespace kzdv {
 namespace hfa {
@@ -76,7 +76,7 @@ struct Ehfa_File {
   std::wstring name;
   bool writable = false;
   kzdv::hfa::FileIO io;
-  std::unique_ptr<Emif_Dictionary> dict;
+  kzdv::mif::DictionaryPtr dict;
   uint32_t header_pos = 0;  // Ehfa_File record
   uint32_t dict_pos = 0;
   uint32_t version = 1;

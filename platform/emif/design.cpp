@@ -6,7 +6,7 @@
 #include <set>
 
 #include "eerr_frame.hpp"
-#include "platform/emif/emif_codec.h"
+#include "platform/emif/design_internal.h"
 
 // Narrow UTF-8 text for a toolkit format's wide %s.
 #define W(s) kzdv::FromUtf8(s).c_str()
@@ -122,6 +122,26 @@ static bool ElementLayout(const Field& f, size_t* size, size_t* align) {
     default:
       return false;
   }
+}
+
+size_t ElementSize(const Emif_FieldInfo& info) {
+  Field f;
+  f.code = info.code;
+  f.base = info.code & 0xff;
+  const int modifier = info.code & ~0xff;
+  if (modifier == EMIF_M_COUNTED) {
+    f.shape = Shape::kCounted;
+  } else if (modifier == EMIF_M_FIXED) {
+    f.shape = Shape::kFixed;
+  } else if (modifier == EMIF_M_POINTER || f.base == EMIF_T_OBJECT_PTR) {
+    f.shape = Shape::kPointer;
+  }
+  if (f.IsObject()) {
+    if (!info.design) return 0;
+    f.design = info.design->impl;
+  }
+  size_t size = 0, align = 1;
+  return ElementLayout(f, &size, &align) ? size : 0;
 }
 
 static size_t ElementDiskMin(const Field& f) {

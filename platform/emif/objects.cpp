@@ -5,7 +5,7 @@
 #include <cwchar>
 
 #include "eerr_frame.hpp"
-#include "platform/emif/emif_codec.h"
+#include "platform/emif/dictionary_internal.h"
 
 // Narrow UTF-8 text for a toolkit format's wide %s.
 #define W(s) kzdv::FromUtf8(s).c_str()

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "ehfa.h"
+#include "platform/emif/object_codec.h"
 #include "registry.h"
 
 namespace epho_tool {
@@ -33,30 +34,6 @@ std::string Number(double v) {
   char b[64];
   std::snprintf(b, sizeof b, "%.15g", v);
   return b;
-}
-
-size_t ElementSize(const Emif_FieldInfo& f) {
-  const int base = f.code & 0xff;
-  switch (base) {
-    case EMIF_T_OBJECT:
-    case EMIF_T_OBJECT_PTR:
-      return emif_DesignSizeGet(f.design);
-    case EMIF_T_BASEDATA:
-      return sizeof(Emif_BaseData);
-    case EMIF_T_UCHAR:
-    case EMIF_T_CHAR:
-      return 1;
-    case EMIF_T_USHORT:
-    case EMIF_T_SHORT:
-      return 2;
-    case EMIF_T_DOUBLE:
-    case EMIF_T_COMPLEX:
-      return 8;
-    case EMIF_T_DCOMPLEX:
-      return 16;
-    default:
-      return 4;
-  }
 }
 
 Value Record(const Emif_Design* d, const uint8_t* rec, int max_items, int depth);
@@ -141,7 +118,7 @@ Value Element(const Emif_FieldInfo& f, const uint8_t* p, int max_items, int dept
 Value Items(const Emif_FieldInfo& f, const uint8_t* data, long count, int max_items, int depth) {
   Value v;
   v.kind = Value::kArray;
-  const size_t size = ElementSize(f);
+  const size_t size = kzdv::mif::ElementSize(f);
   for (long i = 0; i < count && i < max_items; ++i) {
     v.items.push_back(Element(f, data + size * static_cast<size_t>(i), max_items, depth));
   }
