@@ -92,8 +92,8 @@ class RecordView {
 
   // Name of field `index`; null past the last field.
   const char* FieldName(size_t index) const;
-  // A single 32-bit value (integer, enumeration, time); false when the design
-  // has no such field of that name.
+  // A single 4-byte value (32-bit integer, enumeration, time; a float's
+  // bits); false when the design has no such field of that name.
   bool GetU32(const char* name, uint32_t* value) const;
   bool SetU32(const char* name, uint32_t value);
   // The objects of a counted object field; false when there is no such field.
