@@ -117,11 +117,11 @@ TEST_P(TriRefineCases, ReportsOrRuns) {
   Epho_TriRefineInput in{};
   Truth truth;
   Build(o, &in, &truth);
+  const int image_count = in.imageCount;
   c.change(in);
   testutil::ScratchDir dir("tricase");
   const std::wstring report = dir.WFile("report.txt");
   in.reportFileName = const_cast<Etxt_Char*>(report.c_str());
-  const int image_count = in.imageCount;
   Eerr_ErrorReport* err = nullptr;
   EXPECT_EQ(epho_TriRefine(&in, &err), 1);
   in.imageCount = image_count;  // so that everything is freed
