@@ -11,5 +11,6 @@
 #include "epho/matching.h"
 #include "epho/orientation.h"
 #include "epho/pyramid.h"
+#include "epho/triangulation.h"
 
 #endif /* EPHO_EPHO_H */
