@@ -1,0 +1,206 @@
+// MIF form of a camera transform object: the "Camera_ModelX" record both
+// ways, and the older "Camera_Model" record whose projection is "refParms".
+#include <cstring>
+
+#include "epho/camera/camera_internal.h"
+
+namespace epho::camera {
+namespace {
+
+// A camera's output projection as a MIF object record, built aside.
+struct MifObjectParts {
+  EmifString type{{0, nullptr}};
+  EmifMIFObject object{nullptr, {0, nullptr}, {0, nullptr}};
+  bool owned = false;
+  ~MifObjectParts() {
+    if (!owned) return;
+    CountedFree(&type.string);
+    CountedFree(&object.MIFDictionary);
+    CountedFree(&object.MIFObject);
+  }
+};
+
+// Parameters of a projection in MIF form (design name, dictionary, bytes).
+Eprj_ProParameters* ParametersFromMif(const Emif_CountedString& name,
+                                      const Emif_CountedString& dictionary,
+                                      const Emif_CountedBytes& bytes, kzdv::ErrorFrame& frame) {
+  Emif_Design* design = nullptr;
+  void* object = nullptr;
+  Emsc_Boolean ok = emif_MIFableObjectConvertFromMIF(&name, &dictionary, &bytes, &design, &object,
+                                                     frame.Callee());
+  DesignPtr design_owner(design);
+  MifRecord record(design, object);
+  EERR_CHECK(ok, frame, nullptr, L"emif_MIFableObjectConvertFromMIF failed");
+  ProjectionPtr proj(eprj_ProjectionConvertFromMIFable(design, object, frame.Callee()));
+  EERR_CHECK(proj, frame, nullptr, L"eprj_ProjectionConvertFromMIFable failed");
+  Eprj_ProParameters* p = eprj_ProParametersCopy(proj->proParameters, frame.Callee());
+  EERR_CHECK(p, frame, nullptr, L"eprj_ProParametersCopy failed");
+  return p;
+}
+
+// The 18 design fields of an "Epho_Camera" record into a new camera. The
+// pointer slot of field 18 holds a MIF object there, never parameters: it
+// is taken out and dropped (the projection travels beside the camera).
+Epho_Camera* CameraFromRecord(const void* record, kzdv::ErrorFrame& frame) {
+  const Emif_Design* camera_design = EphoCameraDesign(frame.Callee());
+  EERR_CHECK(camera_design, frame, nullptr, L"emif_DesignFetch failed");
+  CameraPtr camera(epho_CameraCreate(nullptr));
+  EERR_FAIL_IF(!camera, frame, nullptr, L"epho_CameraCreate failed");
+  EERR_CHECK(emif_ObjectCopyContents(camera_design, record, camera.get(), frame.Callee()), frame,
+             nullptr, L"emif_ObjectCopyContents failed");
+  if (camera->obsoletePlaceHolder0) {
+    const Emif_Design* mif = EmifMIFObjectDesign(nullptr);
+    emif_ObjectFree(mif, camera->obsoletePlaceHolder0, nullptr);
+    camera->obsoletePlaceHolder0 = nullptr;
+  }
+  return camera.release();
+}
+
+Epho_CameraXform* FromObsolete(const Emif_Design* design, const void* object,
+                               kzdv::ErrorFrame& outer) {
+  static const Etxt_Char* const kFn = L"epho_CameraXformConvertFromMIFableOBSOLETE";
+  Eerr_ErrorReport* report = nullptr;
+  Epho_CameraXform* result = [&]() -> Epho_CameraXform* {
+    kzdv::ErrorFrame frame(kFn, &report);
+    Emif_FieldInfo refparms{};
+    EERR_FAIL_IF(!emif_DesignFieldFind(design, L"refParms", &refparms), frame, nullptr,
+                 L"Cannot find refParms item");
+    const Emif_Design* camera_design = EphoCameraDesign(frame.Callee());
+    EERR_CHECK(camera_design, frame, nullptr, L"emif_DesignFetch failed");
+    // The first seventeen fields match "Epho_Camera" by name.
+    MifRecord converted(camera_design, emif_ObjectCreate(camera_design, frame.Callee()));
+    EERR_CHECK(converted.get(), frame, nullptr, L"emif_ObjectCreate failed");
+    EERR_CHECK(emif_ObjectConvert(design, object, camera_design, converted.get(), frame.Callee()),
+               frame, nullptr, L"emif_ObjectConvert failed");
+    CameraPtr camera(CameraFromRecord(converted.get(), frame));
+    if (!camera) return nullptr;
+    const void* parms =
+        *reinterpret_cast<void* const*>(static_cast<const char*>(object) + refparms.offset);
+    if (parms && refparms.design) {
+      ProjectionPtr proj(eprj_ProjectionConvertFromMIFable(refparms.design, parms, frame.Callee()));
+      EERR_CHECK(proj, frame, nullptr, L"eprj_ProjectionConvertFromMIFable failed");
+      camera->obsoletePlaceHolder0 = eprj_ProParametersCopy(proj->proParameters, frame.Callee());
+      EERR_CHECK(camera->obsoletePlaceHolder0, frame, nullptr, L"eprj_ProParametersCopy failed");
+    }
+    Epho_CameraXform* xform = epho_CameraXformGetFromCameraData(camera.release(), frame.Callee());
+    EERR_CHECK(xform, frame, nullptr, L"epho_CameraXformGetFromCameraData failed");
+    return xform;
+  }();
+  if (!result) {
+    outer.Adopt(report);
+    outer.Fail(__LINE__, L"epho_CameraXformConvertFromMIFableOBSOLETE failed");
+  }
+  return result;
+}
+
+}  // namespace
+}  // namespace epho::camera
+
+using namespace epho::camera;
+
+extern "C" {
+
+Emsc_Boolean epho_CameraXformConvertToMIFable(const Epho_CameraXform* xform, Emif_Design** design,
+                                              void** object, Eerr_ErrorReport** err) {
+  static const Etxt_Char* const kFn = L"epho_CameraXformConvertToMIFable";
+  kzdv::ErrorFrame frame(kFn, err);
+  EERR_FAIL_IF(!design || !object || !xform || !xform->camera, frame, EMSC_FALSE, L"Args");
+  const Epho_Camera* cam = xform->camera;
+  const Emif_Design* model_x = CameraModelXDesign(frame.Callee());
+  EERR_CHECK(model_x, frame, EMSC_FALSE, L"emif_DesignFetch failed");
+  DesignPtr design_copy(emif_DesignCopy(model_x, frame.Callee()));
+  EERR_CHECK(design_copy, frame, EMSC_FALSE, L"emif_DesignCopy failed");
+
+  // The camera's design fields; its projection goes beside it.
+  Epho_Camera camera_fields;
+  std::memcpy(&camera_fields, cam, sizeof(Epho_Camera));
+  camera_fields.obsoletePlaceHolder0 = nullptr;
+
+  MifObjectParts projection;
+  if (cam->obsoletePlaceHolder0) {
+    ProjectionPtr proj(eprj_MapProjectionInit(cam->obsoletePlaceHolder0, frame.Callee()));
+    EERR_CHECK(proj, frame, EMSC_FALSE, L"eprj_MapProjectionInit failed");
+    Emif_Design* d = nullptr;
+    void* o = nullptr;
+    Emsc_Boolean ok = eprj_ProjectionConvertToMIFable(nullptr, proj.get(), &d, &o, frame.Callee());
+    DesignPtr d_owner(d);
+    MifRecord o_owner(d, o);
+    EERR_CHECK(ok && o, frame, EMSC_FALSE, L"eprj_ProjectionConvertToMIFable failed");
+    projection.owned = true;
+    ok = emif_MIFableObjectConvertToMIF(d, o, &projection.type.string,
+                                        &projection.object.MIFDictionary,
+                                        &projection.object.MIFObject, frame.Callee());
+    EERR_CHECK(ok, frame, EMSC_FALSE, L"emif_MIFableObjectConvertToMIF failed");
+  } else if (cam->outputProjectionObject.count > 0) {
+    projection.type.string = cam->outputProjectionDesign;  // borrowed
+    projection.object.MIFDictionary = cam->outputProjectionDictionary;
+    projection.object.MIFObject = cam->outputProjectionObject;
+  }
+  const bool has_projection = projection.object.MIFObject.count > 0;
+  projection.object.type = &projection.type;
+
+  EmifString units{cam->outputHorizontalUnits};
+  EmifString elevation_type{cam->outputElevationInfoDesign};
+  EmifMIFObject elevation{&elevation_type, cam->outputElevationInfoDictionary,
+                          cam->outputElevationInfoObject};
+  CameraModelX record{&camera_fields, has_projection ? &projection.object : nullptr,
+                      cam->outputHorizontalUnits.count > 0 ? &units : nullptr,
+                      cam->outputElevationInfoObject.count > 0 ? &elevation : nullptr};
+  void* copy = emif_ObjectCopy(model_x, &record, frame.Callee());
+  EERR_CHECK(copy, frame, EMSC_FALSE, L"emif_ObjectCopy failed");
+  *design = design_copy.release();
+  *object = copy;
+  return EMSC_TRUE;
+}
+
+Epho_CameraXform* epho_CameraXformConvertFromMIFable(const Emif_Design* design, const void* object,
+                                                     Eerr_ErrorReport** err) {
+  static const Etxt_Char* const kFn = L"epho_CameraXformConvertFromMIFable";
+  kzdv::ErrorFrame frame(kFn, err);
+  EERR_FAIL_IF(!design, frame, nullptr, L"NULL xFormDesign");
+  EERR_FAIL_IF(!object, frame, nullptr, L"Args");
+  const Etxt_Char* name = emif_DesignNameGet(design);
+  if (name && etxt_Text_strcmp(name, L"Camera_Model") == 0)
+    return FromObsolete(design, object, frame);
+  EERR_FAIL_IF(!name || etxt_Text_strcmp(name, L"Camera_ModelX") != 0, frame, nullptr,
+               L"The object is of design %s, not Camera_ModelX", name ? name : L"");
+  const Emif_Design* model_x = CameraModelXDesign(frame.Callee());
+  EERR_CHECK(model_x, frame, nullptr, L"emif_DesignFetch failed");
+  // The caller's design may come from a file: read the record by field name.
+  CameraModelX record{};
+  EERR_CHECK(emif_ObjectConvert(design, object, model_x, &record, frame.Callee()), frame, nullptr,
+             L"emif_ObjectConvert failed");
+  struct RecordOwner {
+    const Emif_Design* d;
+    CameraModelX* r;
+    ~RecordOwner() { emif_ObjectContentsFree(d, r, nullptr); }
+  } record_owner{model_x, &record};
+  EERR_FAIL_IF(!record.cameraModel, frame, nullptr, L"The object holds no camera");
+  CameraPtr camera(CameraFromRecord(record.cameraModel, frame));
+  EERR_FAIL_IF(!camera, frame, nullptr, L"epho_CameraCreate failed");
+  if (const EmifMIFObject* p = record.outputProjection) {
+    if (p->MIFObject.count > 0 && p->type) {
+      camera->obsoletePlaceHolder0 =
+          ParametersFromMif(p->type->string, p->MIFDictionary, p->MIFObject, frame);
+      if (!camera->obsoletePlaceHolder0) return nullptr;
+      EERR_FAIL_IF(!CountedCopy(p->type->string, &camera->outputProjectionDesign) ||
+                       !CountedCopy(p->MIFDictionary, &camera->outputProjectionDictionary) ||
+                       !CountedCopy(p->MIFObject, &camera->outputProjectionObject),
+                   frame, nullptr, L"No memory");
+    }
+  }
+  if (record.outputHorizontalUnits)
+    EERR_FAIL_IF(!CountedCopy(record.outputHorizontalUnits->string, &camera->outputHorizontalUnits),
+                 frame, nullptr, L"No memory");
+  if (const EmifMIFObject* e = record.outputElevationInfo) {
+    EERR_FAIL_IF((e->type && !CountedCopy(e->type->string, &camera->outputElevationInfoDesign)) ||
+                     !CountedCopy(e->MIFDictionary, &camera->outputElevationInfoDictionary) ||
+                     !CountedCopy(e->MIFObject, &camera->outputElevationInfoObject),
+                 frame, nullptr, L"No memory");
+  }
+  Epho_CameraXform* xform = epho_CameraXformGetFromCameraData(camera.release(), frame.Callee());
+  EERR_CHECK(xform, frame, nullptr, L"epho_CameraXformGetFromCameraData failed");
+  return xform;
+}
+
+}  // extern "C"
