@@ -16,6 +16,7 @@ Emif_Design* g_string = nullptr;
 Emif_Design* g_mif_object = nullptr;
 Emif_Design* g_camera = nullptr;
 Emif_Design* g_model_x = nullptr;
+Emif_Design* g_datum = nullptr;
 
 // The frame of every getter: inside the thread-unsafe section, make the
 // dictionary, return the cached design or create, register and cache it.
@@ -83,6 +84,18 @@ const Emif_Design* EphoCameraDesign(Eerr_ErrorReport** err) {
         if (!mif) return nullptr;
         return emif_DesignCreate(L"Epho_Camera", EPHO_CAMERA_FIELDS, 1025, L"obsoletePlaceHolder0",
                                  mif, 0, frame.Callee());
+      },
+      err);
+}
+
+const Emif_Design* DatumDesign(Eerr_ErrorReport** err) {
+  return CachedDesign(
+      L"Eprj_Datum_Design", &g_datum,
+      [](kzdv::ErrorFrame& frame) {
+        return emif_DesignCreate(L"Eprj_Datum", 520, L"datumname", EMIF_T_ENUM, L"type",
+                                 L"EPRJ_DATUM_PARAMETRIC", L"EPRJ_DATUM_GRID",
+                                 L"EPRJ_DATUM_REGRESSION", L"EPRJ_DATUM_NONE", kEnd, 526, L"params",
+                                 520, L"gridname", 0, frame.Callee());
       },
       err);
 }

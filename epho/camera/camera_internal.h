@@ -32,6 +32,16 @@ struct CameraModelX {
   EmifMIFObject* outputElevationInfo;
 };
 
+// A datum in MIF form. The MIF form of projection parameters leaves the
+// datum out; the camera record's field 18 carries it beside them.
+struct DatumRecord {
+  Emif_CountedString datumname;
+  int32_t type;
+  Emif_CountedDoubles params;
+  Emif_CountedString gridname;
+};
+const Emif_Design* DatumDesign(Eerr_ErrorReport** err);
+
 // The cached designs of the library-wide dictionary (borrowed; made on first
 // use inside the thread-unsafe section).
 const Emif_Design* EmifStringDesign(Eerr_ErrorReport** err);

@@ -38,10 +38,40 @@ Eprj_ProParameters* ParametersFromMif(const Emif_CountedString& name,
   return p;
 }
 
+// The datum carried in MIF form by field 18 of a camera record.
+Eprj_Datum* DatumFromMif(const EmifMIFObject* mif, kzdv::ErrorFrame& frame) {
+  if (!mif || !mif->type || mif->MIFObject.count <= 0) return nullptr;
+  Emif_Design* design = nullptr;
+  void* object = nullptr;
+  Emsc_Boolean ok = emif_MIFableObjectConvertFromMIF(
+      &mif->type->string, &mif->MIFDictionary, &mif->MIFObject, &design, &object, frame.Callee());
+  DesignPtr design_owner(design);
+  MifRecord record_owner(design, object);
+  EERR_CHECK(ok, frame, nullptr, L"emif_MIFableObjectConvertFromMIF failed");
+  const Emif_Design* ours = DatumDesign(frame.Callee());
+  EERR_CHECK(ours, frame, nullptr, L"emif_DesignFetch failed");
+  DatumRecord rec{};
+  EERR_CHECK(emif_ObjectConvert(design, object, ours, &rec, frame.Callee()), frame, nullptr,
+             L"emif_ObjectConvert failed");
+  auto* d = static_cast<Eprj_Datum*>(emsc_HeapCalloc(1, sizeof(Eprj_Datum)));
+  if (d) {
+    d->datumname = estr_Duplicate(CountedText(rec.datumname));
+    d->type = static_cast<Eprj_DatumType>(rec.type);
+    d->params.count = rec.params.count;
+    d->params.data = rec.params.data;  // handed over
+    rec.params = {0, nullptr};
+    d->gridname = estr_Duplicate(CountedText(rec.gridname));
+  }
+  emif_ObjectContentsFree(ours, &rec, nullptr);
+  EERR_FAIL_IF(!d, frame, nullptr, L"No memory");
+  return d;
+}
+
 // The 18 design fields of an "Epho_Camera" record into a new camera. The
-// pointer slot of field 18 holds a MIF object there, never parameters: it
-// is taken out and dropped (the projection travels beside the camera).
-Epho_Camera* CameraFromRecord(const void* record, kzdv::ErrorFrame& frame) {
+// pointer slot of field 18 holds the MIF form of the projection's datum
+// there, never parameters: it is taken out into *datum.
+Epho_Camera* CameraFromRecord(const void* record, kzdv::ErrorFrame& frame,
+                              Eprj_Datum** datum = nullptr) {
   const Emif_Design* camera_design = EphoCameraDesign(frame.Callee());
   EERR_CHECK(camera_design, frame, nullptr, L"emif_DesignFetch failed");
   CameraPtr camera(epho_CameraCreate(nullptr));
@@ -50,8 +80,12 @@ Epho_Camera* CameraFromRecord(const void* record, kzdv::ErrorFrame& frame) {
              nullptr, L"emif_ObjectCopyContents failed");
   if (camera->obsoletePlaceHolder0) {
     const Emif_Design* mif = EmifMIFObjectDesign(nullptr);
-    emif_ObjectFree(mif, camera->obsoletePlaceHolder0, nullptr);
+    MifRecord carried(mif, camera->obsoletePlaceHolder0);
     camera->obsoletePlaceHolder0 = nullptr;
+    if (datum) {
+      *datum = DatumFromMif(static_cast<const EmifMIFObject*>(carried.get()), frame);
+      if (frame.CalleeFailed() || frame.Failed()) return nullptr;
+    }
   }
   return camera.release();
 }
@@ -137,6 +171,30 @@ Emsc_Boolean epho_CameraXformConvertToMIFable(const Epho_CameraXform* xform, Emi
     projection.object.MIFObject = cam->outputProjectionObject;
   }
   const bool has_projection = projection.object.MIFObject.count > 0;
+  // The datum of the parameters, which their MIF form leaves out.
+  MifObjectParts datum;
+  const Eprj_Spheroid* sph =
+      cam->obsoletePlaceHolder0 ? cam->obsoletePlaceHolder0->proSpheroid : nullptr;
+  if (sph && sph->datum) {
+    const Eprj_Datum* d = sph->datum;
+    const Emif_Design* dd = DatumDesign(frame.Callee());
+    EERR_CHECK(dd, frame, EMSC_FALSE, L"emif_DesignFetch failed");
+    auto counted = [](Etxt_Char* t) {
+      return t ? Emif_CountedString{static_cast<int32_t>(etxt_Text_strlen(t) + 1), t}
+               : Emif_CountedString{0, nullptr};
+    };
+    DatumRecord rec{counted(d->datumname),
+                    static_cast<int32_t>(d->type),
+                    {d->params.count, d->params.data},
+                    counted(d->gridname)};
+    datum.owned = true;
+    EERR_CHECK(
+        emif_MIFableObjectConvertToMIF(dd, &rec, &datum.type.string, &datum.object.MIFDictionary,
+                                       &datum.object.MIFObject, frame.Callee()),
+        frame, EMSC_FALSE, L"emif_MIFableObjectConvertToMIF failed");
+    datum.object.type = &datum.type;
+    camera_fields.obsoletePlaceHolder0 = reinterpret_cast<Eprj_ProParameters*>(&datum.object);
+  }
   projection.object.type = &projection.type;
 
   EmifString units{cam->outputHorizontalUnits};
@@ -176,13 +234,23 @@ Epho_CameraXform* epho_CameraXformConvertFromMIFable(const Emif_Design* design, 
     ~RecordOwner() { emif_ObjectContentsFree(d, r, nullptr); }
   } record_owner{model_x, &record};
   EERR_FAIL_IF(!record.cameraModel, frame, nullptr, L"The object holds no camera");
-  CameraPtr camera(CameraFromRecord(record.cameraModel, frame));
-  EERR_FAIL_IF(!camera, frame, nullptr, L"epho_CameraCreate failed");
+  Eprj_Datum* datum_raw = nullptr;
+  CameraPtr camera(CameraFromRecord(record.cameraModel, frame, &datum_raw));
+  std::unique_ptr<Eprj_Datum, FnDeleter<Eprj_Datum, eprj_DatumFree>> datum(datum_raw);
+  if (!camera) {
+    if (!frame.Failed()) frame.Fail(__LINE__, L"epho_CameraCreate failed");
+    return nullptr;
+  }
   if (const EmifMIFObject* p = record.outputProjection) {
     if (p->MIFObject.count > 0 && p->type) {
       camera->obsoletePlaceHolder0 =
           ParametersFromMif(p->type->string, p->MIFDictionary, p->MIFObject, frame);
       if (!camera->obsoletePlaceHolder0) return nullptr;
+      Eprj_Spheroid* spheroid = camera->obsoletePlaceHolder0->proSpheroid;
+      if (spheroid && datum) {
+        eprj_DatumFree(spheroid->datum);
+        spheroid->datum = datum.release();
+      }
       EERR_FAIL_IF(!CountedCopy(p->type->string, &camera->outputProjectionDesign) ||
                        !CountedCopy(p->MIFDictionary, &camera->outputProjectionDictionary) ||
                        !CountedCopy(p->MIFObject, &camera->outputProjectionObject),

@@ -174,6 +174,20 @@ Emsc_Boolean epho_CameraXformFillNoMIFData(Epho_CameraXform* xform, Eerr_ErrorRe
                    frame, EMSC_FALSE, L"emod_DeriveTp2GcTransform failed");
     }
 
+    // Affines that collapse the plane lose the points for good.
+    const struct {
+      const double* a;
+      const wchar_t* name;
+    } affines[] = {{cam->forSrcAffine, L"forSrcAffine"},
+                   {cam->forDstAffine, L"forDstAffine"},
+                   {cam->invSrcAffine, L"invSrcAffine"},
+                   {cam->invDstAffine, L"invDstAffine"}};
+    for (const auto& f : affines) {
+      const double det = f.a[0] * f.a[4] - f.a[1] * f.a[3];
+      bool finite = std::isfinite(det);
+      for (int k = 0; k < 6; ++k) finite = finite && std::isfinite(f.a[k]);
+      EERR_FAIL_IF(!finite || det == 0.0, frame, EMSC_FALSE, L"The affine %s is singular", f.name);
+    }
     // The orientation matrix; a zero focal length or a degenerate rotation
     // leaves no usable camera.
     double orientation[12];

@@ -49,7 +49,10 @@ Emsc_Boolean epho_ImageToObject(const double* matrixA, const double* matrixB, do
   // Cramer's rule on the symmetric 3x3 normal matrix.
   const double det = n[0] * (n[4] * n[8] - n[5] * n[7]) - n[1] * (n[3] * n[8] - n[5] * n[6]) +
                      n[2] * (n[3] * n[7] - n[4] * n[6]);
-  if (det == 0.0 || !std::isfinite(det)) return EMSC_TRUE;
+  // Parallel rays leave a normal matrix singular to rounding: its determinant
+  // vanishes against the product of its diagonal.
+  if (!std::isfinite(det) || std::fabs(det) <= 1e-13 * std::fabs(n[0] * n[4] * n[8]))
+    return EMSC_TRUE;
   const double X = (b[0] * (n[4] * n[8] - n[5] * n[7]) - n[1] * (b[1] * n[8] - n[5] * b[2]) +
                     n[2] * (b[1] * n[7] - n[4] * b[2])) /
                    det;
@@ -75,6 +78,8 @@ Emsc_Boolean epho_CameraXformTransform(Epho_CameraXform* xform, long count, doub
   if (!xform->filled)
     EERR_CHECK(epho_CameraXformFillNoMIFData(xform, frame.Callee()), frame, EMSC_FALSE,
                L"epho_CameraXformFillNoMIFData failed");
+  for (long i = 0; i < 2 * count; ++i)
+    EERR_FAIL_IF(!std::isfinite(inPoints[i]), frame, EMSC_FALSE, L"Point %ld is not finite", i / 2);
   const Epho_Camera* cam = xform->camera;
   const bool forward = cam->direction == EMOD_FORWARD;
   const double* in_affine = forward ? cam->forDstAffine : cam->forSrcAffine;
@@ -137,6 +142,8 @@ Emsc_Boolean epho_CameraXformTransform3DTo2D(Epho_CameraXform* xform, long count
     Emsc_Boolean ok = epho_CameraXformFillNoMIFData(xform, frame.Callee());
     EERR_CHECK(ok && xform->filled, frame, EMSC_FALSE, L"emod_CameraXformFillNoMIFData failed");
   }
+  for (long i = 0; i < 3 * count; ++i)
+    EERR_FAIL_IF(!std::isfinite(points[i]), frame, EMSC_FALSE, L"Point %ld is not finite", i / 3);
   Epho_Camera* cam = xform->camera;
   // Every point keeps its own height: the DEM and its height conversion are
   // switched off for the call and put back on every path.
@@ -205,6 +212,9 @@ Emsc_Boolean epho_CameraXformTransform2DPairTo3D(Epho_CameraXform* left, Epho_Ca
   EERR_FAIL_IF(!left || !right || !left->camera || !right->camera, frame, EMSC_FALSE,
                L"Invalid input camera xform data.");
   EERR_FAIL_IF(count < 1 || !leftPoints || !rightPoints || !out, frame, EMSC_FALSE, L"Args");
+  for (long i = 0; i < 2 * count; ++i)
+    EERR_FAIL_IF(!std::isfinite(leftPoints[i]) || !std::isfinite(rightPoints[i]), frame, EMSC_FALSE,
+                 L"Point %ld is not finite", i / 2);
   EERR_FAIL_IF(left->camera->refType != right->camera->refType, frame, EMSC_FALSE,
                L"Different reference types for two xforms.");
   Emsc_Boolean same = eprj_ProParametersEqual(left->camera->obsoletePlaceHolder0,

@@ -247,7 +247,9 @@ EPHO_EXPORT const Exfr_SensorModelOps* epho_CameraXformSensorOps(void);
  * point the two equations (row1 - x row0).(1,X,Y,Z) = 0 and
  * (row2 - y row0).(1,X,Y,Z) = 0, solved for `ground` (3 doubles) by least
  * squares through the 3x3 normal equations. Numeric kernel: nonzero (ground
- * untouched) when the normal matrix is singular or the result not finite. */
+ * untouched) when the normal matrix is singular to rounding (determinant at
+ * most 1e-13 of its diagonal product: parallel rays) or the result is not
+ * finite. */
 EPHO_EXPORT Emsc_Boolean epho_ImageToObject(const double* matrixA, const double* matrixB, double xA,
                                             double yA, double xB, double yB, double* ground);
 /* Transform from map coordinates of `projection` (the camera's output system;
