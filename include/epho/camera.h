@@ -269,11 +269,13 @@ EPHO_EXPORT Exfr_XForm* epho_DeriveMapToLayerXformEx(const Eprj_MapProjection* p
  * row by row into `imageXY` (2 * width * height doubles), -999.0 for both
  * where the position does not project. Forward cameras are approximated by 2D
  * projective transforms fitted (epho_DeriveDLT2D) to 40 rigorous samples of
- * each tile; a tile is split in four until the fit reproduces held-out
- * rigorous points within `tolerance` pixels (<= 0 means 0.05) or it is 8 cells
- * or less, where every cell is computed rigorously. Inverse cameras are
- * computed point by point. The approximation holds the stated tolerance
- * against the rigorous transform on the checked points of every tile. */
+ * each tile. A fit is accepted when it reproduces 95 held-out rigorous cells
+ * (halfway between the samples, edges included) within half of `tolerance`
+ * pixels (<= 0 means 0.05); otherwise, or when a sample does not project, the
+ * tile is split in four. Tiles of 64 cells or fewer are computed cell by
+ * cell. Inverse cameras are computed point by point. Measured against the
+ * rigorous transform on every cell of smooth terrain, the grid holds the
+ * tolerance. */
 EPHO_EXPORT Emsc_Boolean epho_GetImageCoordCameraApx(Epho_CameraXform* xform, double x0, double y0,
                                                      double dx, double dy, long width, long height,
                                                      const double* heights, double tolerance,
