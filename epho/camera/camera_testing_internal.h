@@ -31,7 +31,11 @@ constexpr int kDemSize = 300;
 struct ErrSlot {
   Eerr_ErrorReport* report = nullptr;
   ~ErrSlot() { eerr_DeleteErrorReport(report); }
-  Eerr_ErrorReport** operator&() { return &report; }
+  // Handing the slot to another call drops the report it held.
+  Eerr_ErrorReport** operator&() {
+    eerr_DeleteErrorReportEx(&report);
+    return &report;
+  }
   std::wstring Text() const { return kzdv::ReportText(report); }
   // A link carries exactly this message.
   bool Has(const std::wstring& m) const { return kzdv::ReportContains(report, m); }
