@@ -196,7 +196,11 @@ EPHO_EXPORT Epho_CameraXform* epho_CameraXformCopy(const Epho_CameraXform* xform
 /* Prepares the object: projection, tangent frame, DEM (through the DEM cache
  * when the "rasterprocess" preference "use_dem_layer_cache" is set, else the
  * layer "Layer_1" of `demfilename`), map-to-DEM transform, z_mean from the DEM
- * statistics, datums, orientation matrix. Does nothing once filled; a failure
+ * statistics, datums, orientation matrix. DEMs of up to 64 Mi cells are read
+ * into memory once and shared by every prepared object on the same DEM name,
+ * so the height iteration reads cells without I/O (a DEM rewritten on disk is
+ * seen by objects prepared after the last holder is deleted). Refuses a zero
+ * focal length and singular affines. Does nothing once filled; a failure
  * leaves it unfilled. */
 EPHO_EXPORT Emsc_Boolean epho_CameraXformFillNoMIFData(Epho_CameraXform* xform,
                                                        Eerr_ErrorReport** err);
@@ -206,7 +210,9 @@ EPHO_EXPORT Emsc_Boolean epho_CameraXformTransform(Epho_CameraXform* xform, long
                                                    double* inPoints, double* outPoints,
                                                    Eerr_ErrorReport** err);
 /* `count` (x, y, z) triples to (x, y) pairs with each point's own height.
- * Null `out`: the pairs are packed into the start of `points`. */
+ * Null `out`: the pairs are packed into the start of `points`. Switches the
+ * object's DEM off for the call, so it must not run concurrently with other
+ * calls on the same object (the exfr routines are the thread-safe form). */
 EPHO_EXPORT Emsc_Boolean epho_CameraXformTransform3DTo2D(Epho_CameraXform* xform, long count,
                                                          double* points, double* out,
                                                          Eerr_ErrorReport** err);
