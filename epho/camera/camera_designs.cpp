@@ -159,13 +159,9 @@ Emif_Design* epho_CameraDesignDefine(Emif_Dictionary* dictionary, Eerr_ErrorRepo
     }();
   }
   if (report) {
-    // This definer prints its own failure, and hands the report on as well
-    // when the caller asked for it.
+    // This definer prints its failure and keeps nothing of it.
     eerr_PrintErrorReport(report, nullptr, 0);
-    if (err)
-      *err = report;
-    else
-      eerr_DeleteErrorReport(report);
+    eerr_DeleteErrorReport(report);
     return nullptr;
   }
   return design.release();

@@ -257,7 +257,10 @@ TEST(CameraRecord, CameraModelDesignDefinedInCallersDictionary) {
   emif_DictionaryDestroy(dict);
   testutil::PrintedReports printed;
   EXPECT_EQ(epho_CameraDesignDefine(nullptr, nullptr), nullptr);
-  ASSERT_EQ(printed.texts().size(), 1u);
+  ErrSlot kept;
+  EXPECT_EQ(epho_CameraDesignDefine(nullptr, &kept), nullptr);
+  EXPECT_EQ(kept.report, nullptr);  // printed and dropped, never handed out
+  ASSERT_EQ(printed.texts().size(), 2u);
   EXPECT_NE(printed.texts()[0].find(L"epho_CameraDesignDefine"), std::wstring::npos);
 }
 

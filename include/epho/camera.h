@@ -150,7 +150,7 @@ EPHO_EXPORT Emsc_Boolean epho_CameraCoordinateSystemGet(const Epho_Camera* camer
                                                         Eerr_ErrorReport** err);
 /* Defines the older "Camera_Model" design (projection as "refParms") in the
  * caller's dictionary; returns a design the caller owns (emif_DesignDestroy),
- * or null after printing the report. */
+ * or null after printing and dropping the report (`err` stays null). */
 EPHO_EXPORT Emif_Design* epho_CameraDesignDefine(Emif_Dictionary* dictionary,
                                                  Eerr_ErrorReport** err);
 /* The library's "Camera_ModelX" design (borrowed; lives as long as the
