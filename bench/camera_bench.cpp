@@ -59,10 +59,10 @@ std::string WriteDem(const std::string& path) {
   for (int r = 0; r < kDem; ++r)
     for (int c = 0; c < kDem; ++c)
       z[size_t(r) * kDem + c] = float(400 + 25 * std::sin(c / 150.0) + 15 * std::cos(r / 90.0));
-  GDALRasterIO(GDALGetRasterBand(ds, 1), GF_Write, 0, 0, kDem, kDem, z.data(), kDem, kDem,
-               GDT_Float32, 0, 0);
+  const CPLErr written = GDALRasterIO(GDALGetRasterBand(ds, 1), GF_Write, 0, 0, kDem, kDem,
+                                      z.data(), kDem, kDem, GDT_Float32, 0, 0);
   GDALClose(ds);
-  return path;
+  return written == CE_None ? path : std::string();
 }
 
 }  // namespace
@@ -120,6 +120,10 @@ int main() {
   const auto dir = std::filesystem::temp_directory_path() / "epho_camera_bench";
   std::filesystem::create_directories(dir);
   const std::string dem = WriteDem((dir / "dem.tif").string());
+  if (dem.empty()) {
+    std::printf("cannot write the benchmark DEM in %s\n", dir.string().c_str());
+    return 1;
+  }
   Epho_Camera* c = Camera();
   c->direction = EMOD_INVERSE;
   c->demsource = EMOD_DEM_FILE;

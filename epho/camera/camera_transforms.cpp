@@ -65,10 +65,15 @@ long PointCount(const Efga_Matrix* m) { return m ? (m->numrows * m->numcolumns) 
 inline void GroundToFilm(const Epho_CameraXform* xform, const CameraFlags& flags, double X,
                          double Y, double Z, double* x, double* y) {
   const Epho_Camera* cam = xform->camera;
-  if (epho_CameraObjectToImage(xform->orientation, X, Y, Z, x, y)) {
+  // The collinearity kernel's arithmetic, inline.
+  const double* m = xform->orientation;
+  const double w = m[0] + m[1] * X + m[2] * Y + m[3] * Z;
+  if (w == 0.0) {
     *x = *y = kNaN;  // the point lies in the plane of the perspective centre
     return;
   }
+  *x = (m[4] + m[5] * X + m[6] * Y + m[7] * Z) / w;
+  *y = (m[8] + m[9] * X + m[10] * Y + m[11] * Z) / w;
   if (flags.correction)
     epho_CameraAwayCorrection(cam->PhotoDirection, cam->coeffs[5], Z, cam->coeffs[0], x, y, 0);
   if (flags.distortion) {

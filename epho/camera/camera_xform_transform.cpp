@@ -1,5 +1,6 @@
 // Running a camera transform object: a batch one way, 3D to 2D at given
 // heights, and the intersection of image pairs.
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <vector>
@@ -17,6 +18,9 @@ inline void Affine(const double* c, double x, double y, double* ox, double* oy) 
   *ox = c[0] * x + c[1] * y + c[2];
   *oy = c[3] * x + c[4] * y + c[5];
 }
+
+// Points per block of the batch entry points.
+constexpr long kBlock = 1024;
 
 bool Tangent(const Epho_CameraXform* x) { return x->camera->refType == EMOD_TANGENT_PLANE; }
 
@@ -164,42 +168,52 @@ Emsc_Boolean epho_CameraXformTransform3DTo2D(Epho_CameraXform* xform, long count
   const bool forward = cam->direction == EMOD_FORWARD;
   const double* in_affine = forward ? cam->forDstAffine : cam->forSrcAffine;
   const double* out_affine = forward ? cam->invSrcAffine : cam->invDstAffine;
-  kzdv::HeapPtr<double> heights(static_cast<double*>(emsc_HeapMalloc(sizeof(double) * count)));
+  // Points go through in blocks that stay in cache; the in-place packed form
+  // is safe because a block's pairs end before its triples do.
+  const long block = std::min(count, kBlock);
+  kzdv::HeapPtr<double> heights(static_cast<double*>(emsc_HeapMalloc(sizeof(double) * block)));
   EERR_FAIL_IF(!heights, frame, EMSC_FALSE, L"No memory");
-  MatrixPtr m(efga_MatrixCreate(2, count, frame.Callee()));
+  MatrixPtr m(efga_MatrixCreate(2, block, frame.Callee()));
   EERR_CHECK(m, frame, EMSC_FALSE, L"efga_MatrixCreate failed");
-  for (long i = 0; i < count; ++i) {
-    heights.get()[i] = points[3 * i + 2];
-    Affine(in_affine, points[3 * i], points[3 * i + 1], &m->data[2 * i], &m->data[2 * i + 1]);
-  }
   const bool tangent = cam->refType != EMOD_CARTESIAN;
-  if (forward) {
-    if (cam->refType == EMOD_TANGENT_PLANE && xform->projection && xform->projection->toLL)
-      EERR_CHECK(xform->projection->toLL(xform->projection, m.get(), frame.Callee()), frame,
-                 EMSC_FALSE, L"toLL failed");
-    if (!tangent)
-      EERR_CHECK(
-          epho_CameraForTransCartesian(xform, heights.get(), m.get(), m.get(), frame.Callee()),
-          frame, EMSC_FALSE, L"epho_CameraForTransCartesian failed");
-    else
-      EERR_CHECK(epho_CameraForTransTangent(xform, heights.get(), m.get(), m.get(), frame.Callee()),
-                 frame, EMSC_FALSE, L"epho_CameraForTransTangent failed");
-  } else {
-    if (!tangent)
-      EERR_CHECK(
-          epho_CameraInvTransCartesian(xform, heights.get(), m.get(), m.get(), frame.Callee()),
-          frame, EMSC_FALSE, L"epho_CameraInvTransCartesian failed");
-    else
-      EERR_CHECK(epho_CameraInvTransTangent(xform, heights.get(), m.get(), m.get(), frame.Callee()),
-                 frame, EMSC_FALSE, L"epho_CameraInvTransTangent failed");
-    if (cam->refType == EMOD_TANGENT_PLANE && xform->projection && xform->projection->fromLL)
-      EERR_CHECK(xform->projection->fromLL(xform->projection, m.get(), frame.Callee()), frame,
-                 EMSC_FALSE, L"fromLL failed");
+  double* dst = out ? out : points;  // null `out`: pairs packed from the start
+  for (long first = 0; first < count; first += block) {
+    const long n = std::min(block, count - first);
+    m->numcolumns = n;
+    const double* src = points + 3 * first;
+    for (long i = 0; i < n; ++i) {
+      heights.get()[i] = src[3 * i + 2];
+      Affine(in_affine, src[3 * i], src[3 * i + 1], &m->data[2 * i], &m->data[2 * i + 1]);
+    }
+    if (forward) {
+      if (cam->refType == EMOD_TANGENT_PLANE && xform->projection && xform->projection->toLL)
+        EERR_CHECK(xform->projection->toLL(xform->projection, m.get(), frame.Callee()), frame,
+                   EMSC_FALSE, L"toLL failed");
+      if (!tangent)
+        EERR_CHECK(
+            epho_CameraForTransCartesian(xform, heights.get(), m.get(), m.get(), frame.Callee()),
+            frame, EMSC_FALSE, L"epho_CameraForTransCartesian failed");
+      else
+        EERR_CHECK(
+            epho_CameraForTransTangent(xform, heights.get(), m.get(), m.get(), frame.Callee()),
+            frame, EMSC_FALSE, L"epho_CameraForTransTangent failed");
+    } else {
+      if (!tangent)
+        EERR_CHECK(
+            epho_CameraInvTransCartesian(xform, heights.get(), m.get(), m.get(), frame.Callee()),
+            frame, EMSC_FALSE, L"epho_CameraInvTransCartesian failed");
+      else
+        EERR_CHECK(
+            epho_CameraInvTransTangent(xform, heights.get(), m.get(), m.get(), frame.Callee()),
+            frame, EMSC_FALSE, L"epho_CameraInvTransTangent failed");
+      if (cam->refType == EMOD_TANGENT_PLANE && xform->projection && xform->projection->fromLL)
+        EERR_CHECK(xform->projection->fromLL(xform->projection, m.get(), frame.Callee()), frame,
+                   EMSC_FALSE, L"fromLL failed");
+    }
+    double* d = dst + 2 * first;
+    for (long i = 0; i < n; ++i)
+      Affine(out_affine, m->data[2 * i], m->data[2 * i + 1], &d[2 * i], &d[2 * i + 1]);
   }
-  // Null `out`: pairs packed from the start of the triple array.
-  double* dst = out ? out : points;
-  for (long i = 0; i < count; ++i)
-    Affine(out_affine, m->data[2 * i], m->data[2 * i + 1], &dst[2 * i], &dst[2 * i + 1]);
   return EMSC_TRUE;
 }
 
