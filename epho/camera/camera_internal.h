@@ -112,7 +112,7 @@ class MifRecord {
 struct DemGrid {
   long width = 0;
   long height = 0;
-  std::vector<float> cells;  // row-major; float holds every DEM type we write
+  std::vector<double> cells;  // row-major, the values as a one-cell read gives them
   bool Cell(long x, long y, double* value) const {
     if (x < 0 || y < 0 || x >= width || y >= height) return false;
     *value = cells[size_t(y) * size_t(width) + size_t(x)];

@@ -26,7 +26,7 @@ std::map<std::wstring, std::weak_ptr<const DemGrid>>& Grids() {
 
 // DEMs up to this many cells are held in memory for the height iteration;
 // larger ones are read cell by cell through the layer.
-constexpr long long kMaxGridCells = 64LL * 1024 * 1024;
+constexpr long long kMaxGridCells = 32LL * 1024 * 1024;  // 256 MiB of doubles
 
 std::shared_ptr<const DemGrid> GridOf(Eimg_Layer* layer, const std::wstring& key,
                                       Eerr_ErrorReport** err) {
@@ -42,7 +42,7 @@ std::shared_ptr<const DemGrid> GridOf(Eimg_Layer* layer, const std::wstring& key
   grid->width = layer->width;
   grid->height = layer->height;
   grid->cells.resize(size_t(layer->width) * size_t(layer->height));
-  Eimg_PixelRect rect{layer->width, layer->height, EGDA_TYPE_F32,
+  Eimg_PixelRect rect{layer->width, layer->height, EGDA_TYPE_F64,
                       reinterpret_cast<unsigned char*>(grid->cells.data())};
   EERR_CHECK(eimg_LayerRead(layer, 0, 0, &rect, frame.Callee()), frame, nullptr,
              L"eimg_LayerRead failed");

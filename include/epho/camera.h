@@ -196,7 +196,7 @@ EPHO_EXPORT Epho_CameraXform* epho_CameraXformCopy(const Epho_CameraXform* xform
 /* Prepares the object: projection, tangent frame, DEM (through the DEM cache
  * when the "rasterprocess" preference "use_dem_layer_cache" is set, else the
  * layer "Layer_1" of `demfilename`), map-to-DEM transform, z_mean from the DEM
- * statistics, datums, orientation matrix. DEMs of up to 64 Mi cells are read
+ * statistics, datums, orientation matrix. DEMs of up to 32 Mi cells are read
  * into memory once and shared by every prepared object on the same DEM name,
  * so the height iteration reads cells without I/O (a DEM rewritten on disk is
  * seen by objects prepared after the last holder is deleted). Refuses a zero
