@@ -354,6 +354,11 @@ TEST(CameraTransform, DemIteratedInverseLandsOnTheSurface) {
       double pixel[2], g[2];
       ASSERT_TRUE(epho_CameraXformTransform3DTo2D(forward.get(), 1, p, pixel, nullptr));
       ASSERT_TRUE(epho_CameraXformTransform(inverse.get(), 1, pixel, g, nullptr));
+      // The forward object takes the same height from the DEM itself.
+      double xy[2] = {p[0], p[1]}, from_dem[2];
+      ASSERT_TRUE(epho_CameraXformTransform(forward.get(), 1, xy, from_dem, nullptr));
+      EXPECT_EQ(from_dem[0], pixel[0]);
+      EXPECT_EQ(from_dem[1], pixel[1]);
       // One metre of height (the stop test) moves a ray by distance/height.
       const double lean = std::hypot(p[0] - camtest::kX0, p[1] - camtest::kY0) / 1500.0;
       EXPECT_LE(std::hypot(g[0] - p[0], g[1] - p[1]), lean * 1.0 + 1e-6);
