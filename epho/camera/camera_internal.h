@@ -144,6 +144,13 @@ struct CameraFlags {
 };
 CameraFlags FlagsOf(const Epho_Camera* camera);
 
+// Ground (x, y, z) triples to image pairs of a Cartesian camera in one pass:
+// input affine, collinearity with correction and distortion, output affine.
+// The same arithmetic as the staged batch; `out_xy` may overlay `xyz` from
+// its start (a block's pairs are written after its triples are read).
+void ForwardCartesianTriples(const Epho_CameraXform* xform, long count, const double* xyz,
+                             const double* in_affine, const double* out_affine, double* out_xy);
+
 // The inverse batch transforms with the DEM iteration on or off, whatever the
 // camera's `demsource` says (the exfr routines intersect at given heights).
 Emsc_Boolean InvTransCartesianImpl(const Epho_CameraXform* xform, double* heights,

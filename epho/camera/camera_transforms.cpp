@@ -1,5 +1,6 @@
 // Batch transforms of a frame camera between ground and film, Cartesian and
 // in a local tangent plane, with the inverse iterated against the DEM.
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -159,6 +160,52 @@ bool TangentInverseOnce(const Epho_CameraXform* xform, double x, double y, doubl
 }
 
 }  // namespace
+
+void ForwardCartesianTriples(const Epho_CameraXform* xform, long count, const double* xyz,
+                             const double* in_affine, const double* out_affine, double* out_xy) {
+  const Epho_Camera* cam = xform->camera;
+  const CameraFlags flags = FlagsOf(cam);
+  const double* a = in_affine;
+  const double* b = out_affine;
+  const double* m = xform->orientation;
+  // Blocks of points: first the collinearity of the whole block in a loop
+  // the compiler can vectorise, then the lens and the output affine.
+  constexpr long kStep = 256;
+  double fx[kStep], fy[kStep], fz[kStep];
+  for (long first = 0; first < count; first += kStep) {
+    const long n = std::min(kStep, count - first);
+    const double* p = xyz + 3 * first;
+    for (long i = 0; i < n; ++i) {
+      const double X = a[0] * p[3 * i] + a[1] * p[3 * i + 1] + a[2];
+      const double Y = a[3] * p[3 * i] + a[4] * p[3 * i + 1] + a[5];
+      const double Z = p[3 * i + 2];
+      const double w = m[0] + m[1] * X + m[2] * Y + m[3] * Z;
+      fx[i] = (m[4] + m[5] * X + m[6] * Y + m[7] * Z) / w;
+      fy[i] = (m[8] + m[9] * X + m[10] * Y + m[11] * Z) / w;
+      fz[i] = w == 0.0 ? kNaN : Z;  // a point in the plane of the centre projects nowhere
+    }
+    double* o = out_xy + 2 * first;
+    for (long i = 0; i < n; ++i) {
+      double x = fx[i], y = fy[i];
+      if (std::isnan(fz[i])) {
+        o[2 * i] = o[2 * i + 1] = kNaN;
+        continue;
+      }
+      if (flags.correction)
+        epho_CameraAwayCorrection(cam->PhotoDirection, cam->coeffs[5], fz[i], cam->coeffs[0], &x,
+                                  &y, 0);
+      if (flags.distortion) {
+        double dx, dy;
+        epho_CameraAwayDistortion(&cam->LensDistortion, &cam->AdditionalParameters, x, y, &dx, &dy);
+        x += dx;
+        y += dy;
+      }
+      o[2 * i] = b[0] * x + b[1] * y + b[2];
+      o[2 * i + 1] = b[3] * x + b[4] * y + b[5];
+    }
+  }
+}
+
 }  // namespace epho::camera
 
 using namespace epho::camera;

@@ -168,6 +168,11 @@ Emsc_Boolean epho_CameraXformTransform3DTo2D(Epho_CameraXform* xform, long count
   const bool forward = cam->direction == EMOD_FORWARD;
   const double* in_affine = forward ? cam->forDstAffine : cam->forSrcAffine;
   const double* out_affine = forward ? cam->invSrcAffine : cam->invDstAffine;
+  if (forward && cam->refType == EMOD_CARTESIAN) {
+    // The common case in one pass, without staging.
+    ForwardCartesianTriples(xform, count, points, in_affine, out_affine, out ? out : points);
+    return EMSC_TRUE;
+  }
   // Points go through in blocks that stay in cache; the in-place packed form
   // is safe because a block's pairs end before its triples do.
   const long block = std::min(count, kBlock);
