@@ -20,6 +20,14 @@ Emsc_Boolean GroundToImage(void* model, long count, const double* ground_xyz, do
   const auto* xform = static_cast<const Epho_CameraXform*>(model);
   const Epho_Camera* cam = xform->camera;
   EERR_FAIL_IF(count < 1 || !ground_xyz || !image_xy, frame, EMSC_FALSE, L"Args");
+  if (cam->refType == EMOD_CARTESIAN) {
+    ForwardCartesianTriples(xform, count, ground_xyz, cam->forDstAffine, cam->invSrcAffine,
+                            image_xy);
+    for (long i = 0; i < count; ++i)
+      EERR_FAIL_IF(!std::isfinite(image_xy[2 * i]) || !std::isfinite(image_xy[2 * i + 1]), frame,
+                   EMSC_FALSE, L"Ground point %ld does not project into the image", i);
+    return EMSC_TRUE;
+  }
   MatrixPtr m(efga_MatrixCreate(2, count, frame.Callee()));
   EERR_CHECK(m, frame, EMSC_FALSE, L"efga_MatrixCreate failed");
   kzdv::HeapPtr<double> z(static_cast<double*>(emsc_HeapMalloc(sizeof(double) * count)));
