@@ -3,6 +3,7 @@
 #define EPHO_EPHO_H
 
 #include "epho/base.h"
+#include "epho/block.h"
 #include "epho/camera.h"
 #include "epho/camerafile.h"
 #include "epho/dtm.h"

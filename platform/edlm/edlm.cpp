@@ -15,7 +15,7 @@ struct _edlm_list {
 };
 
 namespace {
-void FreeElement(const EdlmList* list, void* element) {
+void FreeElement(const _edlm_list* list, void* element) {
   if (!element) return;
   if (list->free_element)
     list->free_element(element);
@@ -24,8 +24,8 @@ void FreeElement(const EdlmList* list, void* element) {
 }
 }  // namespace
 
-EdlmList* edlm_InitList(long element_size, long initial_count, Edlm_FreeFunction free_element,
-                        Edlm_CopyFunction copy_element, Eerr_ErrorReport** err) {
+_edlm_list* edlm_InitList(long element_size, long initial_count, Edlm_FreeFunction free_element,
+                          Edlm_CopyFunction copy_element, Eerr_ErrorReport** err) {
   kzdv::ErrorFrame frame(L"edlm_InitList", err);
   EERR_FAIL_IF(element_size <= 0, frame, nullptr, L"Invalid list element size %ld", element_size);
   EERR_FAIL_IF(initial_count < 0, frame, nullptr, L"Invalid list size %ld", initial_count);
@@ -40,15 +40,15 @@ EdlmList* edlm_InitList(long element_size, long initial_count, Edlm_FreeFunction
   }
 }
 
-long edlm_CountList(const EdlmList* list) {
+long edlm_CountList(const _edlm_list* list) {
   return list ? static_cast<long>(list->items.size()) : 0;
 }
 
-Emsc_Boolean edlm_Add(EdlmList* list, void* element, Eerr_ErrorReport** err) {
+Emsc_Boolean edlm_Add(_edlm_list* list, void* element, Eerr_ErrorReport** err) {
   return edlm_Insert(list, edlm_CountList(list), element, err);
 }
 
-Emsc_Boolean edlm_Insert(EdlmList* list, long index, void* element, Eerr_ErrorReport** err) {
+Emsc_Boolean edlm_Insert(_edlm_list* list, long index, void* element, Eerr_ErrorReport** err) {
   kzdv::ErrorFrame frame(L"edlm_Insert", err);
   EERR_FAIL_IF(!list, frame, EMSC_FALSE, L"Null list");
   EERR_FAIL_IF(index < 0 || index > edlm_CountList(list), frame, EMSC_FALSE,
@@ -61,7 +61,7 @@ Emsc_Boolean edlm_Insert(EdlmList* list, long index, void* element, Eerr_ErrorRe
   return EMSC_TRUE;
 }
 
-void* edlm_GetAddr(const EdlmList* list, long index, Eerr_ErrorReport** err) {
+void* edlm_GetAddr(const _edlm_list* list, long index, Eerr_ErrorReport** err) {
   kzdv::ErrorFrame frame(L"edlm_GetAddr", err);
   EERR_FAIL_IF(!list, frame, nullptr, L"Null list");
   EERR_FAIL_IF(index < 0 || index >= edlm_CountList(list), frame, nullptr,
@@ -69,7 +69,7 @@ void* edlm_GetAddr(const EdlmList* list, long index, Eerr_ErrorReport** err) {
   return list->items[static_cast<size_t>(index)];
 }
 
-void* edlm_Remove(EdlmList* list, long index, Eerr_ErrorReport** err) {
+void* edlm_Remove(_edlm_list* list, long index, Eerr_ErrorReport** err) {
   kzdv::ErrorFrame frame(L"edlm_Remove", err);
   EERR_FAIL_IF(!list, frame, nullptr, L"Null list");
   EERR_FAIL_IF(index < 0 || index >= edlm_CountList(list), frame, nullptr,
@@ -79,18 +79,18 @@ void* edlm_Remove(EdlmList* list, long index, Eerr_ErrorReport** err) {
   return element;
 }
 
-void edlm_FreeList(EdlmList* list) { delete list; }
+void edlm_FreeList(_edlm_list* list) { delete list; }
 
-void edlm_FreeListAndContents(EdlmList* list) {
+void edlm_FreeListAndContents(_edlm_list* list) {
   if (!list) return;
   for (void* e : list->items) FreeElement(list, e);
   delete list;
 }
 
-EdlmList* edlm_CopyList(const EdlmList* list, Eerr_ErrorReport** err) {
+_edlm_list* edlm_CopyList(const _edlm_list* list, Eerr_ErrorReport** err) {
   kzdv::ErrorFrame frame(L"edlm_CopyList", err);
   EERR_FAIL_IF(!list, frame, nullptr, L"Null list");
-  std::unique_ptr<EdlmList, void (*)(EdlmList*)> copy(
+  std::unique_ptr<_edlm_list, void (*)(_edlm_list*)> copy(
       edlm_InitList(list->element_size, edlm_CountList(list), list->free_element,
                     list->copy_element, frame.Callee()),
       edlm_FreeListAndContents);

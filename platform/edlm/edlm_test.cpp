@@ -41,14 +41,14 @@ Point* NewPoint(int id) {
 
 TEST(List, DeepCopyIsIndependentAndFreesWithElementFunction) {
   g_freed = 0;
-  EdlmList* list = edlm_InitList(8, 4, FreePoint, CopyPoint, nullptr);
+  _edlm_list* list = edlm_InitList(8, 4, FreePoint, CopyPoint, nullptr);
   ASSERT_NE(list, nullptr);
   for (int i = 0; i < 5; ++i) ASSERT_TRUE(edlm_Add(list, NewPoint(i), nullptr));
   ASSERT_TRUE(edlm_Insert(list, 0, NewPoint(99), nullptr));
   EXPECT_EQ(edlm_CountList(list), 6);
   EXPECT_EQ(static_cast<Point*>(edlm_GetAddr(list, 0, nullptr))->id, 99);
 
-  EdlmList* copy = edlm_CopyList(list, nullptr);
+  _edlm_list* copy = edlm_CopyList(list, nullptr);
   ASSERT_NE(copy, nullptr);
   static_cast<Point*>(edlm_GetAddr(list, 1, nullptr))->values[0] = 1234;
   EXPECT_DOUBLE_EQ(static_cast<Point*>(edlm_GetAddr(copy, 1, nullptr))->values[0], 0.0);
@@ -63,7 +63,7 @@ TEST(List, DeepCopyIsIndependentAndFreesWithElementFunction) {
 }
 
 TEST(List, OutOfRangeAndFailedCopyReportWithoutLeaks) {
-  EdlmList* list = edlm_InitList(8, 0, FreePoint, CopyPoint, nullptr);
+  _edlm_list* list = edlm_InitList(8, 0, FreePoint, CopyPoint, nullptr);
   ASSERT_TRUE(edlm_Add(list, NewPoint(1), nullptr));
   ASSERT_TRUE(edlm_Add(list, NewPoint(-1), nullptr));
   Eerr_ErrorReport* err = nullptr;
