@@ -158,6 +158,11 @@ EphoBlockFile* EphoBlockFile::Open(EtxtTextU& name, bool create) {
     Ehfa_File* file = ehfa_FileOpen(name.c_str(), "r", init, ctx.Err());
     ctx.Check(__LINE__);
     block->m_HFAFile.Reset(file);
+    // Every block, even one never saved, has its property node at the root.
+    const Emsc_Boolean isBlock =
+        ehfa_EntrySeekIfPresent(file, EHFA_SEEK_BY_NAME, L":", L"BlockProperty", ctx.Err());
+    ctx.Check(__LINE__);
+    if (!isBlock) ctx.Throw(__LINE__, L"%s is not a block file", name.c_str());
   }
   block->m_RefCount = 1;
   block->m_FileName = name;
