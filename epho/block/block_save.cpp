@@ -74,7 +74,12 @@ void EphoBlockFile::SaveAs(EtxtTextU& name) {
       Eerr_ErrorReport* err = nullptr;
       m_HFAFile.Reset(ehfa_FileOpen(m_FileName.c_str(), m_NewFile ? "r+b" : "r", nullptr, &err));
       eerr_DeleteErrorReport(err);
-      throw;
+      try {
+        throw;
+      } catch (EerrException& e) {
+        *ctx.Err() = e.Release();
+        ctx.Throw(__LINE__, L"The block was not saved to %s", name.c_str());
+      }
     }
     if (name != m_FileName) {
       m_FileName = name;
