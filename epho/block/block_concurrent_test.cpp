@@ -69,8 +69,8 @@ TEST(BlockConcurrent, EightThreadsShareSaveAndCloseTwoBlocks) {
     // Whole states only: the name one writer put (or none), the points one
     // writer put (the first 20, or 5 + thread).
     long named = 0;
-    EXPECT_TRUE(model.empty() || (estr_StringToLong(model.c_str(), &named) && named >= 5 &&
-                                  named < 5 + kThreads))
+    EXPECT_TRUE(model.empty() ||
+                (estr_StringToLong(model.c_str(), &named) && named >= 5 && named < 5 + kThreads))
         << kzdv::ToUtf8(model);
     EXPECT_TRUE(n == 20 || (n >= 5 && n < 5u + kThreads)) << n;
     EXPECT_EQ(blocktest::FilesIn(dir.path()), std::set<std::string>({"a.blk", "b.blk"}));
