@@ -145,42 +145,76 @@ void EphoBlockFile::PutObjectPointsList(EdlmList& list) {
   AddNodeToCEFList(L"ObjectPointList", &EphoBlockFile::ObjectPointListWrite);
 }
 
+namespace {
+
+// How the point records are read: converted field by field from the stored
+// designs, or, when the file's designs are this library's, decoded straight
+// into place (the common case, and the one that counts for large blocks).
+struct PointReader {
+  const Emif_Design* ground;
+  const Emif_Design* image;
+  bool storedAsOurs;
+
+  // Reads one node into `record` (`size` bytes of which the design fills).
+  void Read(Ehfa_File* file, Ehfa_SeekMethod method, const wchar_t* path, const wchar_t* name,
+            const Emif_Design* design, void* record, EerrException& ctx) const {
+    if (!storedAsOurs) {
+      ehfa_ObjectReadInto(file, method, path, name, design, record, ctx.Err());
+      ctx.Check(__LINE__);
+      return;
+    }
+    const Emif_Design* stored = nullptr;
+    void* decoded = nullptr;
+    ehfa_ObjectRead(file, method, path, name, &stored, &decoded, ctx.Err());
+    ctx.Check(__LINE__);
+    // The record's contents (the description) change hands with the bytes.
+    std::memcpy(record, decoded, emif_DesignSizeGet(design));
+    emsc_HeapFree(decoded);
+  }
+};
+
+PointReader MakePointReader(Ehfa_File* file, const Emif_Design* ground, const Emif_Design* image) {
+  Emif_Dictionary* dict = ehfa_FileDictionaryGet(file);
+  const Emif_Design* storedGround = emif_FindDesignByName(dict, L"GroundPoint");
+  const Emif_Design* storedImage = emif_FindDesignByName(dict, L"ImagePoint");
+  const bool same = storedGround && storedImage && emif_DesignsEqual(storedGround, ground) &&
+                    emif_DesignsEqual(storedImage, image);
+  return PointReader{ground, image, same};
+}
+
+}  // namespace
+
 // Reads one ground point (at the current position for `method` 18) and its
 // image points; the record is handed over to the caller.
 static Epho_GroundPoint* ReadOnePoint(Ehfa_File* file, long i, bool sequential,
-                                      const Emif_Design* gpDesign, const Emif_Design* ipDesign,
-                                      EerrException& ctx) {
+                                      const PointReader& reader, EerrException& ctx) {
   auto* gp = static_cast<Epho_GroundPoint*>(emsc_HeapCalloc(1, sizeof(Epho_GroundPoint)));
   if (!gp) ctx.Throw(__LINE__, L"Out of memory");
   PointHolder hold{gp};
   const std::wstring name = GroundName(i);
   if (sequential && i > 0) {
-    ehfa_ObjectReadInto(file, EHFA_SEEK_NEXT_IN_FILE, nullptr, name.c_str(), gpDesign, gp,
-                        ctx.Err());
+    reader.Read(file, EHFA_SEEK_NEXT_IN_FILE, nullptr, name.c_str(), reader.ground, gp, ctx);
   } else {
-    ehfa_ObjectReadInto(file, EHFA_SEEK_BY_NAME, L":BlockProperty", name.c_str(), gpDesign, gp,
-                        ctx.Err());
+    reader.Read(file, EHFA_SEEK_BY_NAME, L":BlockProperty", name.c_str(), reader.ground, gp, ctx);
   }
-  ctx.Check(__LINE__);
+  gp->imagePoints = nullptr;
   const int32_t count = gp->imagePointCount;
   if (count < 0) ctx.Throw(__LINE__, L"Invalid image point count %d of %s", count, name.c_str());
   gp->imagePoints = edlm_InitList(sizeof(void*), count, EphoBlockFile::freeImagePoint,
                                   EphoBlockFile::copyImagePoint, ctx.Err());
   ctx.Check(__LINE__);
-  const std::wstring parent = L":BlockProperty:" + name;
+  const std::wstring parent = sequential ? std::wstring() : L":BlockProperty:" + name;
   for (int32_t j = 0; j < count; ++j) {
     auto* ip = static_cast<Epho_ImagePoint*>(emsc_HeapCalloc(1, sizeof(Epho_ImagePoint)));
     if (!ip) ctx.Throw(__LINE__, L"Out of memory");
     if (!edlm_Add(gp->imagePoints, ip, ctx.Err())) emsc_HeapFree(ip);
     ctx.Check(__LINE__);
+    const std::wstring iname = ImageName(j);
     if (sequential) {
-      ehfa_ObjectReadInto(file, EHFA_SEEK_NEXT_IN_FILE, nullptr, ImageName(j).c_str(), ipDesign, ip,
-                          ctx.Err());
+      reader.Read(file, EHFA_SEEK_NEXT_IN_FILE, nullptr, iname.c_str(), reader.image, ip, ctx);
     } else {
-      ehfa_ObjectReadInto(file, EHFA_SEEK_BY_NAME, parent.c_str(), ImageName(j).c_str(), ipDesign,
-                          ip, ctx.Err());
+      reader.Read(file, EHFA_SEEK_BY_NAME, parent.c_str(), iname.c_str(), reader.image, ip, ctx);
     }
-    ctx.Check(__LINE__);
   }
   hold.p = nullptr;
   return gp;
@@ -203,12 +237,13 @@ void EphoBlockFile::ReadPointsSequentially() {
   CheckPrefix(ipDesign.get(), sizeof(Epho_ImagePoint), ctx);
   // Points are built into a list of their own, which replaces the block's
   // only when every point was read.
+  const PointReader reader = MakePointReader(file, gpDesign.get(), ipDesign.get());
   EdlmList points(freeGroundPoint);
   points.Reset(edlm_InitList(sizeof(void*), m_StoredPointCount, freeGroundPoint, copyGroundPoint,
                              ctx.Err()));
   ctx.Check(__LINE__);
   for (long i = 0; i < m_StoredPointCount; ++i) {
-    Epho_GroundPoint* gp = ReadOnePoint(file, i, true, gpDesign.get(), ipDesign.get(), ctx);
+    Epho_GroundPoint* gp = ReadOnePoint(file, i, true, reader, ctx);
     if (!edlm_Add(points.Get(), gp, ctx.Err())) freeGroundPoint(gp);
     ctx.Check(__LINE__);
   }
@@ -224,13 +259,14 @@ void EphoBlockFile::ReadPointsBySeeking() {
   DesignPtr ipDesign = epho::block::ImagePointDesign(ctx);
   CheckPrefix(gpDesign.get(), offsetof(Epho_GroundPoint, imagePoints), ctx);
   CheckPrefix(ipDesign.get(), sizeof(Epho_ImagePoint), ctx);
+  const PointReader reader = MakePointReader(file, gpDesign.get(), ipDesign.get());
   EdlmList points(freeGroundPoint);
   points.Reset(edlm_InitList(sizeof(void*), m_StoredPointCount, freeGroundPoint, copyGroundPoint,
                              ctx.Err()));
   ctx.Check(__LINE__);
   double minZ = std::numeric_limits<double>::quiet_NaN(), maxZ = minZ;
   for (long i = 0; i < m_StoredPointCount; ++i) {
-    Epho_GroundPoint* gp = ReadOnePoint(file, i, false, gpDesign.get(), ipDesign.get(), ctx);
+    Epho_GroundPoint* gp = ReadOnePoint(file, i, false, reader, ctx);
     const double z = gp->groundZ;
     if (!edlm_Add(points.Get(), gp, ctx.Err())) freeGroundPoint(gp);
     ctx.Check(__LINE__);
