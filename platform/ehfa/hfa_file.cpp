@@ -193,6 +193,45 @@ bool FileIO::FlushAppend(std::string* error) {
   return true;
 }
 
+bool FileIO::WriteAscending(size_t count, size_t size,
+                            const std::function<uint64_t(size_t)>& offset,
+                            const std::function<void(size_t, uint8_t*)>& render,
+                            std::string* error) {
+  // Gaps up to this size are read and written back unchanged; spans stay
+  // below a few megabytes.
+  constexpr uint64_t kGap = 4096, kSpan = 4u << 20;
+  std::vector<uint8_t> piece(size), span;
+  for (size_t i = 0; i < count;) {
+    const uint64_t start = offset(i);
+    if (uint8_t* p = Pending(start, size)) {
+      render(i, p);
+      ++i;
+      continue;
+    }
+    size_t j = i + 1;
+    uint64_t end = start + size;
+    while (j < count) {
+      const uint64_t at = offset(j);
+      if (at < end || at - end > kGap || at + size - start > kSpan || at + size > append_start_)
+        break;
+      end = at + size;
+      ++j;
+    }
+    if (j == i + 1) {
+      render(i, piece.data());
+      if (!Write(start, piece.data(), size, error)) return false;
+      ++i;
+      continue;
+    }
+    span.resize(static_cast<size_t>(end - start));
+    if (!Read(start, span.size(), span.data(), error)) return false;
+    for (size_t k = i; k < j; ++k) render(k, span.data() + (offset(k) - start));
+    if (!Write(start, span.data(), span.size(), error)) return false;
+    i = j;
+  }
+  return true;
+}
+
 uint64_t BytesRead(const Ehfa_File* file) { return file->io.bytes_read(); }
 
 }  // namespace hfa
@@ -502,10 +541,15 @@ bool Ehfa_File::Flush(bool force, std::string* error) {
   }
   std::sort(dirty.begin(), dirty.end(),
             [](const Node* a, const Node* b) { return a->pos < b->pos; });
+  std::vector<Node*> live;
+  live.reserve(dirty.size());
   for (Node* n : dirty) {
     n->dirty = false;
-    if (!n->alive) continue;
-    uint8_t h[kEntryUsed] = {};
+    if (n->alive) live.push_back(n);
+  }
+  auto render = [&](size_t i, uint8_t* h) {
+    const Node* n = live[i];
+    std::memset(h, 0, kEntryUsed);
     StoreLe32(h, n->next ? n->next->pos : 0);
     StoreLe32(h + 4, n->prev ? n->prev->pos : 0);
     StoreLe32(h + 8, n->parent ? n->parent->pos : 0);
@@ -515,8 +559,11 @@ bool Ehfa_File::Flush(bool force, std::string* error) {
     std::memcpy(h + 24, n->name.data(), std::min<size_t>(n->name.size(), kNameSize - 1));
     std::memcpy(h + 88, n->type.data(), std::min<size_t>(n->type.size(), kTypeSize - 1));
     StoreLe32(h + 120, n->mtime);
-    if (!io.Write(n->pos, h, sizeof h, error)) return false;
-  }
+  };
+  if (!io.WriteAscending(
+          live.size(), kEntryUsed, [&](size_t i) -> uint64_t { return live[i]->pos; }, render,
+          error))
+    return false;
   dirty.clear();
   return io.FlushAppend(error);
 }

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -54,6 +55,13 @@ class FileIO {
   // Appends at the end; returns the position of the bytes.
   bool Append(const void* data, size_t size, uint32_t* pos, std::string* error);
   bool FlushAppend(std::string* error);
+  // Writes `count` pieces of `size` bytes at ascending, non-overlapping
+  // offsets (entry headers after a bulk write); `render(i, out)` fills piece
+  // i. Pieces lying close together are patched into one span that is read,
+  // changed and written back whole, so a bulk write of many nodes costs a
+  // few large writes, not one per node.
+  bool WriteAscending(size_t count, size_t size, const std::function<uint64_t(size_t)>& offset,
+                      const std::function<void(size_t, uint8_t*)>& render, std::string* error);
   uint64_t size() const { return size_; }
   uint64_t bytes_read() const { return bytes_read_; }
   // Lets a caller patch bytes that are still in the append buffer.
