@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::string path = "/tmp/block_reader_fuzz_" + std::to_string(::getpid()) + ".blk";
   FILE* out = std::fopen(path.c_str(), "wb");
   if (!out) return 0;
-  std::fwrite(data, 1, size, out);
+  if (size > 0) std::fwrite(data, 1, size, out);
   std::fclose(out);
   EtxtTextU name(kzdv::FromUtf8(path));
   EphoBlockFile* block = nullptr;
