@@ -89,18 +89,32 @@ void CrossTwoRowsFloatAvx2(const float* area, std::size_t stride, const float* t
                            int tw, std::size_t cols_padded, float* out0, float* out1);
 #endif
 
+// How the template search forms the cross products: one kernel-like pass per
+// candidate row (direct; cost grows with the template area) or one
+// transform of the search area and the template (cost independent of the
+// template size); kAuto picks the cheaper by a cost model measured per path.
+enum class SearchMethod { kAuto, kDirect, kTransform };
+
 // The template search on the given path (the exported functions pass
-// epho::BestVectorPath()).
-int NccSearchByte(epho::VectorPath path, const uint8_t* left, const uint8_t* right,
-                  uint32_t leftStride, uint32_t rightStride, uint32_t lx, uint32_t ly,
-                  uint32_t halfWidth, uint32_t halfHeight, uint32_t rxMin, uint32_t ryMin,
-                  uint32_t rxMax, uint32_t ryMax, void* scratch, std::size_t scratchBytes,
-                  Epho_NccPeak* peak);
-int NccSearchFloat(epho::VectorPath path, const float* left, const float* right,
-                   uint32_t leftStride, uint32_t rightStride, uint32_t lx, uint32_t ly,
-                   uint32_t halfWidth, uint32_t halfHeight, uint32_t rxMin, uint32_t ryMin,
-                   uint32_t rxMax, uint32_t ryMax, void* scratch, std::size_t scratchBytes,
-                   Epho_NccPeak* peak);
+// epho::BestVectorPath() and kAuto). kTransform beyond the transform's size
+// limit searches directly.
+int NccSearchByte(epho::VectorPath path, SearchMethod method, const uint8_t* left,
+                  const uint8_t* right, uint32_t leftStride, uint32_t rightStride, uint32_t lx,
+                  uint32_t ly, uint32_t halfWidth, uint32_t halfHeight, uint32_t rxMin,
+                  uint32_t ryMin, uint32_t rxMax, uint32_t ryMax, void* scratch,
+                  std::size_t scratchBytes, Epho_NccPeak* peak);
+int NccSearchFloat(epho::VectorPath path, SearchMethod method, const float* left,
+                   const float* right, uint32_t leftStride, uint32_t rightStride, uint32_t lx,
+                   uint32_t ly, uint32_t halfWidth, uint32_t halfHeight, uint32_t rxMin,
+                   uint32_t ryMin, uint32_t rxMax, uint32_t ryMax, void* scratch,
+                   std::size_t scratchBytes, Epho_NccPeak* peak);
+
+// Scratch for a method (kAuto: what the exported search asks for).
+std::size_t NccSearchScratchBytes(SearchMethod method, uint32_t halfWidth, uint32_t halfHeight,
+                                  uint32_t rangeColumns, uint32_t rangeRows);
+// Whether kAuto takes the transform for these sizes on this path.
+bool NccSearchUsesTransform(epho::VectorPath path, bool bytePixels, uint32_t halfWidth,
+                            uint32_t halfHeight, uint32_t rangeColumns, uint32_t rangeRows);
 
 }  // namespace epho_ncc
 

@@ -17,10 +17,13 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <limits>
+#include <type_traits>
 
 #include "epho/matching.h"
+#include "epho/matching/ncc_fft_internal.h"
 #include "epho/matching/ncc_internal.h"
 #include "epho/matching/ncc_paths_internal.h"
 
@@ -30,6 +33,7 @@ using std::ptrdiff_t;
 using std::size_t;
 
 using epho::VectorPath;
+using epho_ncc::SearchMethod;
 constexpr size_t kPad = epho_ncc::kSearchPad;
 constexpr uint32_t kMaxRange = 1u << 14;
 
@@ -114,6 +118,18 @@ void SlideRow(const T* colsum, const T* colsq, const Geometry& g, Visit visit) {
         s[k] += colsum[x + g.tw] - colsum[x];
         ss[k] += colsq[x + g.tw] - colsq[x];
       }
+    }
+}
+
+// The columns 0..cols-1 in the order SlideRow visits them.
+template <class Visit>
+void VisitInSlideOrder(const Geometry& g, Visit visit) {
+  constexpr size_t kChains = 4;
+  const size_t len = (g.cols + kChains - 1) / kChains;
+  for (size_t i = 0; i < len; ++i)
+    for (size_t k = 0; k < kChains; ++k) {
+      const size_t begin = std::min(k * len, g.cols), end = std::min(begin + len, g.cols);
+      if (begin + i < end) visit(begin + i);
     }
 }
 
@@ -327,50 +343,368 @@ int SearchFloat(VectorPath path, const float* left, const float* right, uint32_t
   return EPHO_NCC_SEARCH_OK;
 }
 
+// ---- transform-domain search -------------------------------------------
+//
+// The cross products of every candidate at once from one packed complex
+// transform of the search area and the template (ncc_fft_internal.h), in
+// single precision; the window statistics from the same running sums as the
+// direct search. Single precision only ranks: every candidate whose
+// coefficient could, within a bound on the transform's rounding, reach the
+// best one's is evaluated again exactly (integer sums for 8-bit pixels,
+// double for float), and the ranking and tie rule of the direct search
+// decide among them. For 8-bit pixels the position found is therefore the
+// direct search's.
+
+constexpr size_t kFftMaxPoints = size_t(1) << 22;  // 32 MiB of transform planes
+
+size_t Pow2AtLeast(size_t v) {
+  size_t p = epho_ncc::kFftMaxLanes * 2;
+  while (p < v) p *= 2;
+  return p;
+}
+
+struct FftLayout {
+  size_t nr, nc;
+  size_t re, im, strip, tw_r, tw_c, neg_r, neg_c, colsum, colsq, row_var, total;
+  bool ok;  // the transform fits the size limit
+};
+
+FftLayout MakeFftLayout(const Geometry& g) {
+  FftLayout l{};
+  l.nr = Pow2AtLeast(g.area_h);
+  l.nc = Pow2AtLeast(g.area_w);
+  l.ok = l.nr * l.nc <= kFftMaxPoints;
+  if (!l.ok) return l;
+  size_t off = 0;
+  auto take = [&](size_t bytes) {
+    const size_t at = off;
+    off += RoundUp(bytes, 64);
+    return at;
+  };
+  l.re = take(4 * l.nr * l.nc);
+  l.im = take(4 * l.nr * l.nc);
+  l.strip = take(4 * 2 * std::max(l.nr, l.nc) * epho_ncc::kFftMaxLanes);
+  l.tw_r = take(4 * l.nr);
+  l.tw_c = take(4 * l.nc);
+  l.neg_r = take(4 * l.nr);
+  l.neg_c = take(4 * l.nc);
+  l.colsum = take(8 * g.area_w);
+  l.colsq = take(8 * g.area_w);
+  l.row_var = take(8 * g.cols);
+  l.total = off + 64;
+  return l;
+}
+
+// Measured cost model (bench/matching_bench.cpp, "switch point" rows): time
+// of the direct search per candidate and template pixel, and of the
+// transform per point and level (n log2 n), in nanoseconds, per path.
+struct CostModel {
+  double direct_byte, direct_float, transform;
+};
+
+CostModel Costs(VectorPath path) {
+  switch (path) {
+    case VectorPath::kAvx2:
+      return {0.042, 0.055, 0.80};
+    case VectorPath::kSse2:
+      return {0.080, 0.32, 1.35};
+    case VectorPath::kPortable:
+      break;
+  }
+  return {0.40, 0.32, 1.35};
+}
+
+bool TransformPays(VectorPath path, const Geometry& g, const FftLayout& f, bool byte) {
+  if (!f.ok) return false;
+  const CostModel c = Costs(path);
+  const double direct =
+      static_cast<double>(g.cols) * g.rows * g.tw * g.th * (byte ? c.direct_byte : c.direct_float);
+  const double points = static_cast<double>(f.nr) * f.nc;
+  const double transform = points * std::log2(points) * c.transform;
+  return transform < direct;
+}
+
+void Twiddles(size_t n, float* w) {
+  for (size_t k = 0; k < n / 2; ++k) {
+    const double a = -2.0 * M_PI * static_cast<double>(k) / static_cast<double>(n);
+    w[2 * k] = static_cast<float>(std::cos(a));
+    w[2 * k + 1] = static_cast<float>(std::sin(a));
+  }
+}
+
+// Position of frequency -k in bit-reversed order, for every position.
+void NegatedPositions(size_t n, int32_t* neg) {
+  int bits = 0;
+  while ((size_t(1) << bits) < n) ++bits;
+  auto reverse = [bits](size_t v) {
+    size_t r = 0;
+    for (int b = 0; b < bits; ++b) r |= ((v >> b) & 1) << (bits - 1 - b);
+    return r;
+  };
+  for (size_t p = 0; p < n; ++p) neg[p] = static_cast<int32_t>(reverse((n - reverse(p)) & (n - 1)));
+}
+
+template <typename P>
+int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls, uint32_t rs,
+                    uint32_t lx, uint32_t ly, const Geometry& g, uint32_t rxMin, uint32_t ryMin,
+                    char* base, const FftLayout& f, int32_t* best_x, int32_t* best_y, bool* any) {
+  constexpr bool kByte = std::is_same<P, uint8_t>::value;
+  using Sum = typename std::conditional<kByte, int64_t, double>::type;
+  float* re = reinterpret_cast<float*>(base + f.re);
+  float* im = reinterpret_cast<float*>(base + f.im);
+  Sum* colsum = reinterpret_cast<Sum*>(base + f.colsum);
+  Sum* colsq = reinterpret_cast<Sum*>(base + f.colsq);
+  double* row_var = reinterpret_cast<double*>(base + f.row_var);
+  const ptrdiff_t lst = ls, rst = rs;
+  const P* t0 = left + (static_cast<ptrdiff_t>(ly) - g.hh) * lst + (lx - g.hw);
+  const P* a0 = right + (static_cast<ptrdiff_t>(ryMin) - g.hh) * rst + (rxMin - g.hw);
+  const int64_t n = static_cast<int64_t>(g.tw) * g.th;
+
+  // Template: zero mean, its sums (exact for 8-bit, as the direct search).
+  double mt = 0;
+  Sum st = 0, stt = 0;
+  for (int r = 0; r < g.th; ++r)
+    for (int c = 0; c < g.tw; ++c) {
+      const Sum v = static_cast<Sum>(t0[r * lst + c]);
+      st += v, stt += v * v;
+      mt += static_cast<double>(t0[r * lst + c]);
+    }
+  mt /= static_cast<double>(n);
+  if (kByte ? n * stt - st * st == 0 : false) {
+    *any = false;
+    return EPHO_NCC_SEARCH_OK;
+  }
+  // Search area about its own mean and the template scaled to the same
+  // energy: the rounding of the packed transform grows with the larger of
+  // the two energies, so equal energies give the smallest error on the
+  // cross products.
+  std::fill(re, re + f.nr * f.nc, 0.0f);
+  std::fill(im, im + f.nr * f.nc, 0.0f);
+  double ma = 0;
+  for (size_t r = 0; r < g.area_h; ++r)
+    for (size_t c = 0; c < g.area_w; ++c) ma += static_cast<double>(a0[r * rst + c]);
+  ma /= static_cast<double>(g.area_h * g.area_w);
+  double aa = 0;
+  for (size_t r = 0; r < g.area_h; ++r)
+    for (size_t c = 0; c < g.area_w; ++c) {
+      const float v = static_cast<float>(static_cast<double>(a0[r * rst + c]) - ma);
+      re[r * f.nc + c] = v;
+      aa += static_cast<double>(v) * v;
+    }
+  double vt = 0;
+  for (int r = 0; r < g.th; ++r)
+    for (int c = 0; c < g.tw; ++c) {
+      const double d = static_cast<double>(t0[r * lst + c]) - mt;
+      vt += d * d;
+    }
+  if (!(vt > 0.0)) {
+    *any = false;
+    return EPHO_NCC_SEARCH_OK;
+  }
+  const double gain = aa > 0.0 ? std::sqrt(aa / vt) : 1.0;
+  for (int r = 0; r < g.th; ++r)
+    for (int c = 0; c < g.tw; ++c)
+      im[r * f.nc + c] = static_cast<float>((static_cast<double>(t0[r * lst + c]) - mt) * gain);
+  float* tw_r = reinterpret_cast<float*>(base + f.tw_r);
+  float* tw_c = reinterpret_cast<float*>(base + f.tw_c);
+  int32_t* neg_r = reinterpret_cast<int32_t*>(base + f.neg_r);
+  int32_t* neg_c = reinterpret_cast<int32_t*>(base + f.neg_c);
+  Twiddles(f.nr, tw_r);
+  Twiddles(f.nc, tw_c);
+  NegatedPositions(f.nr, neg_r);
+  NegatedPositions(f.nc, neg_c);
+  const epho_ncc::FftPlan plan{static_cast<int>(f.nr),
+                               static_cast<int>(f.nc),
+                               tw_r,
+                               tw_c,
+                               neg_r,
+                               neg_c,
+                               reinterpret_cast<float*>(base + f.strip)};
+#if EPHO_NCC_X86
+  if (path == VectorPath::kAvx2)
+    epho_ncc::CorrelateFftAvx2(plan, re, im);
+  else
+#endif
+    epho_ncc::CorrelateFftPortable(plan, re, im);
+  (void)path;
+
+  // Rounding bound of the single-precision transform on one cross product:
+  // a few units of rounding per level on the product of the two norms (and
+  // on the input rounding of the area's values).
+  const double points = static_cast<double>(f.nr) * f.nc;
+  const double bound = 16.0 * 1.2e-7 * std::log2(points) * std::sqrt(aa * vt);
+  const double scale = 1.0 / (points * gain);
+
+  // Pass 1: bounds of every coefficient; the upper one is kept in im.
+  std::fill(colsum, colsum + g.area_w, Sum(0));
+  std::fill(colsq, colsq + g.area_w, Sum(0));
+  auto value = [&](size_t r, size_t c) -> Sum {
+    return kByte ? static_cast<Sum>(a0[r * rst + c])
+                 : static_cast<Sum>(static_cast<double>(a0[r * rst + c]) - mt);
+  };
+  for (int r = 0; r < g.th - 1; ++r)
+    for (size_t c = 0; c < g.area_w; ++c) {
+      const Sum v = value(r, c);
+      colsum[c] += v, colsq[c] += v * v;
+    }
+  const double inv_n = 1.0 / static_cast<double>(n);
+  double best_low = -std::numeric_limits<double>::infinity();
+  bool nonzero = false;  // some coefficient is certainly not 0
+  for (size_t y = 0; y < g.rows; ++y) {
+    for (size_t c = 0; c < g.area_w; ++c) {
+      const Sum v = value(y + g.th - 1, c);
+      colsum[c] += v, colsq[c] += v * v;
+    }
+    // Window variances of the row, then the bounds of its coefficients (the
+    // upper one kept in the row of im, which the transform left spent).
+    float* row_high = im + y * f.nc;
+    double* var_row = row_var;
+    SlideRow(colsum, colsq, g, [&](size_t x, Sum s, Sum ss) {
+      if (kByte) {
+        var_row[x] = static_cast<double>(n * ss - s * s) * inv_n;
+      } else {
+        const double vr = static_cast<double>(ss) - static_cast<double>(s) * inv_n * s;
+        var_row[x] = vr > 1e-9 * static_cast<double>(ss) ? vr : 0.0;
+      }
+    });
+    const float* row_num = re + y * f.nc;
+    for (size_t x = 0; x < g.cols; ++x) {  // flat windows: coefficient exactly 0
+      const double var = var_row[x];
+      const double inv_d = var > 0.0 ? 1.0 / std::sqrt(vt * var) : 0.0;
+      const double num = row_num[x] * scale;
+      const double low = (num - bound) * inv_d, high = (num + bound) * inv_d;
+      nonzero = nonzero || low > 0.0 || high < 0.0;
+      best_low = std::max(best_low, low);
+      row_high[x] = static_cast<float>(high);
+    }
+    for (size_t c = 0; c < g.area_w; ++c) {
+      const Sum v = value(y, c);
+      colsum[c] -= v, colsq[c] -= v * v;
+    }
+  }
+  // Pass 2: exact values of the candidates that may be best, offered in the
+  // direct search's visiting order so that rounding in the comparison of
+  // equal coefficients resolves the same way.
+  const float threshold = static_cast<float>(best_low) - 1e-6f;
+  BestTracker best;
+  for (size_t y = 0; y < g.rows; ++y)
+    VisitInSlideOrder(g, [&](size_t x) {
+      if (!(im[y * f.nc + x] >= threshold)) return;
+      const P* w = a0 + y * rst + x;
+      if (kByte) {
+        int64_t si = 0, sii = 0, sti = 0;
+        for (int r = 0; r < g.th; ++r)
+          for (int c = 0; c < g.tw; ++c) {
+            const int64_t v = static_cast<int64_t>(w[r * rst + c]);
+            si += v, sii += v * v, sti += v * static_cast<int64_t>(t0[r * lst + c]);
+          }
+        best.Offer(static_cast<double>(n * sti - static_cast<int64_t>(st) * si),
+                   static_cast<double>(n * sii - si * si), x, y);
+      } else {
+        double si = 0, sii = 0, sti = 0;
+        for (int r = 0; r < g.th; ++r)
+          for (int c = 0; c < g.tw; ++c) {
+            const double v = static_cast<double>(w[r * rst + c]) - mt;
+            si += v, sii += v * v, sti += v * (static_cast<double>(t0[r * lst + c]) - mt);
+          }
+        const double vr = sii - si * inv_n * si;
+        best.Offer(sti, vr > 1e-9 * sii ? vr : 0.0, x, y);
+      }
+    });
+  *best_x = static_cast<int32_t>(rxMin + best.x);
+  *best_y = static_cast<int32_t>(ryMin + best.y);
+  *any = best.any || nonzero;
+  return EPHO_NCC_SEARCH_OK;
+}
+
+bool TransformPaysOnSomePath(const Geometry& g, const FftLayout& f) {
+  for (VectorPath p : epho::kAllVectorPaths)
+    if (TransformPays(p, g, f, true) || TransformPays(p, g, f, false)) return true;
+  return false;
+}
+
+// Scratch for a method; kAuto covers whichever the call may choose.
+size_t ScratchBytes(SearchMethod method, const Geometry& g) {
+  const size_t direct = MakeLayout(g).total;
+  const FftLayout f = MakeFftLayout(g);
+  if (!f.ok || method == SearchMethod::kDirect) return direct;
+  if (method == SearchMethod::kAuto && !TransformPaysOnSomePath(g, f)) return direct;
+  return std::max(direct, f.total);
+}
+
 template <typename P, class Search, class Kernel>
-int RunSearch(VectorPath path, const P* left, const P* right, uint32_t ls, uint32_t rs, uint32_t lx,
-              uint32_t ly, uint32_t hw, uint32_t hh, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
-              uint32_t ryMax, void* scratch, size_t scratchBytes, Epho_NccPeak* peak, Search search,
-              Kernel kernel) {
+int RunSearch(VectorPath path, SearchMethod method, const P* left, const P* right, uint32_t ls,
+              uint32_t rs, uint32_t lx, uint32_t ly, uint32_t hw, uint32_t hh, uint32_t rxMin,
+              uint32_t ryMin, uint32_t rxMax, uint32_t ryMax, void* scratch, size_t scratchBytes,
+              Epho_NccPeak* peak, Search search, Kernel kernel) {
   if (!left || !right || !peak || !ArgumentsValid(hw, hh, rxMin, ryMin, rxMax, ryMax) || lx < hw ||
       ly < hh)
     return EPHO_NCC_SEARCH_BAD_ARGUMENT;
   const Geometry g = MakeGeometry(hw, hh, rxMax - rxMin + 1, ryMax - ryMin + 1);
   const Layout lay = MakeLayout(g);
-  if (!scratch || scratchBytes < lay.total) return EPHO_NCC_SEARCH_SCRATCH;
+  const FftLayout fl = MakeFftLayout(g);
+  if (!scratch || scratchBytes < ScratchBytes(method, g)) return EPHO_NCC_SEARCH_SCRATCH;
+  const bool transform = fl.ok && (method == SearchMethod::kTransform ||
+                                   (method == SearchMethod::kAuto &&
+                                    TransformPays(path, g, fl, std::is_same<P, uint8_t>::value)));
   int32_t bx = static_cast<int32_t>(rxMin), by = static_cast<int32_t>(ryMin);
   bool any = false;
-  search(path, left, right, ls, rs, lx, ly, g, rxMin, ryMin, Aligned(scratch), lay, &bx, &by, &any);
+  if (transform)
+    SearchTransform(path, left, right, ls, rs, lx, ly, g, rxMin, ryMin, Aligned(scratch), fl, &bx,
+                    &by, &any);
+  else
+    search(path, left, right, ls, rs, lx, ly, g, rxMin, ryMin, Aligned(scratch), lay, &bx, &by,
+           &any);
   FinishPeak(kernel, rxMin, ryMin, rxMax, ryMax, bx, by, peak);
   return any ? EPHO_NCC_SEARCH_OK : EPHO_NCC_SEARCH_FLAT;
 }
 
+bool RangeValid(uint32_t halfWidth, uint32_t halfHeight, uint32_t rangeColumns,
+                uint32_t rangeRows) {
+  return halfWidth <= EPHO_NCC_SEARCH_MAX_HALF && halfHeight <= EPHO_NCC_SEARCH_MAX_HALF &&
+         rangeColumns > 0 && rangeRows > 0 && rangeColumns <= kMaxRange && rangeRows <= kMaxRange;
+}
+
 }  // namespace
 
-int epho_ncc::NccSearchByte(VectorPath path, const uint8_t* left, const uint8_t* right,
-                            uint32_t leftStride, uint32_t rightStride, uint32_t lx, uint32_t ly,
-                            uint32_t halfWidth, uint32_t halfHeight, uint32_t rxMin, uint32_t ryMin,
-                            uint32_t rxMax, uint32_t ryMax, void* scratch, size_t scratchBytes,
-                            Epho_NccPeak* peak) {
+size_t epho_ncc::NccSearchScratchBytes(SearchMethod method, uint32_t halfWidth, uint32_t halfHeight,
+                                       uint32_t rangeColumns, uint32_t rangeRows) {
+  if (!RangeValid(halfWidth, halfHeight, rangeColumns, rangeRows)) return 0;
+  return ScratchBytes(method, MakeGeometry(halfWidth, halfHeight, rangeColumns, rangeRows));
+}
+
+bool epho_ncc::NccSearchUsesTransform(VectorPath path, bool bytePixels, uint32_t halfWidth,
+                                      uint32_t halfHeight, uint32_t rangeColumns,
+                                      uint32_t rangeRows) {
+  if (!RangeValid(halfWidth, halfHeight, rangeColumns, rangeRows)) return false;
+  const Geometry g = MakeGeometry(halfWidth, halfHeight, rangeColumns, rangeRows);
+  return TransformPays(path, g, MakeFftLayout(g), bytePixels);
+}
+
+int epho_ncc::NccSearchByte(VectorPath path, SearchMethod method, const uint8_t* left,
+                            const uint8_t* right, uint32_t leftStride, uint32_t rightStride,
+                            uint32_t lx, uint32_t ly, uint32_t halfWidth, uint32_t halfHeight,
+                            uint32_t rxMin, uint32_t ryMin, uint32_t rxMax, uint32_t ryMax,
+                            void* scratch, size_t scratchBytes, Epho_NccPeak* peak) {
   const int16_t w = static_cast<int16_t>(2 * halfWidth + 1),
                 h = static_cast<int16_t>(2 * halfHeight + 1);
-  return RunSearch(path, left, right, leftStride, rightStride, lx, ly, halfWidth, halfHeight, rxMin,
-                   ryMin, rxMax, ryMax, scratch, scratchBytes, peak, SearchByte,
+  return RunSearch(path, method, left, right, leftStride, rightStride, lx, ly, halfWidth,
+                   halfHeight, rxMin, ryMin, rxMax, ryMax, scratch, scratchBytes, peak, SearchByte,
                    [&](int32_t x, int32_t y) {
                      return CrossCoefByteNoResample(path, left, right, leftStride, rightStride, lx,
                                                     ly, x, y, w, h);
                    });
 }
 
-int epho_ncc::NccSearchFloat(VectorPath path, const float* left, const float* right,
-                             uint32_t leftStride, uint32_t rightStride, uint32_t lx, uint32_t ly,
-                             uint32_t halfWidth, uint32_t halfHeight, uint32_t rxMin,
-                             uint32_t ryMin, uint32_t rxMax, uint32_t ryMax, void* scratch,
-                             size_t scratchBytes, Epho_NccPeak* peak) {
+int epho_ncc::NccSearchFloat(VectorPath path, SearchMethod method, const float* left,
+                             const float* right, uint32_t leftStride, uint32_t rightStride,
+                             uint32_t lx, uint32_t ly, uint32_t halfWidth, uint32_t halfHeight,
+                             uint32_t rxMin, uint32_t ryMin, uint32_t rxMax, uint32_t ryMax,
+                             void* scratch, size_t scratchBytes, Epho_NccPeak* peak) {
   const int16_t w = static_cast<int16_t>(2 * halfWidth + 1),
                 h = static_cast<int16_t>(2 * halfHeight + 1);
-  return RunSearch(path, left, right, leftStride, rightStride, lx, ly, halfWidth, halfHeight, rxMin,
-                   ryMin, rxMax, ryMax, scratch, scratchBytes, peak, SearchFloat,
+  return RunSearch(path, method, left, right, leftStride, rightStride, lx, ly, halfWidth,
+                   halfHeight, rxMin, ryMin, rxMax, ryMax, scratch, scratchBytes, peak, SearchFloat,
                    [&](int32_t x, int32_t y) {
                      return epho_CrossCoefFloatNoResample(left, right, leftStride, rightStride, lx,
                                                           ly, x, y, w, h);
@@ -381,28 +715,26 @@ extern "C" {
 
 size_t epho_NccSearchScratchBytes(uint32_t halfWidth, uint32_t halfHeight, uint32_t rangeColumns,
                                   uint32_t rangeRows) {
-  if (halfWidth > EPHO_NCC_SEARCH_MAX_HALF || halfHeight > EPHO_NCC_SEARCH_MAX_HALF ||
-      rangeColumns == 0 || rangeRows == 0 || rangeColumns > kMaxRange || rangeRows > kMaxRange)
-    return 0;
-  return MakeLayout(MakeGeometry(halfWidth, halfHeight, rangeColumns, rangeRows)).total;
+  return epho_ncc::NccSearchScratchBytes(epho_ncc::SearchMethod::kAuto, halfWidth, halfHeight,
+                                         rangeColumns, rangeRows);
 }
 
 int epho_NccSearchByte(const uint8_t* left, const uint8_t* right, uint32_t leftStride,
                        uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t halfWidth,
                        uint32_t halfHeight, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
                        uint32_t ryMax, void* scratch, size_t scratchBytes, Epho_NccPeak* peak) {
-  return epho_ncc::NccSearchByte(epho::BestVectorPath(), left, right, leftStride, rightStride, lx,
-                                 ly, halfWidth, halfHeight, rxMin, ryMin, rxMax, ryMax, scratch,
-                                 scratchBytes, peak);
+  return epho_ncc::NccSearchByte(epho::BestVectorPath(), epho_ncc::SearchMethod::kAuto, left, right,
+                                 leftStride, rightStride, lx, ly, halfWidth, halfHeight, rxMin,
+                                 ryMin, rxMax, ryMax, scratch, scratchBytes, peak);
 }
 
 int epho_NccSearchFloat(const float* left, const float* right, uint32_t leftStride,
                         uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t halfWidth,
                         uint32_t halfHeight, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
                         uint32_t ryMax, void* scratch, size_t scratchBytes, Epho_NccPeak* peak) {
-  return epho_ncc::NccSearchFloat(epho::BestVectorPath(), left, right, leftStride, rightStride, lx,
-                                  ly, halfWidth, halfHeight, rxMin, ryMin, rxMax, ryMax, scratch,
-                                  scratchBytes, peak);
+  return epho_ncc::NccSearchFloat(epho::BestVectorPath(), epho_ncc::SearchMethod::kAuto, left,
+                                  right, leftStride, rightStride, lx, ly, halfWidth, halfHeight,
+                                  rxMin, ryMin, rxMax, ryMax, scratch, scratchBytes, peak);
 }
 
 }  // extern "C"

@@ -87,18 +87,18 @@ TEST_P(TemplateSearchPaths, AgreesWithKernelAtEveryConfiguration) {
       SCOPED_TRACE(testing::Message() << "seed " << seed << " hw " << c[0] << " hh " << c[1]);
       const uint32_t hw = c[0], hh = c[1];
       const int lx = 55, ly = 50;
-      std::vector<char> scratch(
-          epho_NccSearchScratchBytes(hw, hh, c[4] - c[2] + 1, c[5] - c[3] + 1));
+      std::vector<char> scratch(epho_ncc::NccSearchScratchBytes(
+          epho_ncc::SearchMethod::kDirect, hw, hh, c[4] - c[2] + 1, c[5] - c[3] + 1));
       ASSERT_GT(scratch.size(), 0u);
       Epho_NccPeak peak;
-      ASSERT_EQ(epho_ncc::NccSearchByte(GetParam(), left8.data(), right8.data(), W, W, lx, ly, hw,
-                                        hh, c[2], c[3], c[4], c[5], scratch.data() + 1,
-                                        scratch.size() - 1, &peak),
+      ASSERT_EQ(epho_ncc::NccSearchByte(GetParam(), epho_ncc::SearchMethod::kDirect, left8.data(),
+                                        right8.data(), W, W, lx, ly, hw, hh, c[2], c[3], c[4], c[5],
+                                        scratch.data() + 1, scratch.size() - 1, &peak),
                 EPHO_NCC_SEARCH_SCRATCH);  // one byte short
-      ASSERT_EQ(
-          epho_ncc::NccSearchByte(GetParam(), left8.data(), right8.data(), W, W, lx, ly, hw, hh,
-                                  c[2], c[3], c[4], c[5], scratch.data(), scratch.size(), &peak),
-          EPHO_NCC_SEARCH_OK);
+      ASSERT_EQ(epho_ncc::NccSearchByte(GetParam(), epho_ncc::SearchMethod::kDirect, left8.data(),
+                                        right8.data(), W, W, lx, ly, hw, hh, c[2], c[3], c[4], c[5],
+                                        scratch.data(), scratch.size(), &peak),
+                EPHO_NCC_SEARCH_OK);
       const Best b8 = BruteForce(
           [&](int x, int y) {
             return epho_CrossCoefByteNoResample(left8.data(), right8.data(), W, W, lx, ly, x, y,
@@ -109,10 +109,10 @@ TEST_P(TemplateSearchPaths, AgreesWithKernelAtEveryConfiguration) {
       EXPECT_EQ(peak.row, b8.y);
       EXPECT_EQ(peak.coefficient, b8.c);  // bit for bit the kernel's value
 
-      ASSERT_EQ(
-          epho_ncc::NccSearchFloat(GetParam(), leftf.data(), rightf.data(), W, W, lx, ly, hw, hh,
-                                   c[2], c[3], c[4], c[5], scratch.data(), scratch.size(), &peak),
-          EPHO_NCC_SEARCH_OK);
+      ASSERT_EQ(epho_ncc::NccSearchFloat(GetParam(), epho_ncc::SearchMethod::kDirect, leftf.data(),
+                                         rightf.data(), W, W, lx, ly, hw, hh, c[2], c[3], c[4],
+                                         c[5], scratch.data(), scratch.size(), &peak),
+                EPHO_NCC_SEARCH_OK);
       const Best bf = BruteForce(
           [&](int x, int y) {
             return epho_CrossCoefFloatNoResample(leftf.data(), rightf.data(), W, W, lx, ly, x, y,
@@ -136,6 +136,57 @@ INSTANTIATE_TEST_SUITE_P(AllPaths, TemplateSearchPaths, testing::ValuesIn(epho::
                          [](const testing::TestParamInfo<epho::VectorPath>& info) {
                            return std::string(epho::VectorPathName(info.param));
                          });
+
+// The transform-domain search against the direct one on every path, for
+// template sizes 3..41 (square and not), on smooth texture, on white noise
+// and on a periodic pattern (many near-equal peaks). 8-bit: the same position
+// and coefficient bit for bit; float: the coefficient to 1e-6.
+TEST_P(TemplateSearchPaths, TransformAgreesWithDirect) {
+  using epho_ncc::SearchMethod;
+  const int W = 150, H = 140;
+  std::mt19937 rng(7);
+  std::uniform_int_distribution<int> noise(0, 255);
+  for (int scene = 0; scene < 3; ++scene) {
+    Waves waves(20 + scene);
+    auto left8 = Render<uint8_t>(waves, W, H, 0, 0);
+    auto right8 = Render<uint8_t>(waves, W, H, -2.5, 1.5);
+    if (scene == 1)
+      for (size_t k = 0; k < left8.size(); ++k)
+        left8[k] = uint8_t(noise(rng)), right8[k] = left8[k];
+    if (scene == 2)
+      for (int r = 0; r < H; ++r)
+        for (int c = 0; c < W; ++c)
+          left8[r * W + c] = right8[r * W + c] = uint8_t(((r / 3 + c / 4) % 2) * 200 + (r + c) % 5);
+    std::vector<float> leftf(left8.begin(), left8.end()), rightf(right8.begin(), right8.end());
+    for (auto& v : rightf) v = 10.0f + 0.5f * v;
+    for (int hw : {1, 5, 10, 15, 20}) {
+      const int hh = hw == 15 ? 7 : hw;
+      const int x0 = 25, y0 = 22, x1 = 125, y1 = 118, lx = 70, ly = 64;
+      SCOPED_TRACE(testing::Message() << "scene " << scene << " hw " << hw << " hh " << hh);
+      std::vector<char> scratch(epho_ncc::NccSearchScratchBytes(SearchMethod::kTransform, hw, hh,
+                                                                x1 - x0 + 1, y1 - y0 + 1));
+      Epho_NccPeak direct, transform;
+      for (SearchMethod m : {SearchMethod::kDirect, SearchMethod::kTransform})
+        ASSERT_EQ(epho_ncc::NccSearchByte(GetParam(), m, left8.data(), right8.data(), W, W, lx, ly,
+                                          hw, hh, x0, y0, x1, y1, scratch.data(), scratch.size(),
+                                          m == SearchMethod::kDirect ? &direct : &transform),
+                  EPHO_NCC_SEARCH_OK);
+      EXPECT_EQ(transform.column, direct.column);
+      EXPECT_EQ(transform.row, direct.row);
+      EXPECT_EQ(transform.coefficient, direct.coefficient);
+      for (SearchMethod m : {SearchMethod::kDirect, SearchMethod::kTransform})
+        ASSERT_EQ(epho_ncc::NccSearchFloat(GetParam(), m, leftf.data(), rightf.data(), W, W, lx, ly,
+                                           hw, hh, x0, y0, x1, y1, scratch.data(), scratch.size(),
+                                           m == SearchMethod::kDirect ? &direct : &transform),
+                  EPHO_NCC_SEARCH_OK);
+      EXPECT_NEAR(transform.coefficient, direct.coefficient, 1e-6);
+      if (scene < 2) {  // the periodic scene has exact ties that float sums may order either way
+        EXPECT_EQ(transform.column, direct.column);
+        EXPECT_EQ(transform.row, direct.row);
+      }
+    }
+  }
+}
 
 TEST(TemplateSearch, SubPixelPeakFindsKnownShift) {
   Waves waves(9);

@@ -1,0 +1,165 @@
+// Body of the transform-domain correlation of the template search, written
+// once over a vector of lanes and compiled per path: ncc_fft_portable.cpp
+// (4 lanes) and ncc_fft_x86.cpp (8 lanes, AVX2). Include it only from those
+// two files, each with its own EPHO_FFT_NS, so that the two builds never
+// share a symbol.
+//
+// The search area A and the template T (both zero-padded to nr x nc, powers
+// of two) are packed as one complex image Z = A + iT and transformed with
+// radix-2 decimation in frequency, which leaves the spectrum in bit-reversed
+// order along both axes. The correlation spectrum follows from Z at k and -k
+// (the spectra of two real images share one complex transform):
+//   P(k) = conj(F_T(k)) F_A(k) = Im(Z(k) Z(-k)) / 2 + i (|Z(k)|^2 - |Z(-k)|^2) / 4,
+// and the inverse (decimation in time, bit-reversed in, natural out) gives
+// nr * nc * sum_{r,c} T(r, c) A(y + r, x + c) at (x, y), circularly; the
+// positions whose window lies inside A never wrap. Every lane does the same
+// single-precision operations in the same order and nothing is fused, so the
+// result does not depend on the lane count.
+#ifndef EPHO_FFT_NS
+#error "define EPHO_FFT_NS before including fft_lanes_internal.h"
+#endif
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "epho/matching/ncc_fft_internal.h"
+
+namespace epho_ncc {
+namespace EPHO_FFT_NS {
+
+template <class V>
+inline V Load(const float* p) {
+  V v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+template <class V>
+inline void Store(float* p, V v) {
+  std::memcpy(p, &v, sizeof v);
+}
+
+// Forward transform of n lane vectors (re at br[k * L], im at bi[k * L]),
+// natural order in, bit-reversed order out; w holds cos and sin of
+// -2 pi k / n for k < n / 2, interleaved.
+template <class V, int L>
+void Forward(float* br, float* bi, int n, const float* w) {
+  for (int h = n / 2, step = 1; h >= 1; h >>= 1, step <<= 1) {
+    for (int b = 0; b < n; b += 2 * h) {
+      float* r0 = br + b * L;
+      float* i0 = bi + b * L;
+      float* r1 = r0 + h * L;
+      float* i1 = i0 + h * L;
+      {
+        const V ar = Load<V>(r0), ai = Load<V>(i0), cr = Load<V>(r1), ci = Load<V>(i1);
+        Store(r0, ar + cr), Store(i0, ai + ci), Store(r1, ar - cr), Store(i1, ai - ci);
+      }
+      for (int j = 1; j < h; ++j) {
+        const V ar = Load<V>(r0 + j * L), ai = Load<V>(i0 + j * L);
+        const V cr = Load<V>(r1 + j * L), ci = Load<V>(i1 + j * L);
+        const float wr = w[2 * j * step], wi = w[2 * j * step + 1];
+        const V dr = ar - cr, di = ai - ci;
+        Store(r0 + j * L, ar + cr), Store(i0 + j * L, ai + ci);
+        Store(r1 + j * L, dr * wr - di * wi), Store(i1 + j * L, dr * wi + di * wr);
+      }
+    }
+  }
+}
+
+// Inverse of Forward without the 1/n: bit-reversed in, natural order out.
+template <class V, int L>
+void Inverse(float* br, float* bi, int n, const float* w) {
+  for (int h = 1, step = n / 2; h < n; h <<= 1, step >>= 1) {
+    for (int b = 0; b < n; b += 2 * h) {
+      float* r0 = br + b * L;
+      float* i0 = bi + b * L;
+      float* r1 = r0 + h * L;
+      float* i1 = i0 + h * L;
+      {
+        const V ar = Load<V>(r0), ai = Load<V>(i0), cr = Load<V>(r1), ci = Load<V>(i1);
+        Store(r0, ar + cr), Store(i0, ai + ci), Store(r1, ar - cr), Store(i1, ai - ci);
+      }
+      for (int j = 1; j < h; ++j) {
+        const V ar = Load<V>(r0 + j * L), ai = Load<V>(i0 + j * L);
+        const V cr = Load<V>(r1 + j * L), ci = Load<V>(i1 + j * L);
+        const float wr = w[2 * j * step], wi = w[2 * j * step + 1];
+        const V er = cr * wr + ci * wi, ei = ci * wr - cr * wi;  // times conj(w)
+        Store(r0 + j * L, ar + er), Store(i0 + j * L, ai + ei);
+        Store(r1 + j * L, ar - er), Store(i1 + j * L, ai - ei);
+      }
+    }
+  }
+}
+
+// One 2D pass. Along rows' index (vertical): strips of L columns copied into
+// the strip buffer (contiguous, so the power-of-two row stride does not
+// thrash the caches). Along columns' index (horizontal): L rows gathered
+// lane-wise.
+template <class V, int L, bool kForward>
+void Vertical(const FftPlan& p, float* re, float* im) {
+  float* br = p.strip;
+  float* bi = p.strip + static_cast<std::size_t>(p.nr) * L;
+  const std::size_t nc = p.nc;
+  for (int c0 = 0; c0 < p.nc; c0 += L) {
+    for (int r = 0; r < p.nr; ++r) {
+      Store(br + r * L, Load<V>(re + r * nc + c0));
+      Store(bi + r * L, Load<V>(im + r * nc + c0));
+    }
+    if (kForward)
+      Forward<V, L>(br, bi, p.nr, p.twiddle_r);
+    else
+      Inverse<V, L>(br, bi, p.nr, p.twiddle_r);
+    for (int r = 0; r < p.nr; ++r) {
+      Store(re + r * nc + c0, Load<V>(br + r * L));
+      Store(im + r * nc + c0, Load<V>(bi + r * L));
+    }
+  }
+}
+
+template <class V, int L, bool kForward>
+void Horizontal(const FftPlan& p, float* re, float* im) {
+  float* br = p.strip;
+  float* bi = p.strip + static_cast<std::size_t>(p.nc) * L;
+  const std::size_t nc = p.nc;
+  for (int r0 = 0; r0 < p.nr; r0 += L) {
+    for (int l = 0; l < L; ++l) {
+      const float* sr = re + (r0 + l) * nc;
+      const float* si = im + (r0 + l) * nc;
+      for (int c = 0; c < p.nc; ++c) br[c * L + l] = sr[c], bi[c * L + l] = si[c];
+    }
+    if (kForward)
+      Forward<V, L>(br, bi, p.nc, p.twiddle_c);
+    else
+      Inverse<V, L>(br, bi, p.nc, p.twiddle_c);
+    for (int l = 0; l < L; ++l) {
+      float* sr = re + (r0 + l) * nc;
+      float* si = im + (r0 + l) * nc;
+      for (int c = 0; c < p.nc; ++c) sr[c] = br[c * L + l], si[c] = bi[c * L + l];
+    }
+  }
+}
+
+// Z = A + iT in (re, im) -> nr * nc times the correlation in re.
+template <class V, int L>
+void Correlate(const FftPlan& p, float* re, float* im) {
+  Vertical<V, L, true>(p, re, im);
+  Horizontal<V, L, true>(p, re, im);
+  const std::size_t nc = p.nc;
+  for (int pr = 0; pr < p.nr; ++pr) {
+    const std::size_t qr = p.negate_r[pr];
+    for (int pc = 0; pc < p.nc; ++pc) {
+      const std::size_t a = pr * nc + pc, b = qr * nc + p.negate_c[pc];
+      if (b < a) continue;  // the pair was done from its other end
+      const float zr = re[a], zi = im[a], mr = re[b], mi = im[b];
+      const float pre = 0.5f * (zr * mi + zi * mr);
+      const float pim = 0.25f * ((zr * zr + zi * zi) - (mr * mr + mi * mi));
+      re[a] = pre, im[a] = pim;
+      re[b] = pre, im[b] = -pim;
+    }
+  }
+  Horizontal<V, L, false>(p, re, im);
+  Vertical<V, L, false>(p, re, im);
+}
+
+}  // namespace EPHO_FFT_NS
+}  // namespace epho_ncc

@@ -1,0 +1,13 @@
+// Portable body of the transform-domain correlation: 4-lane vectors (SSE2 on
+// x86-64, the compiler's own lowering elsewhere).
+#define EPHO_FFT_NS portable
+#include "epho/matching/fft_lanes_internal.h"
+
+namespace epho_ncc {
+
+void CorrelateFftPortable(const FftPlan& plan, float* re, float* im) {
+  typedef float V4 __attribute__((vector_size(16)));
+  portable::Correlate<V4, 4>(plan, re, im);
+}
+
+}  // namespace epho_ncc
