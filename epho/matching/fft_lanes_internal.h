@@ -39,53 +39,64 @@ inline void Store(float* p, V v) {
   std::memcpy(p, &v, sizeof v);
 }
 
-// Forward transform of n lane vectors (re at br[k * L], im at bi[k * L]),
-// natural order in, bit-reversed order out; w holds cos and sin of
-// -2 pi k / n for k < n / 2, interleaved.
-template <class V, int L>
+// Forward transform of n elements of E = K * L lanes (element k's real
+// parts at br[k * E], imaginary at bi[k * E]), natural order in,
+// bit-reversed order out; w holds cos and sin of -2 pi k / n for k < n / 2,
+// interleaved.
+template <class V, int L, int K>
 void Forward(float* br, float* bi, int n, const float* w) {
+  constexpr int E = K * L;
   for (int h = n / 2, step = 1; h >= 1; h >>= 1, step <<= 1) {
     for (int b = 0; b < n; b += 2 * h) {
-      float* r0 = br + b * L;
-      float* i0 = bi + b * L;
-      float* r1 = r0 + h * L;
-      float* i1 = i0 + h * L;
-      {
-        const V ar = Load<V>(r0), ai = Load<V>(i0), cr = Load<V>(r1), ci = Load<V>(i1);
-        Store(r0, ar + cr), Store(i0, ai + ci), Store(r1, ar - cr), Store(i1, ai - ci);
+      float* r0 = br + b * E;
+      float* i0 = bi + b * E;
+      float* r1 = r0 + h * E;
+      float* i1 = i0 + h * E;
+      for (int q = 0; q < E; q += L) {
+        const V ar = Load<V>(r0 + q), ai = Load<V>(i0 + q), cr = Load<V>(r1 + q),
+                ci = Load<V>(i1 + q);
+        Store(r0 + q, ar + cr), Store(i0 + q, ai + ci);
+        Store(r1 + q, ar - cr), Store(i1 + q, ai - ci);
       }
       for (int j = 1; j < h; ++j) {
-        const V ar = Load<V>(r0 + j * L), ai = Load<V>(i0 + j * L);
-        const V cr = Load<V>(r1 + j * L), ci = Load<V>(i1 + j * L);
         const float wr = w[2 * j * step], wi = w[2 * j * step + 1];
-        const V dr = ar - cr, di = ai - ci;
-        Store(r0 + j * L, ar + cr), Store(i0 + j * L, ai + ci);
-        Store(r1 + j * L, dr * wr - di * wi), Store(i1 + j * L, dr * wi + di * wr);
+        for (int q = j * E; q < j * E + E; q += L) {
+          const V ar = Load<V>(r0 + q), ai = Load<V>(i0 + q);
+          const V cr = Load<V>(r1 + q), ci = Load<V>(i1 + q);
+          const V dr = ar - cr, di = ai - ci;
+          Store(r0 + q, ar + cr), Store(i0 + q, ai + ci);
+          Store(r1 + q, dr * wr - di * wi), Store(i1 + q, dr * wi + di * wr);
+        }
       }
     }
   }
 }
 
 // Inverse of Forward without the 1/n: bit-reversed in, natural order out.
-template <class V, int L>
+template <class V, int L, int K>
 void Inverse(float* br, float* bi, int n, const float* w) {
+  constexpr int E = K * L;
   for (int h = 1, step = n / 2; h < n; h <<= 1, step >>= 1) {
     for (int b = 0; b < n; b += 2 * h) {
-      float* r0 = br + b * L;
-      float* i0 = bi + b * L;
-      float* r1 = r0 + h * L;
-      float* i1 = i0 + h * L;
-      {
-        const V ar = Load<V>(r0), ai = Load<V>(i0), cr = Load<V>(r1), ci = Load<V>(i1);
-        Store(r0, ar + cr), Store(i0, ai + ci), Store(r1, ar - cr), Store(i1, ai - ci);
+      float* r0 = br + b * E;
+      float* i0 = bi + b * E;
+      float* r1 = r0 + h * E;
+      float* i1 = i0 + h * E;
+      for (int q = 0; q < E; q += L) {
+        const V ar = Load<V>(r0 + q), ai = Load<V>(i0 + q), cr = Load<V>(r1 + q),
+                ci = Load<V>(i1 + q);
+        Store(r0 + q, ar + cr), Store(i0 + q, ai + ci);
+        Store(r1 + q, ar - cr), Store(i1 + q, ai - ci);
       }
       for (int j = 1; j < h; ++j) {
-        const V ar = Load<V>(r0 + j * L), ai = Load<V>(i0 + j * L);
-        const V cr = Load<V>(r1 + j * L), ci = Load<V>(i1 + j * L);
         const float wr = w[2 * j * step], wi = w[2 * j * step + 1];
-        const V er = cr * wr + ci * wi, ei = ci * wr - cr * wi;  // times conj(w)
-        Store(r0 + j * L, ar + er), Store(i0 + j * L, ai + ei);
-        Store(r1 + j * L, ar - er), Store(i1 + j * L, ai - ei);
+        for (int q = j * E; q < j * E + E; q += L) {
+          const V ar = Load<V>(r0 + q), ai = Load<V>(i0 + q);
+          const V cr = Load<V>(r1 + q), ci = Load<V>(i1 + q);
+          const V er = cr * wr + ci * wi, ei = ci * wr - cr * wi;  // times conj(w)
+          Store(r0 + q, ar + er), Store(i0 + q, ai + ei);
+          Store(r1 + q, ar - er), Store(i1 + q, ai - ei);
+        }
       }
     }
   }
@@ -97,44 +108,48 @@ void Inverse(float* br, float* bi, int n, const float* w) {
 // lane-wise.
 template <class V, int L, bool kForward>
 void Vertical(const FftPlan& p, float* re, float* im) {
+  constexpr int E = 2 * L;  // whole 64-byte lines of the 8-lane build
   float* br = p.strip;
-  float* bi = p.strip + static_cast<std::size_t>(p.nr) * L;
+  float* bi = p.strip + static_cast<std::size_t>(p.nr) * E;
   const std::size_t nc = p.nc;
-  for (int c0 = 0; c0 < p.nc; c0 += L) {
-    for (int r = 0; r < p.nr; ++r) {
-      Store(br + r * L, Load<V>(re + r * nc + c0));
-      Store(bi + r * L, Load<V>(im + r * nc + c0));
-    }
+  for (int c0 = 0; c0 < p.nc; c0 += E) {
+    for (int r = 0; r < p.nr; ++r)
+      for (int q = 0; q < E; q += L) {
+        Store(br + r * E + q, Load<V>(re + r * nc + c0 + q));
+        Store(bi + r * E + q, Load<V>(im + r * nc + c0 + q));
+      }
     if (kForward)
-      Forward<V, L>(br, bi, p.nr, p.twiddle_r);
+      Forward<V, L, 2>(br, bi, p.nr, p.twiddle_r);
     else
-      Inverse<V, L>(br, bi, p.nr, p.twiddle_r);
-    for (int r = 0; r < p.nr; ++r) {
-      Store(re + r * nc + c0, Load<V>(br + r * L));
-      Store(im + r * nc + c0, Load<V>(bi + r * L));
-    }
+      Inverse<V, L, 2>(br, bi, p.nr, p.twiddle_r);
+    for (int r = 0; r < p.nr; ++r)
+      for (int q = 0; q < E; q += L) {
+        Store(re + r * nc + c0 + q, Load<V>(br + r * E + q));
+        Store(im + r * nc + c0 + q, Load<V>(bi + r * E + q));
+      }
   }
 }
 
 template <class V, int L, bool kForward>
 void Horizontal(const FftPlan& p, float* re, float* im) {
+  constexpr int E = 2 * L;
   float* br = p.strip;
-  float* bi = p.strip + static_cast<std::size_t>(p.nc) * L;
+  float* bi = p.strip + static_cast<std::size_t>(p.nc) * E;
   const std::size_t nc = p.nc;
-  for (int r0 = 0; r0 < p.nr; r0 += L) {
-    for (int l = 0; l < L; ++l) {
+  for (int r0 = 0; r0 < p.nr; r0 += E) {
+    for (int l = 0; l < E; ++l) {
       const float* sr = re + (r0 + l) * nc;
       const float* si = im + (r0 + l) * nc;
-      for (int c = 0; c < p.nc; ++c) br[c * L + l] = sr[c], bi[c * L + l] = si[c];
+      for (int c = 0; c < p.nc; ++c) br[c * E + l] = sr[c], bi[c * E + l] = si[c];
     }
     if (kForward)
-      Forward<V, L>(br, bi, p.nc, p.twiddle_c);
+      Forward<V, L, 2>(br, bi, p.nc, p.twiddle_c);
     else
-      Inverse<V, L>(br, bi, p.nc, p.twiddle_c);
-    for (int l = 0; l < L; ++l) {
+      Inverse<V, L, 2>(br, bi, p.nc, p.twiddle_c);
+    for (int l = 0; l < E; ++l) {
       float* sr = re + (r0 + l) * nc;
       float* si = im + (r0 + l) * nc;
-      for (int c = 0; c < p.nc; ++c) sr[c] = br[c * L + l], si[c] = bi[c * L + l];
+      for (int c = 0; c < p.nc; ++c) sr[c] = br[c * E + l], si[c] = bi[c * E + l];
     }
   }
 }

@@ -383,7 +383,7 @@ FftLayout MakeFftLayout(const Geometry& g) {
   };
   l.re = take(4 * l.nr * l.nc);
   l.im = take(4 * l.nr * l.nc);
-  l.strip = take(4 * 2 * std::max(l.nr, l.nc) * epho_ncc::kFftMaxLanes);
+  l.strip = take(4 * 4 * std::max(l.nr, l.nc) * epho_ncc::kFftMaxLanes);
   l.tw_r = take(4 * l.nr);
   l.tw_c = take(4 * l.nc);
   l.neg_r = take(4 * l.nr);
@@ -424,11 +424,22 @@ bool TransformPays(VectorPath path, const Geometry& g, const FftLayout& f, bool 
   return transform < direct;
 }
 
+// cos and sin of -2 pi k / n, k < n / 2, rounded to float. Sines and
+// cosines are taken once per 64 entries and carried between by rotation in
+// double (its drift stays far below float rounding).
 void Twiddles(size_t n, float* w) {
-  for (size_t k = 0; k < n / 2; ++k) {
-    const double a = -2.0 * M_PI * static_cast<double>(k) / static_cast<double>(n);
-    w[2 * k] = static_cast<float>(std::cos(a));
-    w[2 * k + 1] = static_cast<float>(std::sin(a));
+  const double step = -2.0 * M_PI / static_cast<double>(n);
+  const double cs = std::cos(step), sn = std::sin(step);
+  for (size_t k0 = 0; k0 < n / 2; k0 += 64) {
+    double c = std::cos(step * static_cast<double>(k0)),
+           s = std::sin(step * static_cast<double>(k0));
+    for (size_t k = k0; k < std::min(n / 2, k0 + 64); ++k) {
+      w[2 * k] = static_cast<float>(c);
+      w[2 * k + 1] = static_cast<float>(s);
+      const double c2 = c * cs - s * sn;
+      s = s * cs + c * sn;
+      c = c2;
+    }
   }
 }
 
@@ -442,6 +453,53 @@ void NegatedPositions(size_t n, int32_t* neg) {
     return r;
   };
   for (size_t p = 0; p < n; ++p) neg[p] = static_cast<int32_t>(reverse((n - reverse(p)) & (n - 1)));
+}
+
+// Bounds of the coefficients of one candidate row from the transform's cross
+// products, the window variances (0: flat, coefficient exactly 0) and the
+// rounding bound; the upper bounds go to `high`. The square roots cannot see
+// a negative argument, so errno handling is dropped to let them vectorise.
+__attribute__((optimize("no-math-errno"))) void RowBounds(const float* num_row,
+                                                          const double* var_row, size_t cols,
+                                                          double scale, double bound, double vt,
+                                                          float* high, double* best_low,
+                                                          bool* nonzero) {
+  double best = *best_low;
+  bool any = false;
+  for (size_t x = 0; x < cols; ++x) {
+    const double var = var_row[x];
+    const double inv_d = var > 0.0 ? 1.0 / std::sqrt(vt * var) : 0.0;
+    const double num = num_row[x] * scale;
+    const double low = (num - bound) * inv_d, up = (num + bound) * inv_d;
+    any |= low > 0.0 || up < 0.0;
+    best = std::max(best, low);
+    high[x] = static_cast<float>(up);
+  }
+  *best_low = best;
+  *nonzero = *nonzero || any;
+}
+
+// Sum and sum of squares (about `shift`) of a block, in double with four
+// partial sums so that the additions do not wait on one another.
+template <typename P>
+void BlockSums(const P* a, ptrdiff_t stride, size_t w, size_t h, double shift, double* sum,
+               double* sq) {
+  double s[4] = {0, 0, 0, 0}, q[4] = {0, 0, 0, 0};
+  for (size_t r = 0; r < h; ++r) {
+    const P* row = a + static_cast<ptrdiff_t>(r) * stride;
+    size_t c = 0;
+    for (; c + 4 <= w; c += 4)
+      for (int k = 0; k < 4; ++k) {
+        const double v = static_cast<double>(row[c + k]) - shift;
+        s[k] += v, q[k] += v * v;
+      }
+    for (; c < w; ++c) {
+      const double v = static_cast<double>(row[c]) - shift;
+      s[0] += v, q[0] += v * v;
+    }
+  }
+  *sum = (s[0] + s[1]) + (s[2] + s[3]);
+  *sq = (q[0] + q[1]) + (q[2] + q[3]);
 }
 
 template <typename P>
@@ -480,17 +538,13 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
   // cross products.
   std::fill(re, re + f.nr * f.nc, 0.0f);
   std::fill(im, im + f.nr * f.nc, 0.0f);
-  double ma = 0;
-  for (size_t r = 0; r < g.area_h; ++r)
-    for (size_t c = 0; c < g.area_w; ++c) ma += static_cast<double>(a0[r * rst + c]);
+  double ma = 0, unused = 0, aa = 0;
+  BlockSums(a0, rst, g.area_w, g.area_h, 0.0, &ma, &unused);
   ma /= static_cast<double>(g.area_h * g.area_w);
-  double aa = 0;
   for (size_t r = 0; r < g.area_h; ++r)
-    for (size_t c = 0; c < g.area_w; ++c) {
-      const float v = static_cast<float>(static_cast<double>(a0[r * rst + c]) - ma);
-      re[r * f.nc + c] = v;
-      aa += static_cast<double>(v) * v;
-    }
+    for (size_t c = 0; c < g.area_w; ++c)
+      re[r * f.nc + c] = static_cast<float>(static_cast<double>(a0[r * rst + c]) - ma);
+  BlockSums(re, static_cast<ptrdiff_t>(f.nc), g.area_w, g.area_h, 0.0, &unused, &aa);
   double vt = 0;
   for (int r = 0; r < g.th; ++r)
     for (int c = 0; c < g.tw; ++c) {
@@ -567,16 +621,7 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
         var_row[x] = vr > 1e-9 * static_cast<double>(ss) ? vr : 0.0;
       }
     });
-    const float* row_num = re + y * f.nc;
-    for (size_t x = 0; x < g.cols; ++x) {  // flat windows: coefficient exactly 0
-      const double var = var_row[x];
-      const double inv_d = var > 0.0 ? 1.0 / std::sqrt(vt * var) : 0.0;
-      const double num = row_num[x] * scale;
-      const double low = (num - bound) * inv_d, high = (num + bound) * inv_d;
-      nonzero = nonzero || low > 0.0 || high < 0.0;
-      best_low = std::max(best_low, low);
-      row_high[x] = static_cast<float>(high);
-    }
+    RowBounds(re + y * f.nc, var_row, g.cols, scale, bound, vt, row_high, &best_low, &nonzero);
     for (size_t c = 0; c < g.area_w; ++c) {
       const Sum v = value(y, c);
       colsum[c] -= v, colsq[c] -= v * v;
@@ -587,7 +632,11 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
   // equal coefficients resolves the same way.
   const float threshold = static_cast<float>(best_low) - 1e-6f;
   BestTracker best;
-  for (size_t y = 0; y < g.rows; ++y)
+  for (size_t y = 0; y < g.rows; ++y) {
+    const float* row_high = im + y * f.nc;
+    bool row_has = false;
+    for (size_t x = 0; x < g.cols; ++x) row_has |= row_high[x] >= threshold;
+    if (!row_has) continue;
     VisitInSlideOrder(g, [&](size_t x) {
       if (!(im[y * f.nc + x] >= threshold)) return;
       const P* w = a0 + y * rst + x;
@@ -611,6 +660,7 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
         best.Offer(sti, vr > 1e-9 * sii ? vr : 0.0, x, y);
       }
     });
+  }
   *best_x = static_cast<int32_t>(rxMin + best.x);
   *best_y = static_cast<int32_t>(ryMin + best.y);
   *any = best.any || nonzero;
