@@ -363,17 +363,31 @@ size_t Pow2AtLeast(size_t v) {
   return p;
 }
 
+// The search area is cut into tiles whose transform stays in the caches:
+// a tile of nr x nc pixels yields (nr - th + 1) x (nc - tw + 1) candidates.
+// Its side is the smallest power of two holding the whole area, but no
+// larger than needed for four template sizes (at least 256).
 struct FftLayout {
-  size_t nr, nc;
-  size_t re, im, strip, tw_r, tw_c, neg_r, neg_c, colsum, colsq, row_var, total;
-  bool ok;  // the transform fits the size limit
+  size_t nr, nc;          // transform (tile) size
+  size_t step_r, step_c;  // candidates per tile
+  size_t tiles;           // tiles over the candidate range
+  size_t re, im, strip, tw_r, tw_c, neg_r, neg_c, cross, colsum, colsq, row_var, total;
+  bool ok;  // the candidate range fits the size limit
 };
+
+size_t TileSide(size_t area, int template_side) {
+  const size_t cap = Pow2AtLeast(std::max<size_t>(256, 4 * static_cast<size_t>(template_side)));
+  return std::min(Pow2AtLeast(area), cap);
+}
 
 FftLayout MakeFftLayout(const Geometry& g) {
   FftLayout l{};
-  l.nr = Pow2AtLeast(g.area_h);
-  l.nc = Pow2AtLeast(g.area_w);
-  l.ok = l.nr * l.nc <= kFftMaxPoints;
+  l.nr = TileSide(g.area_h, g.th);
+  l.nc = TileSide(g.area_w, g.tw);
+  l.step_r = l.nr - g.th + 1;
+  l.step_c = l.nc - g.tw + 1;
+  l.tiles = ((g.rows + l.step_r - 1) / l.step_r) * ((g.cols + l.step_c - 1) / l.step_c);
+  l.ok = g.rows * g.cols <= kFftMaxPoints;
   if (!l.ok) return l;
   size_t off = 0;
   auto take = [&](size_t bytes) {
@@ -388,6 +402,7 @@ FftLayout MakeFftLayout(const Geometry& g) {
   l.tw_c = take(4 * l.nc);
   l.neg_r = take(4 * l.nr);
   l.neg_c = take(4 * l.nc);
+  l.cross = take(4 * g.rows * g.cols);
   l.colsum = take(8 * g.area_w);
   l.colsq = take(8 * g.area_w);
   l.row_var = take(8 * g.cols);
@@ -420,7 +435,7 @@ bool TransformPays(VectorPath path, const Geometry& g, const FftLayout& f, bool 
   const double direct =
       static_cast<double>(g.cols) * g.rows * g.tw * g.th * (byte ? c.direct_byte : c.direct_float);
   const double points = static_cast<double>(f.nr) * f.nc;
-  const double transform = points * std::log2(points) * c.transform;
+  const double transform = static_cast<double>(f.tiles) * points * std::log2(points) * c.transform;
   return transform < direct;
 }
 
@@ -457,26 +472,37 @@ void NegatedPositions(size_t n, int32_t* neg) {
 
 // Bounds of the coefficients of one candidate row from the transform's cross
 // products, the window variances (0: flat, coefficient exactly 0) and the
-// rounding bound; the upper bounds go to `high`. The square roots cannot see
-// a negative argument, so errno handling is dropped to let them vectorise.
-__attribute__((optimize("no-math-errno"))) void RowBounds(const float* num_row,
-                                                          const double* var_row, size_t cols,
-                                                          double scale, double bound, double vt,
-                                                          float* high, double* best_low,
-                                                          bool* nonzero) {
-  double best = *best_low;
-  bool any = false;
+// rounding bound, as signed squares c |c| (monotone in c, and free of square
+// roots); the upper bounds go to `high`.
+void RowBounds(const float* num_row, double* var_low, size_t cols, double scale, double bound,
+               double vt, float* high, double* best_low, bool* nonzero) {
+  // Branch-free, so that the loop runs on vector lanes; var_low's variances
+  // become the lower bounds.
   for (size_t x = 0; x < cols; ++x) {
-    const double var = var_row[x];
-    const double inv_d = var > 0.0 ? 1.0 / std::sqrt(vt * var) : 0.0;
+    const double var = var_low[x];
+    const double den = var > 0.0 ? vt * var : 1.0;
+    const double inv = (var > 0.0 ? 1.0 : 0.0) / den;
     const double num = num_row[x] * scale;
-    const double low = (num - bound) * inv_d, up = (num + bound) * inv_d;
-    any |= low > 0.0 || up < 0.0;
-    best = std::max(best, low);
-    high[x] = static_cast<float>(up);
+    const double lo = num - bound, up = num + bound;
+    var_low[x] = lo * std::fabs(lo) * inv;
+    high[x] = static_cast<float>(up * std::fabs(up) * inv);
   }
-  *best_low = best;
-  *nonzero = *nonzero || any;
+  // Largest lower and smallest upper bound, four chains.
+  double best[4] = {*best_low, *best_low, *best_low, *best_low};
+  float least[4] = {1.0f, 1.0f, 1.0f, 1.0f};
+  size_t x = 0;
+  for (; x + 4 <= cols; x += 4)
+    for (int k = 0; k < 4; ++k) {
+      best[k] = best[k] > var_low[x + k] ? best[k] : var_low[x + k];
+      least[k] = least[k] < high[x + k] ? least[k] : high[x + k];
+    }
+  for (; x < cols; ++x) {
+    best[0] = best[0] > var_low[x] ? best[0] : var_low[x];
+    least[0] = least[0] < high[x] ? least[0] : high[x];
+  }
+  *best_low = std::max(std::max(best[0], best[1]), std::max(best[2], best[3]));
+  const float low_high = std::min(std::min(least[0], least[1]), std::min(least[2], least[3]));
+  *nonzero = *nonzero || *best_low > 0.0 || low_high < 0.0f;
 }
 
 // Sum and sum of squares (about `shift`) of a block, in double with four
@@ -532,19 +558,6 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
     *any = false;
     return EPHO_NCC_SEARCH_OK;
   }
-  // Search area about its own mean and the template scaled to the same
-  // energy: the rounding of the packed transform grows with the larger of
-  // the two energies, so equal energies give the smallest error on the
-  // cross products.
-  std::fill(re, re + f.nr * f.nc, 0.0f);
-  std::fill(im, im + f.nr * f.nc, 0.0f);
-  double ma = 0, unused = 0, aa = 0;
-  BlockSums(a0, rst, g.area_w, g.area_h, 0.0, &ma, &unused);
-  ma /= static_cast<double>(g.area_h * g.area_w);
-  for (size_t r = 0; r < g.area_h; ++r)
-    for (size_t c = 0; c < g.area_w; ++c)
-      re[r * f.nc + c] = static_cast<float>(static_cast<double>(a0[r * rst + c]) - ma);
-  BlockSums(re, static_cast<ptrdiff_t>(f.nc), g.area_w, g.area_h, 0.0, &unused, &aa);
   double vt = 0;
   for (int r = 0; r < g.th; ++r)
     for (int c = 0; c < g.tw; ++c) {
@@ -555,14 +568,15 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
     *any = false;
     return EPHO_NCC_SEARCH_OK;
   }
-  const double gain = aa > 0.0 ? std::sqrt(aa / vt) : 1.0;
-  for (int r = 0; r < g.th; ++r)
-    for (int c = 0; c < g.tw; ++c)
-      im[r * f.nc + c] = static_cast<float>((static_cast<double>(t0[r * lst + c]) - mt) * gain);
+  double ma = 0, unused = 0;
+  BlockSums(a0, rst, g.area_w, g.area_h, 0.0, &ma, &unused);
+  ma /= static_cast<double>(g.area_h * g.area_w);
+
   float* tw_r = reinterpret_cast<float*>(base + f.tw_r);
   float* tw_c = reinterpret_cast<float*>(base + f.tw_c);
   int32_t* neg_r = reinterpret_cast<int32_t*>(base + f.neg_r);
   int32_t* neg_c = reinterpret_cast<int32_t*>(base + f.neg_c);
+  float* cross = reinterpret_cast<float*>(base + f.cross);
   Twiddles(f.nr, tw_r);
   Twiddles(f.nc, tw_c);
   NegatedPositions(f.nr, neg_r);
@@ -574,22 +588,47 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
                                neg_r,
                                neg_c,
                                reinterpret_cast<float*>(base + f.strip)};
-#if EPHO_NCC_X86
-  if (path == VectorPath::kAvx2)
-    epho_ncc::CorrelateFftAvx2(plan, re, im);
-  else
-#endif
-    epho_ncc::CorrelateFftPortable(plan, re, im);
-  (void)path;
-
+  const double points = static_cast<double>(f.nr) * f.nc;
   // Rounding bound of the single-precision transform on one cross product:
   // a few units of rounding per level on the product of the two norms (and
-  // on the input rounding of the area's values).
-  const double points = static_cast<double>(f.nr) * f.nc;
-  const double bound = 16.0 * 1.2e-7 * std::log2(points) * std::sqrt(aa * vt);
-  const double scale = 1.0 / (points * gain);
+  // on the input rounding of the area's values); the largest over the tiles.
+  double bound = 0.0;
+  for (size_t ty = 0; ty < g.rows; ty += f.step_r)
+    for (size_t tx = 0; tx < g.cols; tx += f.step_c) {
+      // The tile's search area about the area's mean, and the template
+      // scaled to the same energy: the rounding of the packed transform grows
+      // with the larger of the two energies.
+      const size_t h = std::min(f.nr, g.area_h - ty), w = std::min(f.nc, g.area_w - tx);
+      std::fill(re, re + f.nr * f.nc, 0.0f);
+      std::fill(im, im + f.nr * f.nc, 0.0f);
+      const P* src = a0 + static_cast<ptrdiff_t>(ty) * rst + static_cast<ptrdiff_t>(tx);
+      for (size_t r = 0; r < h; ++r)
+        for (size_t c = 0; c < w; ++c)
+          re[r * f.nc + c] = static_cast<float>(static_cast<double>(src[r * rst + c]) - ma);
+      double aa = 0;
+      BlockSums(re, static_cast<ptrdiff_t>(f.nc), w, h, 0.0, &unused, &aa);
+      const double gain = aa > 0.0 ? std::sqrt(aa / vt) : 1.0;
+      for (int r = 0; r < g.th; ++r)
+        for (int c = 0; c < g.tw; ++c)
+          im[r * f.nc + c] = static_cast<float>((static_cast<double>(t0[r * lst + c]) - mt) * gain);
+#if EPHO_NCC_X86
+      if (path == VectorPath::kAvx2)
+        epho_ncc::CorrelateFftAvx2(plan, re, im);
+      else
+#endif
+        epho_ncc::CorrelateFftPortable(plan, re, im);
+      bound = std::max(bound, 16.0 * 1.2e-7 * std::log2(points) * std::sqrt(aa * vt));
+      const float scale = static_cast<float>(1.0 / (points * gain));
+      const size_t rows = std::min(f.step_r, g.rows - ty), cols = std::min(f.step_c, g.cols - tx);
+      for (size_t r = 0; r < rows; ++r)
+        for (size_t c = 0; c < cols; ++c)
+          cross[(ty + r) * g.cols + tx + c] = re[r * f.nc + c] * scale;
+    }
+  (void)path;
+  const double scale = 1.0;
 
-  // Pass 1: bounds of every coefficient; the upper one is kept in im.
+  // Pass 1: bounds of every coefficient; the upper one replaces the cross
+  // product in `cross`.
   std::fill(colsum, colsum + g.area_w, Sum(0));
   std::fill(colsq, colsq + g.area_w, Sum(0));
   auto value = [&](size_t r, size_t c) -> Sum {
@@ -609,9 +648,8 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
       const Sum v = value(y + g.th - 1, c);
       colsum[c] += v, colsq[c] += v * v;
     }
-    // Window variances of the row, then the bounds of its coefficients (the
-    // upper one kept in the row of im, which the transform left spent).
-    float* row_high = im + y * f.nc;
+    // Window variances of the row, then the bounds of its coefficients.
+    float* row_high = cross + y * g.cols;
     double* var_row = row_var;
     SlideRow(colsum, colsq, g, [&](size_t x, Sum s, Sum ss) {
       if (kByte) {
@@ -621,7 +659,7 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
         var_row[x] = vr > 1e-9 * static_cast<double>(ss) ? vr : 0.0;
       }
     });
-    RowBounds(re + y * f.nc, var_row, g.cols, scale, bound, vt, row_high, &best_low, &nonzero);
+    RowBounds(row_high, var_row, g.cols, scale, bound, vt, row_high, &best_low, &nonzero);
     for (size_t c = 0; c < g.area_w; ++c) {
       const Sum v = value(y, c);
       colsum[c] -= v, colsq[c] -= v * v;
@@ -630,15 +668,16 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
   // Pass 2: exact values of the candidates that may be best, offered in the
   // direct search's visiting order so that rounding in the comparison of
   // equal coefficients resolves the same way.
-  const float threshold = static_cast<float>(best_low) - 1e-6f;
+  // (Slightly below the best lower bound: the upper bounds were rounded to float.)
+  const float threshold = static_cast<float>(best_low - 1e-6 * std::fabs(best_low) - 1e-12);
   BestTracker best;
   for (size_t y = 0; y < g.rows; ++y) {
-    const float* row_high = im + y * f.nc;
+    const float* row_high = cross + y * g.cols;
     bool row_has = false;
     for (size_t x = 0; x < g.cols; ++x) row_has |= row_high[x] >= threshold;
     if (!row_has) continue;
     VisitInSlideOrder(g, [&](size_t x) {
-      if (!(im[y * f.nc + x] >= threshold)) return;
+      if (!(row_high[x] >= threshold)) return;
       const P* w = a0 + y * rst + x;
       if (kByte) {
         int64_t si = 0, sii = 0, sti = 0;

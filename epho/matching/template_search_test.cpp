@@ -188,6 +188,32 @@ TEST_P(TemplateSearchPaths, TransformAgreesWithDirect) {
   }
 }
 
+// A range larger than one transform tile: the tiles' seams must not show.
+TEST_P(TemplateSearchPaths, TransformTilesAgreeWithDirect) {
+  using epho_ncc::SearchMethod;
+  const int W = 340;
+  Waves waves(31);
+  auto left8 = Render<uint8_t>(waves, W, W, 0, 0);
+  auto right8 = Render<uint8_t>(waves, W, W, 1.5, -0.5);
+  for (int hw : {5, 20}) {
+    SCOPED_TRACE(testing::Message() << "hw " << hw);
+    // The template's true match (about column 291, row 289) lies in a second tile.
+    const int lx = 290, ly = 290, x0 = 21, y0 = 21, x1 = 318, y1 = 318;
+    std::vector<char> scratch(epho_ncc::NccSearchScratchBytes(SearchMethod::kTransform, hw, hw,
+                                                              x1 - x0 + 1, y1 - y0 + 1));
+    Epho_NccPeak direct, transform;
+    for (SearchMethod m : {SearchMethod::kDirect, SearchMethod::kTransform})
+      ASSERT_EQ(epho_ncc::NccSearchByte(GetParam(), m, left8.data(), right8.data(), W, W, lx, ly,
+                                        hw, hw, x0, y0, x1, y1, scratch.data(), scratch.size(),
+                                        m == SearchMethod::kDirect ? &direct : &transform),
+                EPHO_NCC_SEARCH_OK);
+    EXPECT_EQ(transform.column, direct.column);
+    EXPECT_EQ(transform.row, direct.row);
+    EXPECT_EQ(transform.coefficient, direct.coefficient);
+    EXPECT_GE(direct.column, x0 + 256 - 2 * hw);  // beyond the first tile
+  }
+}
+
 TEST(TemplateSearch, SubPixelPeakFindsKnownShift) {
   Waves waves(9);
   const int W = 100;
