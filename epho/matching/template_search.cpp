@@ -410,9 +410,12 @@ FftLayout MakeFftLayout(const Geometry& g) {
   return l;
 }
 
-// Measured cost model (bench/matching_bench.cpp, "switch point" rows): time
-// of the direct search per candidate and template pixel, and of the
-// transform per point and level (n log2 n), in nanoseconds, per path.
+// Measured cost model (bench/matching_bench.cpp prints the same figures in
+// its "switch point" rows): the direct search's time per candidate and
+// template pixel, and the transform's per tile point and level
+// (tiles * n * log2 n), in nanoseconds, per path. Fitted on windows of 64 to
+// 1024 pixels and templates of 11 to 41 on one AMD EPYC core; the direct
+// figures are those of templates of 21 and more, where the choice is made.
 struct CostModel {
   double direct_byte, direct_float, transform;
 };
@@ -420,13 +423,13 @@ struct CostModel {
 CostModel Costs(VectorPath path) {
   switch (path) {
     case VectorPath::kAvx2:
-      return {0.042, 0.055, 0.80};
+      return {0.021, 0.033, 0.68};
     case VectorPath::kSse2:
-      return {0.080, 0.32, 1.35};
+      return {0.040, 0.30, 0.95};
     case VectorPath::kPortable:
       break;
   }
-  return {0.40, 0.32, 1.35};
+  return {0.40, 0.30, 0.95};
 }
 
 bool TransformPays(VectorPath path, const Geometry& g, const FftLayout& f, bool byte) {
