@@ -508,27 +508,50 @@ void RowBounds(const float* num_row, double* var_low, size_t cols, double scale,
   *nonzero = *nonzero || *best_low > 0.0 || low_high < 0.0f;
 }
 
-// Sum and sum of squares (about `shift`) of a block, in double with four
-// partial sums so that the additions do not wait on one another.
+// Sum of a block of pixels (exact integers for 8-bit pixels).
 template <typename P>
-void BlockSums(const P* a, ptrdiff_t stride, size_t w, size_t h, double shift, double* sum,
-               double* sq) {
-  double s[4] = {0, 0, 0, 0}, q[4] = {0, 0, 0, 0};
+double BlockSum(const P* a, ptrdiff_t stride, size_t w, size_t h) {
+  using Acc = typename std::conditional<std::is_integral<P>::value, int64_t, double>::type;
+  double total = 0;
   for (size_t r = 0; r < h; ++r) {
     const P* row = a + static_cast<ptrdiff_t>(r) * stride;
+    Acc s[4] = {0, 0, 0, 0};
     size_t c = 0;
     for (; c + 4 <= w; c += 4)
-      for (int k = 0; k < 4; ++k) {
-        const double v = static_cast<double>(row[c + k]) - shift;
-        s[k] += v, q[k] += v * v;
+      for (int k = 0; k < 4; ++k) s[k] += static_cast<Acc>(row[c + k]);
+    for (; c < w; ++c) s[0] += static_cast<Acc>(row[c]);
+    total += static_cast<double>((s[0] + s[1]) + (s[2] + s[3]));
+  }
+  return total;
+}
+
+// Copies a block of pixels less `shift` into a transform plane (row length
+// nc) and returns its energy (sum of squares; it only scales the rounding
+// bound, so single-precision partial sums serve).
+template <typename P>
+double CopyShifted(const P* a, ptrdiff_t stride, size_t w, size_t h, float shift, float* out,
+                   size_t nc) {
+  double energy = 0;
+  for (size_t r = 0; r < h; ++r) {
+    const P* row = a + static_cast<ptrdiff_t>(r) * stride;
+    float* o = out + r * nc;
+    float e[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+    size_t c = 0;
+    for (; c + 8 <= w; c += 8)
+      for (int k = 0; k < 8; ++k) {
+        const float v = static_cast<float>(row[c + k]) - shift;
+        o[c + k] = v;
+        e[k] += v * v;
       }
     for (; c < w; ++c) {
-      const double v = static_cast<double>(row[c]) - shift;
-      s[0] += v, q[0] += v * v;
+      const float v = static_cast<float>(row[c]) - shift;
+      o[c] = v;
+      e[0] += v * v;
     }
+    energy +=
+        static_cast<double>(((e[0] + e[1]) + (e[2] + e[3])) + ((e[4] + e[5]) + (e[6] + e[7])));
   }
-  *sum = (s[0] + s[1]) + (s[2] + s[3]);
-  *sq = (q[0] + q[1]) + (q[2] + q[3]);
+  return energy;
 }
 
 template <typename P>
@@ -571,9 +594,8 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
     *any = false;
     return EPHO_NCC_SEARCH_OK;
   }
-  double ma = 0, unused = 0;
-  BlockSums(a0, rst, g.area_w, g.area_h, 0.0, &ma, &unused);
-  ma /= static_cast<double>(g.area_h * g.area_w);
+  const float ma = static_cast<float>(BlockSum(a0, rst, g.area_w, g.area_h) /
+                                      static_cast<double>(g.area_h * g.area_w));
 
   float* tw_r = reinterpret_cast<float*>(base + f.tw_r);
   float* tw_c = reinterpret_cast<float*>(base + f.tw_c);
@@ -605,11 +627,7 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
       std::fill(re, re + f.nr * f.nc, 0.0f);
       std::fill(im, im + f.nr * f.nc, 0.0f);
       const P* src = a0 + static_cast<ptrdiff_t>(ty) * rst + static_cast<ptrdiff_t>(tx);
-      for (size_t r = 0; r < h; ++r)
-        for (size_t c = 0; c < w; ++c)
-          re[r * f.nc + c] = static_cast<float>(static_cast<double>(src[r * rst + c]) - ma);
-      double aa = 0;
-      BlockSums(re, static_cast<ptrdiff_t>(f.nc), w, h, 0.0, &unused, &aa);
+      const double aa = CopyShifted(src, rst, w, h, ma, re, f.nc);
       const double gain = aa > 0.0 ? std::sqrt(aa / vt) : 1.0;
       for (int r = 0; r < g.th; ++r)
         for (int c = 0; c < g.tw; ++c)
