@@ -108,8 +108,9 @@ inline std::string BusyNote(double others_a, double others_b) {
 inline void PrintComparison(const std::string& what, const std::string& peer, double ours_s,
                             double peer_s, const std::string& target = "",
                             const std::string& note = "") {
-  std::printf("%-48s ours %10.4f s  %-22s %10.4f s  speed-up x%.2f %s%s\n", what.c_str(), ours_s,
-              peer.c_str(), peer_s, peer_s / ours_s, target.c_str(), note.c_str());
+  std::printf("%-48s ours %11.4f ms  %-22s %11.4f ms  speed-up x%.2f %s%s\n", what.c_str(),
+              ours_s * 1e3, peer.c_str(), peer_s * 1e3, peer_s / ours_s, target.c_str(),
+              note.c_str());
   std::fflush(stdout);
 }
 

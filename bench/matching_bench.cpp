@@ -191,7 +191,7 @@ void SwitchPoint() {
   const epho::VectorPath path = epho::BestVectorPath();
   std::printf(
       "-- switch point of the template search (%s path): direct ns per candidate*pixel, "
-      "transform ns per point*log2(points)\n",
+      "transform ns per tile point*log2(tile points)\n",
       epho::VectorPathName(path));
   const int W = 1100;
   auto img8 = Texture(21, W);
@@ -217,10 +217,12 @@ void SwitchPoint() {
                                        scratch.size(), &peak);
           });
         }
+      // The transform's tiles as template_search.cpp cuts them.
       int n = 16;
-      while (n < s) n *= 2;
+      while (n < s && n < std::max(256, 4 * t)) n *= 2;
+      const double per_tile = n - t + 1, tiles = std::pow(std::ceil(cand / per_tile), 2);
       const double macs = double(cand) * cand * t * t,
-                   pts = double(n) * n * std::log2(double(n) * n);
+                   pts = tiles * double(n) * n * std::log2(double(n) * n);
       std::printf(
           "  window %4d template %2d: direct u8 %8.3f ms (%.4f) f32 %8.3f ms (%.4f)  "
           "transform u8 %8.3f ms (%.3f) f32 %8.3f ms  chosen: u8 %s, f32 %s\n",
