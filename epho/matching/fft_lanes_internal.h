@@ -12,7 +12,9 @@
 //   P(k) = conj(F_T(k)) F_A(k) = Im(Z(k) Z(-k)) / 2 + i (|Z(k)|^2 - |Z(-k)|^2) / 4,
 // and the inverse (decimation in time, bit-reversed in, natural out) gives
 // nr * nc * sum_{r,c} T(r, c) A(y + r, x + c) at (x, y), circularly; the
-// positions whose window lies inside A never wrap. Every lane does the same
+// positions whose window lies inside A never wrap. A search area cut into
+// several tiles takes them two at a time instead (CorrelatePair below), with
+// the template's spectrum computed once. Every lane does the same
 // single-precision operations in the same order and nothing is fused, so the
 // result does not depend on the lane count.
 #ifndef EPHO_FFT_NS
@@ -171,6 +173,31 @@ void Correlate(const FftPlan& p, float* re, float* im) {
       re[a] = pre, im[a] = pim;
       re[b] = pre, im[b] = -pim;
     }
+  }
+  Horizontal<V, L, false>(p, re, im);
+  Vertical<V, L, false>(p, re, im);
+}
+
+// The spectrum of (re, im), bit-reversed along both axes.
+template <class V, int L>
+void Spectrum(const FftPlan& p, float* re, float* im) {
+  Vertical<V, L, true>(p, re, im);
+  Horizontal<V, L, true>(p, re, im);
+}
+
+// Two search-area tiles A1 (re) and A2 (im) against one template whose
+// spectrum S came from Spectrum: Z = A1 + i A2 has the spectrum
+// F_A1 + i F_A2, so the inverse of Z conj(S) holds nr * nc times the
+// correlation of A1 in re and of A2 in im.
+template <class V, int L>
+void CorrelatePair(const FftPlan& p, float* re, float* im, const float* sr, const float* si) {
+  Spectrum<V, L>(p, re, im);
+  const std::size_t total = static_cast<std::size_t>(p.nr) * p.nc;
+  for (std::size_t k = 0; k < total; k += L) {
+    const V zr = Load<V>(re + k), zi = Load<V>(im + k);
+    const V tr = Load<V>(sr + k), ti = Load<V>(si + k);
+    Store(re + k, zr * tr + zi * ti);
+    Store(im + k, zi * tr - zr * ti);
   }
   Horizontal<V, L, false>(p, re, im);
   Vertical<V, L, false>(p, re, im);

@@ -25,6 +25,18 @@ struct FftPlan {
 void CorrelateFftPortable(const FftPlan& plan, float* re, float* im);
 void CorrelateFftAvx2(const FftPlan& plan, float* re, float* im);
 
+// The spectrum of (re, im) in place, bit-reversed along both axes.
+void SpectrumFftPortable(const FftPlan& plan, float* re, float* im);
+void SpectrumFftAvx2(const FftPlan& plan, float* re, float* im);
+
+// re and im hold two search areas (zero-padded); (sr, si) the spectrum of the
+// template from SpectrumFft. On return re and im hold nr * nc times the
+// correlation of each with the template.
+void CorrelatePairFftPortable(const FftPlan& plan, float* re, float* im, const float* sr,
+                              const float* si);
+void CorrelatePairFftAvx2(const FftPlan& plan, float* re, float* im, const float* sr,
+                          const float* si);
+
 }  // namespace epho_ncc
 
 #endif  // EPHO_MATCHING_NCC_FFT_INTERNAL_H_

@@ -10,4 +10,15 @@ void CorrelateFftPortable(const FftPlan& plan, float* re, float* im) {
   portable::Correlate<V4, 4>(plan, re, im);
 }
 
+void SpectrumFftPortable(const FftPlan& plan, float* re, float* im) {
+  typedef float V4 __attribute__((vector_size(16)));
+  portable::Spectrum<V4, 4>(plan, re, im);
+}
+
+void CorrelatePairFftPortable(const FftPlan& plan, float* re, float* im, const float* sr,
+                              const float* si) {
+  typedef float V4 __attribute__((vector_size(16)));
+  portable::CorrelatePair<V4, 4>(plan, re, im, sr, si);
+}
+
 }  // namespace epho_ncc

@@ -16,6 +16,17 @@ void CorrelateFftAvx2(const FftPlan& plan, float* re, float* im) {
   avx2::Correlate<V8, 8>(plan, re, im);
 }
 
+void SpectrumFftAvx2(const FftPlan& plan, float* re, float* im) {
+  typedef float V8 __attribute__((vector_size(32)));
+  avx2::Spectrum<V8, 8>(plan, re, im);
+}
+
+void CorrelatePairFftAvx2(const FftPlan& plan, float* re, float* im, const float* sr,
+                          const float* si) {
+  typedef float V8 __attribute__((vector_size(32)));
+  avx2::CorrelatePair<V8, 8>(plan, re, im, sr, si);
+}
+
 }  // namespace epho_ncc
 #pragma GCC pop_options
 #endif

@@ -371,7 +371,8 @@ struct FftLayout {
   size_t nr, nc;          // transform (tile) size
   size_t step_r, step_c;  // candidates per tile
   size_t tiles;           // tiles over the candidate range
-  size_t re, im, strip, tw_r, tw_c, neg_r, neg_c, cross, colsum, colsq, row_var, total;
+  size_t re, im, spec_re, spec_im, strip, tw_r, tw_c, neg_r, neg_c, cross, colsum, colsq, row_var,
+      total;
   bool ok;  // the candidate range fits the size limit
 };
 
@@ -397,6 +398,10 @@ FftLayout MakeFftLayout(const Geometry& g) {
   };
   l.re = take(4 * l.nr * l.nc);
   l.im = take(4 * l.nr * l.nc);
+  if (l.tiles > 1) {  // the template's own spectrum, for tiles taken in pairs
+    l.spec_re = take(4 * l.nr * l.nc);
+    l.spec_im = take(4 * l.nr * l.nc);
+  }
   l.strip = take(4 * 4 * std::max(l.nr, l.nc) * epho_ncc::kFftMaxLanes);
   l.tw_r = take(4 * l.nr);
   l.tw_c = take(4 * l.nc);
@@ -438,7 +443,10 @@ bool TransformPays(VectorPath path, const Geometry& g, const FftLayout& f, bool 
   const double direct =
       static_cast<double>(g.cols) * g.rows * g.tw * g.th * (byte ? c.direct_byte : c.direct_float);
   const double points = static_cast<double>(f.nr) * f.nc;
-  const double transform = static_cast<double>(f.tiles) * points * std::log2(points) * c.transform;
+  // One packed correlation per tile, or for several tiles one per pair plus
+  // half of one for the template's spectrum.
+  const double units = f.tiles == 1 ? 1.0 : 0.5 + static_cast<double>((f.tiles + 1) / 2);
+  const double transform = units * points * std::log2(points) * c.transform;
   return transform < direct;
 }
 
@@ -618,33 +626,78 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
   // a few units of rounding per level on the product of the two norms (and
   // on the input rounding of the area's values); the largest over the tiles.
   double bound = 0.0;
-  for (size_t ty = 0; ty < g.rows; ty += f.step_r)
-    for (size_t tx = 0; tx < g.cols; tx += f.step_c) {
-      // The tile's search area about the area's mean, and the template
-      // scaled to the same energy: the rounding of the packed transform grows
-      // with the larger of the two energies.
-      const size_t h = std::min(f.nr, g.area_h - ty), w = std::min(f.nc, g.area_w - tx);
-      std::fill(re, re + f.nr * f.nc, 0.0f);
-      std::fill(im, im + f.nr * f.nc, 0.0f);
-      const P* src = a0 + static_cast<ptrdiff_t>(ty) * rst + static_cast<ptrdiff_t>(tx);
-      const double aa = CopyShifted(src, rst, w, h, ma, re, f.nc);
-      const double gain = aa > 0.0 ? std::sqrt(aa / vt) : 1.0;
-      for (int r = 0; r < g.th; ++r)
-        for (int c = 0; c < g.tw; ++c)
-          im[r * f.nc + c] = static_cast<float>((static_cast<double>(t0[r * lst + c]) - mt) * gain);
+  const size_t tiles_x = (g.cols + f.step_c - 1) / f.step_c;
+  // Tile k's search area (about the area's mean) into `plane`; its energy.
+  auto load_tile = [&](size_t k, float* plane) {
+    const size_t ty = k / tiles_x * f.step_r, tx = k % tiles_x * f.step_c;
+    const size_t h = std::min(f.nr, g.area_h - ty), w = std::min(f.nc, g.area_w - tx);
+    std::fill(plane, plane + f.nr * f.nc, 0.0f);
+    return CopyShifted(a0 + static_cast<ptrdiff_t>(ty) * rst + static_cast<ptrdiff_t>(tx), rst, w,
+                       h, ma, plane, f.nc);
+  };
+  // Tile k's cross products from `plane`, scaled to sum T' A.
+  auto keep_tile = [&](size_t k, const float* plane, float scale) {
+    const size_t ty = k / tiles_x * f.step_r, tx = k % tiles_x * f.step_c;
+    const size_t rows = std::min(f.step_r, g.rows - ty), cols = std::min(f.step_c, g.cols - tx);
+    for (size_t r = 0; r < rows; ++r)
+      for (size_t c = 0; c < cols; ++c)
+        cross[(ty + r) * g.cols + tx + c] = plane[r * f.nc + c] * scale;
+  };
+  // Rounding bound of the single-precision transform on one cross product:
+  // a few units of rounding per level on the product of the two norms (and
+  // on the input rounding of the area's values); the largest over the tiles.
+  const double units = 16.0 * 1.2e-7 * std::log2(points);
+  if (f.tiles == 1) {
+    // The search area and the template packed into one transform, the
+    // template scaled to the area's energy: the rounding of the packed
+    // transform grows with the larger of the two energies.
+    const double aa = load_tile(0, re);
+    const double gain = aa > 0.0 ? std::sqrt(aa / vt) : 1.0;
+    std::fill(im, im + f.nr * f.nc, 0.0f);
+    for (int r = 0; r < g.th; ++r)
+      for (int c = 0; c < g.tw; ++c)
+        im[r * f.nc + c] = static_cast<float>((static_cast<double>(t0[r * lst + c]) - mt) * gain);
+#if EPHO_NCC_X86
+    if (path == VectorPath::kAvx2)
+      epho_ncc::CorrelateFftAvx2(plan, re, im);
+    else
+#endif
+      epho_ncc::CorrelateFftPortable(plan, re, im);
+    bound = units * std::sqrt(aa * vt);
+    keep_tile(0, re, static_cast<float>(1.0 / (points * gain)));
+  } else {
+    // The template's spectrum once, then the tiles two at a time.
+    float* sr = reinterpret_cast<float*>(base + f.spec_re);
+    float* si = reinterpret_cast<float*>(base + f.spec_im);
+    std::fill(sr, sr + f.nr * f.nc, 0.0f);
+    std::fill(si, si + f.nr * f.nc, 0.0f);
+    for (int r = 0; r < g.th; ++r)
+      for (int c = 0; c < g.tw; ++c)
+        sr[r * f.nc + c] = static_cast<float>(static_cast<double>(t0[r * lst + c]) - mt);
+#if EPHO_NCC_X86
+    if (path == VectorPath::kAvx2)
+      epho_ncc::SpectrumFftAvx2(plan, sr, si);
+    else
+#endif
+      epho_ncc::SpectrumFftPortable(plan, sr, si);
+    const float scale = static_cast<float>(1.0 / points);
+    for (size_t k = 0; k < f.tiles; k += 2) {
+      double aa = load_tile(k, re);
+      if (k + 1 < f.tiles)
+        aa += load_tile(k + 1, im);
+      else
+        std::fill(im, im + f.nr * f.nc, 0.0f);
 #if EPHO_NCC_X86
       if (path == VectorPath::kAvx2)
-        epho_ncc::CorrelateFftAvx2(plan, re, im);
+        epho_ncc::CorrelatePairFftAvx2(plan, re, im, sr, si);
       else
 #endif
-        epho_ncc::CorrelateFftPortable(plan, re, im);
-      bound = std::max(bound, 16.0 * 1.2e-7 * std::log2(points) * std::sqrt(aa * vt));
-      const float scale = static_cast<float>(1.0 / (points * gain));
-      const size_t rows = std::min(f.step_r, g.rows - ty), cols = std::min(f.step_c, g.cols - tx);
-      for (size_t r = 0; r < rows; ++r)
-        for (size_t c = 0; c < cols; ++c)
-          cross[(ty + r) * g.cols + tx + c] = re[r * f.nc + c] * scale;
+        epho_ncc::CorrelatePairFftPortable(plan, re, im, sr, si);
+      bound = std::max(bound, units * std::sqrt(aa * vt));
+      keep_tile(k, re, scale);
+      if (k + 1 < f.tiles) keep_tile(k + 1, im, scale);
     }
+  }
   (void)path;
   const double scale = 1.0;
 

@@ -188,17 +188,21 @@ TEST_P(TemplateSearchPaths, TransformAgreesWithDirect) {
   }
 }
 
-// A range larger than one transform tile: the tiles' seams must not show.
+// Ranges larger than one transform tile (an even and an odd number of
+// tiles, which are transformed in pairs): the tiles' seams must not show.
 TEST_P(TemplateSearchPaths, TransformTilesAgreeWithDirect) {
   using epho_ncc::SearchMethod;
-  const int W = 340;
+  const int W = 560, H = 340;
   Waves waves(31);
-  auto left8 = Render<uint8_t>(waves, W, W, 0, 0);
-  auto right8 = Render<uint8_t>(waves, W, W, 1.5, -0.5);
-  for (int hw : {5, 20}) {
+  auto left8 = Render<uint8_t>(waves, W, H, 0, 0);
+  auto right8 = Render<uint8_t>(waves, W, H, 1.5, -0.5);
+  const int configs[][4] = {
+      // hw, lx, ly, last row; the range starts at (21, 21), ends at column 538
+      {5, 290, 290, 318},    // 3 x 2 tiles
+      {20, 450, 150, 200}};  // 3 x 1 tiles
+  for (const auto& c : configs) {
+    const int hw = c[0], lx = c[1], ly = c[2], x0 = 21, y0 = 21, x1 = 538, y1 = c[3];
     SCOPED_TRACE(testing::Message() << "hw " << hw);
-    // The template's true match (about column 291, row 289) lies in a second tile.
-    const int lx = 290, ly = 290, x0 = 21, y0 = 21, x1 = 318, y1 = 318;
     std::vector<char> scratch(epho_ncc::NccSearchScratchBytes(SearchMethod::kTransform, hw, hw,
                                                               x1 - x0 + 1, y1 - y0 + 1));
     Epho_NccPeak direct, transform;
@@ -210,6 +214,7 @@ TEST_P(TemplateSearchPaths, TransformTilesAgreeWithDirect) {
     EXPECT_EQ(transform.column, direct.column);
     EXPECT_EQ(transform.row, direct.row);
     EXPECT_EQ(transform.coefficient, direct.coefficient);
+    EXPECT_GT(direct.coefficient, 0.9);
     EXPECT_GE(direct.column, x0 + 256 - 2 * hw);  // beyond the first tile
   }
 }
