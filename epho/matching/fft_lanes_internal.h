@@ -1,5 +1,7 @@
 // Body of the transform-domain correlation of the template search, written
-// once over a vector of lanes and compiled per path: ncc_fft_portable.cpp
+// once over a vector of lanes and compiled per path (a build may supply
+// EPHO_FFT_TRANSPOSE8, an 8 x 8 block transpose that moves rows into lanes
+// and back, for its 8-lane vectors): ncc_fft_portable.cpp
 // (4 lanes) and ncc_fft_x86.cpp (8 lanes, AVX2). Include it only from those
 // two files, each with its own EPHO_FFT_NS, so that the two builds never
 // share a symbol.
@@ -139,20 +141,32 @@ void Horizontal(const FftPlan& p, float* re, float* im) {
   float* bi = p.strip + static_cast<std::size_t>(p.nc) * E;
   const std::size_t nc = p.nc;
   for (int r0 = 0; r0 < p.nr; r0 += E) {
-    for (int l = 0; l < E; ++l) {
-      const float* sr = re + (r0 + l) * nc;
-      const float* si = im + (r0 + l) * nc;
-      for (int c = 0; c < p.nc; ++c) br[c * E + l] = sr[c], bi[c * E + l] = si[c];
-    }
+#ifdef EPHO_FFT_TRANSPOSE8
+    if (L == 8) {
+      EPHO_FFT_TRANSPOSE8(re + r0 * nc, nc, br, E, p.nc, true);
+      EPHO_FFT_TRANSPOSE8(im + r0 * nc, nc, bi, E, p.nc, true);
+    } else
+#endif
+      for (int l = 0; l < E; ++l) {
+        const float* sr = re + (r0 + l) * nc;
+        const float* si = im + (r0 + l) * nc;
+        for (int c = 0; c < p.nc; ++c) br[c * E + l] = sr[c], bi[c * E + l] = si[c];
+      }
     if (kForward)
       Forward<V, L, 2>(br, bi, p.nc, p.twiddle_c);
     else
       Inverse<V, L, 2>(br, bi, p.nc, p.twiddle_c);
-    for (int l = 0; l < E; ++l) {
-      float* sr = re + (r0 + l) * nc;
-      float* si = im + (r0 + l) * nc;
-      for (int c = 0; c < p.nc; ++c) sr[c] = br[c * E + l], si[c] = bi[c * E + l];
-    }
+#ifdef EPHO_FFT_TRANSPOSE8
+    if (L == 8) {
+      EPHO_FFT_TRANSPOSE8(re + r0 * nc, nc, br, E, p.nc, false);
+      EPHO_FFT_TRANSPOSE8(im + r0 * nc, nc, bi, E, p.nc, false);
+    } else
+#endif
+      for (int l = 0; l < E; ++l) {
+        float* sr = re + (r0 + l) * nc;
+        float* si = im + (r0 + l) * nc;
+        for (int c = 0; c < p.nc; ++c) sr[c] = br[c * E + l], si[c] = bi[c * E + l];
+      }
   }
 }
 

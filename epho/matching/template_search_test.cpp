@@ -2,11 +2,13 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "epho/matching.h"
+#include "epho/matching/ncc_fft_internal.h"
 #include "epho/matching/ncc_paths_internal.h"
 
 namespace {
@@ -217,6 +219,67 @@ TEST_P(TemplateSearchPaths, TransformTilesAgreeWithDirect) {
     EXPECT_GT(direct.coefficient, 0.9);
     EXPECT_GE(direct.column, x0 + 256 - 2 * hw);  // beyond the first tile
   }
+}
+
+// The transform bodies promise the same single-precision operations in every
+// lane on every path: the 8-lane (AVX2) correlation equals the 4-lane one
+// bit for bit, and both equal the correlation computed directly.
+TEST(TransformCorrelation, EveryBodyGivesTheSameBits) {
+  if (!epho::VectorPathRuns(epho::VectorPath::kAvx2)) GTEST_SKIP() << "no AVX2";
+  const int nr = 32, nc = 64, th = 5, tw = 7;
+  std::vector<float> tw_r(nr), tw_c(nc);
+  for (int k = 0; k < nr / 2; ++k)
+    tw_r[2 * k] = float(std::cos(-2 * M_PI * k / nr)),
+             tw_r[2 * k + 1] = float(std::sin(-2 * M_PI * k / nr));
+  for (int k = 0; k < nc / 2; ++k)
+    tw_c[2 * k] = float(std::cos(-2 * M_PI * k / nc)),
+             tw_c[2 * k + 1] = float(std::sin(-2 * M_PI * k / nc));
+  auto negated = [](int n) {  // bit-reversed position of -k
+    int bits = 0;
+    while ((1 << bits) < n) ++bits;
+    auto rev = [bits](int v) {
+      int r = 0;
+      for (int b = 0; b < bits; ++b) r |= ((v >> b) & 1) << (bits - 1 - b);
+      return r;
+    };
+    std::vector<int32_t> neg(n);
+    for (int p = 0; p < n; ++p) neg[p] = rev((n - rev(p)) & (n - 1));
+    return neg;
+  };
+  const std::vector<int32_t> neg_r = negated(nr), neg_c = negated(nc);
+  std::vector<float> strip(4 * 64 * epho_ncc::kFftMaxLanes);
+  const epho_ncc::FftPlan plan{nr,           nc,           tw_r.data(), tw_c.data(),
+                               neg_r.data(), neg_c.data(), strip.data()};
+  std::mt19937 rng(5);
+  std::uniform_real_distribution<float> u(-1, 1);
+  std::vector<float> area(nr * nc), templ(nr * nc, 0.0f);
+  for (auto& v : area) v = u(rng);
+  for (int r = 0; r < th; ++r)
+    for (int c = 0; c < tw; ++c) templ[r * nc + c] = u(rng);
+  std::vector<float> re4 = area, im4 = templ, re8 = area, im8 = templ;
+  epho_ncc::CorrelateFftPortable(plan, re4.data(), im4.data());
+  epho_ncc::CorrelateFftAvx2(plan, re8.data(), im8.data());
+  EXPECT_EQ(std::memcmp(re4.data(), re8.data(), re4.size() * sizeof(float)), 0);
+  for (int y = 0; y + th <= nr; y += 3)
+    for (int x = 0; x + tw <= nc; x += 5) {
+      double direct = 0;
+      for (int r = 0; r < th; ++r)
+        for (int c = 0; c < tw; ++c)
+          direct += double(templ[r * nc + c]) * area[(y + r) * nc + x + c];
+      EXPECT_NEAR(re4[y * nc + x] / double(nr * nc), direct, 1e-5) << x << " " << y;
+    }
+  // The pair form: two areas against the template's spectrum.
+  std::vector<float> sr = templ, si(nr * nc, 0.0f), sr8 = templ, si8 = si;
+  epho_ncc::SpectrumFftPortable(plan, sr.data(), si.data());
+  epho_ncc::SpectrumFftAvx2(plan, sr8.data(), si8.data());
+  std::vector<float> a4 = area, b4(nr * nc), a8, b8;
+  for (auto& v : b4) v = u(rng);
+  a8 = a4, b8 = b4;
+  epho_ncc::CorrelatePairFftPortable(plan, a4.data(), b4.data(), sr.data(), si.data());
+  epho_ncc::CorrelatePairFftAvx2(plan, a8.data(), b8.data(), sr8.data(), si8.data());
+  EXPECT_EQ(std::memcmp(a4.data(), a8.data(), a4.size() * sizeof(float)), 0);
+  EXPECT_EQ(std::memcmp(b4.data(), b8.data(), b4.size() * sizeof(float)), 0);
+  EXPECT_NEAR(a4[0] / double(nr * nc), re4[0] / double(nr * nc), 1e-5);
 }
 
 TEST(TemplateSearch, SubPixelPeakFindsKnownShift) {
