@@ -170,24 +170,66 @@ void Horizontal(const FftPlan& p, float* re, float* im) {
   }
 }
 
+template <class V, int L>
+inline V Reversed(V v) {
+  if constexpr (L == 8)
+    return __builtin_shufflevector(v, v, 7, 6, 5, 4, 3, 2, 1, 0);
+  else
+    return __builtin_shufflevector(v, v, 3, 2, 1, 0);
+}
+
+// The correlation spectrum from Z at k and -k, in place. Every pair (k, -k)
+// is formed once; P(-k) = conj P(k), and the formula gives the same bits
+// from either end (the sums and the difference of squares only change
+// sides), so the order of the work does not show in the result.
+inline void PairScalar(float* re, float* im, std::size_t a, std::size_t b) {
+  const float zr = re[a], zi = im[a], mr = re[b], mi = im[b];
+  const float pre = 0.5f * (zr * mi + zi * mr);
+  const float pim = 0.25f * ((zr * zr + zi * zi) - (mr * mr + mi * mi));
+  re[a] = pre, im[a] = pim;
+  re[b] = pre, im[b] = -pim;
+}
+
+template <class V, int L>
+void Product(const FftPlan& p, float* re, float* im) {
+  const std::size_t nc = p.nc;
+  for (int pr = 0; pr < p.nr; ++pr) {
+    const std::size_t qr = p.negate_r[pr];
+    if (qr < static_cast<std::size_t>(pr)) continue;  // done from row qr
+    if (qr == static_cast<std::size_t>(pr)) {         // rows paired with themselves
+      for (int pc = 0; pc < p.nc; ++pc) {
+        const std::size_t a = pr * nc + pc, b = qr * nc + p.negate_c[pc];
+        if (b >= a) PairScalar(re, im, a, b);
+      }
+      continue;
+    }
+    float* ar = re + pr * nc;
+    float* ai = im + pr * nc;
+    float* br = re + qr * nc;
+    float* bi = im + qr * nc;
+    // In bit-reversed order -k of a column in [2^m, 2^(m+1)) is 3 * 2^m - 1
+    // minus it: the blocks of L columns and more pair with reversed blocks.
+    for (int pc = 0; pc < L && pc < p.nc; ++pc)
+      PairScalar(re, im, pr * nc + pc, qr * nc + p.negate_c[pc]);
+    for (int m = L; m < p.nc; m *= 2)
+      for (int pc = m; pc < 2 * m; pc += L) {
+        const int q = 3 * m - L - pc;
+        const V zr = Load<V>(ar + pc), zi = Load<V>(ai + pc);
+        const V mr = Reversed<V, L>(Load<V>(br + q)), mi = Reversed<V, L>(Load<V>(bi + q));
+        const V pre = 0.5f * (zr * mi + zi * mr);
+        const V pim = 0.25f * ((zr * zr + zi * zi) - (mr * mr + mi * mi));
+        Store(ar + pc, pre), Store(ai + pc, pim);
+        Store(br + q, Reversed<V, L>(pre)), Store(bi + q, Reversed<V, L>(-pim));
+      }
+  }
+}
+
 // Z = A + iT in (re, im) -> nr * nc times the correlation in re.
 template <class V, int L>
 void Correlate(const FftPlan& p, float* re, float* im) {
   Vertical<V, L, true>(p, re, im);
   Horizontal<V, L, true>(p, re, im);
-  const std::size_t nc = p.nc;
-  for (int pr = 0; pr < p.nr; ++pr) {
-    const std::size_t qr = p.negate_r[pr];
-    for (int pc = 0; pc < p.nc; ++pc) {
-      const std::size_t a = pr * nc + pc, b = qr * nc + p.negate_c[pc];
-      if (b < a) continue;  // the pair was done from its other end
-      const float zr = re[a], zi = im[a], mr = re[b], mi = im[b];
-      const float pre = 0.5f * (zr * mi + zi * mr);
-      const float pim = 0.25f * ((zr * zr + zi * zi) - (mr * mr + mi * mi));
-      re[a] = pre, im[a] = pim;
-      re[b] = pre, im[b] = -pim;
-    }
-  }
+  Product<V, L>(p, re, im);
   Horizontal<V, L, false>(p, re, im);
   Vertical<V, L, false>(p, re, im);
 }
