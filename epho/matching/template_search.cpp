@@ -417,10 +417,13 @@ FftLayout MakeFftLayout(const Geometry& g) {
 
 // Measured cost model (bench/matching_bench.cpp prints the same figures in
 // its "switch point" rows): the direct search's time per candidate and
-// template pixel, and the transform's per tile point and level
-// (tiles * n * log2 n), in nanoseconds, per path. Fitted on windows of 64 to
-// 1024 pixels and templates of 11 to 41 on one AMD EPYC core; the direct
-// figures are those of templates of 21 and more, where the choice is made.
+// template pixel, and the transform's per point and level of one packed
+// correlation (n log2 n for an n-point tile; several tiles cost half a
+// correlation each, plus half for the template's spectrum), in
+// nanoseconds, per path. Fitted on windows of 64 to
+// 1024 pixels and templates of 11 to 41 on one AMD EPYC core (processor
+// time, so that a shared machine does not skew them); the direct figures
+// are those of templates of 21 and more, where the choice is made.
 struct CostModel {
   double direct_byte, direct_float, transform;
 };
@@ -428,13 +431,13 @@ struct CostModel {
 CostModel Costs(VectorPath path) {
   switch (path) {
     case VectorPath::kAvx2:
-      return {0.021, 0.033, 0.68};
+      return {0.022, 0.033, 0.58};
     case VectorPath::kSse2:
-      return {0.040, 0.30, 0.95};
+      return {0.036, 0.29, 0.75};
     case VectorPath::kPortable:
       break;
   }
-  return {0.40, 0.30, 0.95};
+  return {0.37, 0.29, 0.75};
 }
 
 bool TransformPays(VectorPath path, const Geometry& g, const FftLayout& f, bool byte) {
