@@ -144,7 +144,7 @@ Run RunProcess(const std::vector<std::string>& argv) {
     for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
     int devnull = open("/dev/null", O_WRONLY);
-    if (devnull >= 0) dup2(devnull, 1);
+    if (devnull >= 0) dup2(devnull, 1), dup2(devnull, 2);  // the tool's progress lines
     execvp(args[0], args.data());
     _exit(127);
   }

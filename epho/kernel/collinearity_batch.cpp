@@ -32,16 +32,25 @@ bool RadialLens(const Epho_CountedDoubles* lens, const Epho_CountedDoubles* addi
   return false;
 }
 
-// The same expression as epho_CameraObjectToImage, for every point.
-template <bool kFlags>
+// The same expression as epho_CameraObjectToImage, for every point; with
+// kRadial the radial lens model (coefficients c) follows in the same pass.
+template <bool kFlags, bool kRadial>
 int32_t Collinearity(const double* m, int32_t count, const double* __restrict gx,
                      const double* __restrict gy, const double* __restrict gz,
-                     double* __restrict fx, double* __restrict fy, uint8_t* __restrict failed) {
+                     double* __restrict fx, double* __restrict fy, uint8_t* __restrict failed,
+                     const double* c) {
+  const double c0 = kRadial ? c[0] : 0.0, c1 = kRadial ? c[1] : 0.0, c2 = kRadial ? c[2] : 0.0;
   int32_t bad = 0;
   for (int32_t i = 0; i < count; ++i) {
     const double w = m[0] + m[1] * gx[i] + m[2] * gy[i] + m[3] * gz[i];
-    const double u = (m[4] + m[5] * gx[i] + m[6] * gy[i] + m[7] * gz[i]) / w;
-    const double v = (m[8] + m[9] * gx[i] + m[10] * gy[i] + m[11] * gz[i]) / w;
+    double u = (m[4] + m[5] * gx[i] + m[6] * gy[i] + m[7] * gz[i]) / w;
+    double v = (m[8] + m[9] * gx[i] + m[10] * gy[i] + m[11] * gz[i]) / w;
+    if (kRadial) {
+      const double r2 = u * u + v * v;
+      const double f = c0 + c1 * r2 + c2 * r2 * r2;
+      u = u + u * f;
+      v = v + v * f;
+    }
     fx[i] = w == 0.0 ? kNaN : u;
     fy[i] = w == 0.0 ? kNaN : v;
     bad += w == 0.0;
@@ -69,14 +78,17 @@ int32_t epho_CameraObjectToImageBatch(const Epho_FilmProjection* projection, int
   const double* __restrict gz = Z;
   double* __restrict fx = x;
   double* __restrict fy = y;
-  const int32_t bad = failed ? Collinearity<true>(m, count, gx, gy, gz, fx, fy, failed)
-                             : Collinearity<false>(m, count, gx, gy, gz, fx, fy, nullptr);
+  const double* c = nullptr;
+  if (p.correction_kind <= 1 && RadialLens(p.lens, p.additional, &c))  // all in one pass
+    return failed ? Collinearity<true, true>(m, count, gx, gy, gz, fx, fy, failed, c)
+                  : Collinearity<false, true>(m, count, gx, gy, gz, fx, fy, nullptr, c);
+  const int32_t bad = failed ? Collinearity<true, false>(m, count, gx, gy, gz, fx, fy, failed, c)
+                             : Collinearity<false, false>(m, count, gx, gy, gz, fx, fy, nullptr, c);
   if (p.correction_kind > 1)
     for (int32_t i = 0; i < count; ++i)
       epho_CameraAwayCorrection(p.correction_kind, p.flying_height, gz[i], p.focal, &fx[i], &fy[i],
                                 0);
   if (!HasLens(p)) return bad;
-  const double* c = nullptr;
   if (RadialLens(p.lens, p.additional, &c)) {
     const double c0 = c[0], c1 = c[1], c2 = c[2];
     for (int32_t i = 0; i < count; ++i) {

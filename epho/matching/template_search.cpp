@@ -420,18 +420,20 @@ FftLayout MakeFftLayout(const Geometry& g) {
 // template pixel, and the transform's per point and level of one packed
 // correlation (n log2 n for an n-point tile; several tiles cost half a
 // correlation each, plus half for the template's spectrum), in
-// nanoseconds, per path. Fitted on windows of 64 to
-// 1024 pixels and templates of 11 to 41 on one AMD EPYC core (processor
-// time, so that a shared machine does not skew them); the direct figures
-// are those of templates of 21 and more, where the choice is made.
+// nanoseconds, per path. Fitted on windows of 64 to 1024 pixels and
+// templates of 11 to 41 on one AMD EPYC core, in processor time so that a
+// shared machine does not skew them: the AVX2 figures from the optimised
+// (-O3) build of `make bench`, the others from the -O2 build; the direct
+// figures are the mean over templates of 21 and more, where the choice is
+// made.
 struct CostModel {
   double direct_byte, direct_float, transform;
 };
 
 CostModel Costs(VectorPath path) {
   switch (path) {
-    case VectorPath::kAvx2:
-      return {0.022, 0.033, 0.58};
+    case VectorPath::kAvx2:  // the optimised (-O3) build's figures
+      return {0.024, 0.034, 0.45};
     case VectorPath::kSse2:
       return {0.036, 0.29, 0.75};
     case VectorPath::kPortable:
