@@ -13,14 +13,9 @@
 #include <cmath>
 #include <cstdint>
 
-#if defined(__x86_64__) || defined(__i386__)
-#include <immintrin.h>
-#endif
-
 #include "epho/matching.h"
 #include "epho/matching/ncc_internal.h"
-
-int epho_ncc::g_vector_path = 0;
+#include "epho/matching/ncc_paths_internal.h"
 
 namespace {
 
@@ -94,239 +89,24 @@ double WholePixelReal(const P* left, const P* right, uint32_t ls, uint32_t rs, u
 // Rounds an interpolated grey value half up to a whole number.
 inline int32_t RoundGrey(double v) { return static_cast<int32_t>(v + 0.5); }
 
-// Byte whole-pixel kernel, the hot path of a search. The five sums are
-// exact integers; 16-bit multiply-adds put two products in each 32-bit lane,
-// and lanes are flushed into 64-bit totals before they could overflow (a step
-// adds at most 2 * 255^2 = 130050 to a lane). A row whose width is not a
-// multiple of the vector is finished by reloading its last pixels with the
-// ones already counted masked to zero, so no load leaves the window.
-struct ByteSums {
-  int64_t l = 0, ll = 0, r = 0, rr = 0, lr = 0;
-};
-
-// The coefficient with every sum scaled by n, in exact integers up to the
-// final square root: n * var = n * sum(x^2) - sum(x)^2.
-inline double ByteCoefficient(const ByteSums& t, int64_t n) {
-  if (n > 10000000)  // n * sum(x^2) could leave 64 bits: plain double sums
-    return CrossCoefficient(static_cast<double>(n), static_cast<double>(t.l),
-                            static_cast<double>(t.ll), static_cast<double>(t.r),
-                            static_cast<double>(t.rr), static_cast<double>(t.lr));
-  const int64_t var_l = n * t.ll - t.l * t.l, var_r = n * t.rr - t.r * t.r;
-  if (var_l == 0 || var_r == 0) return 0.0;
-  return static_cast<double>(n * t.lr - t.l * t.r) /
-         std::sqrt(static_cast<double>(var_l) * static_cast<double>(var_r));
-}
-
-constexpr int kFlushSteps = 16000;
-
-// 16 zero bytes then 16 0xFF bytes: 16 (or 8) bytes loaded from
-// kLeadZeros + 16 - m have m leading zero bytes.
-alignas(32) const uint8_t kLeadZeros[32] = {
-    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,
-    0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
-
-double ByteCoefScalar(const uint8_t* pl, const uint8_t* pr, ptrdiff_t ls, ptrdiff_t rs, int w,
-                      int h, int64_t n) {
-  ByteSums t;
-  for (int i = 0; i < h; ++i, pl += ls, pr += rs)
-    for (int j = 0; j < w; ++j) {
-      const int64_t a = pl[j], b = pr[j];
-      t.l += a, t.ll += a * a, t.r += b, t.rr += b * b, t.lr += a * b;
-    }
-  return ByteCoefficient(t, n);
-}
-
-#if defined(__SSE2__)
-// SSE2: 16 and 8 pixels a step; needs w >= 8.
-double ByteCoefSse2(const uint8_t* pl, const uint8_t* pr, ptrdiff_t ls, ptrdiff_t rs, int w, int h,
-                    int64_t n) {
-  const __m128i zero = _mm_setzero_si128(), ones = _mm_set1_epi16(1);
-  __m128i vl = zero, vll = zero, vr = zero, vrr = zero, vlr = zero;
-  ByteSums t;
-  int steps = 0;
-  auto total = [](__m128i v) {
-    alignas(16) int32_t q[4];
-    _mm_store_si128(reinterpret_cast<__m128i*>(q), v);
-    return static_cast<int64_t>(q[0]) + q[1] + q[2] + q[3];
-  };
-  auto flush = [&]() {
-    t.l += total(vl), t.ll += total(vll), t.r += total(vr), t.rr += total(vrr), t.lr += total(vlr);
-    vl = vll = vr = vrr = vlr = zero;
-    steps = 0;
-  };
-  auto step = [&](__m128i a, __m128i b) {  // eight 16-bit pixels each
-    vl = _mm_add_epi32(vl, _mm_madd_epi16(a, ones));
-    vll = _mm_add_epi32(vll, _mm_madd_epi16(a, a));
-    vr = _mm_add_epi32(vr, _mm_madd_epi16(b, ones));
-    vrr = _mm_add_epi32(vrr, _mm_madd_epi16(b, b));
-    vlr = _mm_add_epi32(vlr, _mm_madd_epi16(a, b));
-    ++steps;
-  };
-  for (int i = 0; i < h; ++i, pl += ls, pr += rs) {
-    int j = 0;
-    for (; j + 16 <= w; j += 16) {
-      const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pl + j));
-      const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pr + j));
-      step(_mm_unpacklo_epi8(a, zero), _mm_unpacklo_epi8(b, zero));
-      step(_mm_unpackhi_epi8(a, zero), _mm_unpackhi_epi8(b, zero));
-    }
-    if (j + 8 <= w) {
-      step(_mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(pl + j)), zero),
-           _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(pr + j)), zero));
-      j += 8;
-    }
-    if (j < w) {  // the last 8 pixels, those already counted masked out
-      const __m128i m = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(kLeadZeros + 8 + (w - j)));
-      const __m128i a =
-          _mm_and_si128(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(pl + w - 8)), m);
-      const __m128i b =
-          _mm_and_si128(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(pr + w - 8)), m);
-      step(_mm_unpacklo_epi8(a, zero), _mm_unpacklo_epi8(b, zero));
-    }
-    if (steps >= kFlushSteps) flush();
-  }
-  flush();
-  return ByteCoefficient(t, n);
-}
-#endif
-
-#if defined(__x86_64__) || defined(__i386__)
-struct Avx2Lanes {
-  __m256i l, ll, r, rr, lr;
-};
-
-__attribute__((target("avx2"))) inline void Avx2Clear(Avx2Lanes* v) {
-  v->l = v->ll = v->r = v->rr = v->lr = _mm256_setzero_si256();
-}
-
-__attribute__((target("avx2"))) inline int64_t Avx2Total(const __m256i* v) {
-  alignas(32) int32_t q[8];
-  _mm256_store_si256(reinterpret_cast<__m256i*>(q), *v);
-  return static_cast<int64_t>(q[0]) + q[1] + q[2] + q[3] + q[4] + q[5] + q[6] + q[7];
-}
-
-// Adds the lanes into t when the lane totals fit in 32 bits (at most
-// kQuickSteps steps since the last flush): a few horizontal adds instead of
-// eight scalar ones per sum.
-constexpr int kQuickSteps = 2000;  // 2000 * 8 lanes * 130050 < 2^31
-
-__attribute__((target("avx2"))) inline void Avx2QuickFlush(const Avx2Lanes* v, ByteSums* t) {
-  const __m256i a =
-      _mm256_hadd_epi32(_mm256_hadd_epi32(v->l, v->ll), _mm256_hadd_epi32(v->r, v->rr));
-  const __m256i b =
-      _mm256_hadd_epi32(_mm256_hadd_epi32(v->lr, v->lr), _mm256_hadd_epi32(v->lr, v->lr));
-  const __m128i sa = _mm_add_epi32(_mm256_castsi256_si128(a), _mm256_extracti128_si256(a, 1));
-  const __m128i sb = _mm_add_epi32(_mm256_castsi256_si128(b), _mm256_extracti128_si256(b, 1));
-  t->l += _mm_cvtsi128_si32(sa);
-  t->ll += _mm_extract_epi32(sa, 1);
-  t->r += _mm_extract_epi32(sa, 2);
-  t->rr += _mm_extract_epi32(sa, 3);
-  t->lr += _mm_cvtsi128_si32(sb);
-}
-
-__attribute__((target("avx2"))) inline void Avx2Flush(Avx2Lanes* v, ByteSums* t) {
-  t->l += Avx2Total(&v->l), t->ll += Avx2Total(&v->ll), t->r += Avx2Total(&v->r);
-  t->rr += Avx2Total(&v->rr), t->lr += Avx2Total(&v->lr);
-  Avx2Clear(v);
-}
-
-// Sixteen 8-bit pixels of each side.
-__attribute__((target("avx2"))) inline void Avx2Step(Avx2Lanes* v, __m128i a8, __m128i b8) {
-  const __m256i ones = _mm256_set1_epi16(1);
-  const __m256i a = _mm256_cvtepu8_epi16(a8), b = _mm256_cvtepu8_epi16(b8);
-  v->l = _mm256_add_epi32(v->l, _mm256_madd_epi16(a, ones));
-  v->ll = _mm256_add_epi32(v->ll, _mm256_madd_epi16(a, a));
-  v->r = _mm256_add_epi32(v->r, _mm256_madd_epi16(b, ones));
-  v->rr = _mm256_add_epi32(v->rr, _mm256_madd_epi16(b, b));
-  v->lr = _mm256_add_epi32(v->lr, _mm256_madd_epi16(a, b));
-}
-
-// First 8 and last 8 pixels of a row 8..16 wide, the overlap masked by m.
-inline __m128i HeadAndTail8(const uint8_t* p, int w, __m128i m) {
-  return _mm_unpacklo_epi64(
-      _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)),
-      _mm_and_si128(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + w - 8)), m));
-}
-
-// AVX2: 16 pixels a step; a row of 8..16 pixels is one step. Needs w >= 8.
-__attribute__((target("avx2"))) double ByteCoefAvx2(const uint8_t* pl, const uint8_t* pr,
-                                                    ptrdiff_t ls, ptrdiff_t rs, int w, int h,
-                                                    int64_t n) {
-  Avx2Lanes v;
-  Avx2Clear(&v);
-  ByteSums t;
-  int steps = 0;
-  const __m128i tail16 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(kLeadZeros + (w & 15)));
-  const __m128i tail8 = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(kLeadZeros + (w & 15)));
-  if (w < 16) {
-    // The common template widths 9..15: one step per row, no inner loop.
-    for (int i0 = 0; i0 < h; i0 += kFlushSteps) {
-      const int rows = std::min(h - i0, kFlushSteps);
-      for (int i = 0; i < rows; ++i, pl += ls, pr += rs)
-        Avx2Step(&v, HeadAndTail8(pl, w, tail8), HeadAndTail8(pr, w, tail8));
-      steps = rows;
-      if (i0 + rows < h) {
-        Avx2Flush(&v, &t);
-        steps = 0;
-      }
-    }
-  } else {
-    for (int i = 0; i < h; ++i, pl += ls, pr += rs) {
-      int j = 0;
-      for (; j + 16 <= w; j += 16, ++steps)
-        Avx2Step(&v, _mm_loadu_si128(reinterpret_cast<const __m128i*>(pl + j)),
-                 _mm_loadu_si128(reinterpret_cast<const __m128i*>(pr + j)));
-      if (j < w) {  // the last 16 pixels, the first 16 - (w - j) masked out
-        Avx2Step(
-            &v,
-            _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pl + w - 16)), tail16),
-            _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pr + w - 16)), tail16));
-        ++steps;
-      }
-      if (steps >= kFlushSteps) {
-        Avx2Flush(&v, &t);
-        steps = 0;
-      }
-    }
-  }
-  if (steps <= kQuickSteps)
-    Avx2QuickFlush(&v, &t);
-  else
-    Avx2Flush(&v, &t);
-  return ByteCoefficient(t, n);
-}
-#endif
-
-using ByteCoefFn = double (*)(const uint8_t*, const uint8_t*, ptrdiff_t, ptrdiff_t, int, int,
-                              int64_t);
-
-ByteCoefFn ChooseByteCoef() {
-#if defined(__x86_64__) || defined(__i386__)
-  if (__builtin_cpu_supports("avx2")) return ByteCoefAvx2;
-#endif
-#if defined(__SSE2__)
-  return ByteCoefSse2;
-#else
-  return ByteCoefScalar;
-#endif
-}
-
-double ByteWholePixel(const uint8_t* left, const uint8_t* right, uint32_t ls, uint32_t rs,
-                      uint32_t lx, uint32_t ly, uint32_t rx, uint32_t ry, int16_t width,
-                      int16_t height) {
-  static const ByteCoefFn vector_coef = ChooseByteCoef();
+// The 8-bit whole-pixel kernel on a given vector path (the bodies are in
+// ncc_byte_portable.cpp and ncc_byte_x86.cpp; all form the same exact
+// integer sums). Windows narrower than 8 pixels always take the portable body.
+double ByteWholePixel(epho::VectorPath path, const uint8_t* left, const uint8_t* right, uint32_t ls,
+                      uint32_t rs, uint32_t lx, uint32_t ly, uint32_t rx, uint32_t ry,
+                      int16_t width, int16_t height) {
   const int hw = width / 2, hh = height / 2;
   if (hw < 0 || hh < 0) return 0.0;
   const int w = 2 * hw + 1, h = 2 * hh + 1;
   const uint8_t* pl = Corner(left, ls, lx, ly, hw, hh);
   const uint8_t* pr = Corner(right, rs, rx, ry, hw, hh);
-  ByteCoefFn coef = w < 8 ? ByteCoefScalar : vector_coef;
-  if (epho_ncc::g_vector_path != 0) {  // pinned by a test
-#if defined(__SSE2__)
-    if (epho_ncc::g_vector_path == 1 && w >= 8) coef = ByteCoefSse2;
+  epho_ncc::ByteCoefFn coef = epho_ncc::ByteCoefPortable;
+#if EPHO_NCC_X86
+  if (w >= 8 && path == epho::VectorPath::kAvx2) coef = epho_ncc::ByteCoefAvx2;
+  if (w >= 8 && path == epho::VectorPath::kSse2) coef = epho_ncc::ByteCoefSse2;
+#else
+  (void)path;
 #endif
-    if (epho_ncc::g_vector_path == 2) coef = ByteCoefScalar;
-  }
   return coef(pl, pr, ls, rs, w, h, static_cast<int64_t>(w) * h);
 }
 
@@ -388,7 +168,8 @@ extern "C" {
 double epho_CrossCoefByteNoResample(const uint8_t* left, const uint8_t* right, uint32_t leftStride,
                                     uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t rx,
                                     uint32_t ry, int16_t width, int16_t height) {
-  return ByteWholePixel(left, right, leftStride, rightStride, lx, ly, rx, ry, width, height);
+  static const epho::VectorPath path = epho::BestVectorPath();
+  return ByteWholePixel(path, left, right, leftStride, rightStride, lx, ly, rx, ry, width, height);
 }
 
 double epho_CrossCoefU16NoResample(const uint16_t* left, const uint16_t* right, uint32_t leftStride,
@@ -515,3 +296,10 @@ double epho_CrossCoefU32Shift(const uint32_t* left, const uint32_t* right, uint3
 }
 
 }  // extern "C"
+
+double epho_ncc::CrossCoefByteNoResample(epho::VectorPath path, const uint8_t* left,
+                                         const uint8_t* right, uint32_t leftStride,
+                                         uint32_t rightStride, uint32_t lx, uint32_t ly,
+                                         uint32_t rx, uint32_t ry, int16_t width, int16_t height) {
+  return ByteWholePixel(path, left, right, leftStride, rightStride, lx, ly, rx, ry, width, height);
+}

@@ -63,14 +63,6 @@ inline double BilinearHalfPixel(const P* image, std::ptrdiff_t stride, double u,
 
 }  // namespace epho_ncc
 
-namespace epho_ncc {
-// Which vector code runs in the byte kernel and the template search: 0 the
-// best the processor has, 1 no AVX2 (SSE2 where available), 2 plain C++.
-// Tests pin it to cover every path; not thread-safe, leave it 0 otherwise.
-extern int g_vector_path;
-inline void SetVectorPathForTesting(int path) { g_vector_path = path; }
-}  // namespace epho_ncc
-
 // Cross sums with the first window mirrored, for the symmetry-centre search:
 //   RowMirror:    sum A(x1+j, y1-i) * B(x2+j, y2+i)  (first window bottom row first)
 //   ColumnMirror: sum A(x1-j, y1+i) * B(x2+j, y2+i)  (first window right to left)

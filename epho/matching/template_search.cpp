@@ -11,29 +11,30 @@
 // Candidates are ranked without square roots (BestTracker); the coefficient
 // reported at the best position and the neighbours used for the sub-pixel
 // peak come from the NoResample kernel itself, so the reported value is the
-// kernel's. Vector width is chosen at run time (AVX2 when the processor has
-// it, SSE2 otherwise). All work memory is the caller's scratch block.
+// kernel's. The vector bodies are in template_search_x86.cpp and
+// template_search_portable.cpp; the caller names the path. All work memory
+// is the caller's scratch block.
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <limits>
-
-#if defined(__x86_64__) || defined(__i386__)
-#include <immintrin.h>
-#define EPHO_SEARCH_X86 1
-#endif
+#include <type_traits>
 
 #include "epho/matching.h"
+#include "epho/matching/ncc_fft_internal.h"
 #include "epho/matching/ncc_internal.h"
+#include "epho/matching/ncc_paths_internal.h"
 
 namespace {
 
 using std::ptrdiff_t;
 using std::size_t;
 
-constexpr size_t kBlock = 32;  // candidate columns computed together
-constexpr size_t kPad = 8;     // candidate rows are padded to this many columns
+using epho::VectorPath;
+using epho_ncc::SearchMethod;
+constexpr size_t kPad = epho_ncc::kSearchPad;
 constexpr uint32_t kMaxRange = 1u << 14;
 
 inline size_t RoundUp(size_t v, size_t m) { return (v + m - 1) / m * m; }
@@ -92,316 +93,6 @@ bool ArgumentsValid(uint32_t hw, uint32_t hh, uint32_t rxMin, uint32_t ryMin, ui
          ryMin >= hh;
 }
 
-#if EPHO_SEARCH_X86
-bool HaveAvx2() {
-  static const bool have = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
-  return have && epho_ncc::g_vector_path == 0;
-}
-
-// ---- 8-bit cross products: out[x] = sum T * I over the window at column x.
-// `pairs` points at the first stored row of the window, `coef` holds per
-// template row the packed pairs (T[2p], T[2p+1]) as 32-bit patterns.
-__attribute__((target("avx2"))) void CrossRowByteAvx2(const int32_t* pairs, size_t stride,
-                                                      const int32_t* coef, int th, int npairs,
-                                                      size_t cols_padded, int32_t* out) {
-  size_t xb = 0;
-  for (; xb + kBlock <= cols_padded; xb += kBlock) {
-    __m256i a0 = _mm256_setzero_si256(), a1 = a0, a2 = a0, a3 = a0;
-    for (int tr = 0; tr < th; ++tr) {
-      const int32_t* row = pairs + tr * stride + xb;
-      const int32_t* c = coef + tr * npairs;
-      for (int p = 0; p < npairs; ++p) {
-        const __m256i k = _mm256_set1_epi32(c[p]);
-        const int32_t* q = row + 2 * p;
-        a0 = _mm256_add_epi32(a0, _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)q), k));
-        a1 =
-            _mm256_add_epi32(a1, _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)(q + 8)), k));
-        a2 = _mm256_add_epi32(a2,
-                              _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)(q + 16)), k));
-        a3 = _mm256_add_epi32(a3,
-                              _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)(q + 24)), k));
-      }
-    }
-    _mm256_storeu_si256((__m256i*)(out + xb), a0);
-    _mm256_storeu_si256((__m256i*)(out + xb + 8), a1);
-    _mm256_storeu_si256((__m256i*)(out + xb + 16), a2);
-    _mm256_storeu_si256((__m256i*)(out + xb + 24), a3);
-  }
-  for (; xb < cols_padded; xb += 8) {  // the last columns, 8 at a time
-    __m256i a0 = _mm256_setzero_si256();
-    for (int tr = 0; tr < th; ++tr) {
-      const int32_t* row = pairs + tr * stride + xb;
-      const int32_t* c = coef + tr * npairs;
-      for (int p = 0; p < npairs; ++p)
-        a0 = _mm256_add_epi32(a0,
-                              _mm256_madd_epi16(_mm256_loadu_si256((const __m256i*)(row + 2 * p)),
-                                                _mm256_set1_epi32(c[p])));
-    }
-    _mm256_storeu_si256((__m256i*)(out + xb), a0);
-  }
-}
-
-void CrossRowByteSse2(const int32_t* pairs, size_t stride, const int32_t* coef, int th, int npairs,
-                      size_t cols_padded, int32_t* out) {
-  size_t xb = 0;
-  for (; xb + 16 <= cols_padded; xb += 16) {
-    __m128i a0 = _mm_setzero_si128(), a1 = a0, a2 = a0, a3 = a0;
-    for (int tr = 0; tr < th; ++tr) {
-      const int32_t* row = pairs + tr * stride + xb;
-      const int32_t* c = coef + tr * npairs;
-      for (int p = 0; p < npairs; ++p) {
-        const __m128i k = _mm_set1_epi32(c[p]);
-        const int32_t* q = row + 2 * p;
-        a0 = _mm_add_epi32(a0, _mm_madd_epi16(_mm_loadu_si128((const __m128i*)q), k));
-        a1 = _mm_add_epi32(a1, _mm_madd_epi16(_mm_loadu_si128((const __m128i*)(q + 4)), k));
-        a2 = _mm_add_epi32(a2, _mm_madd_epi16(_mm_loadu_si128((const __m128i*)(q + 8)), k));
-        a3 = _mm_add_epi32(a3, _mm_madd_epi16(_mm_loadu_si128((const __m128i*)(q + 12)), k));
-      }
-    }
-    _mm_storeu_si128((__m128i*)(out + xb), a0);
-    _mm_storeu_si128((__m128i*)(out + xb + 4), a1);
-    _mm_storeu_si128((__m128i*)(out + xb + 8), a2);
-    _mm_storeu_si128((__m128i*)(out + xb + 12), a3);
-  }
-  for (; xb < cols_padded; xb += 4) {
-    __m128i a0 = _mm_setzero_si128();
-    for (int tr = 0; tr < th; ++tr) {
-      const int32_t* row = pairs + tr * stride + xb;
-      const int32_t* c = coef + tr * npairs;
-      for (int p = 0; p < npairs; ++p)
-        a0 = _mm_add_epi32(a0, _mm_madd_epi16(_mm_loadu_si128((const __m128i*)(row + 2 * p)),
-                                              _mm_set1_epi32(c[p])));
-    }
-    _mm_storeu_si128((__m128i*)(out + xb), a0);
-  }
-}
-
-// ---- float cross products: out[x] = sum T' * F over the window at column x.
-// Columns [from, cols_padded) of one row, 8 at a time, four independent chains.
-__attribute__((target("avx2,fma"))) void CrossTailFloatAvx2(const float* area, size_t stride,
-                                                            const float* templ, int th, int tw,
-                                                            size_t from, size_t cols_padded,
-                                                            float* out) {
-  for (size_t xb = from; xb < cols_padded; xb += 8) {
-    __m256 a0 = _mm256_setzero_ps(), a1 = a0, a2 = a0, a3 = a0;
-    for (int tr = 0; tr < th; ++tr) {
-      const float* row = area + tr * stride + xb;
-      const float* t = templ + tr * tw;
-      int tc = 0;
-      for (; tc + 4 <= tw; tc += 4) {
-        a0 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc), _mm256_set1_ps(t[tc]), a0);
-        a1 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc + 1), _mm256_set1_ps(t[tc + 1]), a1);
-        a2 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc + 2), _mm256_set1_ps(t[tc + 2]), a2);
-        a3 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc + 3), _mm256_set1_ps(t[tc + 3]), a3);
-      }
-      for (; tc < tw; ++tc)
-        a0 = _mm256_fmadd_ps(_mm256_loadu_ps(row + tc), _mm256_set1_ps(t[tc]), a0);
-    }
-    _mm256_storeu_ps(out + xb, _mm256_add_ps(_mm256_add_ps(a0, a1), _mm256_add_ps(a2, a3)));
-  }
-}
-
-__attribute__((target("avx2,fma"))) void CrossRowFloatAvx2(const float* area, size_t stride,
-                                                           const float* templ, int th, int tw,
-                                                           size_t cols_padded, float* out) {
-  size_t xb = 0;
-  for (; xb + kBlock <= cols_padded; xb += kBlock) {
-    __m256 a0 = _mm256_setzero_ps(), a1 = a0, a2 = a0, a3 = a0;
-    for (int tr = 0; tr < th; ++tr) {
-      const float* row = area + tr * stride + xb;
-      const float* t = templ + tr * tw;
-      for (int tc = 0; tc < tw; ++tc) {
-        const __m256 k = _mm256_set1_ps(t[tc]);
-        const float* q = row + tc;
-        a0 = _mm256_fmadd_ps(_mm256_loadu_ps(q), k, a0);
-        a1 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 8), k, a1);
-        a2 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 16), k, a2);
-        a3 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 24), k, a3);
-      }
-    }
-    _mm256_storeu_ps(out + xb, a0);
-    _mm256_storeu_ps(out + xb + 8, a1);
-    _mm256_storeu_ps(out + xb + 16, a2);
-    _mm256_storeu_ps(out + xb + 24, a3);
-  }
-  if (xb < cols_padded) CrossTailFloatAvx2(area, stride, templ, th, tw, xb, cols_padded, out);
-}
-
-// Two neighbouring output rows at once (windows starting at stored rows 0
-// and 1): every loaded vector of the search area serves both, which halves
-// the loads per multiply-add. Needs th + 1 stored rows.
-__attribute__((target("avx2,fma"))) void CrossTwoRowsFloatAvx2(const float* area, size_t stride,
-                                                               const float* templ, int th, int tw,
-                                                               size_t cols_padded, float* out0,
-                                                               float* out1) {
-  size_t xb = 0;
-  for (; xb + kBlock <= cols_padded; xb += kBlock) {
-    __m256 p0 = _mm256_setzero_ps(), p1 = p0, p2 = p0, p3 = p0;  // row 0
-    __m256 q0 = p0, q1 = p0, q2 = p0, q3 = p0;                   // row 1
-    for (int r = 0; r <= th; ++r) {  // stored row r is template row r (row 0), r - 1 (row 1)
-      const float* row = area + r * stride + xb;
-      const float* t0 = templ + r * tw;
-      const float* t1 = templ + (r - 1) * tw;
-      if (r == 0) {
-        for (int tc = 0; tc < tw; ++tc) {
-          const __m256 k = _mm256_set1_ps(t0[tc]);
-          const float* q = row + tc;
-          p0 = _mm256_fmadd_ps(_mm256_loadu_ps(q), k, p0);
-          p1 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 8), k, p1);
-          p2 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 16), k, p2);
-          p3 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 24), k, p3);
-        }
-      } else if (r == th) {
-        for (int tc = 0; tc < tw; ++tc) {
-          const __m256 k = _mm256_set1_ps(t1[tc]);
-          const float* q = row + tc;
-          q0 = _mm256_fmadd_ps(_mm256_loadu_ps(q), k, q0);
-          q1 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 8), k, q1);
-          q2 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 16), k, q2);
-          q3 = _mm256_fmadd_ps(_mm256_loadu_ps(q + 24), k, q3);
-        }
-      } else {
-        for (int tc = 0; tc < tw; ++tc) {
-          const __m256 k0 = _mm256_set1_ps(t0[tc]), k1 = _mm256_set1_ps(t1[tc]);
-          const float* q = row + tc;
-          const __m256 v0 = _mm256_loadu_ps(q), v1 = _mm256_loadu_ps(q + 8);
-          const __m256 v2 = _mm256_loadu_ps(q + 16), v3 = _mm256_loadu_ps(q + 24);
-          p0 = _mm256_fmadd_ps(v0, k0, p0);
-          p1 = _mm256_fmadd_ps(v1, k0, p1);
-          p2 = _mm256_fmadd_ps(v2, k0, p2);
-          p3 = _mm256_fmadd_ps(v3, k0, p3);
-          q0 = _mm256_fmadd_ps(v0, k1, q0);
-          q1 = _mm256_fmadd_ps(v1, k1, q1);
-          q2 = _mm256_fmadd_ps(v2, k1, q2);
-          q3 = _mm256_fmadd_ps(v3, k1, q3);
-        }
-      }
-    }
-    _mm256_storeu_ps(out0 + xb, p0);
-    _mm256_storeu_ps(out0 + xb + 8, p1);
-    _mm256_storeu_ps(out0 + xb + 16, p2);
-    _mm256_storeu_ps(out0 + xb + 24, p3);
-    _mm256_storeu_ps(out1 + xb, q0);
-    _mm256_storeu_ps(out1 + xb + 8, q1);
-    _mm256_storeu_ps(out1 + xb + 16, q2);
-    _mm256_storeu_ps(out1 + xb + 24, q3);
-  }
-  // The last columns, still two rows a pass: 16 and then 8 columns, with the
-  // template columns split over independent chains to keep the adds in flight.
-  if (xb + 16 <= cols_padded) {
-    __m256 p0 = _mm256_setzero_ps(), p1 = p0, p2 = p0,
-           p3 = p0;                             // row 0: cols 0-7, 8-15, even/odd tc
-    __m256 q0 = p0, q1 = p0, q2 = p0, q3 = p0;  // row 1
-    for (int r = 0; r <= th; ++r) {
-      const float* row = area + r * stride + xb;
-      const float* t0 = templ + r * tw;
-      const float* t1 = templ + (r - 1) * tw;
-      const bool first = r<th, second = r> 0;
-      int tc = 0;
-      for (; tc + 2 <= tw; tc += 2) {
-        const __m256 v0 = _mm256_loadu_ps(row + tc), v1 = _mm256_loadu_ps(row + tc + 8);
-        const __m256 w0 = _mm256_loadu_ps(row + tc + 1), w1 = _mm256_loadu_ps(row + tc + 9);
-        if (first) {
-          const __m256 k = _mm256_set1_ps(t0[tc]), l = _mm256_set1_ps(t0[tc + 1]);
-          p0 = _mm256_fmadd_ps(v0, k, p0);
-          p1 = _mm256_fmadd_ps(v1, k, p1);
-          p2 = _mm256_fmadd_ps(w0, l, p2);
-          p3 = _mm256_fmadd_ps(w1, l, p3);
-        }
-        if (second) {
-          const __m256 k = _mm256_set1_ps(t1[tc]), l = _mm256_set1_ps(t1[tc + 1]);
-          q0 = _mm256_fmadd_ps(v0, k, q0);
-          q1 = _mm256_fmadd_ps(v1, k, q1);
-          q2 = _mm256_fmadd_ps(w0, l, q2);
-          q3 = _mm256_fmadd_ps(w1, l, q3);
-        }
-      }
-      if (tc < tw) {
-        const __m256 v0 = _mm256_loadu_ps(row + tc), v1 = _mm256_loadu_ps(row + tc + 8);
-        if (first) {
-          const __m256 k = _mm256_set1_ps(t0[tc]);
-          p0 = _mm256_fmadd_ps(v0, k, p0);
-          p1 = _mm256_fmadd_ps(v1, k, p1);
-        }
-        if (second) {
-          const __m256 k = _mm256_set1_ps(t1[tc]);
-          q0 = _mm256_fmadd_ps(v0, k, q0);
-          q1 = _mm256_fmadd_ps(v1, k, q1);
-        }
-      }
-    }
-    _mm256_storeu_ps(out0 + xb, _mm256_add_ps(p0, p2));
-    _mm256_storeu_ps(out0 + xb + 8, _mm256_add_ps(p1, p3));
-    _mm256_storeu_ps(out1 + xb, _mm256_add_ps(q0, q2));
-    _mm256_storeu_ps(out1 + xb + 8, _mm256_add_ps(q1, q3));
-    xb += 16;
-  }
-  if (xb < cols_padded) {  // 8 columns: four chains per row
-    __m256 p0 = _mm256_setzero_ps(), p1 = p0, p2 = p0, p3 = p0;
-    __m256 q0 = p0, q1 = p0, q2 = p0, q3 = p0;
-    for (int r = 0; r <= th; ++r) {
-      const float* row = area + r * stride + xb;
-      const float* t0 = templ + r * tw;
-      const float* t1 = templ + (r - 1) * tw;
-      const bool first = r<th, second = r> 0;
-      int tc = 0;
-      for (; tc + 4 <= tw; tc += 4) {
-        const __m256 v0 = _mm256_loadu_ps(row + tc), v1 = _mm256_loadu_ps(row + tc + 1);
-        const __m256 v2 = _mm256_loadu_ps(row + tc + 2), v3 = _mm256_loadu_ps(row + tc + 3);
-        if (first) {
-          p0 = _mm256_fmadd_ps(v0, _mm256_set1_ps(t0[tc]), p0);
-          p1 = _mm256_fmadd_ps(v1, _mm256_set1_ps(t0[tc + 1]), p1);
-          p2 = _mm256_fmadd_ps(v2, _mm256_set1_ps(t0[tc + 2]), p2);
-          p3 = _mm256_fmadd_ps(v3, _mm256_set1_ps(t0[tc + 3]), p3);
-        }
-        if (second) {
-          q0 = _mm256_fmadd_ps(v0, _mm256_set1_ps(t1[tc]), q0);
-          q1 = _mm256_fmadd_ps(v1, _mm256_set1_ps(t1[tc + 1]), q1);
-          q2 = _mm256_fmadd_ps(v2, _mm256_set1_ps(t1[tc + 2]), q2);
-          q3 = _mm256_fmadd_ps(v3, _mm256_set1_ps(t1[tc + 3]), q3);
-        }
-      }
-      for (; tc < tw; ++tc) {
-        const __m256 v0 = _mm256_loadu_ps(row + tc);
-        if (first) p0 = _mm256_fmadd_ps(v0, _mm256_set1_ps(t0[tc]), p0);
-        if (second) q0 = _mm256_fmadd_ps(v0, _mm256_set1_ps(t1[tc]), q0);
-      }
-    }
-    _mm256_storeu_ps(out0 + xb, _mm256_add_ps(_mm256_add_ps(p0, p1), _mm256_add_ps(p2, p3)));
-    _mm256_storeu_ps(out1 + xb, _mm256_add_ps(_mm256_add_ps(q0, q1), _mm256_add_ps(q2, q3)));
-  }
-}
-#endif
-
-// Portable versions (and the SSE2-only float path, which the compiler
-// vectorises from this loop).
-void CrossRowBytePortable(const int32_t* pairs, size_t stride, const int32_t* coef, int th,
-                          int npairs, size_t cols_padded, int32_t* out) {
-  for (size_t x = 0; x < cols_padded; ++x) {
-    uint32_t s = 0;
-    for (int tr = 0; tr < th; ++tr) {
-      const int32_t* row = pairs + tr * stride + x;
-      const int32_t* c = coef + tr * npairs;
-      for (int p = 0; p < npairs; ++p) {
-        const uint32_t v = static_cast<uint32_t>(row[2 * p]), k = static_cast<uint32_t>(c[p]);
-        s += (v & 0xFFFF) * (k & 0xFFFF) + (v >> 16) * (k >> 16);
-      }
-    }
-    out[x] = static_cast<int32_t>(s);
-  }
-}
-
-void CrossRowFloatPortable(const float* area, size_t stride, const float* templ, int th, int tw,
-                           size_t cols_padded, float* out) {
-  std::fill(out, out + cols_padded, 0.0f);
-  for (int tr = 0; tr < th; ++tr)
-    for (int tc = 0; tc < tw; ++tc) {
-      const float k = templ[tr * tw + tc];
-      const float* q = area + tr * stride + tc;
-      for (size_t x = 0; x < cols_padded; ++x) out[x] += k * q[x];
-    }
-}
-
 // Window sums along one stored row of column sums: s[x] = sum colsum[x..x+tw-1].
 // The row is cut into four runs slid side by side, so that four independent
 // addition chains hide the latency of floating-point adds.
@@ -427,6 +118,18 @@ void SlideRow(const T* colsum, const T* colsq, const Geometry& g, Visit visit) {
         s[k] += colsum[x + g.tw] - colsum[x];
         ss[k] += colsq[x + g.tw] - colsq[x];
       }
+    }
+}
+
+// The columns 0..cols-1 in the order SlideRow visits them.
+template <class Visit>
+void VisitInSlideOrder(const Geometry& g, Visit visit) {
+  constexpr size_t kChains = 4;
+  const size_t len = (g.cols + kChains - 1) / kChains;
+  for (size_t i = 0; i < len; ++i)
+    for (size_t k = 0; k < kChains; ++k) {
+      const size_t begin = std::min(k * len, g.cols), end = std::min(begin + len, g.cols);
+      if (begin + i < end) visit(begin + i);
     }
 }
 
@@ -488,9 +191,9 @@ char* Aligned(void* scratch) {
   return reinterpret_cast<char*>((p + 63) & ~uintptr_t(63));
 }
 
-int SearchByte(const uint8_t* left, const uint8_t* right, uint32_t ls, uint32_t rs, uint32_t lx,
-               uint32_t ly, const Geometry& g, uint32_t rxMin, uint32_t ryMin, char* base,
-               const Layout& lay, int32_t* best_x, int32_t* best_y, bool* any) {
+int SearchByte(VectorPath path, const uint8_t* left, const uint8_t* right, uint32_t ls, uint32_t rs,
+               uint32_t lx, uint32_t ly, const Geometry& g, uint32_t rxMin, uint32_t ryMin,
+               char* base, const Layout& lay, int32_t* best_x, int32_t* best_y, bool* any) {
   int32_t* pairs = reinterpret_cast<int32_t*>(base + lay.area);
   int32_t* coef = reinterpret_cast<int32_t*>(base + lay.templ);
   int32_t* cross = reinterpret_cast<int32_t*>(base + lay.cross);
@@ -534,22 +237,19 @@ int SearchByte(const uint8_t* left, const uint8_t* right, uint32_t ls, uint32_t 
     *any = false;
     return EPHO_NCC_SEARCH_OK;
   }
-#if EPHO_SEARCH_X86
-  const bool avx2 = HaveAvx2();
-#endif
   for (size_t y = 0; y < g.rows; ++y) {
     // Column sums over rows y .. y+th-1.
     const uint8_t* add = a0 + (y + g.th - 1) * rs;
     for (size_t c = 0; c < g.area_w; ++c) colsum[c] += add[c], colsq[c] += add[c] * add[c];
     const int32_t* prow = pairs + y * g.work_stride;
-#if EPHO_SEARCH_X86
-    if (avx2)
-      CrossRowByteAvx2(prow, g.work_stride, coef, g.th, npairs, g.cols_padded, cross);
-    else if (epho_ncc::g_vector_path != 2)
-      CrossRowByteSse2(prow, g.work_stride, coef, g.th, npairs, g.cols_padded, cross);
+#if EPHO_NCC_X86
+    if (path == VectorPath::kAvx2)
+      epho_ncc::CrossRowByteAvx2(prow, g.work_stride, coef, g.th, npairs, g.cols_padded, cross);
+    else if (path == VectorPath::kSse2)
+      epho_ncc::CrossRowByteSse2(prow, g.work_stride, coef, g.th, npairs, g.cols_padded, cross);
     else
 #endif
-      CrossRowBytePortable(prow, g.work_stride, coef, g.th, npairs, g.cols_padded, cross);
+      epho_ncc::CrossRowBytePortable(prow, g.work_stride, coef, g.th, npairs, g.cols_padded, cross);
     // Exact integers scaled by n: num = n*sum(TI) - sum(T)*sum(I), var = n*sum(II) - sum(I)^2.
     SlideRow(colsum, colsq, g, [&](size_t x, int64_t s, int64_t ss) {
       const int64_t num = n * static_cast<int64_t>(static_cast<uint32_t>(cross[x])) - st * s;
@@ -564,9 +264,9 @@ int SearchByte(const uint8_t* left, const uint8_t* right, uint32_t ls, uint32_t 
   return EPHO_NCC_SEARCH_OK;
 }
 
-int SearchFloat(const float* left, const float* right, uint32_t ls, uint32_t rs, uint32_t lx,
-                uint32_t ly, const Geometry& g, uint32_t rxMin, uint32_t ryMin, char* base,
-                const Layout& lay, int32_t* best_x, int32_t* best_y, bool* any) {
+int SearchFloat(VectorPath path, const float* left, const float* right, uint32_t ls, uint32_t rs,
+                uint32_t lx, uint32_t ly, const Geometry& g, uint32_t rxMin, uint32_t ryMin,
+                char* base, const Layout& lay, int32_t* best_x, int32_t* best_y, bool* any) {
   float* area = reinterpret_cast<float*>(base + lay.area);
   float* templ = reinterpret_cast<float*>(base + lay.templ);
   float* cross_rows = reinterpret_cast<float*>(base + lay.cross);
@@ -608,9 +308,6 @@ int SearchFloat(const float* left, const float* right, uint32_t ls, uint32_t rs,
     *any = false;
     return EPHO_NCC_SEARCH_OK;
   }
-#if EPHO_SEARCH_X86
-  const bool avx2 = HaveAvx2();
-#endif
   for (size_t y = 0; y < g.rows; ++y) {
     const float* add = area + (y + g.th - 1) * g.work_stride;
     for (size_t c = 0; c < g.area_w; ++c) {
@@ -619,16 +316,16 @@ int SearchFloat(const float* left, const float* right, uint32_t ls, uint32_t rs,
     }
     const float* arow = area + y * g.work_stride;
     float* cross = cross_rows + (y & 1) * g.cols_padded;
-#if EPHO_SEARCH_X86
-    if (avx2) {
+#if EPHO_NCC_X86
+    if (path == VectorPath::kAvx2) {
       if ((y & 1) == 0 && y + 1 < g.rows)  // rows y and y + 1 in one pass
-        CrossTwoRowsFloatAvx2(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded, cross,
-                              cross + g.cols_padded);
+        epho_ncc::CrossTwoRowsFloatAvx2(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded,
+                                        cross, cross + g.cols_padded);
       else if ((y & 1) == 0)
-        CrossRowFloatAvx2(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded, cross);
+        epho_ncc::CrossRowFloatAvx2(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded, cross);
     } else
 #endif
-      CrossRowFloatPortable(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded, cross);
+      epho_ncc::CrossRowFloatPortable(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded, cross);
     SlideRow(colsum, colsq, g, [&](size_t x, double s, double ss) {
       const double vr = ss - s * inv_n * s;
       // Relative floor: a window flat up to float rounding counts as flat.
@@ -646,62 +343,566 @@ int SearchFloat(const float* left, const float* right, uint32_t ls, uint32_t rs,
   return EPHO_NCC_SEARCH_OK;
 }
 
+// ---- transform-domain search -------------------------------------------
+//
+// The cross products of every candidate at once from one packed complex
+// transform of the search area and the template (ncc_fft_internal.h), in
+// single precision; the window statistics from the same running sums as the
+// direct search. Single precision only ranks: every candidate whose
+// coefficient could, within a bound on the transform's rounding, reach the
+// best one's is evaluated again exactly (integer sums for 8-bit pixels,
+// double for float), and the ranking and tie rule of the direct search
+// decide among them. For 8-bit pixels the position found is therefore the
+// direct search's.
+
+constexpr size_t kFftMaxPoints = size_t(1) << 22;  // 32 MiB of transform planes
+
+size_t Pow2AtLeast(size_t v) {
+  size_t p = epho_ncc::kFftMaxLanes * 2;
+  while (p < v) p *= 2;
+  return p;
+}
+
+// The search area is cut into tiles whose transform stays in the caches:
+// a tile of nr x nc pixels yields (nr - th + 1) x (nc - tw + 1) candidates.
+// Its side is the smallest power of two holding the whole area, but no
+// larger than needed for four template sizes (at least 256).
+struct FftLayout {
+  size_t nr, nc;          // transform (tile) size
+  size_t step_r, step_c;  // candidates per tile
+  size_t tiles;           // tiles over the candidate range
+  size_t re, im, spec_re, spec_im, strip, tw_r, tw_c, neg_r, neg_c, cross, colsum, colsq, row_var,
+      total;
+  bool ok;  // the candidate range fits the size limit
+};
+
+size_t TileSide(size_t area, int template_side) {
+  const size_t cap = Pow2AtLeast(std::max<size_t>(256, 4 * static_cast<size_t>(template_side)));
+  return std::min(Pow2AtLeast(area), cap);
+}
+
+FftLayout MakeFftLayout(const Geometry& g) {
+  FftLayout l{};
+  l.nr = TileSide(g.area_h, g.th);
+  l.nc = TileSide(g.area_w, g.tw);
+  l.step_r = l.nr - g.th + 1;
+  l.step_c = l.nc - g.tw + 1;
+  l.tiles = ((g.rows + l.step_r - 1) / l.step_r) * ((g.cols + l.step_c - 1) / l.step_c);
+  l.ok = g.rows * g.cols <= kFftMaxPoints;
+  if (!l.ok) return l;
+  size_t off = 0;
+  auto take = [&](size_t bytes) {
+    const size_t at = off;
+    off += RoundUp(bytes, 64);
+    return at;
+  };
+  l.re = take(4 * l.nr * l.nc);
+  l.im = take(4 * l.nr * l.nc);
+  if (l.tiles > 1) {  // the template's own spectrum, for tiles taken in pairs
+    l.spec_re = take(4 * l.nr * l.nc);
+    l.spec_im = take(4 * l.nr * l.nc);
+  }
+  l.strip = take(4 * 4 * std::max(l.nr, l.nc) * epho_ncc::kFftMaxLanes);
+  l.tw_r = take(4 * l.nr);
+  l.tw_c = take(4 * l.nc);
+  l.neg_r = take(4 * l.nr);
+  l.neg_c = take(4 * l.nc);
+  l.cross = take(4 * g.rows * g.cols);
+  l.colsum = take(8 * g.area_w);
+  l.colsq = take(8 * g.area_w);
+  l.row_var = take(8 * g.cols);
+  l.total = off + 64;
+  return l;
+}
+
+// Measured cost model (bench/matching_bench.cpp prints the same figures in
+// its "switch point" rows): the direct search's time per candidate and
+// template pixel, and the transform's per point and level of one packed
+// correlation (n log2 n for an n-point tile; several tiles cost half a
+// correlation each, plus half for the template's spectrum), in
+// nanoseconds, per path. Fitted on windows of 64 to 1024 pixels and
+// templates of 11 to 41 on one AMD EPYC core, in processor time so that a
+// shared machine does not skew them: the AVX2 figures from the optimised
+// (-O3) build of `make bench`, the others from the -O2 build; the direct
+// figures are the mean over templates of 21 and more, where the choice is
+// made.
+struct CostModel {
+  double direct_byte, direct_float, transform;
+};
+
+CostModel Costs(VectorPath path) {
+  switch (path) {
+    case VectorPath::kAvx2:  // the optimised (-O3) build's figures
+      return {0.024, 0.034, 0.45};
+    case VectorPath::kSse2:
+      return {0.036, 0.29, 0.75};
+    case VectorPath::kPortable:
+      break;
+  }
+  return {0.37, 0.29, 0.75};
+}
+
+bool TransformPays(VectorPath path, const Geometry& g, const FftLayout& f, bool byte) {
+  if (!f.ok) return false;
+  const CostModel c = Costs(path);
+  const double direct =
+      static_cast<double>(g.cols) * g.rows * g.tw * g.th * (byte ? c.direct_byte : c.direct_float);
+  const double points = static_cast<double>(f.nr) * f.nc;
+  // One packed correlation per tile, or for several tiles one per pair plus
+  // half of one for the template's spectrum.
+  const double units = f.tiles == 1 ? 1.0 : 0.5 + static_cast<double>((f.tiles + 1) / 2);
+  const double transform = units * points * std::log2(points) * c.transform;
+  return transform < direct;
+}
+
+// cos and sin of -2 pi k / n, k < n / 2, rounded to float. Sines and
+// cosines are taken once per 64 entries and carried between by rotation in
+// double (its drift stays far below float rounding).
+void Twiddles(size_t n, float* w) {
+  const double step = -2.0 * M_PI / static_cast<double>(n);
+  const double cs = std::cos(step), sn = std::sin(step);
+  for (size_t k0 = 0; k0 < n / 2; k0 += 64) {
+    double c = std::cos(step * static_cast<double>(k0)),
+           s = std::sin(step * static_cast<double>(k0));
+    for (size_t k = k0; k < std::min(n / 2, k0 + 64); ++k) {
+      w[2 * k] = static_cast<float>(c);
+      w[2 * k + 1] = static_cast<float>(s);
+      const double c2 = c * cs - s * sn;
+      s = s * cs + c * sn;
+      c = c2;
+    }
+  }
+}
+
+// Position of frequency -k in bit-reversed order, for every position.
+void NegatedPositions(size_t n, int32_t* neg) {
+  int bits = 0;
+  while ((size_t(1) << bits) < n) ++bits;
+  auto reverse = [bits](size_t v) {
+    size_t r = 0;
+    for (int b = 0; b < bits; ++b) r |= ((v >> b) & 1) << (bits - 1 - b);
+    return r;
+  };
+  for (size_t p = 0; p < n; ++p) neg[p] = static_cast<int32_t>(reverse((n - reverse(p)) & (n - 1)));
+}
+
+// Bounds of the coefficients of one candidate row from the transform's cross
+// products, the window variances (0: flat, coefficient exactly 0) and the
+// rounding bound, as signed squares c |c| (monotone in c, and free of square
+// roots); the upper bounds go to `high`.
+void RowBounds(const float* num_row, double* var_low, size_t cols, double scale, double bound,
+               double vt, float* high, double* best_low, bool* nonzero) {
+  // Branch-free, so that the loop runs on vector lanes; var_low's variances
+  // become the lower bounds.
+  for (size_t x = 0; x < cols; ++x) {
+    const double var = var_low[x];
+    const double den = var > 0.0 ? vt * var : 1.0;
+    const double inv = (var > 0.0 ? 1.0 : 0.0) / den;
+    const double num = num_row[x] * scale;
+    const double lo = num - bound, up = num + bound;
+    var_low[x] = lo * std::fabs(lo) * inv;
+    high[x] = static_cast<float>(up * std::fabs(up) * inv);
+  }
+  // Largest lower and smallest upper bound, four chains.
+  double best[4] = {*best_low, *best_low, *best_low, *best_low};
+  float least[4] = {1.0f, 1.0f, 1.0f, 1.0f};
+  size_t x = 0;
+  for (; x + 4 <= cols; x += 4)
+    for (int k = 0; k < 4; ++k) {
+      best[k] = best[k] > var_low[x + k] ? best[k] : var_low[x + k];
+      least[k] = least[k] < high[x + k] ? least[k] : high[x + k];
+    }
+  for (; x < cols; ++x) {
+    best[0] = best[0] > var_low[x] ? best[0] : var_low[x];
+    least[0] = least[0] < high[x] ? least[0] : high[x];
+  }
+  *best_low = std::max(std::max(best[0], best[1]), std::max(best[2], best[3]));
+  const float low_high = std::min(std::min(least[0], least[1]), std::min(least[2], least[3]));
+  *nonzero = *nonzero || *best_low > 0.0 || low_high < 0.0f;
+}
+
+// Sum of a block of pixels (exact integers for 8-bit pixels).
+template <typename P>
+double BlockSum(const P* a, ptrdiff_t stride, size_t w, size_t h) {
+  using Acc = typename std::conditional<std::is_integral<P>::value, int64_t, double>::type;
+  double total = 0;
+  for (size_t r = 0; r < h; ++r) {
+    const P* row = a + static_cast<ptrdiff_t>(r) * stride;
+    Acc s[4] = {0, 0, 0, 0};
+    size_t c = 0;
+    for (; c + 4 <= w; c += 4)
+      for (int k = 0; k < 4; ++k) s[k] += static_cast<Acc>(row[c + k]);
+    for (; c < w; ++c) s[0] += static_cast<Acc>(row[c]);
+    total += static_cast<double>((s[0] + s[1]) + (s[2] + s[3]));
+  }
+  return total;
+}
+
+// Copies a block of pixels less `shift` into a transform plane (row length
+// nc) and returns its energy (sum of squares; it only scales the rounding
+// bound, so single-precision partial sums serve).
+template <typename P>
+double CopyShifted(const P* a, ptrdiff_t stride, size_t w, size_t h, float shift, float* out,
+                   size_t nc) {
+  double energy = 0;
+  for (size_t r = 0; r < h; ++r) {
+    const P* row = a + static_cast<ptrdiff_t>(r) * stride;
+    float* o = out + r * nc;
+    float e[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+    size_t c = 0;
+    for (; c + 8 <= w; c += 8)
+      for (int k = 0; k < 8; ++k) {
+        const float v = static_cast<float>(row[c + k]) - shift;
+        o[c + k] = v;
+        e[k] += v * v;
+      }
+    for (; c < w; ++c) {
+      const float v = static_cast<float>(row[c]) - shift;
+      o[c] = v;
+      e[0] += v * v;
+    }
+    energy +=
+        static_cast<double>(((e[0] + e[1]) + (e[2] + e[3])) + ((e[4] + e[5]) + (e[6] + e[7])));
+  }
+  return energy;
+}
+
+template <typename P>
+int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls, uint32_t rs,
+                    uint32_t lx, uint32_t ly, const Geometry& g, uint32_t rxMin, uint32_t ryMin,
+                    char* base, const FftLayout& f, int32_t* best_x, int32_t* best_y, bool* any) {
+  constexpr bool kByte = std::is_same<P, uint8_t>::value;
+  using Sum = typename std::conditional<kByte, int64_t, double>::type;
+  float* re = reinterpret_cast<float*>(base + f.re);
+  float* im = reinterpret_cast<float*>(base + f.im);
+  Sum* colsum = reinterpret_cast<Sum*>(base + f.colsum);
+  Sum* colsq = reinterpret_cast<Sum*>(base + f.colsq);
+  double* row_var = reinterpret_cast<double*>(base + f.row_var);
+  const ptrdiff_t lst = ls, rst = rs;
+  const P* t0 = left + (static_cast<ptrdiff_t>(ly) - g.hh) * lst + (lx - g.hw);
+  const P* a0 = right + (static_cast<ptrdiff_t>(ryMin) - g.hh) * rst + (rxMin - g.hw);
+  const int64_t n = static_cast<int64_t>(g.tw) * g.th;
+
+  // Template: zero mean, its sums (exact for 8-bit, as the direct search).
+  double mt = 0;
+  Sum st = 0, stt = 0;
+  for (int r = 0; r < g.th; ++r)
+    for (int c = 0; c < g.tw; ++c) {
+      const Sum v = static_cast<Sum>(t0[r * lst + c]);
+      st += v, stt += v * v;
+      mt += static_cast<double>(t0[r * lst + c]);
+    }
+  mt /= static_cast<double>(n);
+  if (kByte ? n * stt - st * st == 0 : false) {
+    *any = false;
+    return EPHO_NCC_SEARCH_OK;
+  }
+  double vt = 0;
+  for (int r = 0; r < g.th; ++r)
+    for (int c = 0; c < g.tw; ++c) {
+      const double d = static_cast<double>(t0[r * lst + c]) - mt;
+      vt += d * d;
+    }
+  if (!(vt > 0.0)) {
+    *any = false;
+    return EPHO_NCC_SEARCH_OK;
+  }
+  const float ma = static_cast<float>(BlockSum(a0, rst, g.area_w, g.area_h) /
+                                      static_cast<double>(g.area_h * g.area_w));
+
+  float* tw_r = reinterpret_cast<float*>(base + f.tw_r);
+  float* tw_c = reinterpret_cast<float*>(base + f.tw_c);
+  int32_t* neg_r = reinterpret_cast<int32_t*>(base + f.neg_r);
+  int32_t* neg_c = reinterpret_cast<int32_t*>(base + f.neg_c);
+  float* cross = reinterpret_cast<float*>(base + f.cross);
+  Twiddles(f.nr, tw_r);
+  Twiddles(f.nc, tw_c);
+  NegatedPositions(f.nr, neg_r);
+  NegatedPositions(f.nc, neg_c);
+  const epho_ncc::FftPlan plan{static_cast<int>(f.nr),
+                               static_cast<int>(f.nc),
+                               tw_r,
+                               tw_c,
+                               neg_r,
+                               neg_c,
+                               reinterpret_cast<float*>(base + f.strip)};
+  const double points = static_cast<double>(f.nr) * f.nc;
+  // Rounding bound of the single-precision transform on one cross product:
+  // a few units of rounding per level on the product of the two norms (and
+  // on the input rounding of the area's values); the largest over the tiles.
+  double bound = 0.0;
+  const size_t tiles_x = (g.cols + f.step_c - 1) / f.step_c;
+  // Tile k's search area (about the area's mean) into `plane`; its energy.
+  auto load_tile = [&](size_t k, float* plane) {
+    const size_t ty = k / tiles_x * f.step_r, tx = k % tiles_x * f.step_c;
+    const size_t h = std::min(f.nr, g.area_h - ty), w = std::min(f.nc, g.area_w - tx);
+    std::fill(plane, plane + f.nr * f.nc, 0.0f);
+    return CopyShifted(a0 + static_cast<ptrdiff_t>(ty) * rst + static_cast<ptrdiff_t>(tx), rst, w,
+                       h, ma, plane, f.nc);
+  };
+  // Tile k's cross products from `plane`, scaled to sum T' A.
+  auto keep_tile = [&](size_t k, const float* plane, float scale) {
+    const size_t ty = k / tiles_x * f.step_r, tx = k % tiles_x * f.step_c;
+    const size_t rows = std::min(f.step_r, g.rows - ty), cols = std::min(f.step_c, g.cols - tx);
+    for (size_t r = 0; r < rows; ++r)
+      for (size_t c = 0; c < cols; ++c)
+        cross[(ty + r) * g.cols + tx + c] = plane[r * f.nc + c] * scale;
+  };
+  // Rounding bound of the single-precision transform on one cross product:
+  // a few units of rounding per level on the product of the two norms (and
+  // on the input rounding of the area's values); the largest over the tiles.
+  const double units = 16.0 * 1.2e-7 * std::log2(points);
+  if (f.tiles == 1) {
+    // The search area and the template packed into one transform, the
+    // template scaled to the area's energy: the rounding of the packed
+    // transform grows with the larger of the two energies.
+    const double aa = load_tile(0, re);
+    const double gain = aa > 0.0 ? std::sqrt(aa / vt) : 1.0;
+    std::fill(im, im + f.nr * f.nc, 0.0f);
+    for (int r = 0; r < g.th; ++r)
+      for (int c = 0; c < g.tw; ++c)
+        im[r * f.nc + c] = static_cast<float>((static_cast<double>(t0[r * lst + c]) - mt) * gain);
+#if EPHO_NCC_X86
+    if (path == VectorPath::kAvx2)
+      epho_ncc::CorrelateFftAvx2(plan, re, im);
+    else
+#endif
+      epho_ncc::CorrelateFftPortable(plan, re, im);
+    bound = units * std::sqrt(aa * vt);
+    keep_tile(0, re, static_cast<float>(1.0 / (points * gain)));
+  } else {
+    // The template's spectrum once, then the tiles two at a time.
+    float* sr = reinterpret_cast<float*>(base + f.spec_re);
+    float* si = reinterpret_cast<float*>(base + f.spec_im);
+    std::fill(sr, sr + f.nr * f.nc, 0.0f);
+    std::fill(si, si + f.nr * f.nc, 0.0f);
+    for (int r = 0; r < g.th; ++r)
+      for (int c = 0; c < g.tw; ++c)
+        sr[r * f.nc + c] = static_cast<float>(static_cast<double>(t0[r * lst + c]) - mt);
+#if EPHO_NCC_X86
+    if (path == VectorPath::kAvx2)
+      epho_ncc::SpectrumFftAvx2(plan, sr, si);
+    else
+#endif
+      epho_ncc::SpectrumFftPortable(plan, sr, si);
+    const float scale = static_cast<float>(1.0 / points);
+    for (size_t k = 0; k < f.tiles; k += 2) {
+      double aa = load_tile(k, re);
+      if (k + 1 < f.tiles)
+        aa += load_tile(k + 1, im);
+      else
+        std::fill(im, im + f.nr * f.nc, 0.0f);
+#if EPHO_NCC_X86
+      if (path == VectorPath::kAvx2)
+        epho_ncc::CorrelatePairFftAvx2(plan, re, im, sr, si);
+      else
+#endif
+        epho_ncc::CorrelatePairFftPortable(plan, re, im, sr, si);
+      bound = std::max(bound, units * std::sqrt(aa * vt));
+      keep_tile(k, re, scale);
+      if (k + 1 < f.tiles) keep_tile(k + 1, im, scale);
+    }
+  }
+  (void)path;
+  const double scale = 1.0;
+
+  // Pass 1: bounds of every coefficient; the upper one replaces the cross
+  // product in `cross`.
+  std::fill(colsum, colsum + g.area_w, Sum(0));
+  std::fill(colsq, colsq + g.area_w, Sum(0));
+  auto value = [&](size_t r, size_t c) -> Sum {
+    return kByte ? static_cast<Sum>(a0[r * rst + c])
+                 : static_cast<Sum>(static_cast<double>(a0[r * rst + c]) - mt);
+  };
+  for (int r = 0; r < g.th - 1; ++r)
+    for (size_t c = 0; c < g.area_w; ++c) {
+      const Sum v = value(r, c);
+      colsum[c] += v, colsq[c] += v * v;
+    }
+  const double inv_n = 1.0 / static_cast<double>(n);
+  double best_low = -std::numeric_limits<double>::infinity();
+  bool nonzero = false;  // some coefficient is certainly not 0
+  for (size_t y = 0; y < g.rows; ++y) {
+    for (size_t c = 0; c < g.area_w; ++c) {
+      const Sum v = value(y + g.th - 1, c);
+      colsum[c] += v, colsq[c] += v * v;
+    }
+    // Window variances of the row, then the bounds of its coefficients.
+    float* row_high = cross + y * g.cols;
+    double* var_row = row_var;
+    SlideRow(colsum, colsq, g, [&](size_t x, Sum s, Sum ss) {
+      if (kByte) {
+        var_row[x] = static_cast<double>(n * ss - s * s) * inv_n;
+      } else {
+        const double vr = static_cast<double>(ss) - static_cast<double>(s) * inv_n * s;
+        var_row[x] = vr > 1e-9 * static_cast<double>(ss) ? vr : 0.0;
+      }
+    });
+    RowBounds(row_high, var_row, g.cols, scale, bound, vt, row_high, &best_low, &nonzero);
+    for (size_t c = 0; c < g.area_w; ++c) {
+      const Sum v = value(y, c);
+      colsum[c] -= v, colsq[c] -= v * v;
+    }
+  }
+  // Pass 2: exact values of the candidates that may be best, offered in the
+  // direct search's visiting order so that rounding in the comparison of
+  // equal coefficients resolves the same way.
+  // (Slightly below the best lower bound: the upper bounds were rounded to float.)
+  const float threshold = static_cast<float>(best_low - 1e-6 * std::fabs(best_low) - 1e-12);
+  BestTracker best;
+  for (size_t y = 0; y < g.rows; ++y) {
+    const float* row_high = cross + y * g.cols;
+    bool row_has = false;
+    for (size_t x = 0; x < g.cols; ++x) row_has |= row_high[x] >= threshold;
+    if (!row_has) continue;
+    VisitInSlideOrder(g, [&](size_t x) {
+      if (!(row_high[x] >= threshold)) return;
+      const P* w = a0 + y * rst + x;
+      if (kByte) {
+        int64_t si = 0, sii = 0, sti = 0;
+        for (int r = 0; r < g.th; ++r)
+          for (int c = 0; c < g.tw; ++c) {
+            const int64_t v = static_cast<int64_t>(w[r * rst + c]);
+            si += v, sii += v * v, sti += v * static_cast<int64_t>(t0[r * lst + c]);
+          }
+        best.Offer(static_cast<double>(n * sti - static_cast<int64_t>(st) * si),
+                   static_cast<double>(n * sii - si * si), x, y);
+      } else {
+        double si = 0, sii = 0, sti = 0;
+        for (int r = 0; r < g.th; ++r)
+          for (int c = 0; c < g.tw; ++c) {
+            const double v = static_cast<double>(w[r * rst + c]) - mt;
+            si += v, sii += v * v, sti += v * (static_cast<double>(t0[r * lst + c]) - mt);
+          }
+        const double vr = sii - si * inv_n * si;
+        best.Offer(sti, vr > 1e-9 * sii ? vr : 0.0, x, y);
+      }
+    });
+  }
+  *best_x = static_cast<int32_t>(rxMin + best.x);
+  *best_y = static_cast<int32_t>(ryMin + best.y);
+  *any = best.any || nonzero;
+  return EPHO_NCC_SEARCH_OK;
+}
+
+bool TransformPaysOnSomePath(const Geometry& g, const FftLayout& f) {
+  for (VectorPath p : epho::kAllVectorPaths)
+    if (TransformPays(p, g, f, true) || TransformPays(p, g, f, false)) return true;
+  return false;
+}
+
+// Scratch for a method; kAuto covers whichever the call may choose.
+size_t ScratchBytes(SearchMethod method, const Geometry& g) {
+  const size_t direct = MakeLayout(g).total;
+  const FftLayout f = MakeFftLayout(g);
+  if (!f.ok || method == SearchMethod::kDirect) return direct;
+  if (method == SearchMethod::kAuto && !TransformPaysOnSomePath(g, f)) return direct;
+  return std::max(direct, f.total);
+}
+
 template <typename P, class Search, class Kernel>
-int RunSearch(const P* left, const P* right, uint32_t ls, uint32_t rs, uint32_t lx, uint32_t ly,
-              uint32_t hw, uint32_t hh, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
-              uint32_t ryMax, void* scratch, size_t scratchBytes, Epho_NccPeak* peak, Search search,
-              Kernel kernel) {
+int RunSearch(VectorPath path, SearchMethod method, const P* left, const P* right, uint32_t ls,
+              uint32_t rs, uint32_t lx, uint32_t ly, uint32_t hw, uint32_t hh, uint32_t rxMin,
+              uint32_t ryMin, uint32_t rxMax, uint32_t ryMax, void* scratch, size_t scratchBytes,
+              Epho_NccPeak* peak, Search search, Kernel kernel) {
   if (!left || !right || !peak || !ArgumentsValid(hw, hh, rxMin, ryMin, rxMax, ryMax) || lx < hw ||
       ly < hh)
     return EPHO_NCC_SEARCH_BAD_ARGUMENT;
   const Geometry g = MakeGeometry(hw, hh, rxMax - rxMin + 1, ryMax - ryMin + 1);
   const Layout lay = MakeLayout(g);
-  if (!scratch || scratchBytes < lay.total) return EPHO_NCC_SEARCH_SCRATCH;
+  const FftLayout fl = MakeFftLayout(g);
+  if (!scratch || scratchBytes < ScratchBytes(method, g)) return EPHO_NCC_SEARCH_SCRATCH;
+  const bool transform = fl.ok && (method == SearchMethod::kTransform ||
+                                   (method == SearchMethod::kAuto &&
+                                    TransformPays(path, g, fl, std::is_same<P, uint8_t>::value)));
   int32_t bx = static_cast<int32_t>(rxMin), by = static_cast<int32_t>(ryMin);
   bool any = false;
-  search(left, right, ls, rs, lx, ly, g, rxMin, ryMin, Aligned(scratch), lay, &bx, &by, &any);
+  if (transform)
+    SearchTransform(path, left, right, ls, rs, lx, ly, g, rxMin, ryMin, Aligned(scratch), fl, &bx,
+                    &by, &any);
+  else
+    search(path, left, right, ls, rs, lx, ly, g, rxMin, ryMin, Aligned(scratch), lay, &bx, &by,
+           &any);
   FinishPeak(kernel, rxMin, ryMin, rxMax, ryMax, bx, by, peak);
   return any ? EPHO_NCC_SEARCH_OK : EPHO_NCC_SEARCH_FLAT;
 }
 
+bool RangeValid(uint32_t halfWidth, uint32_t halfHeight, uint32_t rangeColumns,
+                uint32_t rangeRows) {
+  return halfWidth <= EPHO_NCC_SEARCH_MAX_HALF && halfHeight <= EPHO_NCC_SEARCH_MAX_HALF &&
+         rangeColumns > 0 && rangeRows > 0 && rangeColumns <= kMaxRange && rangeRows <= kMaxRange;
+}
+
 }  // namespace
+
+size_t epho_ncc::NccSearchScratchBytes(SearchMethod method, uint32_t halfWidth, uint32_t halfHeight,
+                                       uint32_t rangeColumns, uint32_t rangeRows) {
+  if (!RangeValid(halfWidth, halfHeight, rangeColumns, rangeRows)) return 0;
+  return ScratchBytes(method, MakeGeometry(halfWidth, halfHeight, rangeColumns, rangeRows));
+}
+
+bool epho_ncc::NccSearchUsesTransform(VectorPath path, bool bytePixels, uint32_t halfWidth,
+                                      uint32_t halfHeight, uint32_t rangeColumns,
+                                      uint32_t rangeRows) {
+  if (!RangeValid(halfWidth, halfHeight, rangeColumns, rangeRows)) return false;
+  const Geometry g = MakeGeometry(halfWidth, halfHeight, rangeColumns, rangeRows);
+  return TransformPays(path, g, MakeFftLayout(g), bytePixels);
+}
+
+int epho_ncc::NccSearchByte(VectorPath path, SearchMethod method, const uint8_t* left,
+                            const uint8_t* right, uint32_t leftStride, uint32_t rightStride,
+                            uint32_t lx, uint32_t ly, uint32_t halfWidth, uint32_t halfHeight,
+                            uint32_t rxMin, uint32_t ryMin, uint32_t rxMax, uint32_t ryMax,
+                            void* scratch, size_t scratchBytes, Epho_NccPeak* peak) {
+  const int16_t w = static_cast<int16_t>(2 * halfWidth + 1),
+                h = static_cast<int16_t>(2 * halfHeight + 1);
+  return RunSearch(path, method, left, right, leftStride, rightStride, lx, ly, halfWidth,
+                   halfHeight, rxMin, ryMin, rxMax, ryMax, scratch, scratchBytes, peak, SearchByte,
+                   [&](int32_t x, int32_t y) {
+                     return CrossCoefByteNoResample(path, left, right, leftStride, rightStride, lx,
+                                                    ly, x, y, w, h);
+                   });
+}
+
+int epho_ncc::NccSearchFloat(VectorPath path, SearchMethod method, const float* left,
+                             const float* right, uint32_t leftStride, uint32_t rightStride,
+                             uint32_t lx, uint32_t ly, uint32_t halfWidth, uint32_t halfHeight,
+                             uint32_t rxMin, uint32_t ryMin, uint32_t rxMax, uint32_t ryMax,
+                             void* scratch, size_t scratchBytes, Epho_NccPeak* peak) {
+  const int16_t w = static_cast<int16_t>(2 * halfWidth + 1),
+                h = static_cast<int16_t>(2 * halfHeight + 1);
+  return RunSearch(path, method, left, right, leftStride, rightStride, lx, ly, halfWidth,
+                   halfHeight, rxMin, ryMin, rxMax, ryMax, scratch, scratchBytes, peak, SearchFloat,
+                   [&](int32_t x, int32_t y) {
+                     return epho_CrossCoefFloatNoResample(left, right, leftStride, rightStride, lx,
+                                                          ly, x, y, w, h);
+                   });
+}
 
 extern "C" {
 
 size_t epho_NccSearchScratchBytes(uint32_t halfWidth, uint32_t halfHeight, uint32_t rangeColumns,
                                   uint32_t rangeRows) {
-  if (halfWidth > EPHO_NCC_SEARCH_MAX_HALF || halfHeight > EPHO_NCC_SEARCH_MAX_HALF ||
-      rangeColumns == 0 || rangeRows == 0 || rangeColumns > kMaxRange || rangeRows > kMaxRange)
-    return 0;
-  return MakeLayout(MakeGeometry(halfWidth, halfHeight, rangeColumns, rangeRows)).total;
+  return epho_ncc::NccSearchScratchBytes(epho_ncc::SearchMethod::kAuto, halfWidth, halfHeight,
+                                         rangeColumns, rangeRows);
 }
 
 int epho_NccSearchByte(const uint8_t* left, const uint8_t* right, uint32_t leftStride,
                        uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t halfWidth,
                        uint32_t halfHeight, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
                        uint32_t ryMax, void* scratch, size_t scratchBytes, Epho_NccPeak* peak) {
-  const int16_t w = static_cast<int16_t>(2 * halfWidth + 1),
-                h = static_cast<int16_t>(2 * halfHeight + 1);
-  return RunSearch(left, right, leftStride, rightStride, lx, ly, halfWidth, halfHeight, rxMin,
-                   ryMin, rxMax, ryMax, scratch, scratchBytes, peak, SearchByte,
-                   [&](int32_t x, int32_t y) {
-                     return epho_CrossCoefByteNoResample(left, right, leftStride, rightStride, lx,
-                                                         ly, x, y, w, h);
-                   });
+  return epho_ncc::NccSearchByte(epho::BestVectorPath(), epho_ncc::SearchMethod::kAuto, left, right,
+                                 leftStride, rightStride, lx, ly, halfWidth, halfHeight, rxMin,
+                                 ryMin, rxMax, ryMax, scratch, scratchBytes, peak);
 }
 
 int epho_NccSearchFloat(const float* left, const float* right, uint32_t leftStride,
                         uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t halfWidth,
                         uint32_t halfHeight, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
                         uint32_t ryMax, void* scratch, size_t scratchBytes, Epho_NccPeak* peak) {
-  const int16_t w = static_cast<int16_t>(2 * halfWidth + 1),
-                h = static_cast<int16_t>(2 * halfHeight + 1);
-  return RunSearch(left, right, leftStride, rightStride, lx, ly, halfWidth, halfHeight, rxMin,
-                   ryMin, rxMax, ryMax, scratch, scratchBytes, peak, SearchFloat,
-                   [&](int32_t x, int32_t y) {
-                     return epho_CrossCoefFloatNoResample(left, right, leftStride, rightStride, lx,
-                                                          ly, x, y, w, h);
-                   });
+  return epho_ncc::NccSearchFloat(epho::BestVectorPath(), epho_ncc::SearchMethod::kAuto, left,
+                                  right, leftStride, rightStride, lx, ly, halfWidth, halfHeight,
+                                  rxMin, ryMin, rxMax, ryMax, scratch, scratchBytes, peak);
 }
 
 }  // extern "C"

@@ -89,6 +89,53 @@ EPHO_EXPORT Emsc_Boolean epho_Get3x4ParFromInnerOuter(const double* inner, const
 EPHO_EXPORT Emsc_Boolean epho_CameraImageToRay(const double* matrix, double x, double y,
                                                double* direction);
 
+/* ---- Batch collinearity: arrays of points in one pass ------------------
+ *
+ * The orientation and the lens records of one frame camera, as the batch
+ * functions apply them to every point:
+ *   ground to film:  film = collinearity(ground); if correction_kind > 1
+ *                    epho_CameraAwayCorrection(kind, flying_height, Z, focal,
+ *                    direction 0); if a lens record is given, film += the
+ *                    epho_CameraAwayDistortion at film;
+ *   film to ground:  if a lens record is given, film -= the distortion at the
+ *                    film point (one step, not iterated); if correction_kind
+ *                    > 1 the correction with direction 1 at the given height;
+ *                    then epho_CameraImageAndZToXY(matrix, mode, ...).
+ * Each point's result equals, bit for bit, the per-point functions called in
+ * that order: the batch uses the same operations in the same order (the
+ * library is built without fused multiply-adds), so vector lanes cannot
+ * change a result. The plain collinearity and the radial lens models (count
+ * 3, and count 5 with code 0) run as tight loops; the other models evaluate
+ * the per-point distortion inside the same pass. Nothing is allocated; the
+ * arrays must not overlap the outputs. */
+typedef struct Epho_FilmProjection {
+  const double* matrix;                  /* 12 doubles, see epho_Get3x4ParFromInnerOuter */
+  const Epho_CountedDoubles* lens;       /* lens distortion, may be null */
+  const Epho_CountedDoubles* additional; /* additional parameters, may be null */
+  int32_t mode;            /* as epho_CameraImageAndZToXY: 1 = height is -Y (outputs X, Z) */
+  int32_t correction_kind; /* 2 refraction, 3 curvature, 4 both; 0 or 1 none */
+  double flying_height;    /* meters, for the correction */
+  double focal;            /* film units, for the correction */
+} Epho_FilmProjection;
+
+/* Ground points (X[i], Y[i], Z[i]) to film (x[i], y[i]), i < count. A point
+ * whose denominator is exactly 0 gets NaN film coordinates and failed[i] = 1
+ * (failed may be null; it is set to 0 for the others). Returns the number of
+ * such points, or -1 (nothing written) for a null projection, matrix or
+ * array, or a negative count. */
+EPHO_EXPORT int32_t epho_CameraObjectToImageBatch(const Epho_FilmProjection* projection,
+                                                  int32_t count, const double* X, const double* Y,
+                                                  const double* Z, double* x, double* y,
+                                                  uint8_t* failed);
+/* Film points (x[i], y[i]) at heights height[i] to the two other ground
+ * coordinates (first[i], second[i]): X, Y, or X, Z when mode is 1. A point
+ * whose 2x2 determinant is exactly 0 gets NaN outputs and failed[i] = 1.
+ * Returns the number of such points, or -1 as above. */
+EPHO_EXPORT int32_t epho_CameraImageAndZToXYBatch(const Epho_FilmProjection* projection,
+                                                  int32_t count, const double* x, const double* y,
+                                                  const double* height, double* first,
+                                                  double* second, uint8_t* failed);
+
 KZDV_END_C
 
 #endif /* EPHO_COLLINEARITY_H */

@@ -1,0 +1,263 @@
+// Body of the transform-domain correlation of the template search, written
+// once over a vector of lanes and compiled per path (a build may supply
+// EPHO_FFT_TRANSPOSE8, an 8 x 8 block transpose that moves rows into lanes
+// and back, for its 8-lane vectors): ncc_fft_portable.cpp
+// (4 lanes) and ncc_fft_x86.cpp (8 lanes, AVX2). Include it only from those
+// two files, each with its own EPHO_FFT_NS, so that the two builds never
+// share a symbol.
+//
+// The search area A and the template T (both zero-padded to nr x nc, powers
+// of two) are packed as one complex image Z = A + iT and transformed with
+// radix-2 decimation in frequency, which leaves the spectrum in bit-reversed
+// order along both axes. The correlation spectrum follows from Z at k and -k
+// (the spectra of two real images share one complex transform):
+//   P(k) = conj(F_T(k)) F_A(k) = Im(Z(k) Z(-k)) / 2 + i (|Z(k)|^2 - |Z(-k)|^2) / 4,
+// and the inverse (decimation in time, bit-reversed in, natural out) gives
+// nr * nc * sum_{r,c} T(r, c) A(y + r, x + c) at (x, y), circularly; the
+// positions whose window lies inside A never wrap. A search area cut into
+// several tiles takes them two at a time instead (CorrelatePair below), with
+// the template's spectrum computed once. Every lane does the same
+// single-precision operations in the same order and nothing is fused, so the
+// result does not depend on the lane count.
+#ifndef EPHO_FFT_NS
+#error "define EPHO_FFT_NS before including fft_lanes_internal.h"
+#endif
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "epho/matching/ncc_fft_internal.h"
+
+namespace epho_ncc {
+namespace EPHO_FFT_NS {
+
+template <class V>
+inline V Load(const float* p) {
+  V v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+template <class V>
+inline void Store(float* p, V v) {
+  std::memcpy(p, &v, sizeof v);
+}
+
+// Forward transform of n elements of E = K * L lanes (element k's real
+// parts at br[k * E], imaginary at bi[k * E]), natural order in,
+// bit-reversed order out; w holds cos and sin of -2 pi k / n for k < n / 2,
+// interleaved.
+template <class V, int L, int K>
+void Forward(float* br, float* bi, int n, const float* w) {
+  constexpr int E = K * L;
+  for (int h = n / 2, step = 1; h >= 1; h >>= 1, step <<= 1) {
+    for (int b = 0; b < n; b += 2 * h) {
+      float* r0 = br + b * E;
+      float* i0 = bi + b * E;
+      float* r1 = r0 + h * E;
+      float* i1 = i0 + h * E;
+      for (int q = 0; q < E; q += L) {
+        const V ar = Load<V>(r0 + q), ai = Load<V>(i0 + q), cr = Load<V>(r1 + q),
+                ci = Load<V>(i1 + q);
+        Store(r0 + q, ar + cr), Store(i0 + q, ai + ci);
+        Store(r1 + q, ar - cr), Store(i1 + q, ai - ci);
+      }
+      for (int j = 1; j < h; ++j) {
+        const float wr = w[2 * j * step], wi = w[2 * j * step + 1];
+        for (int q = j * E; q < j * E + E; q += L) {
+          const V ar = Load<V>(r0 + q), ai = Load<V>(i0 + q);
+          const V cr = Load<V>(r1 + q), ci = Load<V>(i1 + q);
+          const V dr = ar - cr, di = ai - ci;
+          Store(r0 + q, ar + cr), Store(i0 + q, ai + ci);
+          Store(r1 + q, dr * wr - di * wi), Store(i1 + q, dr * wi + di * wr);
+        }
+      }
+    }
+  }
+}
+
+// Inverse of Forward without the 1/n: bit-reversed in, natural order out.
+template <class V, int L, int K>
+void Inverse(float* br, float* bi, int n, const float* w) {
+  constexpr int E = K * L;
+  for (int h = 1, step = n / 2; h < n; h <<= 1, step >>= 1) {
+    for (int b = 0; b < n; b += 2 * h) {
+      float* r0 = br + b * E;
+      float* i0 = bi + b * E;
+      float* r1 = r0 + h * E;
+      float* i1 = i0 + h * E;
+      for (int q = 0; q < E; q += L) {
+        const V ar = Load<V>(r0 + q), ai = Load<V>(i0 + q), cr = Load<V>(r1 + q),
+                ci = Load<V>(i1 + q);
+        Store(r0 + q, ar + cr), Store(i0 + q, ai + ci);
+        Store(r1 + q, ar - cr), Store(i1 + q, ai - ci);
+      }
+      for (int j = 1; j < h; ++j) {
+        const float wr = w[2 * j * step], wi = w[2 * j * step + 1];
+        for (int q = j * E; q < j * E + E; q += L) {
+          const V ar = Load<V>(r0 + q), ai = Load<V>(i0 + q);
+          const V cr = Load<V>(r1 + q), ci = Load<V>(i1 + q);
+          const V er = cr * wr + ci * wi, ei = ci * wr - cr * wi;  // times conj(w)
+          Store(r0 + q, ar + er), Store(i0 + q, ai + ei);
+          Store(r1 + q, ar - er), Store(i1 + q, ai - ei);
+        }
+      }
+    }
+  }
+}
+
+// One 2D pass. Along rows' index (vertical): strips of L columns copied into
+// the strip buffer (contiguous, so the power-of-two row stride does not
+// thrash the caches). Along columns' index (horizontal): L rows gathered
+// lane-wise.
+template <class V, int L, bool kForward>
+void Vertical(const FftPlan& p, float* re, float* im) {
+  constexpr int E = 2 * L;  // whole 64-byte lines of the 8-lane build
+  float* br = p.strip;
+  float* bi = p.strip + static_cast<std::size_t>(p.nr) * E;
+  const std::size_t nc = p.nc;
+  for (int c0 = 0; c0 < p.nc; c0 += E) {
+    for (int r = 0; r < p.nr; ++r)
+      for (int q = 0; q < E; q += L) {
+        Store(br + r * E + q, Load<V>(re + r * nc + c0 + q));
+        Store(bi + r * E + q, Load<V>(im + r * nc + c0 + q));
+      }
+    if (kForward)
+      Forward<V, L, 2>(br, bi, p.nr, p.twiddle_r);
+    else
+      Inverse<V, L, 2>(br, bi, p.nr, p.twiddle_r);
+    for (int r = 0; r < p.nr; ++r)
+      for (int q = 0; q < E; q += L) {
+        Store(re + r * nc + c0 + q, Load<V>(br + r * E + q));
+        Store(im + r * nc + c0 + q, Load<V>(bi + r * E + q));
+      }
+  }
+}
+
+template <class V, int L, bool kForward>
+void Horizontal(const FftPlan& p, float* re, float* im) {
+  constexpr int E = 2 * L;
+  float* br = p.strip;
+  float* bi = p.strip + static_cast<std::size_t>(p.nc) * E;
+  const std::size_t nc = p.nc;
+  for (int r0 = 0; r0 < p.nr; r0 += E) {
+#ifdef EPHO_FFT_TRANSPOSE8
+    if (L == 8) {
+      EPHO_FFT_TRANSPOSE8(re + r0 * nc, nc, br, E, p.nc, true);
+      EPHO_FFT_TRANSPOSE8(im + r0 * nc, nc, bi, E, p.nc, true);
+    } else
+#endif
+      for (int l = 0; l < E; ++l) {
+        const float* sr = re + (r0 + l) * nc;
+        const float* si = im + (r0 + l) * nc;
+        for (int c = 0; c < p.nc; ++c) br[c * E + l] = sr[c], bi[c * E + l] = si[c];
+      }
+    if (kForward)
+      Forward<V, L, 2>(br, bi, p.nc, p.twiddle_c);
+    else
+      Inverse<V, L, 2>(br, bi, p.nc, p.twiddle_c);
+#ifdef EPHO_FFT_TRANSPOSE8
+    if (L == 8) {
+      EPHO_FFT_TRANSPOSE8(re + r0 * nc, nc, br, E, p.nc, false);
+      EPHO_FFT_TRANSPOSE8(im + r0 * nc, nc, bi, E, p.nc, false);
+    } else
+#endif
+      for (int l = 0; l < E; ++l) {
+        float* sr = re + (r0 + l) * nc;
+        float* si = im + (r0 + l) * nc;
+        for (int c = 0; c < p.nc; ++c) sr[c] = br[c * E + l], si[c] = bi[c * E + l];
+      }
+  }
+}
+
+template <class V, int L>
+inline V Reversed(V v) {
+  if constexpr (L == 8)
+    return __builtin_shufflevector(v, v, 7, 6, 5, 4, 3, 2, 1, 0);
+  else
+    return __builtin_shufflevector(v, v, 3, 2, 1, 0);
+}
+
+// The correlation spectrum from Z at k and -k, in place. Every pair (k, -k)
+// is formed once; P(-k) = conj P(k), and the formula gives the same bits
+// from either end (the sums and the difference of squares only change
+// sides), so the order of the work does not show in the result.
+inline void PairScalar(float* re, float* im, std::size_t a, std::size_t b) {
+  const float zr = re[a], zi = im[a], mr = re[b], mi = im[b];
+  const float pre = 0.5f * (zr * mi + zi * mr);
+  const float pim = 0.25f * ((zr * zr + zi * zi) - (mr * mr + mi * mi));
+  re[a] = pre, im[a] = pim;
+  re[b] = pre, im[b] = -pim;
+}
+
+template <class V, int L>
+void Product(const FftPlan& p, float* re, float* im) {
+  const std::size_t nc = p.nc;
+  for (int pr = 0; pr < p.nr; ++pr) {
+    const std::size_t qr = p.negate_r[pr];
+    if (qr < static_cast<std::size_t>(pr)) continue;  // done from row qr
+    if (qr == static_cast<std::size_t>(pr)) {         // rows paired with themselves
+      for (int pc = 0; pc < p.nc; ++pc) {
+        const std::size_t a = pr * nc + pc, b = qr * nc + p.negate_c[pc];
+        if (b >= a) PairScalar(re, im, a, b);
+      }
+      continue;
+    }
+    float* ar = re + pr * nc;
+    float* ai = im + pr * nc;
+    float* br = re + qr * nc;
+    float* bi = im + qr * nc;
+    // In bit-reversed order -k of a column in [2^m, 2^(m+1)) is 3 * 2^m - 1
+    // minus it: the blocks of L columns and more pair with reversed blocks.
+    for (int pc = 0; pc < L && pc < p.nc; ++pc)
+      PairScalar(re, im, pr * nc + pc, qr * nc + p.negate_c[pc]);
+    for (int m = L; m < p.nc; m *= 2)
+      for (int pc = m; pc < 2 * m; pc += L) {
+        const int q = 3 * m - L - pc;
+        const V zr = Load<V>(ar + pc), zi = Load<V>(ai + pc);
+        const V mr = Reversed<V, L>(Load<V>(br + q)), mi = Reversed<V, L>(Load<V>(bi + q));
+        const V pre = 0.5f * (zr * mi + zi * mr);
+        const V pim = 0.25f * ((zr * zr + zi * zi) - (mr * mr + mi * mi));
+        Store(ar + pc, pre), Store(ai + pc, pim);
+        Store(br + q, Reversed<V, L>(pre)), Store(bi + q, Reversed<V, L>(-pim));
+      }
+  }
+}
+
+// Z = A + iT in (re, im) -> nr * nc times the correlation in re.
+template <class V, int L>
+void Correlate(const FftPlan& p, float* re, float* im) {
+  Vertical<V, L, true>(p, re, im);
+  Horizontal<V, L, true>(p, re, im);
+  Product<V, L>(p, re, im);
+  Horizontal<V, L, false>(p, re, im);
+  Vertical<V, L, false>(p, re, im);
+}
+
+// The spectrum of (re, im), bit-reversed along both axes.
+template <class V, int L>
+void Spectrum(const FftPlan& p, float* re, float* im) {
+  Vertical<V, L, true>(p, re, im);
+  Horizontal<V, L, true>(p, re, im);
+}
+
+// Two search-area tiles A1 (re) and A2 (im) against one template whose
+// spectrum S came from Spectrum: Z = A1 + i A2 has the spectrum
+// F_A1 + i F_A2, so the inverse of Z conj(S) holds nr * nc times the
+// correlation of A1 in re and of A2 in im.
+template <class V, int L>
+void CorrelatePair(const FftPlan& p, float* re, float* im, const float* sr, const float* si) {
+  Spectrum<V, L>(p, re, im);
+  const std::size_t total = static_cast<std::size_t>(p.nr) * p.nc;
+  for (std::size_t k = 0; k < total; k += L) {
+    const V zr = Load<V>(re + k), zi = Load<V>(im + k);
+    const V tr = Load<V>(sr + k), ti = Load<V>(si + k);
+    Store(re + k, zr * tr + zi * ti);
+    Store(im + k, zi * tr - zr * ti);
+  }
+  Horizontal<V, L, false>(p, re, im);
+  Vertical<V, L, false>(p, re, im);
+}
+
+}  // namespace EPHO_FFT_NS
+}  // namespace epho_ncc
