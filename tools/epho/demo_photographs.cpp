@@ -12,12 +12,13 @@
 #include <string>
 #include <vector>
 
+#include "demo_photo.h"
 #include "epho/camera.h"
 #include "registry.h"
 
 namespace {
 
-constexpr int kPhoto = 1024;       // pixels a side
+constexpr int kPhoto = epho_tool::kDemoPhotoSize;
 constexpr double kPixelMm = 0.05;  // film pixel
 constexpr double kFocalMm = 50.0;
 constexpr double kBase = 600.0;  // m between the two exposures
@@ -171,5 +172,16 @@ bool DemoPhotographs(epho_tool::DemoContext& demo) {
 }
 
 }  // namespace
+
+namespace epho_tool {
+
+Epho_Camera* DemoPhotoCamera(const DemoContext& demo, const std::string& which, int direction) {
+  auto x0 = demo.values.find("photo." + which + ".X0");
+  auto dem = demo.files.find("dem");
+  if (x0 == demo.values.end() || dem == demo.files.end()) return nullptr;
+  return PhotoCamera(x0->second, dem->second, direction);
+}
+
+}  // namespace epho_tool
 
 EPHO_DEMO_STAGE(35, "photographs", DemoPhotographs);
