@@ -29,59 +29,57 @@ void ExpectMatrixNear(const double* R, const Eigen::Matrix3d& E, double tol) {
 TEST(AnglesTest, ConversionConstantsAndUnitNames) {
   EXPECT_EQ(epho_deg2rad(180.0), kPi);
   EXPECT_DOUBLE_EQ(epho_rad2deg(kPi / 2), 90.0);
-  EXPECT_DOUBLE_EQ(epho_input2rad(100.0, L"gons"), kPi / 2);
-  EXPECT_DOUBLE_EQ(epho_rad2input(kPi, L"gons"), 200.0);
-  EXPECT_DOUBLE_EQ(epho_input2rad(45.0, L"degrees"), kPi / 4);
-  EXPECT_DOUBLE_EQ(epho_rad2input(kPi / 4, epho_DegreesUnitName), 45.0);
-  EXPECT_DOUBLE_EQ(epho_input2rad(50.0, epho_GonsUnitName), kPi / 4);
-  // Case-exact: anything else is taken as radians already.
-  EXPECT_EQ(epho_input2rad(0.3, L"Degrees"), 0.3);
-  EXPECT_EQ(epho_input2rad(0.3, L"degree"), 0.3);
-  EXPECT_EQ(epho_input2rad(0.3, nullptr), 0.3);
-  EXPECT_EQ(epho_rad2input(0.3, L"GONS"), 0.3);
-}
-
-TEST(AnglesTest, RotationMatricesMatchElementaryRotations) {
-  const double t[3] = {0.11, -0.27, 2.3};
-  for (short code : {0, 1, 2, 5, -1, 32767}) {
-    double R[9];
-    epho_RotateAll(t, R, code);
-    ExpectMatrixNear(R, Expected(t, code), 1e-15);
-    // A proper rotation: orthonormal with determinant +1.
-    Eigen::Map<Eigen::Matrix<double, 3, 3, Eigen::RowMajor>> M(R);
-    EXPECT_NEAR((M * M.transpose() - Eigen::Matrix3d::Identity()).norm(), 0, 1e-15);
-    EXPECT_NEAR(M.determinant(), 1.0, 1e-15);
-  }
-  // Codes 0 and 1 differ only in the sign of sin(phi).
-  double R0[9], R1[9], Rm[9];
-  const double neg[3] = {-t[0], t[1], t[2]};
-  epho_RotateAll(t, R0, 0);
-  epho_RotateAll(neg, R1, 1);
-  epho_RotateAll(t, Rm, 1);
-  for (int i = 0; i < 9; ++i) EXPECT_DOUBLE_EQ(R0[i], R1[i]);
-  EXPECT_NE(R0[2], Rm[2]);
-}
-
-TEST(AnglesTest, ZeroAnglesGiveIdentity) {
-  const double zero[3] = {0, 0, 0};
-  for (short code : {0, 1, 2, -7}) {
-    double R[9];
-    epho_RotateAll(zero, R, code);
-    for (int i = 0; i < 9; ++i) EXPECT_EQ(R[i], i % 4 == 0 ? 1.0 : 0.0);
+  // Unit names are case-exact: anything else is taken as radians already.
+  struct Case {
+    const wchar_t* unit;
+    double value, radians;
+  } cases[] = {{L"gons", 100.0, kPi / 2},
+               {L"degrees", 45.0, kPi / 4},
+               {epho_GonsUnitName, 50.0, kPi / 4},
+               {epho_DegreesUnitName, 45.0, kPi / 4},
+               {L"Degrees", 0.3, 0.3},
+               {L"degree", 0.3, 0.3},
+               {L"GONS", 0.3, 0.3},
+               {nullptr, 0.3, 0.3}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::Message() << c.unit);
+    const double tol = c.value == c.radians ? 0.0 : 1e-14;  // pass-through is exact
+    EXPECT_NEAR(epho_input2rad(c.value, c.unit), c.radians, tol);
+    EXPECT_NEAR(epho_rad2input(c.radians, c.unit), c.value, tol * 100);
   }
 }
 
-TEST(AnglesTest, AnglesRoundTripInEverySystem) {
-  const double samples[][3] = {{0.1, 0.2, 0.3},     {-1.2, 1.4, -3.0}, {3.1, -1.5, 3.14159},
-                               {-2.9, 0.0, -0.001}, {0.0, -0.7, 1.57}, {2.0, 1.0, -2.5}};
-  for (short code : {0, 1, 2, -1}) {
+// Every system, including the codes that fall back to the third one, on
+// angles from zero to near the gimbal limits: the matrix is the Eigen
+// composition, a proper rotation (the identity exactly at zero), and its
+// angles come back.
+TEST(AnglesTest, RotationMatricesMatchElementaryRotationsAndRoundTrip) {
+  const double samples[][3] = {{0.0, 0.0, 0.0},      {0.11, -0.27, 2.3},  {-1.2, 1.4, -3.0},
+                               {3.1, -1.5, 3.14159}, {-2.9, 0.0, -0.001}, {0.0, -0.7, 1.57},
+                               {2.0, 1.0, -2.5}};
+  for (short code : {0, 1, 2, 5, -1, -7, 32767}) {
     for (const auto& t : samples) {
+      SCOPED_TRACE(::testing::Message()
+                   << "code " << code << " angles " << t[0] << " " << t[1] << " " << t[2]);
       double R[9], back[3];
       epho_RotateAll(t, R, code);
+      ExpectMatrixNear(R, Expected(t, code), 1e-15);
+      Eigen::Map<Eigen::Matrix<double, 3, 3, Eigen::RowMajor>> M(R);
+      EXPECT_NEAR((M * M.transpose() - Eigen::Matrix3d::Identity()).norm(), 0, 1e-15);
+      EXPECT_NEAR(M.determinant(), 1.0, 1e-15);
+      if (t[0] == 0 && t[1] == 0 && t[2] == 0) {
+        for (int i = 0; i < 9; ++i) EXPECT_EQ(R[i], i % 4 == 0 ? 1.0 : 0.0);
+      }
       epho_GetAngleFromRotMatrix(back, R, code);
-      for (int k = 0; k < 3; ++k) EXPECT_NEAR(back[k], t[k], 1e-12) << "code " << code;
+      for (int k = 0; k < 3; ++k) EXPECT_NEAR(back[k], t[k], 1e-12);
     }
   }
+  // Codes 0 and 1 differ only in the sign of sin(phi), to the bit.
+  const double t[3] = {0.11, -0.27, 2.3}, neg[3] = {-t[0], t[1], t[2]};
+  double R0[9], R1[9];
+  epho_RotateAll(t, R0, 0);
+  epho_RotateAll(neg, R1, 1);
+  for (int i = 0; i < 9; ++i) EXPECT_EQ(R0[i], R1[i]);
 }
 
 // Geocentric chord between two points of the ellipsoid, from the textbook

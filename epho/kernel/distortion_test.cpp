@@ -17,47 +17,101 @@ struct Record {
   const Epho_CountedDoubles* get() const { return &rec; }
 };
 
-std::vector<double> Zeros(int n, double code, double scale) {
-  std::vector<double> v(n, 0.0);
-  v[0] = code;
-  if (n > 1) v[1] = scale;
-  return v;
+// A record of `count` values, zero but for the listed (index, value) pairs;
+// count 0 stands for no record at all.
+struct Sparse {
+  int count;
+  std::vector<std::pair<int, double>> set;
+};
+
+std::vector<double> Values(const Sparse& s) {
+  std::vector<double> p(s.count, 0.0);
+  for (const auto& [i, v] : s.set) p[i] = v;
+  return p;
 }
 
-TEST(DistortionTest, RadialModelsAreRadialAndVanishAtTheCentre) {
-  const Record three({1e-4, -2e-6, 3e-10});
-  const Record five({0.0, 1e-4, -2e-6, 3e-10, 99.0});
-  for (const Record* r : {&three, &five}) {
-    double dx, dy;
-    epho_CameraAwayDistortion(r->get(), nullptr, 30.0, -40.0, &dx, &dy);
-    // Closed form: r = 50, f = 1e-4 - 2e-6 * 2500 + 3e-10 * 6.25e6.
-    const double f = 1e-4 - 2e-6 * 2500 + 3e-10 * 6.25e6;
-    EXPECT_NEAR(dx, 30.0 * f, 1e-15);
-    EXPECT_NEAR(dy, -40.0 * f, 1e-15);
-    epho_CameraAwayDistortion(r->get(), nullptr, 0.0, 0.0, &dx, &dy);
-    EXPECT_EQ(dx, 0.0);
-    EXPECT_EQ(dy, 0.0);
+// Which record is read, and when nothing is: a secondary record replaces the
+// primary one; an unknown, short or malformed one (a negative count, a NaN or
+// huge code) is read safely and gives nothing, or leaves the primary result.
+TEST(DistortionTest, ModelSelectionAndMalformedRecords) {
+  const double f50 = 1e-4 - 2e-6 * 2500 + 3e-10 * 6.25e6;  // radial at r = 50
+  const double f5 = 25.0 * (2e-6 - 1e-10 * 25.0);          // code 6 with p3 = 0 at r = 5
+  const Sparse radial3{3, {{0, 1e-4}, {1, -2e-6}, {2, 3e-10}}};
+  const Sparse radial5{5, {{1, 1e-4}, {2, -2e-6}, {3, 3e-10}, {4, 99.0}}};
+  const Sparse lens{3, {{0, 1e-3}}}, none{0, {}};
+  struct Case {
+    const char* name;
+    Sparse primary, secondary;
+    int secondary_count;  // what the record claims, when not its size
+    double x, y, dx, dy, tol;
+  };
+  const Case cases[] = {
+      {"3-term radial", radial3, none, 0, 30, -40, 30 * f50, -40 * f50, 1e-15},
+      {"5-term radial", radial5, none, 0, 30, -40, 30 * f50, -40 * f50, 1e-15},
+      {"3-term at the centre", radial3, none, 0, 0, 0, 0, 0, 0},
+      {"5-term at the centre", radial5, none, 0, 0, 0, 0, 0, 0},
+      {"no record", none, none, 0, 10, 10, 0, 0, 0},
+      {"26 with zero scale", {26, {{0, 1}, {4, 1e-5}}}, none, 0, 10, 10, 0, 0, 0},
+      {"code 3 with 11 values", {11, {{0, 3}, {1, 1}}}, none, 0, 10, 10, 0, 0, 0},
+      {"4 values", {4, {{1, 1e-4}, {2, 1e-5}, {3, 1e-6}}}, none, 0, 10, 10, 0, 0, 0},
+      {"NaN code", {11, {{0, std::nan("")}, {1, 1}, {4, 1}}}, none, 0, 2, 3, 0, 0, 0},
+      {"huge code", {11, {{0, 1e300}, {1, 1}, {4, 1}}}, none, 0, 2, 3, 0, 0, 0},
+      {"huge negative code", {11, {{0, -1e300}, {1, 1}, {4, 1}}}, none, 0, 2, 3, 0, 0, 0},
+      {"short secondary", lens, {3, {{0, 5}, {1, 1}, {2, 1}}}, 0, 10, 10, 0, 0, 0},
+      {"negative secondary count", lens, {6, {{0, 6}, {4, 1}}}, -3, 2, 3, 2e-3, 3e-3, 1e-18},
+      {"NaN secondary code", lens, {6, {{0, std::nan("")}, {4, 1}}}, 0, 2, 3, 2e-3, 3e-3, 1e-18},
+      {"huge secondary code", lens, {6, {{0, 1e300}, {4, 1}}}, 0, 2, 3, 2e-3, 3e-3, 1e-18},
+      {"secondary replaces",
+       lens,
+       {6, {{0, 6}, {4, 2e-6}, {5, -1e-10}}},
+       0,
+       3,
+       4,
+       3 * f5,
+       4 * f5,
+       1e-16},
+      // Code 3 has constant terms: k = 2 p1^2 / 3 = 6, u = v = -6, dx = -2u p6 + p8 v.
+      {"code 3 at the centre",
+       none,
+       {16, {{0, 3}, {1, 3}, {6, 1e-4}, {8, 2e-4}}},
+       0,
+       0,
+       0,
+       12e-4 - 12e-4,
+       0,
+       1e-18},
+      // The tangential term is divided by |p1|: T = 49 / 49 = 1 exactly, so
+      // dx = 7 (multiplying by a rounded 1/49 gives 6.999999999999999).
+      {"tangential divided", {26, {{0, 1}, {1, 49}, {9, -1}}}, none, 0, 7, 0, 7, 0, 0},
+      // Balanced radial: nothing at the zero-distortion radius r0 = 80.
+      {"balanced at r0",
+       {26, {{0, 1}, {1, 152}, {4, 2e-5}, {5, -3e-9}, {6, 1e-13}, {22, 80}}},
+       none,
+       0,
+       48,
+       64,
+       0,
+       0,
+       1e-15},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<double> p = Values(c.primary), q = Values(c.secondary);
+    Epho_CountedDoubles pr{c.primary.count, p.data()};
+    Epho_CountedDoubles sr{c.secondary_count ? c.secondary_count : c.secondary.count, q.data()};
+    double dx = -1, dy = -1;
+    epho_CameraAwayDistortion(c.primary.count ? &pr : nullptr, c.secondary.count ? &sr : nullptr,
+                              c.x, c.y, &dx, &dy);
+    EXPECT_NEAR(dx, c.dx, c.tol);
+    EXPECT_NEAR(dy, c.dy, c.tol);
   }
-}
-
-TEST(DistortionTest, UnknownModelsAndMissingScaleGiveNothing) {
-  double dx = 1, dy = 1;
-  epho_CameraAwayDistortion(nullptr, nullptr, 10, 10, &dx, &dy);
-  EXPECT_EQ(dx, 0.0);
-  std::vector<double> a = Zeros(26, 1.0, 0.0);  // 26-parameter model, zero scale
-  a[4] = 1e-5;
-  const Record bad_scale(a);
-  const Record wrong_code(Zeros(11, 3.0, 1.0));
-  const Record four({0.0, 1e-4, 1e-5, 1e-6});
-  const Record short_secondary({5.0, 1.0, 1.0});  // code 5 needs 22 values
-  for (const Record* r : {&bad_scale, &wrong_code, &four}) {
-    epho_CameraAwayDistortion(r->get(), nullptr, 10, 10, &dx, &dy);
-    EXPECT_EQ(dx, 0.0);
-    EXPECT_EQ(dy, 0.0);
-  }
-  const Record radial({1e-3, 0.0, 0.0});
-  epho_CameraAwayDistortion(radial.get(), short_secondary.get(), 10, 10, &dx, &dy);
-  EXPECT_EQ(dx, 0.0);
+  // Off r0 the balanced model is radial and not zero.
+  const Record balanced(
+      Values({26, {{0, 1}, {1, 152}, {4, 2e-5}, {5, -3e-9}, {6, 1e-13}, {22, 80}}}));
+  double dx, dy;
+  epho_CameraAwayDistortion(balanced.get(), nullptr, 30.0, 40.0, &dx, &dy);  // r = 50
+  EXPECT_NEAR(dx / 30.0, dy / 40.0, 1e-18);
+  EXPECT_NE(dx, 0.0);
 }
 
 // Coefficient layout of every model: each model is linear in its
@@ -170,9 +224,7 @@ TEST(DistortionTest, EveryModelPutsEachCoefficientOnItsMonomial) {
       {"7 p6", true, 7, {{0, 7}, {6, 1}}, 26, 39},
   };
   for (const LayoutCase& c : cases) {
-    std::vector<double> p(c.count, 0.0);
-    for (const auto& [i, v] : c.set) p[i] = v;
-    const Record rec(p);
+    const Record rec(Values({c.count, c.set}));
     double dx = -1, dy = -1;
     epho_CameraAwayDistortion(c.secondary ? nullptr : rec.get(), c.secondary ? rec.get() : nullptr,
                               2.0, 3.0, &dx, &dy);
@@ -181,60 +233,11 @@ TEST(DistortionTest, EveryModelPutsEachCoefficientOnItsMonomial) {
   }
 }
 
-// The tangential term is divided by |p1| in the 26-parameter model: with
-// (x, y) = (7, 0), p9 = -1 and p1 = 49, T = 49 / 49 = 1 exactly, so dx = 7.
-// (Multiplying by a rounded 1/49 instead gives 6.999999999999999.)
-TEST(DistortionTest, TangentialTermIsDividedByTheScale) {
-  std::vector<double> a = Zeros(26, 1.0, 49.0);
-  a[9] = -1.0;
-  const Record model(a);
-  double dx, dy;
-  epho_CameraAwayDistortion(model.get(), nullptr, 7.0, 0.0, &dx, &dy);
-  EXPECT_EQ(dx, 7.0);
-  EXPECT_EQ(dy, 0.0);
-}
-
-// Guards against reading outside the record: a negative secondary count is
-// no record (the primary result stands), a NaN or huge code names no model.
-TEST(DistortionTest, MalformedRecordsAreReadSafely) {
-  const Record radial({1e-3, 0.0, 0.0});
-  std::vector<double> six = {6.0, 0.0, 0.0, 0.0, 1.0, 0.0};
-  Epho_CountedDoubles negative{-3, six.data()};
-  double dx, dy;
-  epho_CameraAwayDistortion(radial.get(), &negative, 2.0, 3.0, &dx, &dy);
-  EXPECT_EQ(dx, 2e-3);
-  EXPECT_DOUBLE_EQ(dy, 3e-3);
-  for (double code : {std::nan(""), 1e300, -1e300}) {
-    std::vector<double> p = Zeros(11, code, 1.0);
-    p[4] = 1.0;
-    const Record bad(p);
-    epho_CameraAwayDistortion(bad.get(), nullptr, 2.0, 3.0, &dx, &dy);
-    EXPECT_EQ(dx, 0.0);
-    six[0] = code;
-    const Record bad2(six);
-    epho_CameraAwayDistortion(radial.get(), bad2.get(), 2.0, 3.0, &dx, &dy);
-    EXPECT_EQ(dx, 2e-3);  // unknown secondary code: primary result kept
-  }
-}
-
-TEST(DistortionTest, BalancedRadialVanishesAtTheZeroDistortionRadius) {
-  std::vector<double> a = Zeros(26, 1.0, 152.0);
-  a[4] = 2e-5, a[5] = -3e-9, a[6] = 1e-13, a[22] = 80.0;
-  const Record model(a);
-  double dx, dy;
-  epho_CameraAwayDistortion(model.get(), nullptr, 48.0, 64.0, &dx, &dy);  // r = 80
-  EXPECT_NEAR(dx, 0.0, 1e-15);
-  EXPECT_NEAR(dy, 0.0, 1e-15);
-  epho_CameraAwayDistortion(model.get(), nullptr, 30.0, 40.0, &dx, &dy);  // r = 50
-  EXPECT_NEAR(dx / 30.0, dy / 40.0, 1e-18);
-  EXPECT_NE(dx, 0.0);
-}
-
 // The secondary code 5 is the 26-parameter model with p3 = r0^2 and the
 // tangential scale |p2| in place of 1/|p1|: two independent code paths that
 // must agree term by term.
 TEST(DistortionTest, ExtendedModelAgreesWithItsSecondaryForm) {
-  std::vector<double> a = Zeros(26, 1.0, 4.0);
+  std::vector<double> a = Values({26, {{0, 1}, {1, 4}}});
   for (int i = 4; i <= 21; ++i) a[i] = 1e-6 * (i % 5 + 1) * (i % 2 ? -1 : 1);
   a[22] = 70.0;
   std::vector<double> b(a.begin(), a.begin() + 22);
@@ -247,25 +250,6 @@ TEST(DistortionTest, ExtendedModelAgreesWithItsSecondaryForm) {
     EXPECT_NEAR(dx1, dx2, 1e-12 * (1 + std::fabs(dx1)));
     EXPECT_NEAR(dy1, dy2, 1e-12 * (1 + std::fabs(dy1)));
   }
-}
-
-TEST(DistortionTest, SecondaryReplacesPrimary) {
-  const Record primary({1e-3, 0.0, 0.0});
-  // Code 6 with p3 = 0: f = r^2 (p4 + p5 r^2).
-  const Record secondary({6.0, 0.0, 0.0, 0.0, 2e-6, -1e-10});
-  double dx, dy;
-  epho_CameraAwayDistortion(primary.get(), secondary.get(), 3.0, 4.0, &dx, &dy);
-  const double f = 25.0 * (2e-6 - 1e-10 * 25.0);
-  EXPECT_NEAR(dx, 3.0 * f, 1e-16);
-  EXPECT_NEAR(dy, 4.0 * f, 1e-16);
-  // Decentring/affinity code 3 has constant terms at the principal point.
-  std::vector<double> c = Zeros(16, 3.0, 3.0);
-  c[6] = 1e-4, c[8] = 2e-4;
-  const Record code3(c);
-  epho_CameraAwayDistortion(nullptr, code3.get(), 0.0, 0.0, &dx, &dy);
-  // k = 2 p1^2 / 3 = 6, u = v = -6: dx = -2u p6 + p8 v.
-  EXPECT_NEAR(dx, 12 * 1e-4 - 6 * 2e-4, 1e-18);
-  EXPECT_EQ(dy, 0.0);
 }
 
 TEST(DistortionTest, IterativeDistortionIsRemovedByOneStep) {

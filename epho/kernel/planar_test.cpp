@@ -73,41 +73,70 @@ TEST(PlanarSimilar, ScaleIsSpreadRatioAboutFirstPoint) {
   EXPECT_DOUBLE_EQ(sim[3], 0.0);
 }
 
-TEST(PlanarAffine, ReproducesExactAffineAndMatchesEigenLeastSquares) {
-  const double* a = kScanAffine;
-  auto apply = [&](const double* c, double x, double y, double* X, double* Y) {
-    *X = c[0] + c[1] * x + c[2] * y;
-    *Y = c[3] + c[4] * x + c[5] * y;
-  };
-  for (int n : {3, 4, 12}) {
-    const auto src = FilmPoints(n, 10 + n);
-    const auto dst =
-        MapPoints(src, [&](double x, double y, double* X, double* Y) { apply(a, x, y, X, Y); });
-    double fit[6];
-    ASSERT_EQ(epho_Affine(n, src.data(), dst.data(), fit), 0);
-    for (int k = 0; k < 6; ++k) EXPECT_NEAR(fit[k], a[k], 1e-8 * (1.0 + std::abs(a[k]))) << k;
-  }
-
-  // Noisy pixels: compare with a QR solution of the same least-squares problem.
-  const int n = 30;
-  const auto src = FilmPoints(n, 77);
-  auto dst =
-      MapPoints(src, [&](double x, double y, double* X, double* Y) { apply(a, x, y, X, Y); });
-  AddNoise(&dst, 0.5, 78);
-  Eigen::MatrixXd design(n, 3);
-  Eigen::VectorXd bx(n), by(n);
+// The linearised least-squares problem of both fits, solved by Eigen's QR:
+// rows [1 x y 0 0 0 -xX -yX] and [0 0 0 1 x y -xY -yY]; the affine fit is the
+// same without the last two columns.
+Eigen::VectorXd LinearisedQr(const std::vector<double>& src, const std::vector<double>& dst,
+                             int params) {
+  const int n = static_cast<int>(src.size() / 2);
+  Eigen::MatrixXd design = Eigen::MatrixXd::Zero(2 * n, params);
+  Eigen::VectorXd obs(2 * n);
   for (int i = 0; i < n; ++i) {
-    design.row(i) << 1.0, src[2 * i], src[2 * i + 1];
-    bx(i) = dst[2 * i];
-    by(i) = dst[2 * i + 1];
+    const double x = src[2 * i], y = src[2 * i + 1], X = dst[2 * i], Y = dst[2 * i + 1];
+    design.block(2 * i, 0, 1, 3) << 1, x, y;
+    design.block(2 * i + 1, 3, 1, 3) << 1, x, y;
+    if (params == 8) {
+      design.block(2 * i, 6, 1, 2) << -x * X, -y * X;
+      design.block(2 * i + 1, 6, 1, 2) << -x * Y, -y * Y;
+    }
+    obs(2 * i) = X;
+    obs(2 * i + 1) = Y;
   }
-  const Eigen::VectorXd px = design.householderQr().solve(bx);
-  const Eigen::VectorXd py = design.householderQr().solve(by);
-  double fit[6];
-  ASSERT_EQ(epho_Affine(n, src.data(), dst.data(), fit), 0);
-  for (int k = 0; k < 3; ++k) {
-    EXPECT_NEAR(fit[k], px(k), 1e-9 * (1.0 + std::abs(px(k))));
-    EXPECT_NEAR(fit[3 + k], py(k), 1e-9 * (1.0 + std::abs(py(k))));
+  return design.colPivHouseholderQr().solve(obs);
+}
+
+void ApplyPlanar(const double* c, int params, double x, double y, double* X, double* Y) {
+  const double w = params == 8 ? 1.0 + c[6] * x + c[7] * y : 1.0;
+  *X = (c[0] + c[1] * x + c[2] * y) / w;
+  *Y = (c[3] + c[4] * x + c[5] * y) / w;
+}
+
+// Noise-free points give the transform back; noisy ones the QR solution.
+TEST(PlanarFits, ReproduceExactTransformsAndMatchEigenLeastSquares) {
+  const double projective[8] = {2.0, 1.1, 0.05, -3.0, -0.04, 0.95, 1.5e-3, -8e-4};
+  struct Case {
+    const char* name;
+    int params;
+    const double* truth;
+    std::vector<int> exact_sizes;
+    double sigma;
+    int32_t (*fit)(int32_t, const double*, const double*, double*);
+  };
+  const Case cases[] = {{"affine", 6, kScanAffine, {3, 4, 12}, 0.5, epho_Affine},
+                        {"projective", 8, projective, {4, 9}, 0.05, epho_Perspect}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto map = [&](double x, double y, double* X, double* Y) {
+      ApplyPlanar(c.truth, c.params, x, y, X, Y);
+    };
+    for (int n : c.exact_sizes) {
+      const auto src = FilmPoints(n, 10 + n);
+      const auto dst = MapPoints(src, map);
+      double fit[8];
+      ASSERT_EQ(c.fit(n, src.data(), dst.data(), fit), 0);
+      for (int k = 0; k < c.params; ++k)
+        EXPECT_NEAR(fit[k], c.truth[k], 1e-8 * (1.0 + std::abs(c.truth[k])))
+            << "n=" << n << " " << k;
+    }
+    const int n = 30;
+    const auto src = FilmPoints(n, 77);
+    auto dst = MapPoints(src, map);
+    AddNoise(&dst, c.sigma, 78);
+    const Eigen::VectorXd ref = LinearisedQr(src, dst, c.params);
+    double fit[8];
+    ASSERT_EQ(c.fit(n, src.data(), dst.data(), fit), 0);
+    for (int k = 0; k < c.params; ++k)
+      EXPECT_NEAR(fit[k], ref(k), 1e-9 * (1.0 + std::abs(ref(k)))) << k;
   }
 }
 
@@ -136,48 +165,6 @@ TEST(PlanarAffine, TwoPointsGiveSimilarityAndDegenerateSetsFail) {
   ASSERT_EQ(epho_Affine(4, ident, ident, a), 0);
   const double expected[6] = {0, 1, 0, 0, 0, 1};
   for (int k = 0; k < 6; ++k) EXPECT_NEAR(a[k], expected[k], 1e-14);
-}
-
-TEST(PlanarPerspect, ReproducesProjectiveAndMatchesEigenLinearisedFit) {
-  const double p[8] = {2.0, 1.1, 0.05, -3.0, -0.04, 0.95, 1.5e-3, -8e-4};
-  auto apply = [&](const double* c, double x, double y, double* X, double* Y) {
-    const double w = 1.0 + c[6] * x + c[7] * y;
-    *X = (c[0] + c[1] * x + c[2] * y) / w;
-    *Y = (c[3] + c[4] * x + c[5] * y) / w;
-  };
-  for (int n : {4, 9}) {
-    const auto src = FilmPoints(n, 30 + n);
-    const auto dst =
-        MapPoints(src, [&](double x, double y, double* X, double* Y) { apply(p, x, y, X, Y); });
-    double fit[8];
-    ASSERT_EQ(epho_Perspect(n, src.data(), dst.data(), fit), 0);
-    for (int i = 0; i < n; ++i) {
-      double X, Y;
-      apply(fit, src[2 * i], src[2 * i + 1], &X, &Y);
-      EXPECT_NEAR(X, dst[2 * i], 1e-8);
-      EXPECT_NEAR(Y, dst[2 * i + 1], 1e-8);
-    }
-  }
-
-  // Noisy targets: the same linearised equations solved by QR.
-  const int n = 25;
-  const auto src = FilmPoints(n, 91);
-  auto dst =
-      MapPoints(src, [&](double x, double y, double* X, double* Y) { apply(p, x, y, X, Y); });
-  AddNoise(&dst, 0.05, 92);
-  Eigen::MatrixXd design = Eigen::MatrixXd::Zero(2 * n, 8);
-  Eigen::VectorXd obs(2 * n);
-  for (int i = 0; i < n; ++i) {
-    const double x = src[2 * i], y = src[2 * i + 1], X = dst[2 * i], Y = dst[2 * i + 1];
-    design.row(2 * i) << 1, x, y, 0, 0, 0, -x * X, -y * X;
-    design.row(2 * i + 1) << 0, 0, 0, 1, x, y, -x * Y, -y * Y;
-    obs(2 * i) = X;
-    obs(2 * i + 1) = Y;
-  }
-  const Eigen::VectorXd ref = design.colPivHouseholderQr().solve(obs);
-  double fit[8];
-  ASSERT_EQ(epho_Perspect(n, src.data(), dst.data(), fit), 0);
-  for (int k = 0; k < 8; ++k) EXPECT_NEAR(fit[k], ref(k), 1e-8 * (1.0 + std::abs(ref(k)))) << k;
 }
 
 TEST(PlanarPerspect, IdentityTooFewPointsAndSingularAffinePart) {
@@ -216,36 +203,31 @@ TEST(PlanarReverseAffine, InverseRoundTripsAndSingularIsRefused) {
   EXPECT_EQ(singular[2], 4.0);
 }
 
+// The box of the four mapped corners, each side moved outwards by one after
+// truncation; the outward step is decided on the mapped value, not on its
+// truncation.
 TEST(PlanarBoundingBox, CornersMoveOutwardsByOne) {
-  const double identity[6] = {0, 1, 0, 0, 0, 1};
-  int32_t out[4];
-  const int32_t r1[4] = {5, 5, 10, 10};
-  EXPECT_EQ(epho_GetNewBondingBox(r1, identity, out), out);
-  EXPECT_EQ(std::vector<int32_t>(out, out + 4), std::vector<int32_t>({6, 6, 11, 11}));
-  const int32_t r2[4] = {0, 0, 10, 10};
-  epho_GetNewBondingBox(r2, identity, out);
-  EXPECT_EQ(std::vector<int32_t>(out, out + 4), std::vector<int32_t>({-1, -1, 11, 11}));
-
-  // Mirror in x (X = 100 - x) plus half-pixel shift in y: min and max swap
-  // corners; truncation of -0.5 and 9.5 gives 0 and 9 before moving out.
-  const double mirror[6] = {100, -1, 0, -0.5, 0, 1};
-  const int32_t r3[4] = {10, 0, 30, 10};
-  epho_GetNewBondingBox(r3, mirror, out);
-  EXPECT_EQ(std::vector<int32_t>(out, out + 4), std::vector<int32_t>({71, -1, 91, 10}));
-
-  // The outward step is decided on the mapped value, not on its truncation:
-  // X = x + 0.5 maps x = 0 to 0.5 (truncates to 0, positive, so 1) and
-  // x = -1 to -0.5 (-1); Y = y - 0.25 maps 0 to -0.25 (-1) and 2 to 1.75 (2).
-  const double half[6] = {0.5, 1, 0, -0.25, 0, 1};
-  const int32_t r5[4] = {-1, 0, 0, 2};
-  epho_GetNewBondingBox(r5, half, out);
-  EXPECT_EQ(std::vector<int32_t>(out, out + 4), std::vector<int32_t>({-1, -1, 1, 2}));
-
-  // 90-degree rotation X = -y, Y = x: the box of the rotated corners.
-  const double rot[6] = {0, 0, -1, 0, 1, 0};
-  const int32_t r4[4] = {2, 3, 8, 5};
-  epho_GetNewBondingBox(r4, rot, out);
-  EXPECT_EQ(std::vector<int32_t>(out, out + 4), std::vector<int32_t>({-6, 3, -4, 9}));
+  struct Case {
+    const char* name;
+    int32_t rect[4];
+    double affine[6];
+    int32_t expected[4];
+  } cases[] = {
+      {"identity", {5, 5, 10, 10}, {0, 1, 0, 0, 0, 1}, {6, 6, 11, 11}},
+      {"identity at zero", {0, 0, 10, 10}, {0, 1, 0, 0, 0, 1}, {-1, -1, 11, 11}},
+      // X = 100 - x, Y = y - 0.5: min and max swap; -0.5 and 9.5 truncate to 0 and 9.
+      {"mirror", {10, 0, 30, 10}, {100, -1, 0, -0.5, 0, 1}, {71, -1, 91, 10}},
+      // X = x + 0.5: 0 -> 0.5 (positive, so 1), -1 -> -0.5 (-1); Y = y - 0.25:
+      // 0 -> -0.25 (-1), 2 -> 1.75 (2).
+      {"half shifts", {-1, 0, 0, 2}, {0.5, 1, 0, -0.25, 0, 1}, {-1, -1, 1, 2}},
+      {"quarter turn", {2, 3, 8, 5}, {0, 0, -1, 0, 1, 0}, {-6, 3, -4, 9}},
+  };
+  for (const Case& c : cases) {
+    int32_t out[4];
+    EXPECT_EQ(epho_GetNewBondingBox(c.rect, c.affine, out), out);
+    EXPECT_EQ(std::vector<int32_t>(out, out + 4), std::vector<int32_t>(c.expected, c.expected + 4))
+        << c.name;
+  }
 }
 
 }  // namespace
