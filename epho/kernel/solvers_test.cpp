@@ -254,35 +254,41 @@ TEST(SolversRowOffset, BlockedKernelsEqualTextbookRecurrencesBitForBit) {
     for (int i = 0; i < m; ++i)
       for (int j = i; j < m; ++j) ASSERT_EQ(s.at(5 + i, 5 + j), reference(i, j)) << i << "," << j;
   }
-  // The 8x8 family divides by its pivots.
-  const MatrixXd a8 = RandomSpd(8, 5);
-  MatrixXd reference8 = a8;
-  ASSERT_FALSE(TextbookFactor(&reference8, false));
-  Eigen::Matrix<double, 8, 8, Eigen::RowMajor> m8 = a8;
-  ASSERT_EQ(epho_Resolve8(m8.data()), EMSC_FALSE);
-  for (int i = 0; i < 8; ++i)
-    for (int j = i; j < 8; ++j) EXPECT_EQ(m8(i, j), reference8(i, j));
-  const VectorXd rhs8 = RandomVector(8, 6);
-  const VectorXd x8 = TextbookSolve(reference8, rhs8);
-  VectorXd b8 = rhs8;
-  ASSERT_EQ(epho_Solution8(m8.data(), b8.data()), EMSC_FALSE);
-  for (int i = 0; i < 8; ++i) EXPECT_EQ(b8(i), x8(i)) << i;
-  TextbookInvert(&reference8);
-  ASSERT_EQ(epho_Inverld8(m8.data()), EMSC_FALSE);
-  for (int i = 0; i < 8; ++i)
-    for (int j = i; j < 8; ++j) EXPECT_EQ(m8(i, j), reference8(i, j)) << i << "," << j;
+  // The 8x8 family divides by its pivots and never reads the lower triangle.
+  for (unsigned seed = 1; seed <= 20; ++seed) {
+    SCOPED_TRACE(seed);
+    const MatrixXd a8 = RandomSpd(8, seed);
+    MatrixXd reference8 = a8;
+    ASSERT_FALSE(TextbookFactor(&reference8, false));
+    Eigen::Matrix<double, 8, 8, Eigen::RowMajor> m8 = a8;
+    m8.triangularView<Eigen::StrictlyLower>().setConstant(kNaN);
+    ASSERT_EQ(epho_Resolve8(m8.data()), EMSC_FALSE);
+    for (int i = 0; i < 8; ++i)
+      for (int j = i; j < 8; ++j) ASSERT_EQ(m8(i, j), reference8(i, j)) << i << "," << j;
+    const VectorXd rhs8 = RandomVector(8, seed);
+    const VectorXd x8 = TextbookSolve(reference8, rhs8);
+    VectorXd b8 = rhs8;
+    ASSERT_EQ(epho_Solution8(m8.data(), b8.data()), EMSC_FALSE);
+    for (int i = 0; i < 8; ++i) ASSERT_EQ(b8(i), x8(i)) << i;
+    TextbookInvert(&reference8);
+    ASSERT_EQ(epho_Inverld8(m8.data()), EMSC_FALSE);
+    for (int i = 0; i < 8; ++i)
+      for (int j = i; j < 8; ++j) ASSERT_EQ(m8(i, j), reference8(i, j)) << i << "," << j;
+    EXPECT_TRUE(std::isnan(m8(7, 0)));
+  }
 }
 
 // The one-call inverses divide by their pivots; on large n their factor runs
 // through the blocked kernel in its dividing form, which must also match the
 // plain recurrences to the bit, mirrored in full by epho_InverNxN.
 TEST(SolversOneCall, InverNxNAndInver6x6EqualTextbookRecurrencesBitForBit) {
-  for (int n : {6, 24, 25, 26, 27, 28, 130, 259}) {
+  for (int n : {1, 2, 6, 9, 24, 25, 26, 27, 28, 130, 259}) {
     const MatrixXd a = RandomSpd(n, 500 + n);
     MatrixXd reference = a;
     ASSERT_FALSE(TextbookFactor(&reference, false));
     TextbookInvert(&reference);
     Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor> m = a;
+    m.triangularView<Eigen::StrictlyLower>().setConstant(kNaN);  // never read
     ASSERT_EQ(epho_InverNxN(m.data(), n), EMSC_FALSE);
     for (int i = 0; i < n; ++i) {
       for (int j = i; j < n; ++j) {
@@ -366,31 +372,7 @@ TEST(SolversRowOffset, EmptyBlockIsNoOpAndBadArgumentsAreRefused) {
   EXPECT_EQ(a[0], 1.0);
 }
 
-TEST(Solvers8, FactorSolveInverseMatchEigen) {
-  for (unsigned seed = 1; seed <= 20; ++seed) {
-    const MatrixXd a = RandomSpd(8, seed);
-    Eigen::Matrix<double, 8, 8, Eigen::RowMajor> m = a;
-    for (int i = 1; i < 8; ++i)
-      for (int j = 0; j < i; ++j) m(i, j) = kNaN;  // lower triangle never read
-    ASSERT_EQ(epho_Resolve8(m.data()), EMSC_FALSE);
-    MatrixXd upper = m.triangularView<Eigen::Upper>();
-    EXPECT_LE(MaxAbs(Reassemble(upper) - a), kRelTol * MaxAbs(a));
-
-    const VectorXd rhs = RandomVector(8, seed);
-    VectorXd x = rhs;
-    ASSERT_EQ(epho_Solution8(m.data(), x.data()), EMSC_FALSE);
-    EXPECT_LE((x - a.ldlt().solve(rhs)).cwiseAbs().maxCoeff(), kRelTol * rhs.cwiseAbs().maxCoeff());
-
-    ASSERT_EQ(epho_Inverld8(m.data()), EMSC_FALSE);
-    const MatrixXd inv = a.inverse();
-    MatrixXd got = m.triangularView<Eigen::Upper>();
-    got.triangularView<Eigen::StrictlyLower>() = got.transpose();
-    EXPECT_LE(MaxAbs(got - inv), kRelTol * MaxAbs(inv));
-    EXPECT_TRUE(std::isnan(m(7, 0)));
-  }
-}
-
-TEST(SolversOneCall, Inver6x6AndInverNxNMatchEigen) {
+TEST(SolversOneCall, Inver6x6MatchesEigenOnLeadingBlocks) {
   for (int n = 1; n <= 6; ++n) {
     const MatrixXd a = RandomSpd(n, 40 + n);
     Eigen::Matrix<double, 6, 6, Eigen::RowMajor> m =
@@ -410,16 +392,6 @@ TEST(SolversOneCall, Inver6x6AndInverNxNMatchEigen) {
           EXPECT_EQ(m(i, j), -7.0);
         }
   }
-  for (int n : {1, 2, 9, 40, 150}) {
-    const MatrixXd a = RandomSpd(n, 60 + n);
-    Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor> m = a;
-    for (int i = 1; i < n; ++i)
-      for (int j = 0; j < i; ++j) m(i, j) = kNaN;
-    ASSERT_EQ(epho_InverNxN(m.data(), n), EMSC_FALSE);
-    const MatrixXd inv = a.inverse();
-    EXPECT_LE(MaxAbs(m - inv), kRelTol * MaxAbs(inv)) << "n=" << n;
-    EXPECT_EQ(MaxAbs(m - m.transpose()), 0.0);
-  }
   double one = 8.0;
   ASSERT_EQ(epho_InverNxN(&one, 1), EMSC_FALSE);
   EXPECT_EQ(one, 0.125);
@@ -427,24 +399,9 @@ TEST(SolversOneCall, Inver6x6AndInverNxNMatchEigen) {
   EXPECT_NE(epho_Inver6x6(rows_of_six, 7), EMSC_FALSE);  // would overrun the rows
 }
 
-TEST(SolversAll, IdentityFactorsToItselfAndZeroFirstPivotFails) {
-  Eigen::Matrix<double, 8, 8, Eigen::RowMajor> id8 = Eigen::Matrix<double, 8, 8>::Identity();
-  auto m = id8;
-  ASSERT_EQ(epho_Resolve8(m.data()), EMSC_FALSE);
-  EXPECT_EQ(m, id8);
-  ASSERT_EQ(epho_Inverld8(m.data()), EMSC_FALSE);
-  EXPECT_EQ(m, id8);
-  Eigen::Matrix<double, 6, 6, Eigen::RowMajor> id6 = Eigen::Matrix<double, 6, 6>::Identity();
-  auto m6 = id6;
-  ASSERT_EQ(epho_Inver6x6(m6.data(), 6), EMSC_FALSE);
-  EXPECT_EQ(m6, id6);
-  double id3[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
-  ASSERT_EQ(epho_Reverse3S(id3), EMSC_FALSE);
-  ASSERT_EQ(epho_Com_Reverse3(id3), EMSC_FALSE);
-  EXPECT_EQ(std::vector<double>(id3, id3 + 9), std::vector<double>({1, 0, 0, 0, 1, 0, 0, 0, 1}));
-
+TEST(SolversAll, ZeroFirstPivotFails) {
   // Invertible, zero first diagonal: every symmetric member fails.
-  Eigen::Matrix<double, 8, 8, Eigen::RowMajor> p8 = id8;
+  Eigen::Matrix<double, 8, 8, Eigen::RowMajor> p8 = Eigen::Matrix<double, 8, 8>::Identity();
   p8(0, 0) = 0.0;
   p8(0, 1) = p8(1, 0) = 1.0;
   auto f8 = p8;
