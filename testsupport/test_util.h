@@ -39,6 +39,12 @@ class ScratchDir {
   std::filesystem::path path_;
 };
 
+// True when some link of the report chain mentions `text` (a substring of
+// its text, where kzdv::ReportContains wants a whole message).
+inline bool Mentions(const Eerr_ErrorReport* err, const std::wstring& text) {
+  return kzdv::ReportText(err).find(text) != std::wstring::npos;
+}
+
 // While alive, reports printed by eerr_PrintErrorReport are collected here
 // instead of going to standard error.
 class PrintedReports {

@@ -11,6 +11,7 @@
 
 #include "eprj.h"
 #include "proj_cli_test_util.h"
+#include "test_util.h"
 
 namespace {
 
@@ -27,9 +28,7 @@ struct ProjDeleter {
 using Pro = std::unique_ptr<Eprj_ProParameters, ProDeleter>;
 using Proj = std::unique_ptr<Eprj_MapProjection, ProjDeleter>;
 
-bool Mentions(const Eerr_ErrorReport* err, const std::wstring& text) {
-  return kzdv::ReportText(err).find(text) != std::wstring::npos;
-}
+using testutil::Mentions;
 
 struct Case {
   const char* what;

@@ -22,10 +22,7 @@ struct MatrixDeleter {
 };
 using Matrix = std::unique_ptr<Efga_Matrix, MatrixDeleter>;
 
-// True when some link of the report chain mentions `text`.
-bool Mentions(const Eerr_ErrorReport* err, const std::wstring& text) {
-  return kzdv::ReportText(err).find(text) != std::wstring::npos;
-}
+using testutil::Mentions;
 
 Matrix Points(const std::vector<double>& xy) {
   Matrix m(efga_MatrixCreate(2, static_cast<long>(xy.size() / 2), nullptr));
