@@ -248,9 +248,23 @@ TEST(EhfaFile, LookupsInLargeFamiliesFindTheFirstOfEqualNames) {
   ASSERT_TRUE(ehfa_EntryInfoGet(f, &info, &err));
   EXPECT_EQ(std::string(info.name), kzdv::ToUtf8(longName));
   EXPECT_EQ(std::string(info.type), kzdv::ToUtf8(longType));
+  const uint32_t longAt = info.file_offset;
   ASSERT_TRUE(ehfa_EntrySeek(f, EHFA_SEEK_ROOT, nullptr, nullptr, &err));
   ASSERT_TRUE(ehfa_EntryInfoGet(f, &info, &err));
   EXPECT_EQ(info.child_count, 43);
+  EXPECT_TRUE(ehfa_FileClose(f, &err));
+
+  // Another writer may fill the name field to its end with no terminating
+  // zero: the name is read whole.
+  {
+    std::fstream io(kzdv::ToUtf8(path), std::ios::in | std::ios::out | std::ios::binary);
+    io.seekp(longAt + 24 + 63);
+    io.put('z');
+  }
+  f = ehfa_FileOpen(path.c_str(), "r", nullptr, &err);
+  ASSERT_TRUE(f) << err.Text();
+  EXPECT_EQ(offsetOf(f, longName.c_str()), -1);
+  EXPECT_EQ(offsetOf(f, (longName + L"z").c_str()), static_cast<long>(longAt));
   EXPECT_TRUE(ehfa_FileClose(f, &err));
 }
 

@@ -355,8 +355,10 @@ bool Ehfa_File::Load(std::string* error) {
     *child = LoadLe32(h + 12);
     n->data_pos = LoadLe32(h + 16);
     n->data_size = LoadLe32(h + 20);
-    SetName(n, FixedText(h + 24, kNameSize));
-    SetType(n, FixedText(h + 88, kTypeSize));
+    // A field filled to its end without a terminating zero is kept whole
+    // here (a rewrite of the header stores it cut by one byte).
+    SetName(n, FixedText(h + 24, kNameSize), kNameSize);
+    SetType(n, FixedText(h + 88, kTypeSize), kTypeSize);
     n->mtime = LoadLe32(h + 120);
     return n;
   };
@@ -445,14 +447,14 @@ Node* Ehfa_File::NewNode(std::string_view name, std::string_view type) {
   return n;
 }
 
-void Ehfa_File::SetName(Node* n, std::string_view name) {
-  name = name.substr(0, std::min<size_t>(name.size(), kNameSize - 1));
+void Ehfa_File::SetName(Node* n, std::string_view name, size_t limit) {
+  name = name.substr(0, std::min(name.size(), limit));
   n->name_text = names.Intern(name);
   n->name_len = static_cast<uint8_t>(name.size());
 }
 
-void Ehfa_File::SetType(Node* n, std::string_view type) {
-  type = type.substr(0, std::min<size_t>(type.size(), kTypeSize - 1));
+void Ehfa_File::SetType(Node* n, std::string_view type, size_t limit) {
+  type = type.substr(0, std::min(type.size(), limit));
   n->type_text = names.Intern(type);
   n->type_len = static_cast<uint8_t>(type.size());
 }
@@ -611,8 +613,8 @@ bool Ehfa_File::Flush(bool force, std::string* error) {
     StoreLe32(h + 12, n->child ? n->child->pos : 0);
     StoreLe32(h + 16, n->data_pos);
     StoreLe32(h + 20, n->data_size);
-    std::memcpy(h + 24, n->name_text, n->name_len);
-    std::memcpy(h + 88, n->type_text, n->type_len);
+    std::memcpy(h + 24, n->name_text, std::min<size_t>(n->name_len, kNameSize - 1));
+    std::memcpy(h + 88, n->type_text, std::min<size_t>(n->type_len, kTypeSize - 1));
     StoreLe32(h + 120, n->mtime);
   };
   if (!io.WriteAscending(

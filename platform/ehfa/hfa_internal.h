@@ -137,9 +137,10 @@ struct Ehfa_File {
   kzdv::hfa::Node* FindChild(kzdv::hfa::Node* parent, std::string_view name) const;
   std::string PathOf(const kzdv::hfa::Node* n) const;
   kzdv::hfa::Node* NewNode(std::string_view name, std::string_view type);
-  // Names and types longer than an entry holds are cut to fit.
-  void SetName(kzdv::hfa::Node* n, std::string_view name);
-  void SetType(kzdv::hfa::Node* n, std::string_view type);
+  // Names and types longer than `limit` (by default what an entry header
+  // holds with its terminating zero) are cut to fit.
+  void SetName(kzdv::hfa::Node* n, std::string_view name, size_t limit = kzdv::hfa::kNameSize - 1);
+  void SetType(kzdv::hfa::Node* n, std::string_view type, size_t limit = kzdv::hfa::kTypeSize - 1);
   void LinkFirst(kzdv::hfa::Node* parent, kzdv::hfa::Node* n);
   void LinkLast(kzdv::hfa::Node* parent, kzdv::hfa::Node* n);
   void LinkAfter(kzdv::hfa::Node* prev, kzdv::hfa::Node* n);
