@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/ehfa/hfa_internal.h"
 #include "test_util.h"
 
 namespace {
@@ -142,6 +143,9 @@ TEST(EhfaFile, HundredThousandPointsReadBackSequentiallyAndBySeeking) {
 
   f = ehfa_FileOpen(path.c_str(), "r", nullptr, &err);
   ASSERT_TRUE(f) << err.Text();
+  // Opening reads the half million entry headers in one forward pass: about
+  // the file once, not a read window per family.
+  EXPECT_LT(kzdv::hfa::BytesRead(f), 2 * std::filesystem::file_size(kzdv::ToUtf8(path)));
   // Sequentially: each point, then its image points, in file order.
   const Emif_Design* d = nullptr;
   void* rec = nullptr;
@@ -184,6 +188,83 @@ TEST(EhfaFile, HundredThousandPointsReadBackSequentiallyAndBySeeking) {
   ASSERT_TRUE(ehfa_EntrySeek(f, EHFA_SEEK_INTO, L":BlockProperty", nullptr, &err));
   ASSERT_TRUE(ehfa_EntryInfoGet(f, &info, &err));
   EXPECT_EQ(info.child_count, kPoints);
+  EXPECT_TRUE(ehfa_FileClose(f, &err));
+}
+
+// Lookups by name in a large family go through an index built after a few
+// scans; it must agree with a scan (the first of equal names wins) before and
+// after children are added at either end, and after a reopen. Names and types
+// of the largest size round-trip.
+TEST(EhfaFile, LookupsInLargeFamiliesFindTheFirstOfEqualNames) {
+  testutil::ScratchDir dir("ehfa_names");
+  const std::wstring path = dir.WFile("names.hfa");
+  const std::wstring longName(63, L'n'), longType(31, L't');
+  ErrGuard err;
+  Ehfa_File* f = ehfa_FileCreate(path.c_str(), nullptr, &err);
+  ASSERT_TRUE(f) << err.Text();
+  for (int i = 0; i < 40; ++i) {
+    const std::wstring name = L"C" + std::to_wstring(i);
+    ASSERT_TRUE(ehfa_EntryWrite(f, i == 0 ? EHFA_WRITE_FIRST_CHILD : EHFA_WRITE_AFTER, name.c_str(),
+                                L"Kind", &err))
+        << err.Text();
+  }
+  ASSERT_TRUE(ehfa_EntryWrite(f, EHFA_WRITE_AFTER, longName.c_str(), longType.c_str(), &err));
+  auto offsetOf = [&](Ehfa_File* g, const wchar_t* name) -> long {
+    ErrGuard e;
+    if (!ehfa_EntrySeekIfPresent(g, EHFA_SEEK_BY_NAME, L":", name, &e)) return -1;
+    Ehfa_EntryInfo info;
+    ehfa_EntryInfoGet(g, &info, &e);
+    return static_cast<long>(info.file_offset);
+  };
+  // Enough lookups to build the index, then duplicates at the end (the
+  // earlier one stays found) and at the front (the new one is found).
+  std::vector<long> first(40);
+  for (int round = 0; round < 3; ++round) {
+    for (int i = 0; i < 40; ++i) {
+      const long at = offsetOf(f, (L"C" + std::to_wstring(i)).c_str());
+      ASSERT_GT(at, 0) << i;
+      if (round == 0) first[i] = at;
+      EXPECT_EQ(at, first[i]) << i;
+    }
+  }
+  EXPECT_EQ(offsetOf(f, L"C40"), -1);
+  ASSERT_TRUE(ehfa_EntryWrite(f, EHFA_WRITE_AFTER, L"C5", L"Kind", &err));
+  EXPECT_EQ(offsetOf(f, L"C5"), first[5]);
+  ASSERT_TRUE(ehfa_EntrySeek(f, EHFA_SEEK_ROOT, nullptr, nullptr, &err));
+  ASSERT_TRUE(ehfa_EntryWrite(f, EHFA_WRITE_FIRST_CHILD, L"C7", L"Other", &err));
+  const long front = offsetOf(f, L"C7");
+  EXPECT_NE(front, first[7]);
+  ASSERT_TRUE(ehfa_FileClose(f, &err)) << err.Text();
+
+  f = ehfa_FileOpen(path.c_str(), "r", nullptr, &err);
+  ASSERT_TRUE(f) << err.Text();
+  for (int round = 0; round < 12; ++round) {
+    EXPECT_EQ(offsetOf(f, L"C5"), first[5]);
+    EXPECT_EQ(offsetOf(f, L"C7"), front);
+    EXPECT_EQ(offsetOf(f, L"C39"), first[39]);
+  }
+  ASSERT_GT(offsetOf(f, longName.c_str()), 0);
+  Ehfa_EntryInfo info;
+  ASSERT_TRUE(ehfa_EntryInfoGet(f, &info, &err));
+  EXPECT_EQ(std::string(info.name), kzdv::ToUtf8(longName));
+  EXPECT_EQ(std::string(info.type), kzdv::ToUtf8(longType));
+  const uint32_t longAt = info.file_offset;
+  ASSERT_TRUE(ehfa_EntrySeek(f, EHFA_SEEK_ROOT, nullptr, nullptr, &err));
+  ASSERT_TRUE(ehfa_EntryInfoGet(f, &info, &err));
+  EXPECT_EQ(info.child_count, 43);
+  EXPECT_TRUE(ehfa_FileClose(f, &err));
+
+  // Another writer may fill the name field to its end with no terminating
+  // zero: the name is read whole.
+  {
+    std::fstream io(kzdv::ToUtf8(path), std::ios::in | std::ios::out | std::ios::binary);
+    io.seekp(longAt + 24 + 63);
+    io.put('z');
+  }
+  f = ehfa_FileOpen(path.c_str(), "r", nullptr, &err);
+  ASSERT_TRUE(f) << err.Text();
+  EXPECT_EQ(offsetOf(f, longName.c_str()), -1);
+  EXPECT_EQ(offsetOf(f, (longName + L"z").c_str()), static_cast<long>(longAt));
   EXPECT_TRUE(ehfa_FileClose(f, &err));
 }
 

@@ -63,8 +63,9 @@ Node* SeekTarget(Ehfa_File* f, Ehfa_SeekMethod method, const Etxt_Char* path, co
       for (Node* up = cur; !n && up; up = up->parent) n = up->next;
       if (!n) {
         *missing = "entry after " + f->PathOf(cur);
-      } else if (name && *name && n->name != U8(name)) {
-        *error = "the entry after " + f->PathOf(cur) + " is " + n->name + ", not " + U8(name);
+      } else if (name && *name && n->name() != U8(name)) {
+        *error = "the entry after " + f->PathOf(cur) + " is " + std::string(n->name()) + ", not " +
+                 U8(name);
         return nullptr;
       }
       return n;
@@ -153,7 +154,7 @@ Node* Place(ErrorFrame& frame, Ehfa_File* f, const Etxt_Char* path, const Etxt_C
     case EHFA_WRITE_REPLACE:
       n = f->FindChild(parent, n8);
       if (n) {
-        n->type = type;
+        f->SetType(n, type);
         f->MarkDirty(n);
       } else {
         n = f->NewNode(n8, type);
@@ -285,8 +286,8 @@ Emsc_Boolean ehfa_EntryInfoGet(Ehfa_File* file, Ehfa_EntryInfo* info, Eerr_Error
   ErrorFrame frame(L"ehfa_EntryInfoGet", err);
   EERR_FAIL_IF(!file || !info, frame, EMSC_FALSE, L"Args");
   const Node* n = file->current;
-  file->info_name = n->name;
-  file->info_type = n->type;
+  file->info_name = n->name();
+  file->info_type = n->type();
   info->name = file->info_name.c_str();
   info->type = file->info_type.c_str();
   info->file_offset = n->pos;
@@ -390,11 +391,11 @@ Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod meth
   const int found = DoSeek(frame, file, method, path, name, missing_is_error);
   if (found <= 0) return EMSC_FALSE;
   const Node* n = file->current;
-  const kzdv::mif::DesignRef d = kzdv::mif::FindDesign(*file->dict, n->type);
+  const kzdv::mif::DesignRef d = kzdv::mif::FindDesign(*file->dict, std::string(n->type()));
   if (!d) {
-    const std::string why = kzdv::mif::UnusableReason(*file->dict, n->type);
+    const std::string why = kzdv::mif::UnusableReason(*file->dict, std::string(n->type()));
     frame.Fail(__LINE__, L"Node %s has type %s, which the dictionary of %s does not define%s",
-               W(file->PathOf(n)), W(n->type), file->name.c_str(),
+               W(file->PathOf(n)), W(std::string(n->type())), file->name.c_str(),
                W(why.empty() ? std::string() : " usably: " + why));
     return EMSC_FALSE;
   }
@@ -410,7 +411,8 @@ Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod meth
     if (kzdv::mif::RecordSize(*d) > std::max<uint64_t>(file->io.size(), 1u << 20) ||
         (!bytes.empty() && least > bytes.size())) {
       frame.Fail(__LINE__, L"Node %s holds %u bytes, not an object of type %s (%u bytes or more)",
-                 W(file->PathOf(n)), n->data_size, W(n->type), static_cast<unsigned>(least));
+                 W(file->PathOf(n)), n->data_size, W(std::string(n->type())),
+                 static_cast<unsigned>(least));
       return EMSC_FALSE;
     }
     rec = emsc_HeapCalloc(1, kzdv::mif::RecordSize(*d));
@@ -421,8 +423,8 @@ Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod meth
     if (!bytes.empty() && !kzdv::mif::Decode(*d, bytes.data(), bytes.size(), rec, &error)) {
       kzdv::mif::FreeContents(*d, rec);
       emsc_HeapFree(rec);
-      frame.Fail(__LINE__, L"Cannot decode %s of type %s in %s: %s", W(file->PathOf(n)), W(n->type),
-                 file->name.c_str(), W(error));
+      frame.Fail(__LINE__, L"Cannot decode %s of type %s in %s: %s", W(file->PathOf(n)),
+                 W(std::string(n->type())), file->name.c_str(), W(error));
       return EMSC_FALSE;
     }
   } catch (const std::bad_alloc&) {
@@ -510,7 +512,7 @@ Emsc_Boolean ehfa_ObjectDataReadIfPresent(Ehfa_File* file, Ehfa_SeekMethod metho
   std::string error;
   EERR_FAIL_IF(!file->ReadData(n, &bytes, &error), frame, EMSC_FALSE, L"Cannot read %s: %s",
                file->name.c_str(), W(error));
-  const kzdv::mif::DesignRef d = kzdv::mif::FindDesign(*file->dict, n->type);
+  const kzdv::mif::DesignRef d = kzdv::mif::FindDesign(*file->dict, std::string(n->type()));
   if (d && !bytes.empty()) {
     EERR_FAIL_IF(!kzdv::mif::Rebase(*d, bytes.data(), bytes.size(), 0, &error), frame, EMSC_FALSE,
                  L"Cannot read %s in %s: %s", W(file->PathOf(n)), file->name.c_str(), W(error));
@@ -519,7 +521,7 @@ Emsc_Boolean ehfa_ObjectDataReadIfPresent(Ehfa_File* file, Ehfa_SeekMethod metho
       static_cast<unsigned char*>(emsc_MemDup(bytes.data(), bytes.size())));
   EERR_FAIL_IF(!out, frame, EMSC_FALSE, L"Out of memory");
   if (type) {
-    *type = etxt_Text_strdup(FromUtf8(n->type).c_str());
+    *type = etxt_Text_strdup(FromUtf8(std::string(n->type())).c_str());
     EERR_FAIL_IF(!*type, frame, EMSC_FALSE, L"Out of memory");
   }
   *size = static_cast<uint32_t>(bytes.size());

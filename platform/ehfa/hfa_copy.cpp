@@ -73,7 +73,7 @@ bool SameIgnoringCase(const std::wstring& a, const std::wstring& b) {
 // Rewrites what a record of a known image type points at outside itself.
 // `rec` views a decoded record; returns false with *error on failure.
 bool FixUp(Ehfa_File* src, Ehfa_File* dst, const Node* s, mif::RecordView rec, std::string* error) {
-  if (s->type == "Edms_State") {
+  if (s->type() == "Edms_State") {
     std::vector<mif::RecordView> blocks;
     if (!rec.Objects("blockinfo", &blocks)) return true;
     for (size_t i = 0; i < blocks.size(); ++i) {
@@ -95,7 +95,7 @@ bool FixUp(Ehfa_File* src, Ehfa_File* dst, const Node* s, mif::RecordView rec, s
     }
     return true;
   }
-  if (s->type == "Ehfa_Layer") {
+  if (s->type() == "Ehfa_Layer") {
     uint32_t ptr = 0;
     if (!rec.GetU32("dictionaryPtr", &ptr) || ptr == 0 || ptr >= src->io.size()) return true;
     // The layer's dictionary text, up to its terminating zero (at most 64 KiB).
@@ -109,7 +109,7 @@ bool FixUp(Ehfa_File* src, Ehfa_File* dst, const Node* s, mif::RecordView rec, s
     rec.SetU32("dictionaryPtr", to);
     return true;
   }
-  if (s->type == "Edsc_Column") {
+  if (s->type() == "Edsc_Column") {
     uint32_t ptr = 0, rows = 0, type = 0, chars = 0;
     if (!rec.GetU32("columnDataPtr", &ptr) || !rec.GetU32("numRows", &rows) ||
         !rec.GetU32("dataType", &type) || ptr == 0) {
@@ -127,7 +127,7 @@ bool FixUp(Ehfa_File* src, Ehfa_File* dst, const Node* s, mif::RecordView rec, s
     rec.SetU32("columnDataPtr", to);
     return true;
   }
-  if (s->type == "Eimg_RRDNamesList") {
+  if (s->type() == "Eimg_RRDNamesList") {
     // Overview names read "file.img(:Layer_1:_ss_2_)"; names of the source
     // file itself become names of the copy. The name is the first field of
     // each list item.
@@ -158,7 +158,7 @@ bool NeedsFixUp(const std::string& type) {
 
 // Copies the entry and data of `s` as they are into a new last child of `tp`.
 Node* CopyNode(Ehfa_File* src, Ehfa_File* dst, const Node* s, Node* tp, std::string* error) {
-  Node* t = dst->NewNode(s->name, s->type);
+  Node* t = dst->NewNode(s->name(), s->type());
   t->mtime = s->mtime;
   dst->LinkLast(tp, t);
   static const uint8_t kBlank[kEntryHeaderSize] = {};
@@ -166,8 +166,9 @@ Node* CopyNode(Ehfa_File* src, Ehfa_File* dst, const Node* s, Node* tp, std::str
   std::vector<uint8_t> bytes;
   if (!src->ReadData(s, &bytes, error)) return nullptr;
   if (bytes.empty()) return t;
-  const mif::DesignRef d = mif::FindDesign(*src->dict, s->type);
-  if (d && NeedsFixUp(s->type)) {
+  const std::string type(s->type());
+  const mif::DesignRef d = mif::FindDesign(*src->dict, type);
+  if (d && NeedsFixUp(type)) {
     std::vector<uint8_t> rec(mif::RecordSize(*d), 0);
     std::string why;
     if (mif::Decode(*d, bytes.data(), bytes.size(), rec.data(), &why)) {
@@ -201,7 +202,7 @@ const Ehfa_CEFRecord* FindInTable(const Ehfa_CEFRecord* table, const Ehfa_File* 
     const std::string n8 = ToUtf8(name);
     if (n8[0] == ':') {
       if (n8 == path) return r;
-    } else if (s->parent == src->root && n8 == s->name) {
+    } else if (s->parent == src->root && n8 == s->name()) {
       return r;
     }
   }
@@ -264,9 +265,9 @@ Emsc_Boolean ehfa_FileCopy(const Etxt_Char* source_name, const Etxt_Char* target
           }
         }
         if (!r->copyChildren) continue;
-        tn = t->FindChild(tp, sn->name);
+        tn = t->FindChild(tp, sn->name());
         if (!tn) {
-          tn = t->NewNode(sn->name, sn->type);
+          tn = t->NewNode(sn->name(), sn->type());
           t->LinkLast(tp, tn);
           static const uint8_t kBlank[kEntryHeaderSize] = {};
           if (!t->io.Append(kBlank, sizeof kBlank, &tn->pos, &error)) ok = false;

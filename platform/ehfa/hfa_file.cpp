@@ -25,6 +25,9 @@ using kzdv::mif::StoreLe32;
 namespace kzdv {
 namespace hfa {
 
+// The tree of a large block holds half a million entries: keep them small.
+static_assert(sizeof(void*) != 8 || sizeof(Node) <= 80, "an entry of the tree grew");
+
 namespace {
 constexpr size_t kWindow = 64 * 1024;
 constexpr size_t kAppendLimit = 64 * 1024 * 1024;
@@ -38,10 +41,10 @@ constexpr char kBaseDictionary[] =
 
 std::string Errno() { return std::strerror(errno); }
 
-std::string FixedText(const uint8_t* p, size_t n) {
+std::string_view FixedText(const uint8_t* p, size_t n) {
   size_t len = 0;
   while (len < n && p[len] != 0) ++len;
-  return std::string(reinterpret_cast<const char*>(p), len);
+  return std::string_view(reinterpret_cast<const char*>(p), len);
 }
 }  // namespace
 
@@ -234,6 +237,30 @@ bool FileIO::WriteAscending(size_t count, size_t size,
 
 uint64_t BytesRead(const Ehfa_File* file) { return file->io.bytes_read(); }
 
+// ---- NameStore -------------------------------------------------------------
+
+const char* NameStore::Intern(std::string_view text) {
+  if (text.size() > 255) text = text.substr(0, 255);
+  if (text.empty()) return "";
+  const size_t slot = std::hash<std::string_view>()(text) % (sizeof recent_ / sizeof recent_[0]);
+  Recent& r = recent_[slot];
+  if (r.text && r.len == text.size() && std::memcmp(r.text, text.data(), text.size()) == 0)
+    return r.text;
+  if (capacity_ - used_ < text.size() + 1) {
+    constexpr size_t kPiece = 64 * 1024;
+    pieces_.emplace_back(new char[kPiece]);
+    used_ = 0;
+    capacity_ = kPiece;
+  }
+  char* at = pieces_.back().get() + used_;
+  std::memcpy(at, text.data(), text.size());
+  at[text.size()] = '\0';
+  used_ += text.size() + 1;
+  r.text = at;
+  r.len = static_cast<uint8_t>(text.size());
+  return at;
+}
+
 }  // namespace hfa
 }  // namespace kzdv
 
@@ -252,8 +279,8 @@ bool Ehfa_File::InitNew(std::string* error) {
   if (!io.Append(head, sizeof head, &pos, error)) return false;
   nodes.emplace_back();
   root = current = &nodes.back();
-  root->name = "root";
-  root->type = "root";
+  SetName(root, "root");
+  SetType(root, "root");
   root->mtime = 0;
   uint8_t blank[kEntryHeaderSize] = {};
   if (!io.Append(blank, sizeof blank, &root->pos, error)) return false;
@@ -297,82 +324,95 @@ bool Ehfa_File::Load(std::string* error) {
   dict = kzdv::mif::ParseDictionary(text.data(), text.size(), error);
   if (!dict) return false;
 
-  // Entry headers, depth first. Every entry is read once; a link to an entry
-  // already seen (a cycle or a shared child) or out of the file is an error.
-  std::unordered_set<uint32_t> seen;
-  seen.reserve(static_cast<size_t>(std::min<uint64_t>(io.size() / 1024, 1u << 16)));
-  auto read_entry = [&](uint32_t pos, Node* parent, Node** out) -> bool {
+  // Entry headers in file order: an entry, its children, then its next
+  // sibling, which is the order writers lay them out, so the reads run
+  // forward through the read window. Every entry is read once; a link to an
+  // entry already seen (a cycle or a shared child) or out of the file is an
+  // error. Entries are 128 bytes and never overlap, so one bit per 64 bytes
+  // of file tells them apart.
+  std::vector<uint64_t> seen(static_cast<size_t>((io.size() >> 6) / 64 + 1), 0);
+  auto read_entry = [&](uint32_t pos, Node* parent, uint32_t* next, uint32_t* child) -> Node* {
     if (pos < 20 || static_cast<uint64_t>(pos) + kEntryUsed > io.size()) {
       *error = "entry offset " + std::to_string(pos) + " lies outside the file" +
                (parent ? " (a child of " + PathOf(parent) + ")" : " (the root)");
-      return false;
+      return nullptr;
     }
-    if (!seen.insert(pos).second) {
-      *error = "entry at offset " + std::to_string(pos) + " is linked twice" +
+    uint64_t& word = seen[(pos >> 6) / 64];
+    const uint64_t bit = uint64_t{1} << ((pos >> 6) % 64);
+    if (word & bit) {
+      *error = "entry at offset " + std::to_string(pos) +
+               " is linked twice or overlaps another entry" +
                (parent ? " (under " + PathOf(parent) + "): a cycle or a shared entry" : "");
-      return false;
+      return nullptr;
     }
+    word |= bit;
     uint8_t h[kEntryUsed];
-    if (!io.Read(pos, sizeof h, h, error)) return false;
+    if (!io.Read(pos, sizeof h, h, error)) return nullptr;
     nodes.emplace_back();
     Node* n = &nodes.back();
     n->pos = pos;
-    n->next = reinterpret_cast<Node*>(static_cast<uintptr_t>(LoadLe32(h)));  // resolved below
-    n->child = reinterpret_cast<Node*>(static_cast<uintptr_t>(LoadLe32(h + 12)));
+    *next = LoadLe32(h);
+    *child = LoadLe32(h + 12);
     n->data_pos = LoadLe32(h + 16);
     n->data_size = LoadLe32(h + 20);
-    n->name = FixedText(h + 24, kNameSize);
-    n->type = FixedText(h + 88, kTypeSize);
+    // A field filled to its end without a terminating zero is kept whole
+    // here (a rewrite of the header stores it cut by one byte).
+    SetName(n, FixedText(h + 24, kNameSize), kNameSize);
+    SetType(n, FixedText(h + 88, kTypeSize), kTypeSize);
     n->mtime = LoadLe32(h + 120);
-    *out = n;
-    return true;
+    return n;
   };
-  Node* r = nullptr;
-  if (!read_entry(root_pos, nullptr, &r)) return false;
-  root = current = r;
-  std::vector<Node*> stack{root};
+  uint32_t root_next = 0, root_child = 0;
+  root = current = read_entry(root_pos, nullptr, &root_next, &root_child);
+  if (!root) return false;
+  // Pending links: (entry position, parent). Children are taken before the
+  // sibling that was pushed earlier.
+  std::vector<std::pair<uint32_t, Node*>> stack{{root_child, root}};
   while (!stack.empty()) {
-    Node* parent = stack.back();
+    const auto [pos, parent] = stack.back();
     stack.pop_back();
-    uint32_t pos = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(parent->child));
-    parent->child = nullptr;
-    while (pos != 0) {
-      Node* n = nullptr;
-      if (!read_entry(pos, parent, &n)) return false;
-      pos = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(n->next));
-      n->next = nullptr;
-      n->parent = parent;
-      n->prev = parent->last;
-      if (parent->last) {
-        parent->last->next = n;
-      } else {
-        parent->child = n;
-      }
-      parent->last = n;
-      ++parent->children;
-      stack.push_back(n);
+    if (pos == 0) continue;
+    uint32_t next = 0, child = 0;
+    Node* n = read_entry(pos, parent, &next, &child);
+    if (!n) return false;
+    n->parent = parent;
+    n->prev = parent->last;
+    if (parent->last) {
+      parent->last->next = n;
+    } else {
+      parent->child = n;
     }
+    parent->last = n;
+    ++parent->children;
+    stack.emplace_back(next, parent);
+    stack.emplace_back(child, n);
   }
-  root->next = nullptr;
   return true;
 }
 
-Node* Ehfa_File::FindChild(Node* parent, const std::string& name) const {
+Node* Ehfa_File::FindChild(Node* parent, std::string_view name) const {
   if (!parent) return nullptr;
   // A few lookups scan; many lookups in a large family pay for an index.
-  if (parent->children < 16 || (!parent->index && ++parent->lookups <= 8)) {
+  if (parent->children < 16) {
     for (Node* c = parent->child; c; c = c->next) {
-      if (c->name == name) return c;
+      if (c->name() == name) return c;
     }
     return nullptr;
   }
-  if (!parent->index) {
-    parent->index.reset(new std::unordered_map<std::string, Node*>);
-    parent->index->reserve(static_cast<size_t>(parent->children));
-    for (Node* c = parent->child; c; c = c->next) parent->index->emplace(c->name, c);
+  ChildIndex& index = indexes[parent];
+  if (!index.map && ++index.lookups <= 8) {
+    for (Node* c = parent->child; c; c = c->next) {
+      if (c->name() == name) return c;
+    }
+    return nullptr;
   }
-  auto it = parent->index->find(name);
-  return it == parent->index->end() ? nullptr : it->second;
+  if (!index.map) {
+    index.map.reset(new std::unordered_map<std::string_view, Node*>);
+    index.map->reserve(static_cast<size_t>(parent->children));
+    for (Node* c = parent->child; c; c = c->next) index.map->emplace(c->name(), c);
+  }
+  auto it = index.map->find(name);
+  return it == index.map->end() ? nullptr : it->second;
 }
 
 Node* Ehfa_File::Resolve(const std::string& path) const {
@@ -391,17 +431,32 @@ std::string Ehfa_File::PathOf(const Node* n) const {
   std::vector<const Node*> chain;
   for (; n && n != root; n = n->parent) chain.push_back(n);
   std::string p;
-  for (auto it = chain.rbegin(); it != chain.rend(); ++it) p += ":" + (*it)->name;
+  for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
+    p += ':';
+    p += (*it)->name();
+  }
   return p;
 }
 
-Node* Ehfa_File::NewNode(const std::string& name, const std::string& type) {
+Node* Ehfa_File::NewNode(std::string_view name, std::string_view type) {
   nodes.emplace_back();
   Node* n = &nodes.back();
-  n->name = name.substr(0, kNameSize - 1);
-  n->type = type.substr(0, kTypeSize - 1);
+  SetName(n, name);
+  SetType(n, type);
   n->mtime = static_cast<uint32_t>(std::time(nullptr));
   return n;
+}
+
+void Ehfa_File::SetName(Node* n, std::string_view name, size_t limit) {
+  name = name.substr(0, std::min(name.size(), limit));
+  n->name_text = names.Intern(name);
+  n->name_len = static_cast<uint8_t>(name.size());
+}
+
+void Ehfa_File::SetType(Node* n, std::string_view type, size_t limit) {
+  type = type.substr(0, std::min(type.size(), limit));
+  n->type_text = names.Intern(type);
+  n->type_len = static_cast<uint8_t>(type.size());
 }
 
 void Ehfa_File::MarkDirty(Node* n) {
@@ -411,13 +466,15 @@ void Ehfa_File::MarkDirty(Node* n) {
   }
 }
 
-static void IndexAdd(Node* parent, Node* n, bool at_end) {
-  if (!parent->index) return;
-  auto it = parent->index->find(n->name);
-  if (it == parent->index->end()) {
-    parent->index->emplace(n->name, n);
+static void IndexAdd(Ehfa_File* f, Node* parent, Node* n, bool at_end) {
+  auto found = f->indexes.find(parent);
+  if (found == f->indexes.end() || !found->second.map) return;
+  auto& map = *found->second.map;
+  auto it = map.find(n->name());
+  if (it == map.end()) {
+    map.emplace(n->name(), n);
   } else if (!at_end) {
-    parent->index.reset();  // the new node may now be the first of that name
+    found->second.map.reset();  // the new node may now be the first of that name
   }
 }
 
@@ -433,7 +490,7 @@ void Ehfa_File::LinkFirst(Node* parent, Node* n) {
   }
   parent->child = n;
   ++parent->children;
-  IndexAdd(parent, n, parent->children == 1);
+  IndexAdd(this, parent, n, parent->children == 1);
   MarkDirty(parent);
   MarkDirty(n);
 }
@@ -459,7 +516,7 @@ void Ehfa_File::LinkAfter(Node* prev, Node* n) {
   }
   prev->next = n;
   ++parent->children;
-  IndexAdd(parent, n, n->next == nullptr);
+  IndexAdd(this, parent, n, n->next == nullptr);
   MarkDirty(prev);
   MarkDirty(n);
 }
@@ -480,7 +537,7 @@ void Ehfa_File::Unlink(Node* n) {
     parent->last = n->prev;
   }
   --parent->children;
-  parent->index.reset();
+  indexes.erase(parent);
   n->alive = false;
   n->parent = n->prev = n->next = nullptr;
 }
@@ -556,8 +613,8 @@ bool Ehfa_File::Flush(bool force, std::string* error) {
     StoreLe32(h + 12, n->child ? n->child->pos : 0);
     StoreLe32(h + 16, n->data_pos);
     StoreLe32(h + 20, n->data_size);
-    std::memcpy(h + 24, n->name.data(), std::min<size_t>(n->name.size(), kNameSize - 1));
-    std::memcpy(h + 88, n->type.data(), std::min<size_t>(n->type.size(), kTypeSize - 1));
+    std::memcpy(h + 24, n->name_text, std::min<size_t>(n->name_len, kNameSize - 1));
+    std::memcpy(h + 88, n->type_text, std::min<size_t>(n->type_len, kTypeSize - 1));
     StoreLe32(h + 120, n->mtime);
   };
   if (!io.WriteAscending(

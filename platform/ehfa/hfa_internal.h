@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -23,24 +24,54 @@ constexpr uint32_t kEntryUsed = 124;
 constexpr uint32_t kNameSize = 64;
 constexpr uint32_t kTypeSize = 32;
 
+// One entry of the tree. Kept small: a block of a hundred thousand ground
+// points holds half a million entries, all in memory while the file is open.
+// Names and types are views into the file's name store; a family's index by
+// name lives beside the tree (Ehfa_File::indexes), not in every node.
 struct Node {
   uint32_t pos = 0;  // entry header position
   uint32_t data_pos = 0;
   uint32_t data_size = 0;
   uint32_t mtime = 0;
-  std::string name;  // UTF-8
-  std::string type;
+  uint32_t children = 0;
+  uint8_t name_len = 0;
+  uint8_t type_len = 0;
+  bool dirty = false;
+  bool alive = true;
+  const char* name_text = "";  // UTF-8, in the name store
+  const char* type_text = "";
   Node* parent = nullptr;
   Node* child = nullptr;
   Node* last = nullptr;  // last child
   Node* next = nullptr;
   Node* prev = nullptr;
-  long children = 0;
-  mutable int lookups = 0;  // name lookups among the children so far
-  bool dirty = false;
-  bool alive = true;
-  // Children by name, built on the first lookup among many children.
-  std::unique_ptr<std::unordered_map<std::string, Node*>> index;
+  std::string_view name() const { return {name_text, name_len}; }
+  std::string_view type() const { return {type_text, type_len}; }
+};
+
+// Entry names and types of one file, stored once each where they repeat
+// (types, and the names of like children such as "ImagePoint0"), in large
+// pieces that never move.
+class NameStore {
+ public:
+  // The stored copy of `text` (at most 255 bytes).
+  const char* Intern(std::string_view text);
+
+ private:
+  std::vector<std::unique_ptr<char[]>> pieces_;
+  size_t used_ = 0, capacity_ = 0;
+  // A small cache of recent texts by hash: repeated names hit it.
+  struct Recent {
+    const char* text = nullptr;
+    uint8_t len = 0;
+  };
+  Recent recent_[512];
+};
+
+// Children by name of one large family, built after a few lookups.
+struct ChildIndex {
+  int lookups = 0;
+  std::unique_ptr<std::unordered_map<std::string_view, Node*>> map;
 };
 
 // Positioned file access. Reads go through a 64 KiB window; appended bytes
@@ -93,6 +124,9 @@ struct Ehfa_File {
   kzdv::hfa::Node* current = nullptr;
   int bulk_depth = 0;
   std::vector<kzdv::hfa::Node*> dirty;
+  kzdv::hfa::NameStore names;
+  // Name indexes of large families, by parent.
+  mutable std::unordered_map<const kzdv::hfa::Node*, kzdv::hfa::ChildIndex> indexes;
   // Scratch for Ehfa_EntryInfo strings.
   std::string info_name, info_type;
 
@@ -100,9 +134,13 @@ struct Ehfa_File {
   bool Load(std::string* error);
   bool InitNew(std::string* error);
   kzdv::hfa::Node* Resolve(const std::string& path) const;
-  kzdv::hfa::Node* FindChild(kzdv::hfa::Node* parent, const std::string& name) const;
+  kzdv::hfa::Node* FindChild(kzdv::hfa::Node* parent, std::string_view name) const;
   std::string PathOf(const kzdv::hfa::Node* n) const;
-  kzdv::hfa::Node* NewNode(const std::string& name, const std::string& type);
+  kzdv::hfa::Node* NewNode(std::string_view name, std::string_view type);
+  // Names and types longer than `limit` (by default what an entry header
+  // holds with its terminating zero) are cut to fit.
+  void SetName(kzdv::hfa::Node* n, std::string_view name, size_t limit = kzdv::hfa::kNameSize - 1);
+  void SetType(kzdv::hfa::Node* n, std::string_view type, size_t limit = kzdv::hfa::kTypeSize - 1);
   void LinkFirst(kzdv::hfa::Node* parent, kzdv::hfa::Node* n);
   void LinkLast(kzdv::hfa::Node* parent, kzdv::hfa::Node* n);
   void LinkAfter(kzdv::hfa::Node* prev, kzdv::hfa::Node* n);
