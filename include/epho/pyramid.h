@@ -25,10 +25,22 @@ KZDV_BEGIN_C
  * replacing any levels the file had. Pixel-interleaved and line-interleaved
  * files whose layers agree in size, type and block are read once for all
  * layers; others layer by layer. `meter` (may be null) shows progress per
- * level and is polled for cancel. On failure or cancel the file is left
- * without levels: never with a half-written one. Complex pixels and
- * read-only files (a format GDAL cannot update, or no write permission bit)
- * are refused before anything is changed. */
+ * level and is polled for cancel. Complex pixels and read-only files (a
+ * format GDAL cannot update, or no write permission bit) are refused before
+ * anything is changed.
+ *
+ * One writer per image: the run holds an advisory lock (flock) on the image
+ * file while it works; a second run on the same image, from this process or
+ * another, waits for the first to finish (a cancel through its meter ends
+ * the wait with a report naming the file) and then builds the levels anew.
+ *
+ * Nothing is lost on failure: the levels are built in a copy made beside
+ * the image (hidden, ".<name>.tmpXXXXXX.<ext>", holes of a sparse file kept;
+ * the image's companions such as a raw format's header and its .aux.xml are
+ * copied with it), and the copy replaces the image by a rename only when every
+ * level is done. A failed or cancelled run therefore leaves the image, its
+ * levels from before and its size exactly as they were, and removes the copy.
+ * The image's folder must be writable, and must have room for the copy. */
 EPHO_EXPORT void epho_ComputePyramidLayers3x3(const Etxt_Char* file_name, Emet_MeterInfo* meter,
                                               Eerr_ErrorReport** err);
 

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -15,6 +16,7 @@
 #include <random>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 #include "etxt.h"
 
@@ -93,6 +95,64 @@ std::string MakeTempBeside(const std::string& target, unsigned mode, std::wstrin
   if (message)
     *message = L"Cannot create a temporary file beside " + Wide(target) + L": " + Errno(last);
   return std::string();
+}
+
+bool CopyFileContents(const std::string& from, const std::string& to, std::wstring* message) {
+  std::wstring local;
+  if (!message) message = &local;
+  int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
+  if (in < 0) {
+    *message = L"Cannot read " + Wide(from) + L": " + Errno(errno);
+    return false;
+  }
+  int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (out < 0) {
+    *message = L"Cannot write " + Wide(to) + L": " + Errno(errno);
+    ::close(in);
+    return false;
+  }
+  struct stat st {};
+  bool ok = ::fstat(in, &st) == 0;
+  int error = ok ? 0 : errno;
+  const off_t size = st.st_size;
+  std::vector<char> buffer(1 << 20);
+  // Data extents only (SEEK_DATA / SEEK_HOLE); where the file system cannot
+  // tell, the whole file is one extent.
+  off_t pos = 0;
+  while (ok && pos < size) {
+    off_t data = ::lseek(in, pos, SEEK_DATA);
+    if (data < 0) {
+      if (errno == ENXIO) break;  // only a hole up to the end
+      data = pos;
+    }
+    off_t hole = ::lseek(in, data, SEEK_HOLE);
+    if (hole < 0) hole = size;
+    for (off_t at = data; ok && at < hole;) {
+      const size_t want = static_cast<size_t>(std::min<off_t>(hole - at, buffer.size()));
+      const ssize_t got = ::pread(in, buffer.data(), want, at);
+      if (got <= 0) {
+        ok = false;
+        error = got < 0 ? errno : EIO;
+        break;
+      }
+      for (ssize_t done = 0; done < got;) {
+        const ssize_t put = ::pwrite(out, buffer.data() + done, got - done, at + done);
+        if (put < 0) {
+          ok = false;
+          error = errno;
+          break;
+        }
+        done += put;
+      }
+      at += got;
+    }
+    pos = hole;
+  }
+  if (ok && ::ftruncate(out, size) != 0) ok = false, error = errno;
+  if (::close(out) != 0 && ok) ok = false, error = errno;
+  ::close(in);
+  if (!ok) *message = L"Cannot copy " + Wide(from) + L" to " + Wide(to) + L": " + Errno(error);
+  return ok;
 }
 
 bool SyncFile(const std::string& path, std::wstring* message) {

@@ -61,6 +61,10 @@ bool ReplaceFileWithStream(const std::string& target,
 // with `mode`; empty string with *message set on failure.
 std::string MakeTempBeside(const std::string& target, unsigned mode, std::wstring* message);
 
+// Copies the bytes of `from` over `to` (created or truncated), keeping the
+// holes of a sparse file as holes. False with *message on failure.
+bool CopyFileContents(const std::string& from, const std::string& to, std::wstring* message);
+
 // Flushes a finished file to disk: fsync of the file (false with *message on
 // failure). Used by ReplaceFile; public for callers that build a temporary by
 // other means.
