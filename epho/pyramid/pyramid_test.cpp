@@ -513,10 +513,21 @@ TEST(PyramidLayers, ProxyNameIsStablePerImageAndDistinctAcrossFolders) {
     emsc_HeapFree(n);
     return s;
   };
-  std::wstring a = name(L"/data/block1/dem.tif");
-  EXPECT_EQ(a, name(L"/data/block1/DEM.TIF"));
-  EXPECT_EQ(a, name(L"/data/block1/./sub/../dem.tif(:Layer_1)"));
-  EXPECT_NE(a, name(L"/data/block2/dem.tif"));
+  testutil::ScratchDir dir("pyr_proxy");
+  std::filesystem::create_directories(dir.path() / "block1" / "sub");
+  std::filesystem::create_directories(dir.path() / "block2");
+  for (const char* f : {"block1/dem.tif", "block1/DEM.tif", "block2/dem.tif"})
+    std::ofstream(dir.File(f)) << f;
+  std::wstring a = name(dir.WFile("block1/dem.tif"));
+  EXPECT_EQ(a, name(dir.WFile("block1/./sub/../dem.tif(:Layer_1)")));
+  EXPECT_NE(a, name(dir.WFile("block2/dem.tif")));
+  // Another file whose name differs only in letter case has its own proxy.
+  if (!std::filesystem::equivalent(dir.File("block1/dem.tif"), dir.File("block1/DEM.tif"))) {
+    EXPECT_NE(a, name(dir.WFile("block1/DEM.tif")));
+  }
+  // A file that cannot be examined: its path as written.
+  EXPECT_EQ(name(L"/nonexistent/x/dem.tif"), name(L"/nonexistent/x/dem.tif"));
+  EXPECT_NE(name(L"/nonexistent/x/dem.tif"), name(L"/nonexistent/x/DEM.tif"));
   std::wstring tmp = std::filesystem::temp_directory_path().wstring();
   EXPECT_EQ(a.rfind(tmp, 0), 0u) << a;
   EXPECT_NE(a.find(L"/dem-"), std::wstring::npos);

@@ -69,10 +69,13 @@ EPHO_EXPORT Emsc_Boolean epho_LayerEffectiveRangeGet(const Etxt_Char* layer_name
                                                      double* maximum, Eerr_ErrorReport** err);
 
 /* Name of the proxy file that stands for `file_name` in the temporary
- * directory: "<temp dir><file root in lower case>-<16 hex digits>.uai". The digits hash the
- * expanded full path (letter case ignored), so two images of the same name
- * in different folders never share a proxy while the same image always maps
- * to the same one. Heap string; free with emsc_HeapFree. */
+ * directory: "<temp dir><file root in lower case>-<16 hex digits>.uai". The
+ * digits hash the identity of the file (device and inode), so every spelling
+ * of one file (letter case where the file system ignores it, "..", links)
+ * maps to one proxy, while two files never share one: on a case-sensitive
+ * file system "dem.tif" and "DEM.tif" get two proxies. A file that cannot be
+ * examined hashes its expanded path as written. Heap string; free with
+ * emsc_HeapFree. */
 EPHO_EXPORT Etxt_Char* epho_ProxyImageNameGet(const Etxt_Char* file_name, Eerr_ErrorReport** err);
 
 KZDV_END_C
