@@ -73,8 +73,9 @@ Emsc_Boolean computeBinomialPyramid(const Etxt_Char* task, Eimg_LayerStack* stac
     EERR_FAIL_IF(eimg_PixelTypeIsComplex(l->pixelType), frame, EMSC_FALSE,
                  L"Binomial (3x3) pyramid layers cannot be computed on complex pixels!");
     EERR_FAIL_IF(l->readOnly, frame, EMSC_FALSE, L"Image layer %s is read only!", l->name);
-    EERR_FAIL_IF(l->pixelType == EGDA_TYPE_INVALID, frame, EMSC_FALSE,
-                 L"Image layer %s has an unsupported pixel type!", l->name);
+    EERR_FAIL_IF(l->pixelType == EGDA_TYPE_INVALID || l->pixelType == EGDA_TYPE_U1 ||
+                     l->pixelType == EGDA_TYPE_U2,
+                 frame, EMSC_FALSE, L"Image layer %s has an unsupported pixel type!", l->name);
   }
   if (first_call) {
     // Levels belong to the whole file: replaced once, filled layer by layer.
@@ -237,7 +238,9 @@ bool Refused(const Etxt_Char* file_name, Eint_InitToolkitData* init, kzdv::Error
       frame.Fail(__LINE__, L"Image layer %s is read only!", l->name);
       return true;
     }
-    if (l->pixelType == EGDA_TYPE_INVALID) {
+    // 1- and 2-bit layers get no levels: the level check refuses them too.
+    if (l->pixelType == EGDA_TYPE_INVALID || l->pixelType == EGDA_TYPE_U1 ||
+        l->pixelType == EGDA_TYPE_U2) {
       frame.Fail(__LINE__, L"Image layer %s has an unsupported pixel type!", l->name);
       return true;
     }

@@ -447,6 +447,33 @@ TEST(PyramidLayers, RefusedFilesAreLeftUntouched) {
   EXPECT_NE(printed.texts()[0].find(L"complex pixels"), std::wstring::npos);
 }
 
+// 1- and 2-bit images: the run and the check agree; neither makes or
+// accepts levels, and the image is left as it was.
+TEST(PyramidLayers, RunAndCheckAgreeOnOneAndTwoBitImages) {
+  testutil::ScratchDir dir("pyr_bits");
+  Raster r = RandomRaster(300, 300, 1, GDT_Byte, 5);
+  for (auto& v : r.bands[0]) v = static_cast<double>(static_cast<int>(v) % 2);
+  for (const char* nbits : {"NBITS=1", "NBITS=2"}) {
+    SCOPED_TRACE(nbits);
+    const std::string path =
+        WriteTiff(dir.File(std::string(nbits + 6) + "bit.tif"), r, GDT_Byte, {nbits});
+    const std::string before = FileBytes(path);
+    const std::wstring wpath = kzdv::FromUtf8(path);
+    Eerr_ErrorReport* err = nullptr;
+    epho_ComputePyramidLayers3x3(wpath.c_str(), nullptr, &err);
+    EXPECT_NE(kzdv::ReportText(err).find(L"has an unsupported pixel type!"), std::wstring::npos)
+        << kzdv::ReportText(err);
+    eerr_DeleteErrorReportEx(&err);
+    EXPECT_TRUE(FileBytes(path) == before);
+    EXPECT_FALSE(epho_PyramidLayersCheck(wpath.c_str(), &err));
+    EXPECT_TRUE(kzdv::ReportContains(err, std::string(nbits) == "NBITS=1"
+                                              ? L"This program doesn't support 1bit image!"
+                                              : L"This program doesn't support 2bit image!"))
+        << kzdv::ReportText(err);
+    eerr_DeleteErrorReportEx(&err);
+  }
+}
+
 TEST(PyramidLayers, CheckTellsBinomialFromOtherLevels) {
   testutil::ScratchDir dir("pyr_check");
   Raster r = RandomRaster(400, 300, 2, GDT_UInt16, 41);

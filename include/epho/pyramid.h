@@ -25,8 +25,9 @@ KZDV_BEGIN_C
  * replacing any levels the file had. Pixel-interleaved and line-interleaved
  * files whose layers agree in size, type and block are read once for all
  * layers; others layer by layer. `meter` (may be null) shows progress per
- * level and is polled for cancel. Complex pixels and read-only files (a
- * format GDAL cannot update, or no write permission bit) are refused before
+ * level and is polled for cancel. Complex pixels, 1- and 2-bit pixels
+ * (which epho_PyramidLayersCheck refuses too) and read-only files (a format
+ * GDAL cannot update, or no write permission bit) are refused before
  * anything is changed.
  *
  * One writer per image: the run holds an advisory lock (flock) on the image
