@@ -1,4 +1,5 @@
 // Which names denote one DEM, and the lifetime of DEM proxy files.
+#include <atomic>
 #include <cwctype>
 #include <filesystem>
 #include <map>
@@ -38,10 +39,26 @@ void Remove(const std::wstring& name) {
   fs::remove(path + ".aux.xml", ec);  // statistics GDAL may have kept beside it
 }
 
-std::mutex g_mutex;
-std::map<std::wstring, int>& Holders() {
-  static auto* holders = new std::map<std::wstring, int>;  // lives to the end
-  return *holders;
+// Proxies held by entries, with their holder counts. Entries that live to
+// the end of the process (the list is never destroyed) release nothing, so
+// the registry removes the proxies still held when the process ends.
+struct Registry {
+  std::mutex mutex;
+  std::map<std::wstring, int> holders;
+  ~Registry();
+};
+std::atomic<bool> g_registry_gone{false};
+
+Registry& Proxies() {
+  static Registry registry;
+  return registry;
+}
+
+Registry::~Registry() {
+  std::lock_guard<std::mutex> lock(mutex);
+  for (const auto& held : holders) Remove(held.first);
+  holders.clear();
+  g_registry_gone = true;
 }
 
 }  // namespace
@@ -59,25 +76,28 @@ bool SameDem(const std::wstring& a, const std::wstring& b) {
 }
 
 void ProxyHold(const std::wstring& name) {
-  if (!IsProxy(name)) return;
-  std::lock_guard<std::mutex> lock(g_mutex);
-  ++Holders()[name];
+  if (g_registry_gone || !IsProxy(name)) return;
+  Registry& r = Proxies();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  ++r.holders[name];
 }
 
 void ProxyRelease(const std::wstring& name) {
-  if (!IsProxy(name)) return;
-  std::lock_guard<std::mutex> lock(g_mutex);
-  auto it = Holders().find(name);
-  if (it == Holders().end()) return;
+  if (g_registry_gone || !IsProxy(name)) return;  // after the end: removed already
+  Registry& r = Proxies();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  auto it = r.holders.find(name);
+  if (it == r.holders.end()) return;
   if (--it->second > 0) return;
-  Holders().erase(it);
+  r.holders.erase(it);
   Remove(name);
 }
 
 void ProxyDropIfUnheld(const std::wstring& name) {
-  if (!IsProxy(name)) return;
-  std::lock_guard<std::mutex> lock(g_mutex);
-  if (Holders().count(name) == 0) Remove(name);
+  if (g_registry_gone || !IsProxy(name)) return;
+  Registry& r = Proxies();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  if (r.holders.count(name) == 0) Remove(name);
 }
 
 }  // namespace epho::dtm

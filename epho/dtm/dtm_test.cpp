@@ -16,15 +16,6 @@
 
 #include "test_util.h"
 
-#if defined(__SANITIZE_THREAD__)
-// GDAL creates its global mutexes under another mutex in an order that
-// ThreadSanitizer reports as a possible inversion inside libgdal itself; the
-// report names none of our code. Data races are still reported.
-extern "C" __attribute__((visibility("default"), used)) const char* __tsan_default_suppressions() {
-  return "deadlock:libgdal.so\n";
-}
-#endif
-
 namespace {
 
 const double kGeo[6] = {500000.0, 10.0, 0.0, 5200000.0, 0.0, -10.0};  // UTM 32N, 10 m cells

@@ -289,6 +289,7 @@ TEST(PyramidLayers, CancelReportsAndLeavesTheImageAsItWas) {
 // room it takes on disk included.
 TEST(PyramidLayers, CancelOnLargeSparseImageKeepsItsSize) {
   testutil::ScratchDir dir("pyr_sparse");
+  GDALAllRegister();
   const std::string path = dir.File("sparse.tif");
   const char* options[] = {"TILED=YES", "SPARSE_OK=TRUE", nullptr};
   GDALDatasetH ds = GDALCreate(GDALGetDriverByName("GTiff"), path.c_str(), 24000, 24000, 1,
