@@ -266,9 +266,19 @@ void epho_ComputePyramidLayers3x3(const Etxt_Char* file_name, Emet_MeterInfo* me
   const std::string image = kzdv::ToUtf8(file.get());
   std::wstring why;
   kzdv::efio::FileLock lock;
-  EERR_FAIL_IF(!lock.Lock(image, kzdv::efio::LockMode::kWait, &why,
-                          [meter] { return meter && emet_MeterInfoCancelled(meter); }),
-               frame, , L"%s", why.c_str());
+  if (!lock.Lock(image, kzdv::efio::LockMode::kRefuse, &why)) {
+    if (meter) {
+      kzdv::HeapPtr<Etxt_Char> task(
+          estr_Sprintf(L"%s: waiting for another writer of the image to finish", file.get()));
+      Eerr_ErrorReport* ignored = nullptr;  // the message is a courtesy
+      if (task && emet_MeterInfoChangeTaskName(meter, task.get(), &ignored))
+        emet_MeterInfoPrint(meter, 0.0, &ignored);
+      eerr_DeleteErrorReportEx(&ignored);
+    }
+    EERR_FAIL_IF(!lock.Lock(image, kzdv::efio::LockMode::kWait, &why,
+                            [meter] { return meter && emet_MeterInfoCancelled(meter); }),
+                 frame, , L"%s", why.c_str());
+  }
 
   // The levels are built in a copy beside the image (with copies of its
   // companions: a raw format's header, the .aux.xml), which replaces the

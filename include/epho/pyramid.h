@@ -32,7 +32,8 @@ KZDV_BEGIN_C
  *
  * One writer per image: the run holds an advisory lock (flock) on the image
  * file while it works; a second run on the same image, from this process or
- * another, waits for the first to finish (a cancel through its meter ends
+ * another, waits for the first to finish (its meter shows "<file>: waiting
+ * for another writer of the image to finish"; a cancel through the meter ends
  * the wait with a report naming the file) and then builds the levels anew.
  *
  * Nothing is lost on failure: the levels are built in a copy made beside
