@@ -1,6 +1,7 @@
 #include "platform/efio/atomic_file.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/resource.h>
 
 #include <atomic>
@@ -79,6 +80,12 @@ TEST(ReplaceFile, FailuresLeaveTargetAndNoTemporary) {
     setrlimit(RLIMIT_FSIZE, &old);
     EXPECT_FALSE(ok);
     EXPECT_NE(why.find(L"too large"), std::wstring::npos) << why;
+    // Nothing of the signal is left: not pending, and no longer blocked.
+    sigset_t pending, mask;
+    sigpending(&pending);
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    EXPECT_FALSE(sigismember(&pending, SIGXFSZ));
+    EXPECT_FALSE(sigismember(&mask, SIGXFSZ));
   }
 
   // The target's folder cannot take a temporary.
