@@ -17,8 +17,10 @@
 // byte-identical. While it runs, SIGXFSZ cannot kill the process: a file
 // size limit makes write() fail with EFBIG (see FileSizeSignalGuard); the
 // callback must check every write and its close (efio_Close and
-// std::fclose report such failures). The callback may also create sidecars named after `temp`
-// (temp + ".aux.xml"); moving those is the caller's business.
+// std::fclose report such failures). The new file keeps the target's
+// permission bits (and owner where permitted); other hard links of the target
+// keep the old contents, as with any rename. The callback may also create sidecars named after
+// `temp` (temp + ".aux.xml"); moving those is the caller's business.
 //
 // One writer per file:
 //
@@ -272,8 +274,14 @@ inline bool ReplaceFile(const std::string& target_name, const TempWriter& write,
     return fail(L"Cannot write " + Wide(target_name) + (why.empty() ? L"" : L": " + why) +
                 L" (the file is unchanged)");
   if (!SyncFile(temp, &why)) return fail(why + L" (" + Wide(target_name) + L" is unchanged)");
-  if (existed && ::chmod(temp.c_str(), st.st_mode & 07777) != 0)
-    return fail(L"Cannot set the permissions of " + Wide(target_name) + L": " + Errno(errno));
+  if (existed) {
+    // The owner is kept where the process may set it (a run by root on a
+    // user's file); otherwise the file becomes the writer's, as any new file.
+    if (::chown(temp.c_str(), st.st_uid, st.st_gid) != 0) {
+    }
+    if (::chmod(temp.c_str(), st.st_mode & 07777) != 0)
+      return fail(L"Cannot set the permissions of " + Wide(target_name) + L": " + Errno(errno));
+  }
   if (::rename(temp.c_str(), target.c_str()) != 0)
     return fail(L"Cannot replace " + Wide(target_name) + L": " + Errno(errno) +
                 L" (the file is unchanged)");
