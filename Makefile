@@ -52,7 +52,8 @@ asan: deps
 tsan: deps
 	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DEPHO_SANITIZE=thread
 	cmake --build build-tsan -j $(JOBS)
-	cd build-tsan && ctest --output-on-failure -j $(JOBS) --timeout 2400 -R 'Thread|Concurrent'
+	cd build-tsan && TSAN_OPTIONS="suppressions=$(CURDIR)/cmake/tsan.supp second_deadlock_stack=1" \
+	  ctest --output-on-failure -j $(JOBS) --timeout 2400
 
 fuzz: deps
 	$(call install_missing,$(FUZZ_PACKAGES))

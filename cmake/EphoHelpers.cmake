@@ -43,7 +43,20 @@ function(epho_add_test_program exe)
   target_link_libraries(${exe} PRIVATE ${EPHO_STATIC_LIBS} GTest::gtest_main GTest::gmock
                         ${EPHO_EXTERNAL_LINKS})
   gtest_discover_tests(${exe} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
-                       PROPERTIES TIMEOUT 900 ENVIRONMENT "EPHO_TEST_TMP=${CMAKE_BINARY_DIR}/testtmp")
+                       PROPERTIES TIMEOUT 900 ENVIRONMENT "EPHO_TEST_TMP=${CMAKE_BINARY_DIR}/testtmp"
+                       FIXTURES_REQUIRED epho_suite_tmp)
+endfunction()
+
+# The suite's temporary folder (test_util.h points TMPDIR there): emptied of
+# DEM proxies before the tests, and checked to hold none after them.
+function(epho_add_suite_tmp_checks)
+  set(dir ${CMAKE_BINARY_DIR}/testtmp)
+  add_test(NAME suite_tmp_setup COMMAND ${CMAKE_COMMAND} -DDIR=${dir} -DMODE=clean
+           -P ${PROJECT_SOURCE_DIR}/cmake/suite_tmp.cmake)
+  add_test(NAME suite_leaves_no_dem_proxies COMMAND ${CMAKE_COMMAND} -DDIR=${dir} -DMODE=check
+           -P ${PROJECT_SOURCE_DIR}/cmake/suite_tmp.cmake)
+  set_tests_properties(suite_tmp_setup PROPERTIES FIXTURES_SETUP epho_suite_tmp)
+  set_tests_properties(suite_leaves_no_dem_proxies PROPERTIES FIXTURES_CLEANUP epho_suite_tmp)
 endfunction()
 
 # A *_fuzz.cpp defines LLVMFuzzerTestOneInput. Normal builds link a standalone

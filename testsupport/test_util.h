@@ -17,6 +17,17 @@
 
 namespace testutil {
 
+// Test programs keep their temporary files (DEM proxies and the like) in the
+// suite's own folder: TMPDIR points at EPHO_TEST_TMP when CTest sets it, so
+// whatever a test leaves behind shows there and not in the host's /tmp.
+inline const bool kTmpDirIsTheSuites = [] {
+  const char* base = std::getenv("EPHO_TEST_TMP");
+  if (!base || !*base) return false;
+  std::error_code ec;
+  std::filesystem::create_directories(base, ec);
+  return !ec && ::setenv("TMPDIR", base, 1) == 0;
+}();
+
 class ScratchDir {
  public:
   explicit ScratchDir(const std::string& tag = "t") {

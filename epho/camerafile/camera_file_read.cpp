@@ -22,6 +22,7 @@
 #include "efio.h"
 #include "epho/camerafile.h"
 #include "epho/camerafile/camera_file_format_internal.h"
+#include "platform/efio/c_locale.h"
 
 using namespace epho_camerafile;
 
@@ -121,10 +122,26 @@ class Reader {
   // it as the text before its ':').
   std::wstring Item(const Etxt_Char* key, bool exact = false) {
     std::wstring line;
-    if (!NextNonBlank(line)) Fail(__LINE__, kUnsupported);
+    if (!NextNonBlank(line)) {
+      Where(L"Camera parameter file %s ends before \"%s\"", name_, key);
+      Fail(__LINE__, kUnsupported);
+    }
     const bool ok = exact ? KeyOf(line) == key : line.find(key) != std::wstring::npos;
-    if (!ok) Fail(__LINE__, kUnsupported);
+    if (!ok) {
+      Where(L"Line %d of camera parameter file %s: \"%s\" expected", line_no_, name_, key);
+      Fail(__LINE__, kUnsupported);
+    }
     return line;
+  }
+
+  // A report naming the file and line, chained under the next Fail.
+  void Where(const Etxt_Char* format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    const std::wstring text = kzdv::FormatV(format, ap);
+    va_end(ap);
+    *frame_.Callee() = eerr_CreateErrorReport(L"CameraInfoFileRead", __LINE__, EERR_SEVERITY_ERROR,
+                                              nullptr, L"%s", text.c_str());
   }
 
   std::wstring Quoted(const std::wstring& line) {
@@ -229,6 +246,10 @@ void ReadCurrent(Reader& r, kzdv::ErrorFrame& frame, Epho_CameraFrameInfo& c) {
   c.cameraName = HeapText(frame, r.Quoted(r.Item(kNameKey, true)));
   c.cameraDescription = HeapText(frame, r.Quoted(r.Item(kDescriptionKey, true)));
   c.focalLength_mm = r.Number(r.Item(kFocalKey));
+  if (!std::isfinite(c.focalLength_mm))
+    r.Fail(__LINE__,
+           L"Line %d of camera parameter file %s: the focal length is not a finite number",
+           r.LineNumber(), r.Name());
   r.Item(kPrincipalSection);
   c.x0_mm = r.Number(r.Item(kX0Key));
   c.y0_mm = r.Number(r.Item(kY0Key));
@@ -290,6 +311,8 @@ void ReadOlder(Reader& r, kzdv::ErrorFrame& frame, Efio_File* file, const Etxt_C
            L"Camera parameter file %s: cannot read the focal length, principal point, k0, k1, "
            L"k2 and observation kind",
            name);
+  if (!std::isfinite(c.focalLength_mm))
+    r.Fail(__LINE__, L"Camera parameter file %s: the focal length is not a finite number", name);
   c.observationKind = kind;  // as written: non-zero means field angles
 
   // Value counts (twice the rows) followed by that many values in pairs.
@@ -355,6 +378,7 @@ extern "C" Epho_CameraFrameInfo* CameraInfoFileRead(const Etxt_Char* fileName,
   static const Etxt_Char* const kFn = L"CameraInfoFileRead";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!fileName, frame, nullptr, L"Null file name passed.");
+  kzdv::efio::ScopedCLocale c_numbers;  // "153.25" whatever the host's locale
   std::unique_ptr<Efio_File, FileCloser> file(efio_Open(fileName, "r", frame.Callee()));
   if (!file || frame.CalleeFailed()) {
     frame.FailWithSeverity(__LINE__, EERR_SEVERITY_WARNING,

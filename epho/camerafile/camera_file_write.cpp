@@ -7,6 +7,8 @@
 #include "efio.h"
 #include "epho/camerafile.h"
 #include "epho/camerafile/camera_file_format_internal.h"
+#include "platform/efio/atomic_file.h"
+#include "platform/efio/c_locale.h"
 
 using namespace epho_camerafile;
 
@@ -93,32 +95,65 @@ extern "C" Emsc_Boolean CameraInfoFileWrite(const Etxt_Char* fileName,
                L"for one line of %d characters",
                EPHO_CAMERA_FILE_LINE_LIMIT);
 
+  // Other values may be written as "nan" or "inf" and read back as such, but
+  // a camera without a finite focal length is no camera.
+  EERR_FAIL_IF(!std::isfinite(c.focalLength_mm), frame, EMSC_FALSE,
+               L"Camera record has a focal length that is not a finite number (%g)",
+               c.focalLength_mm);
+
   std::wstring text;
   try {
+    kzdv::efio::ScopedCLocale c_numbers;  // "153.25" whatever the host's locale
     text = FileText(c);
   }
   EERR_CATCH(frame, EMSC_FALSE)
 
-  Efio_File* file = efio_Open(fileName, "w", frame.Callee());
-  if (!file || frame.CalleeFailed()) {
-    frame.FailWithSeverity(__LINE__, EERR_SEVERITY_WARNING,
-                           L"Error opening camera parameter file: %s", fileName);
-    if (file) efio_Close(file, nullptr);
+  // The new text goes to a temporary beside the file, which replaces the file
+  // only once it is complete and on disk: a full disk, a quota or a file size
+  // limit leaves the old file as it was (and converting a file onto itself
+  // cannot lose it).
+  bool opened = false;  // the temporary was created and opened
+  std::wstring why;
+  const bool ok = kzdv::efio::ReplaceFile(
+      kzdv::ToUtf8(fileName),
+      [&](const std::string& temp, std::wstring* message) {
+        Eerr_ErrorReport* local = nullptr;
+        const std::wstring wtemp = kzdv::FromUtf8(temp);
+        Efio_File* file = efio_Open(wtemp.c_str(), "w", &local);
+        if (!file) {
+          *message = kzdv::ReportText(local);
+          eerr_DeleteErrorReportEx(&local);
+          return false;
+        }
+        opened = true;
+        // One efio_Fprintf per line, as a text file is written line by line.
+        bool written = true;
+        for (size_t start = 0; written && start < text.size();) {
+          size_t end = text.find(L'\n', start);
+          end = end == std::wstring::npos ? text.size() : end + 1;
+          const std::wstring line = text.substr(start, end - start);
+          written = efio_Fprintf(file, &local, L"%s", line.c_str()) >= 0 && !local;
+          start = end;
+        }
+        Eerr_ErrorReport* close_err = nullptr;
+        if (!efio_Close(file, &close_err)) written = false;
+        if (!local) std::swap(local, close_err);
+        eerr_DeleteErrorReportEx(&close_err);
+        if (!written) *message = local ? kzdv::ReportText(local) : L"efio_Fprintf failed";
+        eerr_DeleteErrorReportEx(&local);
+        return written;
+      },
+      &why);
+  if (!ok) {
+    // The reason (naming the file) is the previous link of the report.
+    *frame.Callee() = eerr_CreateErrorReport(L"kzdv::efio::ReplaceFile", __LINE__,
+                                             EERR_SEVERITY_ERROR, nullptr, L"%s", why.c_str());
+    if (!opened)
+      frame.FailWithSeverity(__LINE__, EERR_SEVERITY_WARNING,
+                             L"Error opening camera parameter file: %s", fileName);
+    else
+      frame.Fail(__LINE__, L"Cannot write camera parameter file %s; it is unchanged", fileName);
     return EMSC_FALSE;
   }
-  // One efio_Fprintf per line, as a text file is written line by line.
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find(L'\n', start);
-    end = end == std::wstring::npos ? text.size() : end + 1;
-    const std::wstring line = text.substr(start, end - start);
-    if (efio_Fprintf(file, frame.Callee(), L"%s", line.c_str()) < 0 || frame.CalleeFailed()) {
-      frame.Fail(__LINE__, L"efio_Fprintf failed");
-      efio_Close(file, nullptr);
-      return EMSC_FALSE;
-    }
-    start = end;
-  }
-  EERR_CHECK(efio_Close(file, frame.Callee()), frame, EMSC_FALSE, L"efio_Close failed");
   return EMSC_TRUE;
 }

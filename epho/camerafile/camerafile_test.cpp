@@ -1,11 +1,19 @@
 #include "epho/camerafile.h"
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
+#include <cctype>
+#include <clocale>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -458,22 +466,29 @@ TEST(CameraFile, WriteRefusesRecordsItCouldNotReadBack) {
 }
 
 // Values that are not finite are written as printf writes them and read
-// back as the same values.
+// back as the same values; only the focal length must be finite, on both
+// sides.
 TEST(CameraFile, NonFiniteValuesRoundTrip) {
   testutil::ScratchDir dir("camfile");
   CameraPtr c = MakeCamera(4, 0, 3);
-  c->focalLength_mm = NAN;
+  for (double focal : {double(NAN), double(INFINITY), -double(INFINITY)}) {
+    c->focalLength_mm = focal;
+    Eerr_ErrorReport* refused = nullptr;
+    EXPECT_FALSE(CameraInfoFileWrite(dir.WFile("f.cam").c_str(), c.get(), &refused));
+    EXPECT_NE(kzdv::ReportText(refused).find(L"focal length"), std::wstring::npos);
+    eerr_DeleteErrorReportEx(&refused);
+    EXPECT_FALSE(std::filesystem::exists(dir.File("f.cam")));
+  }
+  c->focalLength_mm = 153.25;
   c->fiducials_mm[3] = INFINITY;
   c->observations[0] = -INFINITY;
   c->extendedParameters[8] = NAN;
   ASSERT_TRUE(CameraInfoFileWrite(dir.WFile("n.cam").c_str(), c.get(), nullptr));
   const std::string text = Slurp(dir.File("n.cam"));
-  EXPECT_NE(text.find("Focal Length [mm]: nan\n"), std::string::npos) << text;
   EXPECT_NE(text.find("\tp4: nan\n"), std::string::npos) << text;
   Eerr_ErrorReport* err = nullptr;
   CameraPtr back(CameraInfoFileRead(dir.WFile("n.cam").c_str(), nullptr, &err));
   ASSERT_TRUE(back) << kzdv::ReportText(err);
-  EXPECT_TRUE(std::isnan(back->focalLength_mm));
   EXPECT_EQ(back->fiducials_mm[3], INFINITY);
   EXPECT_EQ(back->observations[0], -INFINITY);
   EXPECT_TRUE(std::isnan(back->extendedParameters[8]));
@@ -555,4 +570,198 @@ TEST(CameraFile, RecordsCreateEmpty) {
   EXPECT_EQ(epho_ExtendedLensModelValueCount(EPHO_LENS_MODEL_AUSTRALIS), 7);
   EXPECT_EQ(epho_ExtendedLensModelValueCount(EPHO_LENS_MODEL_SMAC), 9);
   EXPECT_EQ(epho_ExtendedLensModelValueCount(4), 0);
+}
+
+namespace {
+
+// Files of a folder, by name.
+std::set<std::string> FilesIn(const std::filesystem::path& dir) {
+  std::set<std::string> names;
+  for (const auto& e : std::filesystem::directory_iterator(dir))
+    names.insert(e.path().filename().string());
+  return names;
+}
+
+// A camera whose file is several kilobytes.
+CameraPtr BigCamera() {
+  CameraPtr c = MakeCamera(4, 1, 3);
+  std::vector<double> many;
+  for (int i = 0; i < 400; ++i) many.push_back(i * 0.25 - 50);
+  emsc_HeapFree(c->fiducials_mm);
+  c->fiducials_mm = HeapCopy(many);
+  c->fiducialValueCount = static_cast<int32_t>(many.size());
+  return c;
+}
+
+// Sets the process's file size limit for the life of the object.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) {
+    getrlimit(RLIMIT_FSIZE, &old_);
+    rlimit now = old_;
+    now.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &now);
+  }
+  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &old_); }
+
+ private:
+  rlimit old_;
+};
+
+}  // namespace
+
+// A write that cannot finish (file size limit, full file system) leaves the
+// file it would replace byte-identical and no temporary behind, and says so;
+// the process is not killed by SIGXFSZ.
+TEST(CameraFile, FailedWriteLeavesTheOldFile) {
+  testutil::ScratchDir dir("camfile_limit");
+  const std::string old_text = kCurrentFile;
+  Spit(dir.File("target.cam"), old_text);
+  CameraPtr big = BigCamera();
+  {
+    FileSizeLimit limit(old_text.size() + 100);
+    Eerr_ErrorReport* err = nullptr;
+    EXPECT_FALSE(CameraInfoFileWrite(dir.WFile("target.cam").c_str(), big.get(), &err));
+    ReportPtr hold(err);
+    ASSERT_NE(err, nullptr);
+    EXPECT_TRUE(ReportHas(err, dir.WFile("target.cam"))) << kzdv::ReportText(err);
+    EXPECT_TRUE(ReportHas(err, L"too large")) << kzdv::ReportText(err);
+  }
+  EXPECT_EQ(Slurp(dir.File("target.cam")), old_text);
+  EXPECT_EQ(FilesIn(dir.path()), std::set<std::string>{"target.cam"});
+
+  // Without the limit the same write replaces the file and keeps its mode.
+  std::filesystem::permissions(dir.File("target.cam"), std::filesystem::perms(0640));
+  ASSERT_TRUE(CameraInfoFileWrite(dir.WFile("target.cam").c_str(), big.get(), nullptr));
+  CameraPtr back(CameraInfoFileRead(dir.WFile("target.cam").c_str(), nullptr, nullptr));
+  ASSERT_TRUE(back);
+  ExpectSameCamera(*big, *back);
+  EXPECT_EQ(std::filesystem::status(dir.File("target.cam")).permissions(),
+            std::filesystem::perms(0640));
+  EXPECT_EQ(FilesIn(dir.path()), std::set<std::string>{"target.cam"});
+}
+
+TEST(CameraFile, FullFileSystemLeavesTheOldFile) {
+  testutil::ScratchDir dir("camfile_full");
+  const std::string mnt = dir.File("small");
+  std::filesystem::create_directories(mnt);
+  if (geteuid() != 0 || mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=64k") != 0)
+    GTEST_SKIP() << "cannot mount a small tmpfs here (needs root); the file size limit test "
+                    "covers the same path";
+  struct Unmount {
+    std::string path;
+    ~Unmount() { umount(path.c_str()); }
+  } unmount{mnt};
+  const std::string target = mnt + "/target.cam";
+  Spit(target, kCurrentFile);
+  {  // fill what is left
+    std::ofstream fill(mnt + "/filler", std::ios::binary);
+    const std::string block(4096, 'x');
+    while (fill.write(block.data(), block.size())) {
+    }
+  }
+  CameraPtr big = BigCamera();
+  Eerr_ErrorReport* err = nullptr;
+  EXPECT_FALSE(CameraInfoFileWrite(kzdv::FromUtf8(target).c_str(), big.get(), &err));
+  ReportPtr hold(err);
+  EXPECT_TRUE(ReportHas(err, L"No space left")) << kzdv::ReportText(err);
+  EXPECT_EQ(Slurp(target), std::string(kCurrentFile));
+  EXPECT_EQ(FilesIn(mnt), (std::set<std::string>{"filler", "target.cam"}));
+}
+
+// A host that set a decimal-comma locale writes files that the C locale
+// reads, and reads files written in the C locale (both layouts).
+TEST(CameraFile, DecimalCommaHostReadsAndWritesCLocaleFiles) {
+  testutil::ScratchDir dir("camfile_locale");
+  struct Restore {
+    ~Restore() {
+      std::setlocale(LC_ALL, "C");
+      unsetenv("LOCPATH");
+    }
+  } restore;
+  bool comma = false;
+  for (const char* name : {"de_DE.UTF-8", "de_DE.utf8", "fr_FR.UTF-8", "fr_FR.utf8"})
+    if (std::setlocale(LC_ALL, name)) {
+      comma = true;
+      break;
+    }
+  if (!comma) {
+    if (std::system("command -v localedef >/dev/null 2>&1") != 0)
+      GTEST_SKIP() << "no decimal-comma locale installed and localedef is missing";
+    const std::string cmd =
+        "localedef -i de_DE -f UTF-8 '" + dir.File("de_DE.UTF-8") + "' >/dev/null 2>&1";
+    const int rc = std::system(cmd.c_str());
+    ASSERT_TRUE(std::filesystem::exists(dir.File("de_DE.UTF-8"))) << "localedef exit " << rc;
+    setenv("LOCPATH", dir.path().c_str(), 1);
+    ASSERT_NE(std::setlocale(LC_ALL, "de_DE.UTF-8"), nullptr);
+  }
+  char probe[32];
+  std::snprintf(probe, sizeof probe, "%g", 1.5);
+  ASSERT_STREQ(probe, "1,5") << "the host locale does not use a decimal comma";
+
+  CameraPtr c = MakeCamera(4, 1, 3);
+  c->focalLength_mm = 153.25;
+  ASSERT_TRUE(CameraInfoFileWrite(dir.WFile("comma.cam").c_str(), c.get(), nullptr));
+  const std::string text = Slurp(dir.File("comma.cam"));
+  EXPECT_NE(text.find("Focal Length [mm]: 153.25\n"), std::string::npos) << text;
+  for (size_t i = 1; i + 1 < text.size(); ++i)  // no decimal comma anywhere
+    EXPECT_FALSE(text[i] == ',' && std::isdigit(static_cast<unsigned char>(text[i - 1])) &&
+                 std::isdigit(static_cast<unsigned char>(text[i + 1])))
+        << text.substr(i - 1, 3);
+  CameraPtr same_host(CameraInfoFileRead(dir.WFile("comma.cam").c_str(), nullptr, nullptr));
+  ASSERT_TRUE(same_host);
+  ExpectSameCamera(*c, *same_host);
+  Spit(dir.File("older.cam"),
+       "name\ndescription\n152.5 0.001 -0.002 0 1.5e-08 0 0\n"
+       "4\n-100.25 100.5 100.75 -100.125\n2\n3.5 4.25\n");
+  CameraPtr older(CameraInfoFileRead(dir.WFile("older.cam").c_str(), nullptr, nullptr));
+  ASSERT_TRUE(older);
+  EXPECT_EQ(older->focalLength_mm, 152.5);
+  EXPECT_EQ(older->k1, 1.5e-08);
+  EXPECT_EQ(older->fiducials_mm[3], -100.125);
+  EXPECT_EQ(older->observations[1], 4.25);
+
+  // The host locale is untouched, and the C locale reads the file the same.
+  std::snprintf(probe, sizeof probe, "%g", 1.5);
+  EXPECT_STREQ(probe, "1,5");
+  std::setlocale(LC_ALL, "C");
+  CameraPtr c_host(CameraInfoFileRead(dir.WFile("comma.cam").c_str(), nullptr, nullptr));
+  ASSERT_TRUE(c_host);
+  ExpectSameCamera(*c, *c_host);
+}
+
+// Reports of a damaged file name the file and the line; a focal length that
+// is not a finite number is refused in both layouts.
+TEST(CameraFile, ErrorsNameFileAndLine) {
+  testutil::ScratchDir dir("camfile_lines");
+  const std::string good = kCurrentFile;
+  auto replace = [&](const std::string& from, const std::string& to) {
+    std::string s = good;
+    s.replace(s.find(from), from.size(), to);
+    return s;
+  };
+  const std::wstring file = dir.WFile("bad.cam");
+  const struct {
+    std::string bytes;
+    std::wstring message;
+  } cases[] = {
+      {replace("Principal Point:", "Principal Pt:"),
+       L"Line 6 of camera parameter file " + file + L": \"Principal Point:\" expected"},
+      {replace("Camera Name", "Camera Nom"),
+       L"Line 2 of camera parameter file " + file + L": \"Camera Name\" expected"},
+      {good.substr(0, good.find("Radial Lens")),
+       L"Camera parameter file " + file + L" ends before \"Radial Lens"},
+      {replace("99.82", "nan"),
+       L"Line 5 of camera parameter file " + file + L": the focal length is not a finite"},
+      {replace("99.82", "-inf"), L"focal length is not a finite number"},
+      {"n\nd\nnan 2 3 4 5 6 0\n0\n0\n",
+       L"Camera parameter file " + file + L": the focal length is not a finite number"},
+  };
+  for (const auto& c : cases) {
+    Spit(dir.File("bad.cam"), c.bytes);
+    Eerr_ErrorReport* err = nullptr;
+    EXPECT_EQ(CameraInfoFileRead(file.c_str(), nullptr, &err), nullptr);
+    ReportPtr hold(err);
+    EXPECT_TRUE(ReportHas(err, c.message)) << kzdv::ReportText(err);
+  }
 }

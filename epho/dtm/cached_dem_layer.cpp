@@ -5,6 +5,7 @@
 #include "efio.h"
 #include "eint.h"
 #include "epho/dtm.h"
+#include "epho/dtm/dtm_files_internal.h"
 #include "epho/pyramid.h"
 
 namespace EphoLib {
@@ -22,9 +23,19 @@ Eimg_Layer* CachedDEMLayerGet(const wchar_t* dem_file_name, boost::shared_ptr<DT
     ctx.Check(__LINE__);
     kzdv::HeapPtr<Etxt_Char> file(efnp_FileNameGet(dem_file_name, ctx.Err()));
     ctx.Check(__LINE__);
-    eimg_FileProxyWithName(file.get(), proxy.get(), ctx.Err());
-    ctx.Check(__LINE__);
-    slot = DTMCacheList::Instance().Open(proxy.get());
+    // A proxy removed by the release of an older entry between its writing
+    // and the open below is written once more.
+    for (int attempt = 0;; ++attempt) {
+      eimg_FileProxyWithName(file.get(), proxy.get(), ctx.Err());
+      ctx.Check(__LINE__);
+      try {
+        slot = DTMCacheList::Instance().Open(proxy.get());
+        break;
+      } catch (...) {
+        epho::dtm::ProxyDropIfUnheld(proxy.get());  // no entry came of it
+        if (attempt > 0) throw;
+      }
+    }
     Eint_InitToolkitData* init = eint_GetInit(ctx.Err());
     ctx.Check(__LINE__);
     std::unique_ptr<Estr_StringList, void (*)(Estr_StringList*)> names(

@@ -7,6 +7,7 @@
 #include "efio.h"
 #include "eint.h"
 #include "epho/dtm.h"
+#include "epho/dtm/dtm_files_internal.h"
 
 namespace EphoLib {
 
@@ -51,7 +52,10 @@ DTMCache::DTMCache(const wchar_t* name) {
   }
 }
 
-DTMCache::~DTMCache() { Release(); }
+DTMCache::~DTMCache() {
+  Release();
+  epho::dtm::ProxyRelease(m_name);
+}
 
 void DTMCache::Release() {
   eimg_LayerClose(m_layer, nullptr);
@@ -75,6 +79,7 @@ DTMCache& DTMCache::operator=(const DTMCache& other) {
   // A copy describes the same DEM: it opens it anew under the same name, so
   // both entries own their records and layer.
   Release();
+  epho::dtm::ProxyRelease(m_name);
   m_name.clear();
   if (!other.m_name.empty()) Open(other.m_name.c_str());
   return *this;
@@ -101,7 +106,7 @@ int DTMCache::GetLayerHeight() const {
 void DTMCache::Open(const wchar_t* name) {
   EerrException ctx(kSource, "DTMCache::Open");
   if (!name || !*name) ctx.Throw(__LINE__, L"Invalid DEM name");
-  if (estr_Eqic(name, m_name.c_str())) return;  // already open under this name
+  if (!m_name.empty() && epho::dtm::SameDem(name, m_name)) return;  // already open under this name
 
   Eint_InitToolkitData* init = eint_GetInit(ctx.Err());
   ctx.Check(__LINE__);
@@ -172,6 +177,8 @@ void DTMCache::Open(const wchar_t* name) {
   m_elevationInfo = elevation.release();
   m_projectionWkt = wkt_text;
   m_horizontalUnits = m_mapInfo->units;
+  epho::dtm::ProxyHold(name);
+  epho::dtm::ProxyRelease(m_name);
   m_name = name;
 }
 

@@ -5,6 +5,7 @@
 #include "eerr_frame.hpp"
 #include "efio.h"
 #include "epho/dtm.h"
+#include "epho/dtm/dtm_files_internal.h"
 
 namespace EphoLib {
 
@@ -44,13 +45,13 @@ boost::shared_ptr<DTMCache> DTMCacheList::Open(const wchar_t* name) {
   {
     EthrLockHolder lock(m_mutex);
     for (const auto& entry : m_list)
-      if (estr_Eqic(entry->GetName().c_str(), full.get())) return entry;
+      if (epho::dtm::SameDem(entry->GetName(), full.get())) return entry;
   }
   // Opened outside the lock, so a slow DEM does not hold up other callers.
   boost::shared_ptr<DTMCache> fresh(new DTMCache(full.get()));
   EthrLockHolder lock(m_mutex);
   for (const auto& entry : m_list)
-    if (estr_Eqic(entry->GetName().c_str(), full.get())) return entry;  // another thread won
+    if (epho::dtm::SameDem(entry->GetName(), full.get())) return entry;  // another thread won
   m_list.push_back(fresh);
   return fresh;
 }

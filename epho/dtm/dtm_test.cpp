@@ -7,20 +7,14 @@
 #include <ogr_srs_api.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cwctype>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 #include <vector>
 
 #include "test_util.h"
-
-#if defined(__SANITIZE_THREAD__)
-// GDAL creates its global mutexes under another mutex in an order that
-// ThreadSanitizer reports as a possible inversion inside libgdal itself; the
-// report names none of our code. Data races are still reported.
-extern "C" __attribute__((visibility("default"), used)) const char* __tsan_default_suppressions() {
-  return "deadlock:libgdal.so\n";
-}
-#endif
 
 namespace {
 
@@ -70,11 +64,6 @@ float Cell(Eimg_Layer* layer, long x, long y) {
   return v;
 }
 
-std::wstring Upper(std::wstring s) {
-  for (auto& c : s) c = static_cast<wchar_t>(std::towupper(c));
-  return s;
-}
-
 TEST(DTMCache, EntryAddressesDemCellsThroughMapInformation) {
   testutil::ScratchDir dir("dtm_info");
   std::string path = WriteDem(dir.File("dem.tif"), 60, 40);
@@ -113,21 +102,59 @@ TEST(DTMCache, EntryAddressesDemCellsThroughMapInformation) {
   EphoLib::DTMCacheList::Instance().Clear();
 }
 
-TEST(DTMCache, SpellingsInOtherLetterCaseShareOneEntry) {
+// Spellings of one file share its entry; names that differ only in letter
+// case are one DEM only where they denote one file: on a case-sensitive file
+// system dem.tif and DEM.tif are two DEMs, each with its own heights.
+TEST(DTMCache, OneEntryPerFileNotPerSpelling) {
   testutil::ScratchDir dir("dtm_case");
   std::string path = WriteDem(dir.File("dem.tif"), 30, 20);
   auto& list = EphoLib::DTMCacheList::Instance();
   list.Clear();
   std::wstring wpath = kzdv::FromUtf8(path);
   auto a = list.Open(wpath.c_str());
-  auto b = list.Open(Upper(wpath).c_str());
   std::wstring dotted = kzdv::FromUtf8(dir.File("./sub/../dem.tif"));
   auto c = list.Open(dotted.c_str());
-  EXPECT_EQ(a.get(), b.get());
   EXPECT_EQ(a.get(), c.get());
   EXPECT_EQ(list.Size(), 1u);
-  EXPECT_EQ(a.use_count(), 4);  // the list and three holders
+  EXPECT_EQ(a.use_count(), 3);  // the list and two holders
+
+  // A second DEM under the upper-case name, with other heights.
+  const std::string upper_path = dir.File("DEM.tif");
+  {
+    WriteDem(upper_path, 30, 20);
+    GDALDatasetH ds = GDALOpen(upper_path.c_str(), GA_Update);
+    std::vector<float> z(30 * 20, 1234.5f);
+    ASSERT_EQ(GDALRasterIO(GDALGetRasterBand(ds, 1), GF_Write, 0, 0, 30, 20, z.data(), 30, 20,
+                           GDT_Float32, 0, 0),
+              CE_None);
+    GDALClose(ds);
+  }
+  const bool case_sensitive = !std::filesystem::equivalent(path, upper_path);
+  auto b = list.Open(kzdv::FromUtf8(upper_path).c_str());
+  int w, h;
+  std::vector<float> truth = ReadAll(path, &w, &h);
+  if (case_sensitive) {
+    EXPECT_NE(a.get(), b.get());
+    EXPECT_EQ(list.Size(), 2u);
+    EXPECT_EQ(Cell(b->GetLayer(), 3, 4), 1234.5f);
+    EXPECT_EQ(Cell(a->GetLayer(), 3, 4), truth[4 * w + 3]);
+    EXPECT_NE(truth[4 * w + 3], 1234.5f);
+    // Through the proxies too: two DEMs, two proxies, two entries.
+    boost::shared_ptr<EphoLib::DTMCache> sa, sb;
+    Eimg_Layer* la = EphoLib::CachedDEMLayerGet(wpath.c_str(), sa, nullptr);
+    Eimg_Layer* lb = EphoLib::CachedDEMLayerGet(kzdv::FromUtf8(upper_path).c_str(), sb, nullptr);
+    ASSERT_TRUE(la && lb);
+    EXPECT_NE(sa.get(), sb.get());
+    EXPECT_NE(sa->GetName(), sb->GetName());
+    EXPECT_EQ(Cell(la, 3, 4), truth[4 * w + 3]);
+    EXPECT_EQ(Cell(lb, 3, 4), 1234.5f);
+    eimg_LayerClose(la, nullptr);
+    eimg_LayerClose(lb, nullptr);
+  } else {
+    EXPECT_EQ(a.get(), b.get());
+  }
   // A failing open throws the toolkit exception and leaves the list as it was.
+  const size_t size = list.Size();
   std::wstring missing = kzdv::FromUtf8(dir.File("missing.tif"));
   try {
     list.Open(missing.c_str());
@@ -135,8 +162,57 @@ TEST(DTMCache, SpellingsInOtherLetterCaseShareOneEntry) {
   } catch (EerrException& e) {
     EXPECT_NE(kzdv::ReportText(e.Report()).find(L"missing.tif"), std::wstring::npos);
   }
-  EXPECT_EQ(list.Size(), 1u);
+  EXPECT_EQ(list.Size(), size);
   list.Clear();
+}
+
+// Proxies live as long as their entries: the last release (or Clear, for
+// entries nobody holds) removes them, and a failed open leaves none.
+TEST(DTMCache, ProxiesGoWithTheirLastHolder) {
+  testutil::ScratchDir dir("dtm_proxy");
+  testutil::ScratchDir tmp("dtm_proxy_tmp");
+  const char* old_tmp = std::getenv("TMPDIR");
+  const std::string saved = old_tmp ? old_tmp : "";
+  setenv("TMPDIR", tmp.path().c_str(), 1);
+  auto uai = [&] {
+    int n = 0;
+    for (const auto& e : std::filesystem::directory_iterator(tmp.path()))
+      n += e.path().extension() == ".uai";
+    return n;
+  };
+  auto& list = EphoLib::DTMCacheList::Instance();
+  list.Clear();
+  const std::wstring one = kzdv::FromUtf8(WriteDem(dir.File("one.tif"), 30, 20));
+  const std::wstring two = kzdv::FromUtf8(WriteDem(dir.File("two.tif"), 30, 20));
+  boost::shared_ptr<EphoLib::DTMCache> s1, s2, s3;
+  eimg_LayerClose(EphoLib::CachedDEMLayerGet(one.c_str(), s1, nullptr), nullptr);
+  eimg_LayerClose(EphoLib::CachedDEMLayerGet(one.c_str(), s2, nullptr), nullptr);
+  eimg_LayerClose(EphoLib::CachedDEMLayerGet(two.c_str(), s3, nullptr), nullptr);
+  ASSERT_TRUE(s1 && s2 && s3);
+  EXPECT_EQ(uai(), 2);
+  list.Clear();
+  EXPECT_EQ(uai(), 2);  // still held
+  s1.reset();
+  EXPECT_EQ(uai(), 2);  // s2 holds the same entry
+  s2.reset();
+  EXPECT_EQ(uai(), 1);
+  s3.reset();
+  EXPECT_EQ(uai(), 0);
+  eimg_LayerClose(EphoLib::CachedDEMLayerGet(one.c_str(), s1, nullptr), nullptr);
+  s1.reset();
+  EXPECT_EQ(uai(), 1);  // the list holds it
+  list.Clear();
+  EXPECT_EQ(uai(), 0);
+  // A file that is no DEM: no entry, no proxy.
+  testutil::PrintedReports quiet;
+  std::ofstream(dir.File("junk.tif")) << "not an image";
+  EXPECT_EQ(EphoLib::CachedDEMLayerGet(kzdv::FromUtf8(dir.File("junk.tif")).c_str(), s1, nullptr),
+            nullptr);
+  EXPECT_EQ(uai(), 0);
+  if (old_tmp)
+    setenv("TMPDIR", saved.c_str(), 1);
+  else
+    unsetenv("TMPDIR");
 }
 
 TEST(DTMCache, HeldEntrySurvivesClearAndLaterOpenMakesNewOne) {

@@ -2,12 +2,17 @@
 // on one layer stack.
 #include "epho/pyramid.h"
 
+#include <algorithm>
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "eimg.h"
 #include "eint.h"
 #include "epho/pyramid/pyramid_internal.h"
+#include "platform/efio/atomic_file.h"
+#include "platform/eimg/eimg_files.h"
 
 namespace {
 
@@ -68,8 +73,9 @@ Emsc_Boolean computeBinomialPyramid(const Etxt_Char* task, Eimg_LayerStack* stac
     EERR_FAIL_IF(eimg_PixelTypeIsComplex(l->pixelType), frame, EMSC_FALSE,
                  L"Binomial (3x3) pyramid layers cannot be computed on complex pixels!");
     EERR_FAIL_IF(l->readOnly, frame, EMSC_FALSE, L"Image layer %s is read only!", l->name);
-    EERR_FAIL_IF(l->pixelType == EGDA_TYPE_INVALID, frame, EMSC_FALSE,
-                 L"Image layer %s has an unsupported pixel type!", l->name);
+    EERR_FAIL_IF(l->pixelType == EGDA_TYPE_INVALID || l->pixelType == EGDA_TYPE_U1 ||
+                     l->pixelType == EGDA_TYPE_U2,
+                 frame, EMSC_FALSE, L"Image layer %s has an unsupported pixel type!", l->name);
   }
   if (first_call) {
     // Levels belong to the whole file: replaced once, filled layer by layer.
@@ -111,6 +117,139 @@ Emsc_Boolean computeBinomialPyramid(const Etxt_Char* task, Eimg_LayerStack* stac
   return EMSC_TRUE;
 }
 
+namespace {
+
+// Files GDAL may keep beside an image for its levels and metadata.
+const char* const kSidecars[] = {".aux.xml", ".ovr", ".rrd"};
+
+bool Exists(const std::string& path) {
+  std::error_code ec;
+  return std::filesystem::exists(path, ec);
+}
+
+// `file`, a companion of the image `from` (same folder, named after it), as
+// the same companion of `to`: "dir/bil.hdr" for "dir/bil.img" becomes
+// "dir/.bil.tmp123456.hdr" for "dir/.bil.tmp123456.img". Empty for a file
+// not named after the image.
+std::string Companion(const std::string& file, const std::string& from, const std::string& to) {
+  namespace fs = std::filesystem;
+  const fs::path f(file), a(from), b(to);
+  const std::string stem = a.stem().string(), name = f.filename().string();
+  if (f.parent_path() != a.parent_path() || name.compare(0, stem.size(), stem) != 0) return {};
+  return (b.parent_path() / (b.stem().string() + name.substr(stem.size()))).string();
+}
+
+// The companions of `image` that exist (its files but the image itself, and
+// the sidecars GDAL may add).
+std::vector<std::string> Companions(const std::string& image) {
+  std::vector<std::string> files = kzdv::eimg::ImageFiles(image);
+  files.erase(files.begin());
+  for (const char* s : kSidecars)
+    if (Exists(image + s) && std::find(files.begin(), files.end(), image + s) == files.end())
+      files.push_back(image + s);
+  return files;
+}
+
+// The whole computation on the file `work`, the meter naming the image by
+// `shown` (its file name part).
+bool BuildLevels(const Etxt_Char* work, const Etxt_Char* shown, Emet_MeterInfo* meter,
+                 Eint_InitToolkitData* init, kzdv::ErrorFrame& frame) {
+  NamesPtr names(eimg_LayerGetNames(work, init, frame.Callee()), estr_StringListDelete);
+  if (!names) {
+    frame.Fail(__LINE__, L"Cannot get layer names from file %s!", shown);
+    return false;
+  }
+  StackPtr stack(eimg_LayerStackOpen(names.get(), init, EIMG_ACCESS_UPDATE, frame.Callee()),
+                 CloseStack);
+  if (!stack) {
+    frame.Fail(__LINE__, L"Cannot open image layers!");
+    return false;
+  }
+  kzdv::HeapPtr<Etxt_Char> order(eimg_FileRasterDataOrderGet(work, init, frame.Callee()));
+  if (!order) {
+    frame.Fail(__LINE__, L"eimg_FileRasterDataOrderGet failed");
+    return false;
+  }
+  bool one_pass = estr_Eqic(order.get(), L"BIP") || estr_Eqic(order.get(), L"BIL");
+  for (long i = 1; one_pass && i < stack->count; ++i)
+    one_pass = SameLayout(stack->layers[0], stack->layers[i]);
+
+  bool levels_changed = false;
+  if (one_pass) {
+    // Interleaved files are read once for all bands.
+    kzdv::HeapPtr<Etxt_Char> task(estr_Sprintf(L"%s: All Layers", shown));
+    if (!task) {
+      frame.Fail(__LINE__, L"estr_Sprintf failed");
+      return false;
+    }
+    if (!computeBinomialPyramid(task.get(), stack.get(), EMSC_TRUE, meter, init, &levels_changed,
+                                frame.Callee())) {
+      frame.Fail(__LINE__, L"computeBinomialPyramid failed");
+      return false;
+    }
+  } else {
+    StackPtr one(eimg_LayerStackStructureCreate(1, frame.Callee()), FreeStructure);
+    if (!one) {
+      frame.Fail(__LINE__, L"Unable to create Layer Stack structure for sequential processing");
+      return false;
+    }
+    for (long i = 0; i < stack->count; ++i) {
+      one->layers[0] = stack->layers[i];
+      kzdv::HeapPtr<Etxt_Char> task(estr_Sprintf(L"%s: Layer %d", shown, int(i + 1)));
+      if (!task) {
+        frame.Fail(__LINE__, L"Error producing layer name");
+        return false;
+      }
+      if (!computeBinomialPyramid(task.get(), one.get(), i == 0 ? EMSC_TRUE : EMSC_FALSE, meter,
+                                  init, &levels_changed, frame.Callee())) {
+        frame.Fail(__LINE__, L"computeBinomialPyramid failed");
+        return false;
+      }
+    }
+  }
+  if (!eimg_LayerStackClose(stack.release(), frame.Callee())) {
+    frame.Fail(__LINE__, L"eimg_LayerStackClose failed");
+    return false;
+  }
+  return true;
+}
+
+// What refuses the work, checked on the image itself before anything is
+// copied or changed.
+bool Refused(const Etxt_Char* file_name, Eint_InitToolkitData* init, kzdv::ErrorFrame& frame) {
+  NamesPtr names(eimg_LayerGetNames(file_name, init, frame.Callee()), estr_StringListDelete);
+  if (!names) {
+    frame.Fail(__LINE__, L"Cannot get layer names from file %s!", file_name);
+    return true;
+  }
+  StackPtr stack(eimg_LayerStackOpen(names.get(), init, EIMG_ACCESS_UPDATE, frame.Callee()),
+                 CloseStack);
+  if (!stack) {
+    frame.Fail(__LINE__, L"Cannot open image layers!");
+    return true;
+  }
+  for (long i = 0; i < stack->count; ++i) {
+    const Eimg_Layer* l = stack->layers[i];
+    if (eimg_PixelTypeIsComplex(l->pixelType)) {
+      frame.Fail(__LINE__, L"Binomial (3x3) pyramid layers cannot be computed on complex pixels!");
+      return true;
+    }
+    if (l->readOnly) {
+      frame.Fail(__LINE__, L"Image layer %s is read only!", l->name);
+      return true;
+    }
+    // 1- and 2-bit layers get no levels: the level check refuses them too.
+    if (l->pixelType == EGDA_TYPE_INVALID || l->pixelType == EGDA_TYPE_U1 ||
+        l->pixelType == EGDA_TYPE_U2) {
+      frame.Fail(__LINE__, L"Image layer %s has an unsupported pixel type!", l->name);
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
 void epho_ComputePyramidLayers3x3(const Etxt_Char* file_name, Emet_MeterInfo* meter,
                                   Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"epho_ComputePyramidLayers3x3";
@@ -118,48 +257,74 @@ void epho_ComputePyramidLayers3x3(const Etxt_Char* file_name, Emet_MeterInfo* me
   EERR_FAIL_IF(!file_name || !*file_name, frame, , L"Invalid file name");
   Eint_InitToolkitData* init = eint_GetInit(frame.Callee());
   EERR_CHECK(init, frame, , L"eint_GetInit failed");
-  NamesPtr names(eimg_LayerGetNames(file_name, init, frame.Callee()), estr_StringListDelete);
-  EERR_CHECK(names, frame, , L"Cannot get layer names from file %s!", file_name);
   kzdv::HeapPtr<Etxt_Char> file(efnp_FileNameGet(file_name, frame.Callee()));
   EERR_CHECK(file, frame, , L"efnp_FileNameGet failed");
-  StackPtr stack(eimg_LayerStackOpen(names.get(), init, EIMG_ACCESS_UPDATE, frame.Callee()),
-                 CloseStack);
-  EERR_CHECK(stack, frame, , L"Cannot open image layers!");
+  if (Refused(file_name, init, frame)) return;
 
-  kzdv::HeapPtr<Etxt_Char> order(eimg_FileRasterDataOrderGet(file.get(), init, frame.Callee()));
-  EERR_CHECK(order, frame, , L"eimg_FileRasterDataOrderGet failed");
-  bool one_pass = estr_Eqic(order.get(), L"BIP") || estr_Eqic(order.get(), L"BIL");
-  for (long i = 1; one_pass && i < stack->count; ++i)
-    one_pass = SameLayout(stack->layers[0], stack->layers[i]);
-
-  bool levels_changed = false;
-  bool ok = true;
-  if (one_pass) {
-    // Interleaved files are read once for all bands.
-    kzdv::HeapPtr<Etxt_Char> task(estr_Sprintf(L"%s: All Layers", file.get()));
-    EERR_FAIL_IF(!task, frame, , L"estr_Sprintf failed");
-    ok = computeBinomialPyramid(task.get(), stack.get(), EMSC_TRUE, meter, init, &levels_changed,
-                                frame.Callee());
-    if (!ok) frame.Fail(__LINE__, L"computeBinomialPyramid failed");
-  } else {
-    StackPtr one(eimg_LayerStackStructureCreate(1, frame.Callee()), FreeStructure);
-    EERR_CHECK(one, frame, , L"Unable to create Layer Stack structure for sequential processing");
-    for (long i = 0; ok && i < stack->count; ++i) {
-      one->layers[0] = stack->layers[i];
-      kzdv::HeapPtr<Etxt_Char> task(estr_Sprintf(L"%s: Layer %d", file.get(), int(i + 1)));
-      EERR_FAIL_IF(!task, frame, , L"Error producing layer name");
-      ok = computeBinomialPyramid(task.get(), one.get(), i == 0 ? EMSC_TRUE : EMSC_FALSE, meter,
-                                  init, &levels_changed, frame.Callee());
-      if (!ok) frame.Fail(__LINE__, L"computeBinomialPyramid failed");
+  // One writer at a time: a second run on the same image waits here (a
+  // cancel through the meter ends the wait) and then rebuilds the levels.
+  const std::string image = kzdv::ToUtf8(file.get());
+  std::wstring why;
+  kzdv::efio::FileLock lock;
+  if (!lock.Lock(image, kzdv::efio::LockMode::kRefuse, &why)) {
+    if (meter) {
+      kzdv::HeapPtr<Etxt_Char> task(
+          estr_Sprintf(L"%s: waiting for another writer of the image to finish", file.get()));
+      Eerr_ErrorReport* ignored = nullptr;  // the message is a courtesy
+      if (task && emet_MeterInfoChangeTaskName(meter, task.get(), &ignored))
+        emet_MeterInfoPrint(meter, 0.0, &ignored);
+      eerr_DeleteErrorReportEx(&ignored);
     }
+    EERR_FAIL_IF(!lock.Lock(image, kzdv::efio::LockMode::kWait, &why,
+                            [meter] { return meter && emet_MeterInfoCancelled(meter); }),
+                 frame, , L"%s", why.c_str());
   }
-  if (!ok && levels_changed) {
-    // No half-made levels stay behind: the file is left without levels.
-    Eerr_ErrorReport* ignored = nullptr;
-    eimg_LayerPyramidLevelsRemove(stack->layers[0], &ignored);
-    eerr_DeleteErrorReportEx(&ignored);
+
+  // The levels are built in a copy beside the image (with copies of its
+  // companions: a raw format's header, the .aux.xml), which replaces the
+  // image only when every level is done: a failed or cancelled run leaves the
+  // image and its companions exactly as they were.
+  std::string work;
+  std::vector<std::string> made, built;
+  const bool ok = kzdv::efio::ReplaceFile(
+      image,
+      [&](const std::string& temp, std::wstring* message) {
+        work = temp;
+        if (!kzdv::efio::CopyFileContents(image, temp, message)) return false;
+        for (const std::string& c : Companions(image)) {
+          const std::string copy = Companion(c, image, temp);
+          if (copy.empty()) continue;
+          made.push_back(copy);
+          if (!kzdv::efio::CopyFileContents(c, copy, message)) return false;
+        }
+        if (!BuildLevels(kzdv::FromUtf8(temp).c_str(), file.get(), meter, init, frame)) {
+          *message = L"the pyramid levels were not built";
+          return false;
+        }
+        built = Companions(temp);
+        return true;
+      },
+      &why);
+  if (!ok) {
+    std::error_code ec;
+    for (const std::string& m : made) std::filesystem::remove(m, ec);
+    if (!work.empty())
+      for (const char* s : kSidecars) std::filesystem::remove(work + s, ec);
+    if (!frame.Failed()) frame.Fail(__LINE__, L"%s", why.c_str());
+    return;
   }
-  if (!ok) return;
-  EERR_CHECK(eimg_LayerStackClose(stack.release(), frame.Callee()), frame, ,
-             L"eimg_LayerStackClose failed");
+  // The copy's companions replace the image's; a level file the copy no
+  // longer has goes too.
+  for (const std::string& c : built) {
+    const std::string target = Companion(c, work, image);
+    std::error_code ec;
+    if (!target.empty()) std::filesystem::rename(c, target, ec);
+    EERR_FAIL_IF(target.empty() || ec, frame, , L"Cannot replace %hs: %hs", target.c_str(),
+                 ec.message().c_str());
+  }
+  for (const char* s : kSidecars) {
+    std::error_code ec;
+    if (std::find(built.begin(), built.end(), work + s) == built.end())
+      std::filesystem::remove(image + s, ec);
+  }
 }

@@ -1,4 +1,6 @@
 // The name of the proxy file that stands for an image in the temporary folder.
+#include <sys/stat.h>
+
 #include <cwctype>
 #include <string>
 
@@ -17,11 +19,15 @@ Etxt_Char* epho_ProxyImageNameGet(const Etxt_Char* file_name, Eerr_ErrorReport**
   kzdv::HeapPtr<Etxt_Char> root(estr_GetPathPart(full.get(), ESTR_PATH_ROOT));
   kzdv::HeapPtr<Etxt_Char> tmp(efio_DirectoryGetTemporary(frame.Callee()));
   EERR_CHECK(tmp && root, frame, nullptr, L"efio_DirectoryGetTemporary failed");
-  // FNV-1a over the lower-cased path: stable across runs and processes.
-  std::wstring lower = full.get();
-  for (auto& c : lower) c = static_cast<wchar_t>(std::towlower(c));
+  // FNV-1a over the file's identity (device and inode), so every spelling of
+  // one file (letter case, links, "..") maps to one proxy and two files never
+  // share one; over the exact path when the file cannot be examined.
+  std::string key = kzdv::ToUtf8(full.get());
+  struct stat st {};
+  if (::stat(key.c_str(), &st) == 0)
+    key = "file:" + std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
   unsigned long long h = 1469598103934665603ULL;
-  for (unsigned char b : kzdv::ToUtf8(lower)) {
+  for (unsigned char b : key) {
     h ^= b;
     h *= 1099511628211ULL;
   }

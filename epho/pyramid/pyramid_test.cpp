@@ -3,15 +3,18 @@
 #include "epho/pyramid.h"
 
 #include <gdal.h>
+#include <gdal_alg.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "eimg.h"
@@ -241,7 +244,9 @@ void CancelSink(const Etxt_Char* task, double percent, void* ctx) {
     emet_MeterInfoCancel(*meter_and_rule->first);
 }
 
-TEST(PyramidLayers, CancelReportsAndLeavesNoLevelBehind) {
+// A cancelled run reports the cancel and leaves the image exactly as it was,
+// the levels it had before included, with nothing else left in the folder.
+TEST(PyramidLayers, CancelReportsAndLeavesTheImageAsItWas) {
   testutil::ScratchDir dir("pyr_cancel");
   Raster r = RandomRaster(1500, 1300, 1, GDT_Byte, 21);
   struct Case {
@@ -256,11 +261,12 @@ TEST(PyramidLayers, CancelReportsAndLeavesNoLevelBehind) {
   int i = 0;
   for (const auto& c : cases) {
     std::string path = WriteTiff(dir.File("c" + std::to_string(i++) + ".tif"), r, GDT_Byte);
-    // Levels made before must go too: the file ends without any level.
     GDALDatasetH ds = GDALOpen(path.c_str(), GA_Update);
     int f[] = {2, 4};
     ASSERT_EQ(GDALBuildOverviews(ds, "AVERAGE", 2, f, 0, nullptr, nullptr, nullptr), CE_None);
     GDALClose(ds);
+    const std::string before = FileBytes(path);
+    const auto files_before = std::distance(std::filesystem::directory_iterator(dir.path()), {});
     Emet_MeterInfo* meter = nullptr;
     std::pair<Emet_MeterInfo**, CancelAt> ctx{&meter, c.at};
     meter = emet_MeterInfoCreateWithSink(L"pyramids", CancelSink, &ctx, nullptr);
@@ -270,11 +276,92 @@ TEST(PyramidLayers, CancelReportsAndLeavesNoLevelBehind) {
     ASSERT_NE(err, nullptr);
     EXPECT_TRUE(kzdv::ReportContains(err, c.message)) << kzdv::ReportText(err);
     eerr_DeleteErrorReport(err);
+    EXPECT_TRUE(FileBytes(path) == before) << "the image changed";
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), files_before);
     ds = GDALOpen(path.c_str(), GA_ReadOnly);
-    EXPECT_EQ(GDALGetOverviewCount(GDALGetRasterBand(ds, 1)), 0);
+    EXPECT_EQ(GDALGetOverviewCount(GDALGetRasterBand(ds, 1)), 2);
     GDALClose(ds);
-    EXPECT_FALSE(epho_PyramidLayersCheck(kzdv::FromUtf8(path).c_str(), nullptr));
   }
+}
+
+// A large sparse image (blocks never written take no room): a run cancelled
+// while level 1 is being written leaves the file as it was, its size and the
+// room it takes on disk included.
+TEST(PyramidLayers, CancelOnLargeSparseImageKeepsItsSize) {
+  testutil::ScratchDir dir("pyr_sparse");
+  GDALAllRegister();
+  const std::string path = dir.File("sparse.tif");
+  const char* options[] = {"TILED=YES", "SPARSE_OK=TRUE", nullptr};
+  GDALDatasetH ds = GDALCreate(GDALGetDriverByName("GTiff"), path.c_str(), 24000, 24000, 1,
+                               GDT_Byte, const_cast<char**>(options));
+  ASSERT_NE(ds, nullptr);
+  std::vector<unsigned char> patch(256 * 256, 200);
+  ASSERT_EQ(GDALRasterIO(GDALGetRasterBand(ds, 1), GF_Write, 1024, 1024, 256, 256, patch.data(),
+                         256, 256, GDT_Byte, 0, 0),
+            CE_None);
+  GDALClose(ds);
+  struct stat before {};
+  ASSERT_EQ(::stat(path.c_str(), &before), 0);
+  const std::string bytes = FileBytes(path);
+
+  Emet_MeterInfo* meter = nullptr;
+  std::pair<Emet_MeterInfo**, CancelAt> ctx{&meter, CancelAt{L"pyramid layer 1 of", 3.0}};
+  meter = emet_MeterInfoCreateWithSink(L"pyramids", CancelSink, &ctx, nullptr);
+  Eerr_ErrorReport* err = nullptr;
+  epho_ComputePyramidLayers3x3(kzdv::FromUtf8(path).c_str(), meter, &err);
+  emet_MeterInfoDelete(meter);
+  ASSERT_NE(err, nullptr);
+  EXPECT_TRUE(kzdv::ReportContains(err, L"Pyramid generaton is canceled!"))
+      << kzdv::ReportText(err);
+  eerr_DeleteErrorReport(err);
+  struct stat after {};
+  ASSERT_EQ(::stat(path.c_str(), &after), 0);
+  EXPECT_EQ(after.st_size, before.st_size);
+  EXPECT_LE(after.st_blocks, before.st_blocks + before.st_blocks / 20 + 8);
+  EXPECT_TRUE(FileBytes(path) == bytes);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
+}
+
+// Two runs on one image at once (two users, a batch started twice): the
+// second waits for the first, and the image ends with the same levels as
+// after one run, readable by GDAL.
+TEST(PyramidLayers, ConcurrentRunsOnOneImageGiveOneRunsLevels) {
+  testutil::ScratchDir dir("pyr_concurrent");
+  Raster r = RandomRaster(900, 700, 2, GDT_Byte, 77);
+  const std::string once = WriteTiff(dir.File("once.tif"), r, GDT_Byte);
+  const std::string twice = WriteTiff(dir.File("twice.tif"), r, GDT_Byte);
+  ExpectLevelsMatch(once, r, true);
+
+  std::vector<std::wstring> reports(3);
+  std::vector<std::thread> runs;
+  for (int t = 0; t < 3; ++t)
+    runs.emplace_back([&, t] {
+      Eerr_ErrorReport* err = nullptr;
+      epho_ComputePyramidLayers3x3(kzdv::FromUtf8(twice).c_str(), nullptr, &err);
+      if (err) reports[t] = kzdv::ReportText(err);
+      eerr_DeleteErrorReportEx(&err);
+    });
+  for (auto& t : runs) t.join();
+  for (const auto& report : reports) EXPECT_EQ(report, L"");
+  EXPECT_TRUE(epho_PyramidLayersCheck(kzdv::FromUtf8(twice).c_str(), nullptr));
+
+  GDALDatasetH a = GDALOpen(once.c_str(), GA_ReadOnly);
+  GDALDatasetH b = GDALOpen(twice.c_str(), GA_ReadOnly);
+  ASSERT_TRUE(a && b);
+  for (int band = 1; band <= 2; ++band) {
+    GDALRasterBandH ba = GDALGetRasterBand(a, band), bb = GDALGetRasterBand(b, band);
+    ASSERT_EQ(GDALGetOverviewCount(bb), GDALGetOverviewCount(ba));
+    EXPECT_EQ(GDALChecksumImage(bb, 0, 0, 900, 700), GDALChecksumImage(ba, 0, 0, 900, 700));
+    for (int k = 0; k < GDALGetOverviewCount(ba); ++k) {
+      GDALRasterBandH oa = GDALGetOverview(ba, k), ob = GDALGetOverview(bb, k);
+      const int w = GDALGetRasterBandXSize(oa), h = GDALGetRasterBandYSize(oa);
+      EXPECT_NE(GDALChecksumImage(ob, 0, 0, w, h), -1);
+      EXPECT_EQ(GDALChecksumImage(ob, 0, 0, w, h), GDALChecksumImage(oa, 0, 0, w, h));
+    }
+  }
+  GDALClose(a);
+  GDALClose(b);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 2);
 }
 
 void RecordTasks(const Etxt_Char* task, double, void* ctx) {
@@ -361,6 +448,33 @@ TEST(PyramidLayers, RefusedFilesAreLeftUntouched) {
   EXPECT_NE(printed.texts()[0].find(L"complex pixels"), std::wstring::npos);
 }
 
+// 1- and 2-bit images: the run and the check agree; neither makes or
+// accepts levels, and the image is left as it was.
+TEST(PyramidLayers, RunAndCheckAgreeOnOneAndTwoBitImages) {
+  testutil::ScratchDir dir("pyr_bits");
+  Raster r = RandomRaster(300, 300, 1, GDT_Byte, 5);
+  for (auto& v : r.bands[0]) v = static_cast<double>(static_cast<int>(v) % 2);
+  for (const char* nbits : {"NBITS=1", "NBITS=2"}) {
+    SCOPED_TRACE(nbits);
+    const std::string path =
+        WriteTiff(dir.File(std::string(nbits + 6) + "bit.tif"), r, GDT_Byte, {nbits});
+    const std::string before = FileBytes(path);
+    const std::wstring wpath = kzdv::FromUtf8(path);
+    Eerr_ErrorReport* err = nullptr;
+    epho_ComputePyramidLayers3x3(wpath.c_str(), nullptr, &err);
+    EXPECT_NE(kzdv::ReportText(err).find(L"has an unsupported pixel type!"), std::wstring::npos)
+        << kzdv::ReportText(err);
+    eerr_DeleteErrorReportEx(&err);
+    EXPECT_TRUE(FileBytes(path) == before);
+    EXPECT_FALSE(epho_PyramidLayersCheck(wpath.c_str(), &err));
+    EXPECT_TRUE(kzdv::ReportContains(err, std::string(nbits) == "NBITS=1"
+                                              ? L"This program doesn't support 1bit image!"
+                                              : L"This program doesn't support 2bit image!"))
+        << kzdv::ReportText(err);
+    eerr_DeleteErrorReportEx(&err);
+  }
+}
+
 TEST(PyramidLayers, CheckTellsBinomialFromOtherLevels) {
   testutil::ScratchDir dir("pyr_check");
   Raster r = RandomRaster(400, 300, 2, GDT_UInt16, 41);
@@ -427,10 +541,21 @@ TEST(PyramidLayers, ProxyNameIsStablePerImageAndDistinctAcrossFolders) {
     emsc_HeapFree(n);
     return s;
   };
-  std::wstring a = name(L"/data/block1/dem.tif");
-  EXPECT_EQ(a, name(L"/data/block1/DEM.TIF"));
-  EXPECT_EQ(a, name(L"/data/block1/./sub/../dem.tif(:Layer_1)"));
-  EXPECT_NE(a, name(L"/data/block2/dem.tif"));
+  testutil::ScratchDir dir("pyr_proxy");
+  std::filesystem::create_directories(dir.path() / "block1" / "sub");
+  std::filesystem::create_directories(dir.path() / "block2");
+  for (const char* f : {"block1/dem.tif", "block1/DEM.tif", "block2/dem.tif"})
+    std::ofstream(dir.File(f)) << f;
+  std::wstring a = name(dir.WFile("block1/dem.tif"));
+  EXPECT_EQ(a, name(dir.WFile("block1/./sub/../dem.tif(:Layer_1)")));
+  EXPECT_NE(a, name(dir.WFile("block2/dem.tif")));
+  // Another file whose name differs only in letter case has its own proxy.
+  if (!std::filesystem::equivalent(dir.File("block1/dem.tif"), dir.File("block1/DEM.tif"))) {
+    EXPECT_NE(a, name(dir.WFile("block1/DEM.tif")));
+  }
+  // A file that cannot be examined: its path as written.
+  EXPECT_EQ(name(L"/nonexistent/x/dem.tif"), name(L"/nonexistent/x/dem.tif"));
+  EXPECT_NE(name(L"/nonexistent/x/dem.tif"), name(L"/nonexistent/x/DEM.tif"));
   std::wstring tmp = std::filesystem::temp_directory_path().wstring();
   EXPECT_EQ(a.rfind(tmp, 0), 0u) << a;
   EXPECT_NE(a.find(L"/dem-"), std::wstring::npos);

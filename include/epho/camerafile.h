@@ -85,8 +85,17 @@ EPHO_EXPORT int epho_ExtendedLensModelValueCount(int32_t model);
  * with their arrays present, and name and description free of double quotes
  * and line breaks and short enough for one line of the reader's limit. A null
  * extended block or model 0 writes the type "NONE"; a model outside 0-3
- * writes nothing after the "Extended Parameters:" line. EMSC_TRUE on success;
- * EMSC_FALSE with a report otherwise. */
+ * writes nothing after the "Extended Parameters:" line. A focal length that
+ * is not a finite number is refused. Numbers are written with a decimal point
+ * whatever locale the host set.
+ *
+ * The file is replaced, never rewritten in place: the text goes to a
+ * temporary in the same folder, which is flushed to disk and renamed over the
+ * file only when complete (the file keeps its permission bits). A failure of
+ * any kind (full disk, quota, file size limit, which is reported, not fatal)
+ * leaves an existing file byte-identical and no temporary behind; writing a
+ * file onto the one it was read from is therefore safe. The folder must be
+ * writable. EMSC_TRUE on success; EMSC_FALSE with a report otherwise. */
 EPHO_EXPORT Emsc_Boolean CameraInfoFileWrite(const Etxt_Char* fileName,
                                              const Epho_CameraFrameInfo* camera,
                                              Eerr_ErrorReport** err);
@@ -98,7 +107,9 @@ EPHO_EXPORT Emsc_Boolean CameraInfoFileWrite(const Etxt_Char* fileName,
  * before ":", other items by the key anywhere in the line. An observation type
  * other than "Field Angle" (case ignored) means radial distances; an extended
  * type other than the three model names means none. Numbers must parse whole
- * (nan and inf are taken as written). Beyond the layout, the reader refuses
+ * (nan and inf are taken as written, but not for the focal length), with a
+ * decimal point whatever locale the host set. Reports of a damaged file name
+ * the file and, where there is one, the line. Beyond the layout, the reader refuses
  * what it cannot take safely: counts that are negative, above 10000 rows or
  * not matched by rows of three numbers (older layout: odd value counts or
  * missing values), table rows longer than one line piece, and quoted items

@@ -78,11 +78,17 @@ class EPHO_EXPORT DTMCacheList {
   /* The process-wide list, created on first call (thread-safe). */
   static DTMCacheList& Instance();
   virtual ~DTMCacheList();
-  /* The shared entry for the DEM `name` (path expanded; letter case
-   * ignored), opening it on first request. When two threads open the same
-   * new DEM at once, both get the entry that was listed first. */
+  /* The shared entry for the DEM `name` (path expanded), opening it on first
+   * request. Two names share an entry when they are equal ignoring letter
+   * case AND denote the same file (std::filesystem::equivalent): on a
+   * case-sensitive file system "dem.tif" and "DEM.tif" are two DEMs with two
+   * entries. When two threads open the same new DEM at once, both get the
+   * entry that was listed first. */
   boost::shared_ptr<DTMCache> Open(const wchar_t* name);
-  /* Drops the list's references; entries held by callers stay usable. */
+  /* Drops the list's references; entries held by callers stay usable. An
+   * entry opened on a proxy (CachedDEMLayerGet) removes the proxy file when
+   * its last holder releases it, so Clear removes the proxies nobody else
+   * holds. */
   void Clear();
   /* Number of entries in the list. */
   size_t Size() const;

@@ -25,10 +25,24 @@ KZDV_BEGIN_C
  * replacing any levels the file had. Pixel-interleaved and line-interleaved
  * files whose layers agree in size, type and block are read once for all
  * layers; others layer by layer. `meter` (may be null) shows progress per
- * level and is polled for cancel. On failure or cancel the file is left
- * without levels: never with a half-written one. Complex pixels and
- * read-only files (a format GDAL cannot update, or no write permission bit)
- * are refused before anything is changed. */
+ * level and is polled for cancel. Complex pixels, 1- and 2-bit pixels
+ * (which epho_PyramidLayersCheck refuses too) and read-only files (a format
+ * GDAL cannot update, or no write permission bit) are refused before
+ * anything is changed.
+ *
+ * One writer per image: the run holds an advisory lock (flock) on the image
+ * file while it works; a second run on the same image, from this process or
+ * another, waits for the first to finish (its meter shows "<file>: waiting
+ * for another writer of the image to finish"; a cancel through the meter ends
+ * the wait with a report naming the file) and then builds the levels anew.
+ *
+ * Nothing is lost on failure: the levels are built in a copy made beside
+ * the image (hidden, ".<name>.tmpXXXXXX.<ext>", holes of a sparse file kept;
+ * the image's companions such as a raw format's header and its .aux.xml are
+ * copied with it), and the copy replaces the image by a rename only when every
+ * level is done. A failed or cancelled run therefore leaves the image, its
+ * levels from before and its size exactly as they were, and removes the copy.
+ * The image's folder must be writable, and must have room for the copy. */
 EPHO_EXPORT void epho_ComputePyramidLayers3x3(const Etxt_Char* file_name, Emet_MeterInfo* meter,
                                               Eerr_ErrorReport** err);
 
@@ -57,10 +71,13 @@ EPHO_EXPORT Emsc_Boolean epho_LayerEffectiveRangeGet(const Etxt_Char* layer_name
                                                      double* maximum, Eerr_ErrorReport** err);
 
 /* Name of the proxy file that stands for `file_name` in the temporary
- * directory: "<temp dir><file root in lower case>-<16 hex digits>.uai". The digits hash the
- * expanded full path (letter case ignored), so two images of the same name
- * in different folders never share a proxy while the same image always maps
- * to the same one. Heap string; free with emsc_HeapFree. */
+ * directory: "<temp dir><file root in lower case>-<16 hex digits>.uai". The
+ * digits hash the identity of the file (device and inode), so every spelling
+ * of one file (letter case where the file system ignores it, "..", links)
+ * maps to one proxy, while two files never share one: on a case-sensitive
+ * file system "dem.tif" and "DEM.tif" get two proxies. A file that cannot be
+ * examined hashes its expanded path as written. Heap string; free with
+ * emsc_HeapFree. */
 EPHO_EXPORT Etxt_Char* epho_ProxyImageNameGet(const Etxt_Char* file_name, Eerr_ErrorReport** err);
 
 KZDV_END_C

@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "eerr_frame.hpp"
+#include "platform/eerr/eerr_print.h"
 
 namespace {
 
@@ -101,6 +102,12 @@ Eerr_PrintHandler eerr_SetPrintHandler(Eerr_PrintHandler handler, void* context)
   g_handler = handler;
   g_handler_context = context;
   return old;
+}
+
+void kzdv::CurrentPrintHandler(Eerr_PrintHandler* handler, void** context) {
+  std::lock_guard<std::mutex> lock(g_print_mutex);
+  *handler = g_handler;
+  *context = g_handler_context;
 }
 
 const Eerr_ErrorReport* eerr_ErrorReportInnermost(const Eerr_ErrorReport* report) {

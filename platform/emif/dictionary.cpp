@@ -13,6 +13,10 @@ namespace mif {
 
 namespace {
 
+// Designs may use designs to this depth; deeper chains are refused (a
+// damaged or hostile dictionary must not exhaust the stack).
+constexpr int kMaxDesignDepth = 32;
+
 bool SameDesign(const DesignImpl& a, const DesignImpl& b) {
   if (&a == &b) return true;
   if (a.text != b.text || a.fields.size() != b.fields.size()) return false;
@@ -223,10 +227,16 @@ bool Dictionary::Parse(const char* text, size_t length, Dictionary* out, std::st
     if (!result.Unusable(name).empty()) return nullptr;
     auto it = by_name.find(name);
     if (it == by_name.end()) return nullptr;
-    if (depth > 32 || !in_progress.insert(name).second) {
+    if (in_progress.count(name)) {
       result.unusable_[name] = "design " + name + " contains itself";
       return nullptr;
     }
+    if (depth > kMaxDesignDepth) {
+      result.unusable_[name] = "design " + name + " is nested deeper than " +
+                               std::to_string(kMaxDesignDepth) + " levels";
+      return nullptr;
+    }
+    in_progress.insert(name);
     std::vector<Field> fields;
     std::string why;
     for (const RawField& rf : it->second->fields) {

@@ -420,3 +420,38 @@ TEST(EmifObject, ConvertsBetweenLayoutsByFieldName) {
 }
 
 }  // namespace
+
+namespace {
+
+// A chain of designs deeper than the limit is reported as too deep, a real
+// cycle as a design that contains itself.
+TEST(EmifMIF, DeepChainsAndCyclesAreToldApart) {
+  auto convert = [](const std::wstring& top, const std::wstring& text) {
+    Emif_CountedString name{static_cast<int32_t>(top.size() + 1),
+                            const_cast<wchar_t*>(top.c_str())};
+    Emif_CountedString dict{static_cast<int32_t>(text.size() + 1),
+                            const_cast<wchar_t*>(text.c_str())};
+    unsigned char none[1] = {0};
+    Emif_CountedBytes bytes{0, none};
+    Emif_Design* design = nullptr;
+    void* object = nullptr;
+    ErrGuard err;
+    EXPECT_FALSE(emif_MIFableObjectConvertFromMIF(&name, &dict, &bytes, &design, &object, &err));
+    return err.Text();
+  };
+  // Users before the designs they use, so the chain is followed from its top.
+  std::wstring deep;
+  for (int i = 40; i >= 1; --i)
+    deep += L"{1:oD" + std::to_wstring(i - 1) + L",x,}D" + std::to_wstring(i) + L",";
+  deep += L"{1:lx,}D0,.";
+  const std::wstring deep_report = convert(L"D40", deep);
+  EXPECT_NE(deep_report.find(L"is nested deeper than 32 levels"), std::wstring::npos)
+      << deep_report;
+  EXPECT_EQ(deep_report.find(L"contains itself"), std::wstring::npos) << deep_report;
+
+  const std::wstring cycle_report = convert(L"A", L"{1:oB,b,}A,{1:oC,c,}B,{1:oA,a,}C,.");
+  EXPECT_NE(cycle_report.find(L"contains itself"), std::wstring::npos) << cycle_report;
+  EXPECT_EQ(cycle_report.find(L"deeper"), std::wstring::npos) << cycle_report;
+}
+
+}  // namespace

@@ -1,5 +1,6 @@
 // The command line as a user meets it: help, version, usage errors and exit
 // codes (0 ok, 1 failure, 2 usage) through the whole parser.
+#include <cpl_error.h>
 #include <gdal.h>
 #include <gtest/gtest.h>
 
@@ -149,6 +150,51 @@ TEST(Cli, FailuresExitOneWithMessage) {
   Outcome ok = RunEpho({"hfa", "dump", image, "--json"});
   EXPECT_EQ(ok.rc, 0);
   EXPECT_TRUE(ok.err.empty()) << ok.err;
+}
+
+// Whatever a command returns, an error it printed (a library report or a
+// GDAL error no handler took) makes the exit non-zero; a warning does not.
+TEST(Cli, PrintedErrorMeansNonZeroExit) {
+  struct Case {
+    const char* name;
+    epho_tool::Run (*declare)(CLI::App&);
+    int rc;
+  } cases[] = {
+      {"test-report",
+       [](CLI::App&) -> epho_tool::Run {
+         return [] {
+           Eerr_ErrorReport* r =
+               eerr_CreateErrorReport(L"test", 1, EERR_SEVERITY_ERROR, nullptr, L"broken");
+           eerr_PrintErrorReport(r, nullptr, 0);
+           eerr_DeleteErrorReport(r);
+           return 0;
+         };
+       },
+       1},
+      {"test-gdal",
+       [](CLI::App&) -> epho_tool::Run {
+         return [] {
+           CPLError(CE_Failure, CPLE_AppDefined, "checksum of -1");
+           return 0;
+         };
+       },
+       1},
+      {"test-warning",
+       [](CLI::App&) -> epho_tool::Run {
+         return [] {
+           CPLError(CE_Warning, CPLE_AppDefined, "just so you know");
+           return 0;
+         };
+       },
+       0},
+  };
+  for (const auto& c : cases) {
+    epho_tool::Commands().push_back({c.name, "test only", c.declare});
+    Outcome o = RunEpho({c.name});
+    epho_tool::Commands().pop_back();
+    EXPECT_EQ(o.rc, c.rc) << c.name << "\n" << o.err;
+    EXPECT_FALSE(o.err.empty()) << c.name;
+  }
 }
 
 }  // namespace

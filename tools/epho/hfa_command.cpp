@@ -176,21 +176,78 @@ Value Record(const Emif_Design* d, const uint8_t* rec, int max_items, int depth)
 
 // ---- output -------------------------------------------------------------------
 
+// Length of the valid UTF-8 sequence at s[i] (1-4), or 0 when the bytes
+// there are no valid sequence (stray continuation, overlong form, surrogate,
+// beyond U+10FFFF, cut short).
+size_t Utf8Length(const std::string& s, size_t i) {
+  const auto b = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
+  const unsigned char c = b(i);
+  if (c < 0x80) return 1;
+  size_t n;
+  uint32_t cp;
+  if (c >= 0xC2 && c <= 0xDF)
+    n = 2, cp = c & 0x1F;
+  else if (c >= 0xE0 && c <= 0xEF)
+    n = 3, cp = c & 0x0F;
+  else if (c >= 0xF0 && c <= 0xF4)
+    n = 4, cp = c & 0x07;
+  else
+    return 0;
+  if (i + n > s.size()) return 0;
+  for (size_t k = 1; k < n; ++k) {
+    if ((b(i + k) & 0xC0) != 0x80) return 0;
+    cp = (cp << 6) | (b(i + k) & 0x3F);
+  }
+  if ((n == 3 && cp < 0x800) || (n == 4 && (cp < 0x10000 || cp > 0x10FFFF)) ||
+      (cp >= 0xD800 && cp <= 0xDFFF))
+    return 0;
+  return n;
+}
+
+// A JSON string of the bytes of `s`: valid UTF-8 as it is, control
+// characters escaped, and every byte of an invalid sequence escaped as the
+// character of that code (\u00e9 for a lone byte E9), so that the output is
+// always valid UTF-8 JSON whatever the file holds.
 std::string Json(const std::string& s) {
   std::string o = "\"";
-  for (unsigned char c : s) {
+  for (size_t i = 0; i < s.size();) {
+    const unsigned char c = static_cast<unsigned char>(s[i]);
+    const size_t n = Utf8Length(s, i);
     if (c == '"' || c == '\\') {
       o += '\\';
       o += static_cast<char>(c);
-    } else if (c < 0x20) {
+    } else if (n == 0 || c < 0x20 || c == 0x7F) {
       char b[8];
       std::snprintf(b, sizeof b, "\\u%04x", c);
       o += b;
     } else {
-      o += static_cast<char>(c);
+      o.append(s, i, n);
+      i += n;
+      continue;
     }
+    ++i;
   }
   return o + "\"";
+}
+
+// Text for the terminal: control characters and bytes of invalid UTF-8
+// sequences as \xHH, so a damaged or hostile file cannot drive the terminal.
+std::string Printable(const std::string& s) {
+  std::string o;
+  for (size_t i = 0; i < s.size();) {
+    const unsigned char c = static_cast<unsigned char>(s[i]);
+    const size_t n = Utf8Length(s, i);
+    if (n == 0 || c < 0x20 || c == 0x7F) {
+      char b[8];
+      std::snprintf(b, sizeof b, "\\x%02x", c);
+      o += b;
+      ++i;
+    } else {
+      o.append(s, i, n);
+      i += n;
+    }
+  }
+  return o;
 }
 
 void PrintJson(FILE* out, const Value& v) {
@@ -230,13 +287,13 @@ void PrintJson(FILE* out, const Value& v) {
 std::string Inline(const Value& v) {
   switch (v.kind) {
     case Value::kScalar:
-      return v.text;
+      return Printable(v.text);
     case Value::kString:
-      return "\"" + v.text + "\"";
+      return "\"" + Printable(v.text) + "\"";
     case Value::kObject: {
       std::string s = "{";
       for (size_t i = 0; i < v.fields.size(); ++i) {
-        s += (i ? ", " : "") + v.fields[i].first + " " + Inline(v.fields[i].second);
+        s += (i ? ", " : "") + Printable(v.fields[i].first) + " " + Inline(v.fields[i].second);
       }
       return s + "}";
     }
@@ -251,7 +308,8 @@ std::string Inline(const Value& v) {
 }
 
 void PrintText(FILE* out, const Value& v, int indent) {
-  for (const auto& [name, value] : v.fields) {
+  for (const auto& [raw_name, value] : v.fields) {
+    const std::string name = Printable(raw_name);
     const std::string flat = Inline(value);
     if (flat.size() + name.size() + static_cast<size_t>(indent) <= 100 ||
         (value.kind != Value::kObject && value.kind != Value::kArray)) {
@@ -311,12 +369,14 @@ int DumpNode(FILE* out, Ehfa_File* f, const DumpOptions& o, int depth, bool firs
     }
     if (!problem.empty()) std::fprintf(out, ",\"error\":%s", Json(problem).c_str());
   } else {
-    std::fprintf(out, "%*s%s  (%s", indent, "", depth == 0 && name == "root" ? ":" : name.c_str(),
-                 type.c_str());
+    std::fprintf(out, "%*s%s  (%s", indent, "",
+                 depth == 0 && name == "root" ? ":" : Printable(name).c_str(),
+                 Printable(type).c_str());
     if (size) std::fprintf(out, ", %u bytes at %u", size, offset);
     std::fprintf(out, ")\n");
     if (has_value) PrintText(out, value, indent + 4);
-    if (!problem.empty()) std::fprintf(out, "%*s! %s\n", indent + 4, "", problem.c_str());
+    if (!problem.empty())
+      std::fprintf(out, "%*s! %s\n", indent + 4, "", Printable(problem).c_str());
   }
   if (o.json) std::fputs(",\"children\":[", out);
   if (depth > 200) {

@@ -6,6 +6,7 @@
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <cstdio>
+#include <cstdlib>
 #include <sstream>
 #include <string>
 
@@ -71,6 +72,45 @@ TEST(HfaCommand, DumpsTreeAndValuesAsTextAndJson) {
   Capture(path, ":NoSuchNode", false, &rc);
   EXPECT_EQ(rc, 1);
   EXPECT_EQ(reports.texts().size(), 2u);
+}
+
+// Names with bytes that are no UTF-8 and with control characters: the JSON
+// is valid UTF-8 that Python's json module reads, with every other byte kept;
+// the text escapes them.
+TEST(HfaCommand, HostileNamesGiveValidJsonAndEscapedText) {
+  testutil::ScratchDir dir("hfa_names");
+  GDALAllRegister();
+  const std::string path = dir.File("n.img");
+  GDALDatasetH ds =
+      GDALCreate(GDALGetDriverByName("HFA"), path.c_str(), 30, 20, 2, GDT_Byte, nullptr);
+  GDALSetDescription(GDALGetRasterBand(ds, 1), "bad\xff\xfe\xc3(\x01\x1b[31m");
+  GDALSetDescription(GDALGetRasterBand(ds, 2), "h\xc3\xb6he");  // valid UTF-8 stays
+  GDALClose(ds);
+
+  int rc = -1;
+  const std::string json = Capture(path, "", true, &rc);
+  EXPECT_EQ(rc, 0);
+  EXPECT_NE(json.find("bad\\u00ff\\u00fe\\u00c3(\\u0001\\u001b[31m"), std::string::npos) << json;
+  EXPECT_NE(json.find("h\xc3\xb6he"), std::string::npos);
+  const std::string file = dir.File("dump.json");
+  {
+    FILE* f = std::fopen(file.c_str(), "wb");
+    std::fwrite(json.data(), 1, json.size(), f);
+    std::fclose(f);
+  }
+  if (std::system("command -v python3 >/dev/null 2>&1") == 0) {
+    const std::string cmd =
+        "python3 -c 'import json,sys; json.load(open(sys.argv[1], encoding=\"utf-8\"))' '" + file +
+        "'";
+    EXPECT_EQ(std::system(cmd.c_str()), 0) << json;
+  }
+  std::istringstream in(json);
+  boost::property_tree::ptree tree;
+  EXPECT_NO_THROW(boost::property_tree::read_json(in, tree));
+
+  const std::string text = Capture(path, "", false, &rc);
+  EXPECT_NE(text.find("bad\\xff\\xfe\\xc3(\\x01\\x1b[31m"), std::string::npos) << text;
+  for (char c : text) EXPECT_TRUE(c == '\n' || static_cast<unsigned char>(c) >= 0x20);
 }
 
 }  // namespace

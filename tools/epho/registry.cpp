@@ -1,5 +1,7 @@
 #include "registry.h"
 
+#include <cpl_error.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
@@ -8,6 +10,9 @@
 #include <exception>
 #include <iostream>
 #include <sstream>
+
+#include "eerr.h"
+#include "platform/eerr/eerr_print.h"
 
 #ifndef EPHO_VERSION
 #define EPHO_VERSION "unknown"
@@ -133,6 +138,53 @@ const char* GroupDescription(const std::string& name) {
   return "";
 }
 
+// While a command runs, every error report printed by the library and every
+// GDAL error that reached no handler of the library is counted, so that a
+// command that printed an error never exits 0.
+struct PrintedErrors {
+  int count = 0;
+  Eerr_PrintHandler old_handler = nullptr;
+  void* old_context = nullptr;
+};
+PrintedErrors* g_printed = nullptr;
+
+void CountReport(const Eerr_ErrorReport* report, void* context) {
+  auto* p = static_cast<PrintedErrors*>(context);
+  if (report->severity >= EERR_SEVERITY_ERROR) ++p->count;
+  if (p->old_handler) {
+    p->old_handler(report, p->old_context);
+    return;
+  }
+  std::fflush(stdout);
+  std::fprintf(stderr, "%s\n", kzdv::ToUtf8(kzdv::ReportText(report)).c_str());
+}
+
+void CPL_STDCALL CountGdalError(CPLErr kind, CPLErrorNum number, const char* message) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "epho: GDAL %s %d: %s\n", kind >= CE_Failure ? "error" : "warning",
+               static_cast<int>(number), message ? message : "");
+  if (kind >= CE_Failure && g_printed) ++g_printed->count;
+}
+
+class CountPrintedErrors {
+ public:
+  CountPrintedErrors() {
+    kzdv::CurrentPrintHandler(&errors_.old_handler, &errors_.old_context);
+    eerr_SetPrintHandler(CountReport, &errors_);
+    g_printed = &errors_;
+    CPLPushErrorHandler(CountGdalError);
+  }
+  ~CountPrintedErrors() {
+    CPLPopErrorHandler();
+    g_printed = nullptr;
+    eerr_SetPrintHandler(errors_.old_handler, errors_.old_context);
+  }
+  int count() const { return errors_.count; }
+
+ private:
+  PrintedErrors errors_;
+};
+
 // The subcommand the command line named, deepest first.
 CLI::App* Selected(CLI::App& app) {
   CLI::App* current = &app;
@@ -205,7 +257,14 @@ int Main(int argc, char** argv) {
     return kExitUsage;
   }
   try {
-    return run->second();
+    CountPrintedErrors printed;
+    const int rc = run->second();
+    if (rc == kExitOk && printed.count() > 0) {
+      std::fprintf(stderr, "epho %s: failed (errors were reported above)\n",
+                   selected->get_name().c_str());
+      return kExitFailure;
+    }
+    return rc;
   } catch (const std::exception& e) {
     std::fflush(stdout);
     std::cerr << "epho " << selected->get_name() << ": " << e.what() << "\n";

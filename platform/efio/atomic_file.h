@@ -1,0 +1,417 @@
+// Safe rewrites and one writer per file: the library's internal helpers for
+// every place that replaces a file (camera files, pyramid runs, block saves).
+// Not installed and not exported; include as "platform/efio/atomic_file.h".
+//
+// Replacing a file:
+//
+//   std::wstring why;
+//   bool ok = kzdv::efio::ReplaceFile(target, [&](const std::string& temp, std::wstring* why) {
+//     return WriteEverythingTo(temp, why);   // create or overwrite `temp` by name
+//   }, &why);
+//
+// ReplaceFile makes an empty temporary in the target's folder (so the final
+// rename never crosses file systems) with the target's permissions, lets the
+// callback write it, then flushes it to disk (fsync), renames it over the
+// target and syncs the folder. If anything fails (the callback, a write, the
+// close, the sync, the rename) the temporary is removed and the target stays
+// byte-identical. While it runs, SIGXFSZ cannot kill the process: a file
+// size limit makes write() fail with EFBIG (see FileSizeSignalGuard); the
+// callback must check every write and its close (efio_Close and
+// std::fclose report such failures). The new file keeps the target's
+// permission bits (and owner where permitted); other hard links of the target
+// keep the old contents, as with any rename. The callback may also create sidecars named after
+// `temp` (temp + ".aux.xml"); moving those is the caller's business.
+//
+// One writer per file:
+//
+//   kzdv::efio::FileLock lock;
+//   if (!lock.Lock(path, kzdv::efio::LockMode::kWait, &why)) ...report why...
+//
+// An advisory, exclusive flock(2) on the file itself, held until Unlock or
+// destruction. It only excludes other users of this helper (in this process
+// or any other), not programs that ignore it. The lock follows the file
+// through ReplaceFile: a waiter that wakes up on a file that was meanwhile
+// replaced takes the lock on the new file instead, so the holder may replace
+// the file it locked. Locks taken on one file by two threads of one process
+// exclude each other too (each Lock opens its own descriptor).
+//
+// Everything here is inline: each of our shared libraries carries its own
+// hidden copy, so nothing of this leaves a library's exported interface.
+#ifndef KZDV_PLATFORM_EFIO_ATOMIC_FILE_H_
+#define KZDV_PLATFORM_EFIO_ATOMIC_FILE_H_
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "etxt.h"
+
+namespace kzdv::efio {
+
+namespace atomic_file_detail {
+
+inline std::wstring Wide(const std::string& s) { return kzdv::FromUtf8(s); }
+inline std::wstring Errno(int e) { return Wide(std::strerror(e)); }
+
+// The file a path finally names: a symlinked target is replaced where it
+// points, so the link stays a link.
+inline std::string Resolve(const std::string& target) {
+  std::error_code ec;
+  if (std::filesystem::is_symlink(std::filesystem::symlink_status(target, ec))) {
+    std::filesystem::path real = std::filesystem::canonical(target, ec);
+    if (!ec) return real.string();
+  }
+  return target;
+}
+
+inline void SyncFolder(const std::string& file) {
+  std::filesystem::path dir = std::filesystem::path(file).parent_path();
+  if (dir.empty()) dir = ".";
+  int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  ::fsync(fd);  // best effort: some file systems refuse fsync on folders
+  ::close(fd);
+}
+
+}  // namespace atomic_file_detail
+
+// While alive, a file size limit cannot kill the calling thread's process:
+// SIGXFSZ is blocked in this thread (so write() fails with EFBIG, as it does
+// when the signal is ignored), and a SIGXFSZ raised meanwhile is taken off
+// the thread before the old signal mask comes back. Per thread, unlike a
+// change of the process-wide disposition, so the host's other threads and
+// its own handler are left alone.
+class FileSizeSignalGuard {
+ public:
+  FileSizeSignalGuard() {
+    sigset_t xfsz;
+    sigemptyset(&xfsz);
+    sigaddset(&xfsz, SIGXFSZ);
+    pthread_sigmask(SIG_BLOCK, &xfsz, &old_);
+  }
+  ~FileSizeSignalGuard() {
+    if (!sigismember(&old_, SIGXFSZ)) {
+      sigset_t xfsz;
+      sigemptyset(&xfsz);
+      sigaddset(&xfsz, SIGXFSZ);
+      const struct timespec now = {0, 0};
+      while (sigtimedwait(&xfsz, nullptr, &now) == SIGXFSZ) {
+      }
+    }
+    pthread_sigmask(SIG_SETMASK, &old_, nullptr);
+  }
+  FileSizeSignalGuard(const FileSizeSignalGuard&) = delete;
+  FileSizeSignalGuard& operator=(const FileSizeSignalGuard&) = delete;
+
+ private:
+  sigset_t old_;
+};
+
+// Writes the temporary (named by its path); false with *message set on failure.
+using TempWriter = std::function<bool(const std::string& temp_path, std::wstring* message)>;
+
+// Name of a temporary for `target`: in the same folder, hidden, unique, and
+// ending with the target's extension so that format detection by name still
+// works ("dir/.name.tmpXXXXXX.ext"). The file is created (empty, exclusively)
+// with `mode`; empty string with *message set on failure.
+inline std::string MakeTempBeside(const std::string& target, unsigned mode, std::wstring* message) {
+  using namespace atomic_file_detail;
+  const std::filesystem::path t(target);
+  const std::filesystem::path dir = t.parent_path();
+  const std::string stem = t.stem().string(), ext = t.extension().string();
+  static thread_local std::mt19937_64 rng(std::random_device{}() ^
+                                          static_cast<uint64_t>(::getpid()));
+  static const char kChars[] = "abcdefghijklmnopqrstuvwxyz0123456789";
+  int last = 0;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    std::string name = "." + stem + ".tmp";
+    for (int i = 0; i < 6; ++i) name += kChars[rng() % 36];
+    name += ext;
+    const std::string path = (dir / name).string();
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    if (fd >= 0) {
+      ::close(fd);
+      return path;
+    }
+    last = errno;
+    if (last != EEXIST) break;
+  }
+  if (message)
+    *message = L"Cannot create a temporary file beside " + Wide(target) + L": " + Errno(last);
+  return std::string();
+}
+
+// Copies the bytes of `from` over `to` (created or truncated), keeping the
+// holes of a sparse file as holes. False with *message on failure.
+inline bool CopyFileContents(const std::string& from, const std::string& to,
+                             std::wstring* message) {
+  using namespace atomic_file_detail;
+  std::wstring local;
+  if (!message) message = &local;
+  int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
+  if (in < 0) {
+    *message = L"Cannot read " + Wide(from) + L": " + Errno(errno);
+    return false;
+  }
+  int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (out < 0) {
+    *message = L"Cannot write " + Wide(to) + L": " + Errno(errno);
+    ::close(in);
+    return false;
+  }
+  FileSizeSignalGuard no_sigxfsz;
+  struct stat st {};
+  bool ok = ::fstat(in, &st) == 0;
+  int error = ok ? 0 : errno;
+  const off_t size = st.st_size;
+  std::vector<char> buffer(1 << 20);
+  // Data extents only (SEEK_DATA / SEEK_HOLE); where the file system cannot
+  // tell, the whole file is one extent.
+  off_t pos = 0;
+  while (ok && pos < size) {
+    off_t data = ::lseek(in, pos, SEEK_DATA);
+    if (data < 0) {
+      if (errno == ENXIO) break;  // only a hole up to the end
+      data = pos;
+    }
+    off_t hole = ::lseek(in, data, SEEK_HOLE);
+    if (hole < 0) hole = size;
+    for (off_t at = data; ok && at < hole;) {
+      const size_t want = static_cast<size_t>(std::min<off_t>(hole - at, buffer.size()));
+      const ssize_t got = ::pread(in, buffer.data(), want, at);
+      if (got <= 0) {
+        ok = false;
+        error = got < 0 ? errno : EIO;
+        break;
+      }
+      for (ssize_t done = 0; done < got;) {
+        const ssize_t put = ::pwrite(out, buffer.data() + done, got - done, at + done);
+        if (put < 0) {
+          ok = false;
+          error = errno;
+          break;
+        }
+        done += put;
+      }
+      at += got;
+    }
+    pos = hole;
+  }
+  if (ok && ::ftruncate(out, size) != 0) ok = false, error = errno;
+  if (::close(out) != 0 && ok) ok = false, error = errno;
+  ::close(in);
+  if (!ok) *message = L"Cannot copy " + Wide(from) + L" to " + Wide(to) + L": " + Errno(error);
+  return ok;
+}
+
+// Flushes a finished file to disk: fsync of the file (false with *message on
+// failure). Used by ReplaceFile; public for callers that build a temporary by
+// other means.
+inline bool SyncFile(const std::string& path, std::wstring* message) {
+  using namespace atomic_file_detail;
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0 || ::fsync(fd) != 0) {
+    const int e = errno;
+    if (fd >= 0) ::close(fd);
+    if (message) *message = L"Cannot flush " + Wide(path) + L" to disk: " + Errno(e);
+    return false;
+  }
+  ::close(fd);
+  return true;
+}
+
+// Replaces `target` (UTF-8 path; need not exist yet) with what `write`
+// produces. True on success; false with *message (naming the target) set,
+// the target unchanged and no temporary left behind.
+inline bool ReplaceFile(const std::string& target_name, const TempWriter& write,
+                        std::wstring* message) {
+  using namespace atomic_file_detail;
+  std::wstring local;
+  if (!message) message = &local;
+  if (target_name.empty()) {
+    *message = L"No file name given";
+    return false;
+  }
+  const std::string target = Resolve(target_name);
+  FileSizeSignalGuard no_sigxfsz;
+  struct stat st {};
+  const bool existed = ::stat(target.c_str(), &st) == 0;
+  if (existed && !S_ISREG(st.st_mode)) {
+    *message = Wide(target_name) + L" is not a regular file";
+    return false;
+  }
+  const std::string temp = MakeTempBeside(target, 0666, message);
+  if (temp.empty()) return false;
+  auto fail = [&](const std::wstring& why) {
+    std::remove(temp.c_str());
+    *message = why;
+    return false;
+  };
+  std::wstring why;
+  bool ok = false;
+  try {
+    ok = write(temp, &why);
+  } catch (const std::exception& e) {
+    why = Wide(e.what());
+  }
+  if (!ok)
+    return fail(L"Cannot write " + Wide(target_name) + (why.empty() ? L"" : L": " + why) +
+                L" (the file is unchanged)");
+  if (!SyncFile(temp, &why)) return fail(why + L" (" + Wide(target_name) + L" is unchanged)");
+  if (existed) {
+    // The owner is kept where the process may set it (a run by root on a
+    // user's file); otherwise the file becomes the writer's, as any new file.
+    if (::chown(temp.c_str(), st.st_uid, st.st_gid) != 0) {
+    }
+    if (::chmod(temp.c_str(), st.st_mode & 07777) != 0)
+      return fail(L"Cannot set the permissions of " + Wide(target_name) + L": " + Errno(errno));
+  }
+  if (::rename(temp.c_str(), target.c_str()) != 0)
+    return fail(L"Cannot replace " + Wide(target_name) + L": " + Errno(errno) +
+                L" (the file is unchanged)");
+  SyncFolder(target);
+  return true;
+}
+
+// The same with the temporary opened as a stdio stream for writing; the
+// stream is closed and checked by ReplaceFile (the callback must not close it).
+inline bool ReplaceFileWithStream(
+    const std::string& target, const std::function<bool(FILE* out, std::wstring* message)>& write,
+    std::wstring* message) {
+  using namespace atomic_file_detail;
+  return ReplaceFile(
+      target,
+      [&](const std::string& temp, std::wstring* why) {
+        FILE* out = std::fopen(temp.c_str(), "wb");
+        if (!out) {
+          *why = Errno(errno);
+          return false;
+        }
+        bool ok = write(out, why);
+        errno = 0;
+        const bool flushed = std::fflush(out) == 0 && !std::ferror(out);
+        const int flush_errno = errno;
+        errno = 0;
+        const bool closed = std::fclose(out) == 0;
+        if (ok && (!flushed || !closed)) {
+          const int e = !flushed ? flush_errno : errno;
+          *why = e ? Errno(e) : std::wstring(L"write error");
+          ok = false;
+        }
+        return ok;
+      },
+      message);
+}
+
+enum class LockMode {
+  kWait,    // block until the other writer is done (see `cancelled` below)
+  kRefuse,  // fail at once when another writer holds the file
+};
+
+class FileLock {
+ public:
+  FileLock() = default;
+  ~FileLock() { Unlock(); }
+  FileLock(FileLock&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+  FileLock& operator=(FileLock&& other) noexcept {
+    if (this != &other) {
+      Unlock();
+      fd_ = other.fd_;
+      other.fd_ = -1;
+    }
+    return *this;
+  }
+  FileLock(const FileLock&) = delete;
+  FileLock& operator=(const FileLock&) = delete;
+
+  // Locks the existing file `path` exclusively. With kWait, `cancelled` (may
+  // be empty) is polled while waiting and ends the wait with false. On
+  // failure *message names the file: "<path> is being written by another
+  // process or thread (locked)" (kRefuse), or why the file cannot be locked.
+  bool Lock(const std::string& path, LockMode mode, std::wstring* message,
+            const std::function<bool()>& cancelled = nullptr) {
+    using namespace atomic_file_detail;
+    std::wstring local;
+    if (!message) message = &local;
+    Unlock();
+    for (int round = 0; round < 1000; ++round) {
+      int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+      if (fd < 0 && errno == EACCES) fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+      if (fd < 0) {
+        *message = L"Cannot lock " + Wide(path) + L": " + Errno(errno);
+        return false;
+      }
+      int rc;
+      if (mode == LockMode::kRefuse) {
+        rc = ::flock(fd, LOCK_EX | LOCK_NB);
+        if (rc != 0 && errno == EWOULDBLOCK) {
+          ::close(fd);
+          *message = Wide(path) + L" is being written by another process or thread (locked)";
+          return false;
+        }
+      } else if (cancelled) {
+        while ((rc = ::flock(fd, LOCK_EX | LOCK_NB)) != 0 && errno == EWOULDBLOCK) {
+          if (cancelled()) {
+            ::close(fd);
+            *message = L"Waiting for the lock on " + Wide(path) + L" was cancelled";
+            return false;
+          }
+          std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+      } else {
+        while ((rc = ::flock(fd, LOCK_EX)) != 0 && errno == EINTR) {
+        }
+      }
+      if (rc != 0) {
+        const int e = errno;
+        ::close(fd);
+        *message = L"Cannot lock " + Wide(path) + L": " + Errno(e);
+        return false;
+      }
+      // The holder before us may have replaced the file: lock the new one.
+      struct stat held {
+      }, now{};
+      if (::fstat(fd, &held) == 0 && ::stat(path.c_str(), &now) == 0 && held.st_dev == now.st_dev &&
+          held.st_ino == now.st_ino) {
+        fd_ = fd;
+        return true;
+      }
+      ::flock(fd, LOCK_UN);
+      ::close(fd);
+    }
+    *message = L"Cannot lock " + Wide(path) + L": it keeps being replaced";
+    return false;
+  }
+
+  void Unlock() {
+    if (fd_ >= 0) {
+      ::flock(fd_, LOCK_UN);
+      ::close(fd_);
+      fd_ = -1;
+    }
+  }
+  bool locked() const { return fd_ >= 0; }
+
+ private:
+  int fd_ = -1;
+};
+
+}  // namespace kzdv::efio
+
+#endif  // KZDV_PLATFORM_EFIO_ATOMIC_FILE_H_
