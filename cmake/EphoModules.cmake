@@ -137,6 +137,11 @@ function(epho_add_library name)
 
   add_library(${name} SHARED ${objects})
   set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 0)
+  if(NOT EPHO_SANITIZE)
+    # Every symbol a shipped library uses must resolve at link time: a hidden
+    # symbol of another library fails here, not in a consumer.
+    target_link_options(${name} PRIVATE -Wl,-z,defs)
+  endif()
   target_link_libraries(${name} PUBLIC ${A_LINKS} ${EPHO_EXTERNAL_LINKS})
   set(build_includes "")
   foreach(root ${EPHO_PUBLIC_ROOTS})

@@ -8,8 +8,13 @@
 
 #include <cstddef>
 
+// Every function below is compiled for AVX2 (gcc and clang spell it apart).
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
+#else
 #pragma GCC push_options
 #pragma GCC target("avx2")
+#endif
 
 namespace epho_ncc {
 namespace {
@@ -83,5 +88,9 @@ void CorrelatePairFftAvx2(const FftPlan& plan, float* re, float* im, const float
 }
 
 }  // namespace epho_ncc
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
 #pragma GCC pop_options
+#endif
 #endif
