@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <sstream>
 
@@ -189,8 +190,10 @@ struct BlockRun {
     epho_FreeTriRefineMemory(&in, nullptr);
   }
   std::wstring json;
-  void Go(const Options& o, int16_t solver, bool with_json = false) {
+  void Go(const Options& o, int16_t solver, bool with_json = false,
+          const std::function<void(Epho_TriRefineInput&)>& tweak = {}) {
     Build(o, &in, &truth);
+    if (tweak) tweak(in);
     json = dir.WFile("result.json");
     if (with_json) in.jsonFileName = const_cast<Etxt_Char*>(json.c_str());
     m = Copy(in, o);
@@ -291,41 +294,72 @@ TEST(TriRefine, FixedControlNeverMovesAndCheckPointsReachTheNoise) {
   EXPECT_LT(run.in.unitWeightStdError, 0.005f * 1.5f);  // s0 near the 0.3 px noise, image units
 }
 
-TEST(TriRefine, DenseAndSparsePathsAgree) {
+// Blocks for the two solve paths: a regular one, and one whose images carry
+// different term counts (1 to 6 per axis) with a fixed and a free image in
+// it, so that the supernodes mix block sizes.
+struct PathCase {
+  const char* name;
+  int strips, per_strip, fix_control;
+  bool mixed;
+};
+
+class DenseAndSparse : public ::testing::TestWithParam<PathCase> {};
+
+TEST_P(DenseAndSparse, PathsAgree) {
+  const PathCase c = GetParam();
   Options o;
-  o.fix_control = 1;
+  o.fix_control = c.fix_control;
   o.noise_pixels = 0.5;
-  o.strips = 4;
+  o.strips = c.strips;
+  o.per_strip = c.per_strip;
   o.per_axis = 6;
+  auto mix = [&](Epho_TriRefineInput& in) {
+    if (!c.mixed) return;
+    for (int i = 0; i < in.imageCount; ++i)
+      in.images[i].parameterCount = static_cast<int16_t>(2 * (1 + i % 6));
+    in.images[1].parameterMode = EPHO_TRI_MODE_FIXED;
+    in.images[in.imageCount / 2].parameterMode = EPHO_TRI_MODE_FREE;
+  };
   BlockRun dense, sparse;
-  dense.Go(o, EPHO_TRI_SOLVER_DENSE, true);
-  sparse.Go(o, EPHO_TRI_SOLVER_SPARSE, true);
-  ASSERT_EQ(dense.err, nullptr);
-  ASSERT_EQ(sparse.err, nullptr);
+  dense.Go(o, EPHO_TRI_SOLVER_DENSE, true, mix);
+  sparse.Go(o, EPHO_TRI_SOLVER_SPARSE, true, mix);
+  ASSERT_EQ(dense.err, nullptr) << kzdv::ToUtf8(kzdv::ReportText(dense.err));
+  ASSERT_EQ(sparse.err, nullptr) << kzdv::ToUtf8(kzdv::ReportText(sparse.err));
   EXPECT_EQ(dense.in.iterations, sparse.in.iterations);
   EXPECT_NEAR(dense.in.unitWeightStdError, sparse.in.unitWeightStdError,
               1e-6 * std::fabs(dense.in.unitWeightStdError));
   ASSERT_EQ(dense.in.resultPointCount, sparse.in.resultPointCount);
-  for (int i = 0; i < dense.in.imageCount; ++i)
-    for (int k = 0; k < 12; ++k) {
+  size_t params = 0;
+  for (int i = 0; i < dense.in.imageCount; ++i) {
+    const int n = dense.in.images[i].parameterCount;
+    ASSERT_EQ(n, sparse.in.images[i].parameterCount);
+    params += n;
+    for (int k = 0; k < n; ++k) {
       const double a = dense.in.images[i].currentParameters[k];
       const double b = sparse.in.images[i].currentParameters[k];
-      EXPECT_NEAR(a, b, 1e-9 * std::max(1.0, std::fabs(a)));
+      EXPECT_NEAR(a, b, 1e-9 * std::max(1.0, std::fabs(a))) << i << " " << k;
     }
+  }
   for (int p = 0; p < dense.in.resultPointCount; ++p) {
     EXPECT_NEAR(dense.in.resultPoints[p].X, sparse.in.resultPoints[p].X, 1e-9 * 2000);
+    EXPECT_NEAR(dense.in.resultPoints[p].Y, sparse.in.resultPoints[p].Y, 1e-9 * 2000);
     EXPECT_NEAR(dense.in.resultPoints[p].Z, sparse.in.resultPoints[p].Z, 1e-9 * 2000);
   }
   // Parameter accuracies, from the dense inverse and from the selected
   // inverse of the sparse factor.
   const std::vector<double> sd = Sigmas(kzdv::ToUtf8(dense.json));
   const std::vector<double> ss = Sigmas(kzdv::ToUtf8(sparse.json));
-  ASSERT_EQ(sd.size(), static_cast<size_t>(dense.in.imageCount * 12));
+  ASSERT_EQ(sd.size(), params);
   ASSERT_EQ(ss.size(), sd.size());
   for (size_t k = 0; k < sd.size(); ++k) {
     EXPECT_GT(sd[k], 0.0);
     EXPECT_NEAR(sd[k], ss[k], 1e-9 * sd[k]) << k;
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Blocks, DenseAndSparse,
+                         ::testing::Values(PathCase{"Regular", 4, 4, 1, false},
+                                           PathCase{"MixedTermCounts", 5, 7, 0, true}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -47,7 +47,7 @@
 /* Which solver handles the reduced normal equations of the parameters. */
 #define EPHO_TRI_SOLVER_AUTO 0   /* dense up to EPHO_TRI_DENSE_MAX_PARAMETERS, else sparse */
 #define EPHO_TRI_SOLVER_DENSE 1  /* packed upper triangle, epho_Resolve1D and friends */
-#define EPHO_TRI_SOLVER_SPARSE 2 /* image-block sparse LDL^T over a fill-reducing ordering */
+#define EPHO_TRI_SOLVER_SPARSE 2 /* image-block supernodal LL^T over a fill-reducing ordering */
 /* Largest parameter count (2n summed over the images) solved densely by the
  * automatic choice: 1200 is 100 images with six terms per axis. */
 #define EPHO_TRI_DENSE_MAX_PARAMETERS 1200
