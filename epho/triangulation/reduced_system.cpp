@@ -173,7 +173,30 @@ class SparseSystem : public ReducedSystem {
       }
   }
 
+  // Working matrices are allocated as the factor needs them: running out of
+  // memory there ends the iteration like a failed factorization.
   bool Factor() override {
+    return Guard([&] { return FactorPanels(); });
+  }
+  bool Solve(double* rhs) override {
+    return Guard([&] { return SolvePanels(rhs); });
+  }
+  bool InverseDiagonal(std::vector<double>* diagonal) override {
+    return Guard([&] { return InvertPanels(diagonal); });
+  }
+  bool IsSparse() const override { return true; }
+
+ private:
+  template <typename F>
+  static bool Guard(F f) {
+    try {
+      return f();
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+  }
+
+  bool FactorPanels() {
     Mat update;
     for (size_t si = 0; si < supers_.size(); ++si) {
       const Super& s = supers_[si];
@@ -208,7 +231,7 @@ class SparseSystem : public ReducedSystem {
     return true;
   }
 
-  bool Solve(double* rhs) override {
+  bool SolvePanels(double* rhs) {
     Eigen::VectorXd x(n_);
     for (int i = 0; i < static_cast<int>(size_.size()); ++i)
       for (int u = 0; u < size_[i]; ++u) x(sstart_[newpos_[i]] + u) = rhs[start_[i] + u];
@@ -244,7 +267,7 @@ class SparseSystem : public ReducedSystem {
   // where Z_bb, on the rows below the supernode, lies in the panels of its
   // ancestors, already overwritten by Z. Each panel is overwritten in turn,
   // so the factor is lost; only Z on the factor's pattern is formed.
-  bool InverseDiagonal(std::vector<double>* diagonal) override {
+  bool InvertPanels(std::vector<double>* diagonal) {
     Eigen::VectorXd zdiag(n_);
     Mat zbb, wm, linv, zbs;
     for (size_t si = supers_.size(); si-- > 0;) {
@@ -289,9 +312,6 @@ class SparseSystem : public ReducedSystem {
     return zdiag.allFinite();
   }
 
-  bool IsSparse() const override { return true; }
-
- private:
   // Approximate minimum degree on the image graph.
   void Order(int images, const std::vector<std::pair<int, int>>& pairs) {
     std::vector<Eigen::Triplet<double, int>> t;
