@@ -26,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
 #include "epho/triangulation/synthetic_block_internal.h"
 
 #ifdef EPHO_HAVE_CERES
@@ -51,6 +52,7 @@ struct Measure {
   int iterations = 0;
   bool ok = false;
   bool stopped = false;  // over the CPU limit
+  double others = 0.0;   // share of a processor other processes took meanwhile
 };
 
 struct ChildResult {
@@ -188,7 +190,7 @@ int SolveWithCeres(const Epho_TriRefineInput& in, const Truth& truth, const Opti
 
 // Runs one refinement in a child under a CPU-time limit; the child writes
 // its wall and CPU time of the solve to a pipe.
-Measure RunChild(int images, Kind kind, double cpu_limit) {
+Measure RunChildOnce(int images, Kind kind, double cpu_limit) {
   int fd[2];
   if (pipe(fd) != 0) return {};
   std::fflush(stdout);  // the child must not repeat what is buffered
@@ -248,6 +250,16 @@ Measure RunChild(int images, Kind kind, double cpu_limit) {
   wait4(pid, &status, 0, &usage);
   m.stopped = WIFSIGNALED(status);
   m.peak_mib = usage.ru_maxrss / 1024.0;
+  return m;
+}
+
+// Waits for the processors to calm down, then runs; notes how much of a
+// processor other processes took during the run.
+Measure RunChild(int images, Kind kind, double cpu_limit) {
+  bench::WaitForIdle();
+  Measure m;
+  const bench::Sample s = bench::Measure([&] { m = RunChildOnce(images, kind, cpu_limit); });
+  m.others = s.others;
   return m;
 }
 
@@ -317,10 +329,11 @@ int main(int argc, char** argv) {
 #else
     const Measure c;
 #endif
-    std::printf("%6d | %-32s %5.2f | %-28s %5.2f | %-28s %5.2f\n", n, dense_cell.c_str(),
+    std::printf("%6d | %-32s %5.2f | %-28s %5.2f | %-28s %5.2f%s\n", n, dense_cell.c_str(),
                 Exponent(d, prev_dense, n, prev), Cell(s).c_str(),
                 Exponent(s, prev_sparse, n, prev), Cell(c).c_str(),
-                Exponent(c, prev_ceres, n, prev));
+                Exponent(c, prev_ceres, n, prev),
+                bench::BusyNote(std::max(d.others, s.others), c.others).c_str());
     std::fflush(stdout);
     if (n == 500) all_targets = all_targets && s.ok && s.wall < 3.0;
     if (n == 2000) all_targets = all_targets && s.ok && s.wall < 30.0 && s.peak_mib < 2048.0;
