@@ -4,14 +4,16 @@
 // element (p, q), q >= p, lies at that start plus q, factored, solved and
 // inverted by the row-offset solvers. Memory grows as N^2, time as N^3.
 //
-// Sparse: only the blocks of image pairs that share a point are kept, in a
-// compressed-column upper triangle whose pattern is fixed for the whole run;
-// the LDL^T factor uses an approximate-minimum-degree ordering (analysed
-// once), and the diagonal of the inverse comes from the selected inverse on
-// the factor's pattern (Takahashi's recurrences), so no dense inverse is ever
-// formed.
+// Sparse: the images are ordered to reduce fill, the factor's structure is
+// worked out once on the image graph, and the factor is kept as dense
+// supernode panels of whole image blocks, so that the numerical work runs in
+// dense matrix products rather than entry by entry. The diagonal of the
+// inverse comes from the selected inverse on the factor's pattern
+// (Takahashi's recurrences by supernode), so no dense inverse is ever formed.
+// Memory grows with the factor's fill, about N log N for a block of strips.
+#include <Eigen/Dense>
 #include <Eigen/OrderingMethods>
-#include <Eigen/SparseCholesky>
+#include <Eigen/SparseCore>
 #include <algorithm>
 #include <new>
 
@@ -59,8 +61,27 @@ class DenseSystem : public ReducedSystem {
   std::vector<uint32_t> rows_;
 };
 
+// Image-block supernodal Cholesky. The images are ordered by approximate
+// minimum degree on the image graph (an image per node, an edge per pair of
+// images that share a point); the symbolic factorization runs on that graph,
+// so every index set is a set of images and every numerical step works on
+// dense image blocks. Consecutive images whose factor columns have the same
+// structure form a supernode, stored as one dense column-major panel: its own
+// parameters (the diagonal block) on top, then the parameters of the images
+// below it. Factorization is right-looking: each panel is factored (LL^T),
+// its off-diagonal part solved, and its rank update subtracted block by block
+// from the panels of its ancestors.
 class SparseSystem : public ReducedSystem {
-  using Matrix = Eigen::SparseMatrix<double, Eigen::ColMajor, int>;
+  using Mat = Eigen::MatrixXd;
+  using MapMat = Eigen::Map<Mat>;
+
+  struct Super {
+    int first, last;        // images first..last-1 of the new order: the columns
+    int w = 0, h = 0;       // scalar columns, scalar rows below the diagonal block
+    size_t panel = 0;       // offset of the (w + h) x w panel in values_
+    std::vector<int> rows;  // images of the panel rows: the columns, then those below
+    std::vector<int> off;   // scalar row offset of each entry of `rows`
+  };
 
  public:
   SparseSystem(const std::vector<int>& start, const std::vector<int>& size,
@@ -69,145 +90,275 @@ class SparseSystem : public ReducedSystem {
     const int images = static_cast<int>(size.size());
     n_ = 0;
     for (int s : size) n_ += s;
-    // Images coupled to image j from above (i < j), sorted, then j itself.
-    std::vector<std::vector<int>> above(images);
-    for (const auto& pr : pairs) above[pr.second].push_back(pr.first);
-    for (int j = 0; j < images; ++j) {
-      auto& v = above[j];
-      std::sort(v.begin(), v.end());
-      v.erase(std::unique(v.begin(), v.end()), v.end());
-      v.push_back(j);
+    Order(images, pairs);
+    // Column structures of the block factor (images below each image) and
+    // the elimination tree, in the new order.
+    std::vector<std::vector<int>> upper(images), below(images);
+    for (const auto& pr : pairs) {
+      const int a = newpos_[pr.first], c = newpos_[pr.second];
+      upper[std::min(a, c)].push_back(std::max(a, c));
     }
-    // Column pointers; each block (i, j) starts, in column c of block j, at
-    // a fixed offset, remembered per block column.
-    std::vector<int> outer(n_ + 1, 0);
-    block_index_.resize(images);
-    int64_t nnz = 0;
-    for (int j = 0; j < images; ++j) {
-      for (int c = 0; c < size[j]; ++c) {
-        const int col = start[j] + c;
-        outer[col] = static_cast<int>(nnz);
-        for (int i : above[j]) nnz += (i == j) ? c + 1 : size[i];
-        if (nnz > 0x7FFFFFFF) throw std::bad_alloc();
+    std::vector<int> parent(images, -1);
+    std::vector<std::vector<int>> children(images);
+    for (int k = 0; k < images; ++k) {
+      std::vector<int>& st = below[k];
+      st = std::move(upper[k]);
+      for (int c : children[k])
+        for (int q : below[c])
+          if (q != k) st.push_back(q);
+      std::sort(st.begin(), st.end());
+      st.erase(std::unique(st.begin(), st.end()), st.end());
+      if (!st.empty()) {
+        parent[k] = st.front();
+        children[st.front()].push_back(k);
       }
     }
-    outer[n_] = static_cast<int>(nnz);
-    a_.resize(n_, n_);
-    a_.resizeNonZeros(static_cast<Eigen::Index>(nnz));
-    std::copy(outer.begin(), outer.end(), a_.outerIndexPtr());
-    int* inner = a_.innerIndexPtr();
-    for (int j = 0; j < images; ++j) {
-      for (int c = 0; c < size[j]; ++c) {
-        int k = outer[start[j] + c];
-        for (int i : above[j]) {
-          if (c == 0) block_index_[j].emplace_back(i, static_cast<int>(offsets_.size()));
-          const int rows = (i == j) ? c + 1 : size[i];
-          if (c == 0)
-            for (int cc = 0; cc < size[j]; ++cc) offsets_.push_back(0);
-          const int base = FindBlock(i, j);
-          offsets_[base + c] = k;
-          for (int r = 0; r < rows; ++r) inner[k++] = start[i] + r;
-        }
+    // Scalar offsets of the images in the new order.
+    sstart_.assign(images + 1, 0);
+    for (int k = 0; k < images; ++k) sstart_[k + 1] = sstart_[k] + size[order_[k]];
+    // Supernodes: k joins k-1 when k is its parent and they share the rest.
+    snode_of_.assign(images, -1);
+    size_t total = 0;
+    for (int k = 0; k < images;) {
+      int e = k + 1;
+      while (e < images && parent[e - 1] == e && below[e - 1].size() == below[e].size() + 1) ++e;
+      Super s;
+      s.first = k;
+      s.last = e;
+      for (int q = k; q < e; ++q) s.rows.push_back(q);
+      s.rows.insert(s.rows.end(), below[e - 1].begin(), below[e - 1].end());
+      int o = 0;
+      for (int q : s.rows) {
+        s.off.push_back(o);
+        o += size[order_[q]];
       }
+      s.w = sstart_[e] - sstart_[k];
+      s.h = o - s.w;
+      s.panel = total;
+      total += static_cast<size_t>(s.w + s.h) * static_cast<size_t>(s.w);
+      for (int q = k; q < e; ++q) snode_of_[q] = static_cast<int>(supers_.size());
+      supers_.push_back(std::move(s));
+      for (int q = k; q < e; ++q) std::vector<int>().swap(below[q]);
+      k = e;
     }
-    Clear();
-    ldlt_.analyzePattern(a_);
+    values_.assign(total, 0.0);
   }
 
-  void Clear() override { std::fill(a_.valuePtr(), a_.valuePtr() + a_.nonZeros(), 0.0); }
+  void Clear() override { std::fill(values_.begin(), values_.end(), 0.0); }
 
   void AddBlock(int i, int j, const double* block) override {
-    const int base = FindBlock(i, j);
+    const int pi = newpos_[i], pj = newpos_[j];
     const int ri = size_[i], cj = size_[j];
-    double* values = a_.valuePtr();
-    for (int c = 0; c < cj; ++c) {
-      double* col = values + offsets_[base + c];
-      const int rows = (i == j) ? c + 1 : ri;
-      for (int r = 0; r < rows; ++r) col[r] += block[r * cj + c];
+    if (pi == pj) {
+      const Super& s = supers_[snode_of_[pi]];
+      const int c0 = sstart_[pi] - sstart_[s.first];
+      MapMat p(&values_[s.panel], s.w + s.h, s.w);
+      for (int u = 0; u < ri; ++u)
+        for (int v = u; v < cj; ++v) p(c0 + v, c0 + u) += block[u * cj + v];
+      return;
     }
+    // The factor keeps the lower triangle: row image after column image.
+    const bool direct = pi > pj;  // block rows are the later image
+    const int col = direct ? pj : pi, row = direct ? pi : pj;
+    const Super& s = supers_[snode_of_[col]];
+    const int c0 = sstart_[col] - sstart_[s.first];
+    const int r0 = s.off[Find(s, row)];
+    MapMat p(&values_[s.panel], s.w + s.h, s.w);
+    for (int u = 0; u < ri; ++u)
+      for (int v = 0; v < cj; ++v) {
+        if (direct)
+          p(r0 + u, c0 + v) += block[u * cj + v];
+        else
+          p(r0 + v, c0 + u) += block[u * cj + v];
+      }
   }
 
+  // Working matrices are allocated as the factor needs them: running out of
+  // memory there ends the iteration like a failed factorization.
   bool Factor() override {
-    ldlt_.factorize(a_);
-    return ldlt_.info() == Eigen::Success;
+    return Guard([&] { return FactorPanels(); });
   }
-
   bool Solve(double* rhs) override {
-    Eigen::Map<Eigen::VectorXd> b(rhs, n_);
-    Eigen::VectorXd x = ldlt_.solve(b);
-    if (ldlt_.info() != Eigen::Success || !x.allFinite()) return false;
-    b = x;
-    return true;
+    return Guard([&] { return SolvePanels(rhs); });
   }
-
-  // Takahashi: with P A P^T = L D L^T and Z = (L D L^T)^-1, for column i
-  // (last to first) and its pattern s: Z(j, i) = -sum_{k in s} L(k, i) Z(k, j)
-  // for j in s, then Z(i, i) = 1/D(i) - sum_{k in s} L(k, i) Z(k, i). Every
-  // Z(k, j) needed lies on the factor's pattern, so Z is kept there.
   bool InverseDiagonal(std::vector<double>* diagonal) override {
-    const Matrix& L = ldlt_.matrixL().nestedExpression();
-    const Eigen::VectorXd& D = ldlt_.vectorD();
-    const int n = n_;
-    const int* lp = L.outerIndexPtr();
-    const int* li = L.innerIndexPtr();
-    const double* lx = L.valuePtr();
-    std::vector<double> z(static_cast<size_t>(L.nonZeros()), 0.0);
-    std::vector<double> zdiag(n, 0.0);
-    std::vector<int> pos(n, -1);
-    std::vector<double> acc;
-    for (int i = n - 1; i >= 0; --i) {
-      if (D(i) == 0.0) return false;
-      const int b0 = lp[i], b1 = lp[i + 1];
-      const int m = b1 - b0;
-      acc.assign(m, 0.0);
-      for (int t = 0; t < m; ++t) pos[li[b0 + t]] = t;
-      // acc[t] = sum_k L(k, i) Z(k, j_t), over k in s.
-      for (int u = 0; u < m; ++u) {
-        const int k = li[b0 + u];
-        const double lki = lx[b0 + u];
-        acc[u] += lki * zdiag[k];
-        // Z(j, k) for j > k in column k's pattern, intersected with s.
-        for (int q = lp[k]; q < lp[k + 1]; ++q) {
-          const int t = pos[li[q]];
-          if (t < 0) continue;
-          const double zjk = z[q];
-          acc[t] += lki * zjk;         // k contributes to row j
-          acc[u] += lx[b0 + t] * zjk;  // j contributes to row k
-        }
-      }
-      double dsum = 0.0;
-      for (int t = 0; t < m; ++t) {
-        z[b0 + t] = -acc[t];
-        dsum += lx[b0 + t] * z[b0 + t];
-      }
-      zdiag[i] = 1.0 / D(i) - dsum;
-      for (int t = 0; t < m; ++t) pos[li[b0 + t]] = -1;
-    }
-    diagonal->resize(n);
-    const auto& perm = ldlt_.permutationP().indices();
-    for (int k = 0; k < n; ++k) (*diagonal)[k] = zdiag[perm(k)];
-    return true;
+    return Guard([&] { return InvertPanels(diagonal); });
   }
-
   bool IsSparse() const override { return true; }
 
  private:
-  int FindBlock(int i, int j) const {
-    const auto& v = block_index_[j];
-    auto it = std::lower_bound(v.begin(), v.end(), std::make_pair(i, 0),
-                               [](const std::pair<int, int>& a, const std::pair<int, int>& b) {
-                                 return a.first < b.first;
-                               });
-    return it->second;
+  template <typename F>
+  static bool Guard(F f) {
+    try {
+      return f();
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+  }
+
+  bool FactorPanels() {
+    Mat update;
+    for (size_t si = 0; si < supers_.size(); ++si) {
+      const Super& s = supers_[si];
+      MapMat p(&values_[s.panel], s.w + s.h, s.w);
+      auto top = p.topRows(s.w);
+      Eigen::LLT<Eigen::Ref<Mat>> llt(top);
+      if (llt.info() != Eigen::Success) return false;
+      if (s.h == 0) continue;
+      auto low = p.bottomRows(s.h);
+      top.triangularView<Eigen::Lower>().transpose().solveInPlace<Eigen::OnTheRight>(low);
+      update.setZero(s.h, s.h);
+      update.selfadjointView<Eigen::Lower>().rankUpdate(low);
+      // Subtract each image block of the update from the panel that holds it.
+      const int ncol = s.last - s.first;
+      const int nb = static_cast<int>(s.rows.size());
+      for (int g = ncol; g < nb; ++g) {
+        const int q = s.rows[g];
+        const Super& t = supers_[snode_of_[q]];
+        MapMat pt(&values_[t.panel], t.w + t.h, t.w);
+        const int tc = sstart_[q] - sstart_[t.first];
+        const int sq = s.off[g] - s.w;
+        const int wq = sstart_[q + 1] - sstart_[q];
+        size_t ti = Find(t, q);
+        for (int g2 = g; g2 < nb; ++g2) {
+          const int q2 = s.rows[g2];
+          while (t.rows[ti] != q2) ++ti;  // both lists ascend; q2 is in t
+          const int hq = sstart_[q2 + 1] - sstart_[q2];
+          pt.block(t.off[ti], tc, hq, wq) -= update.block(s.off[g2] - s.w, sq, hq, wq);
+        }
+      }
+    }
+    return true;
+  }
+
+  bool SolvePanels(double* rhs) {
+    Eigen::VectorXd x(n_);
+    for (int i = 0; i < static_cast<int>(size_.size()); ++i)
+      for (int u = 0; u < size_[i]; ++u) x(sstart_[newpos_[i]] + u) = rhs[start_[i] + u];
+    Eigen::VectorXd t;
+    for (const Super& s : supers_) {
+      MapMat p(&values_[s.panel], s.w + s.h, s.w);
+      auto xs = x.segment(sstart_[s.first], s.w);
+      p.topRows(s.w).triangularView<Eigen::Lower>().solveInPlace(xs);
+      if (s.h == 0) continue;
+      t.noalias() = p.bottomRows(s.h) * xs;
+      SubtractBelow(s, t, &x);
+    }
+    for (size_t si = supers_.size(); si-- > 0;) {
+      const Super& s = supers_[si];
+      MapMat p(&values_[s.panel], s.w + s.h, s.w);
+      auto xs = x.segment(sstart_[s.first], s.w);
+      if (s.h > 0) {
+        t.resize(s.h);
+        GatherBelow(s, x, &t);
+        xs.noalias() -= p.bottomRows(s.h).transpose() * t;
+      }
+      p.topRows(s.w).triangularView<Eigen::Lower>().transpose().solveInPlace(xs);
+    }
+    if (!x.allFinite()) return false;
+    for (int i = 0; i < static_cast<int>(size_.size()); ++i)
+      for (int u = 0; u < size_[i]; ++u) rhs[start_[i] + u] = x(sstart_[newpos_[i]] + u);
+    return true;
+  }
+
+  // Takahashi's recurrences by supernode, from the last to the first, with
+  // Z = A^-1: for the panel's L_ss (top) and L_bs (below), W = L_bs L_ss^-1,
+  //     Z_bs = -Z_bb W,    Z_ss = L_ss^-T L_ss^-1 - Z_bs^T W,
+  // where Z_bb, on the rows below the supernode, lies in the panels of its
+  // ancestors, already overwritten by Z. Each panel is overwritten in turn,
+  // so the factor is lost; only Z on the factor's pattern is formed.
+  bool InvertPanels(std::vector<double>* diagonal) {
+    Eigen::VectorXd zdiag(n_);
+    Mat zbb, wm, linv, zbs;
+    for (size_t si = supers_.size(); si-- > 0;) {
+      const Super& s = supers_[si];
+      MapMat p(&values_[s.panel], s.w + s.h, s.w);
+      auto top = p.topRows(s.w);
+      linv.setIdentity(s.w, s.w);
+      top.triangularView<Eigen::Lower>().solveInPlace(linv);
+      Mat zss = linv.transpose() * linv;
+      if (s.h > 0) {
+        wm = p.bottomRows(s.h);
+        top.triangularView<Eigen::Lower>().solveInPlace<Eigen::OnTheRight>(wm);
+        zbb.resize(s.h, s.h);
+        const int ncol = s.last - s.first;
+        const int nb = static_cast<int>(s.rows.size());
+        for (int g = ncol; g < nb; ++g) {
+          const int q = s.rows[g];
+          const Super& t = supers_[snode_of_[q]];
+          MapMat pt(&values_[t.panel], t.w + t.h, t.w);
+          const int tc = sstart_[q] - sstart_[t.first];
+          const int sq = s.off[g] - s.w;
+          const int wq = sstart_[q + 1] - sstart_[q];
+          size_t ti = Find(t, q);
+          for (int g2 = g; g2 < nb; ++g2) {
+            const int q2 = s.rows[g2];
+            while (t.rows[ti] != q2) ++ti;
+            const int hq = sstart_[q2 + 1] - sstart_[q2];
+            zbb.block(s.off[g2] - s.w, sq, hq, wq) = pt.block(t.off[ti], tc, hq, wq);
+          }
+        }
+        zbs.noalias() = -(zbb.selfadjointView<Eigen::Lower>() * wm);
+        zss.noalias() -= zbs.transpose() * wm;
+        p.bottomRows(s.h) = zbs;
+      }
+      top = 0.5 * (zss + zss.transpose());
+      zdiag.segment(sstart_[s.first], s.w) = top.diagonal();
+    }
+    diagonal->resize(n_);
+    for (int i = 0; i < static_cast<int>(size_.size()); ++i)
+      for (int u = 0; u < size_[i]; ++u)
+        (*diagonal)[start_[i] + u] = zdiag(sstart_[newpos_[i]] + u);
+    return zdiag.allFinite();
+  }
+
+  // Approximate minimum degree on the image graph.
+  void Order(int images, const std::vector<std::pair<int, int>>& pairs) {
+    std::vector<Eigen::Triplet<double, int>> t;
+    t.reserve(2 * pairs.size() + images);
+    for (int i = 0; i < images; ++i) t.emplace_back(i, i, 1.0);
+    for (const auto& pr : pairs) {
+      t.emplace_back(pr.first, pr.second, 1.0);
+      t.emplace_back(pr.second, pr.first, 1.0);
+    }
+    Eigen::SparseMatrix<double, Eigen::ColMajor, int> g(images, images);
+    g.setFromTriplets(t.begin(), t.end());
+    Eigen::PermutationMatrix<Eigen::Dynamic, Eigen::Dynamic, int> perm;
+    Eigen::AMDOrdering<int> amd;
+    amd(g, perm);
+    order_.assign(perm.indices().data(), perm.indices().data() + images);  // new -> old
+    newpos_.assign(images, 0);
+    for (int k = 0; k < images; ++k) newpos_[order_[k]] = k;
+  }
+
+  // Index of image q in the rows of supernode s.
+  static size_t Find(const Super& s, int q) {
+    return static_cast<size_t>(std::lower_bound(s.rows.begin(), s.rows.end(), q) - s.rows.begin());
+  }
+
+  // x(rows below s) -= t.
+  void SubtractBelow(const Super& s, const Eigen::VectorXd& t, Eigen::VectorXd* x) {
+    for (size_t g = s.last - s.first; g < s.rows.size(); ++g) {
+      const int q = s.rows[g];
+      const int hq = sstart_[q + 1] - sstart_[q];
+      x->segment(sstart_[q], hq) -= t.segment(s.off[g] - s.w, hq);
+    }
+  }
+  void GatherBelow(const Super& s, const Eigen::VectorXd& x, Eigen::VectorXd* t) {
+    for (size_t g = s.last - s.first; g < s.rows.size(); ++g) {
+      const int q = s.rows[g];
+      const int hq = sstart_[q + 1] - sstart_[q];
+      t->segment(s.off[g] - s.w, hq) = x.segment(sstart_[q], hq);
+    }
   }
 
   std::vector<int> start_, size_;
   int n_;
-  Matrix a_;
-  // Per image j: (i, index into offsets_) of the blocks (i, j), i sorted.
-  std::vector<std::vector<std::pair<int, int>>> block_index_;
-  std::vector<int> offsets_;  // per block column: value index of its first row
-  Eigen::SimplicialLDLT<Matrix, Eigen::Upper, Eigen::AMDOrdering<int>> ldlt_;
+  std::vector<int> order_, newpos_;  // new -> original image, original -> new
+  std::vector<int> sstart_;          // scalar offset of each image, new order
+  std::vector<int> snode_of_;        // supernode of each image, new order
+  std::vector<Super> supers_;
+  std::vector<double> values_;
 };
 
 }  // namespace

@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <sstream>
 
@@ -189,8 +191,10 @@ struct BlockRun {
     epho_FreeTriRefineMemory(&in, nullptr);
   }
   std::wstring json;
-  void Go(const Options& o, int16_t solver, bool with_json = false) {
+  void Go(const Options& o, int16_t solver, bool with_json = false,
+          const std::function<void(Epho_TriRefineInput&)>& tweak = {}) {
     Build(o, &in, &truth);
+    if (tweak) tweak(in);
     json = dir.WFile("result.json");
     if (with_json) in.jsonFileName = const_cast<Etxt_Char*>(json.c_str());
     m = Copy(in, o);
@@ -291,41 +295,190 @@ TEST(TriRefine, FixedControlNeverMovesAndCheckPointsReachTheNoise) {
   EXPECT_LT(run.in.unitWeightStdError, 0.005f * 1.5f);  // s0 near the 0.3 px noise, image units
 }
 
-TEST(TriRefine, DenseAndSparsePathsAgree) {
+// Blocks for the two solve paths: a regular one, and one whose images carry
+// different term counts (1 to 6 per axis) with a fixed and a free image in
+// it, so that the supernodes mix block sizes.
+struct PathCase {
+  const char* name;
+  int strips, per_strip, fix_control;
+  bool mixed;
+};
+
+class DenseAndSparse : public ::testing::TestWithParam<PathCase> {};
+
+TEST_P(DenseAndSparse, PathsAgree) {
+  const PathCase c = GetParam();
   Options o;
-  o.fix_control = 1;
+  o.fix_control = c.fix_control;
   o.noise_pixels = 0.5;
-  o.strips = 4;
+  o.strips = c.strips;
+  o.per_strip = c.per_strip;
   o.per_axis = 6;
+  auto mix = [&](Epho_TriRefineInput& in) {
+    if (!c.mixed) return;
+    for (int i = 0; i < in.imageCount; ++i)
+      in.images[i].parameterCount = static_cast<int16_t>(2 * (1 + i % 6));
+    in.images[1].parameterMode = EPHO_TRI_MODE_FIXED;
+    in.images[in.imageCount / 2].parameterMode = EPHO_TRI_MODE_FREE;
+  };
   BlockRun dense, sparse;
-  dense.Go(o, EPHO_TRI_SOLVER_DENSE, true);
-  sparse.Go(o, EPHO_TRI_SOLVER_SPARSE, true);
-  ASSERT_EQ(dense.err, nullptr);
-  ASSERT_EQ(sparse.err, nullptr);
+  dense.Go(o, EPHO_TRI_SOLVER_DENSE, true, mix);
+  sparse.Go(o, EPHO_TRI_SOLVER_SPARSE, true, mix);
+  ASSERT_EQ(dense.err, nullptr) << kzdv::ToUtf8(kzdv::ReportText(dense.err));
+  ASSERT_EQ(sparse.err, nullptr) << kzdv::ToUtf8(kzdv::ReportText(sparse.err));
   EXPECT_EQ(dense.in.iterations, sparse.in.iterations);
   EXPECT_NEAR(dense.in.unitWeightStdError, sparse.in.unitWeightStdError,
               1e-6 * std::fabs(dense.in.unitWeightStdError));
   ASSERT_EQ(dense.in.resultPointCount, sparse.in.resultPointCount);
-  for (int i = 0; i < dense.in.imageCount; ++i)
-    for (int k = 0; k < 12; ++k) {
+  size_t params = 0;
+  for (int i = 0; i < dense.in.imageCount; ++i) {
+    const int n = dense.in.images[i].parameterCount;
+    ASSERT_EQ(n, sparse.in.images[i].parameterCount);
+    params += n;
+    for (int k = 0; k < n; ++k) {
       const double a = dense.in.images[i].currentParameters[k];
       const double b = sparse.in.images[i].currentParameters[k];
-      EXPECT_NEAR(a, b, 1e-9 * std::max(1.0, std::fabs(a)));
+      EXPECT_NEAR(a, b, 1e-9 * std::max(1.0, std::fabs(a))) << i << " " << k;
     }
+  }
   for (int p = 0; p < dense.in.resultPointCount; ++p) {
     EXPECT_NEAR(dense.in.resultPoints[p].X, sparse.in.resultPoints[p].X, 1e-9 * 2000);
+    EXPECT_NEAR(dense.in.resultPoints[p].Y, sparse.in.resultPoints[p].Y, 1e-9 * 2000);
     EXPECT_NEAR(dense.in.resultPoints[p].Z, sparse.in.resultPoints[p].Z, 1e-9 * 2000);
   }
   // Parameter accuracies, from the dense inverse and from the selected
   // inverse of the sparse factor.
   const std::vector<double> sd = Sigmas(kzdv::ToUtf8(dense.json));
   const std::vector<double> ss = Sigmas(kzdv::ToUtf8(sparse.json));
-  ASSERT_EQ(sd.size(), static_cast<size_t>(dense.in.imageCount * 12));
+  ASSERT_EQ(sd.size(), params);
   ASSERT_EQ(ss.size(), sd.size());
   for (size_t k = 0; k < sd.size(); ++k) {
     EXPECT_GT(sd[k], 0.0);
     EXPECT_NEAR(sd[k], ss[k], 1e-9 * sd[k]) << k;
   }
+}
+
+INSTANTIATE_TEST_SUITE_P(Blocks, DenseAndSparse,
+                         ::testing::Values(PathCase{"Regular", 4, 4, 1, false},
+                                           PathCase{"MixedTermCounts", 5, 7, 0, true}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// The JSON beside the report, read by Python's own parser: it must be valid
+// JSON and hold what the run handed back in the input record, the points'
+// rays as measured, and ground residuals of control and check points as
+// given minus adjusted.
+TEST(TriRefine, JsonHoldsTheResultsOfTheRun) {
+  if (std::system("python3 -c 'import json' > /dev/null 2>&1") != 0) GTEST_SKIP() << "no python3";
+  Options o;
+  o.fix_control = 1;  // weighted control: its residuals are not zero
+  o.noise_pixels = 0.3;
+  std::map<int32_t, Epho_TriGroundPoint> given;
+  BlockRun run;
+  run.Go(o, EPHO_TRI_SOLVER_AUTO, true, [&](Epho_TriRefineInput& in) {
+    for (int p = 0; p < in.groundPointCount; ++p)
+      given[in.groundPoints[p].pointID] = in.groundPoints[p];
+  });
+  ASSERT_EQ(run.err, nullptr) << kzdv::ToUtf8(kzdv::ReportText(run.err));
+  const std::string script = run.dir.File("read.py"), out = run.dir.File("out.txt");
+  std::ofstream(script) << R"(import json, sys
+d = json.load(open(sys.argv[1]))
+print("run", int(d["converged"]), int(d["diverged"]), d["iterations"],
+      repr(d["unit_weight_standard_error"]), len(d["images"]))
+for p in d["points"]:
+    r = p.get("residual") or []
+    print("point", p["id"], p["usage"], repr(p["X"]), repr(p["Y"]), repr(p["Z"]),
+          p["overlap"], len(p["rays"]), *["nan" if v is None else repr(v) for v in r])
+for k in ("control", "check"):
+    s = d[k]
+    print(k, s["count_xy"], s["count_z"], *map(repr, s["mean"] + s["rmse"]))
+for im in d["images"]:
+    print("image", im["id"], len(im["a"]), len(im["b"]), len(im["sigma_a"]), len(im["sigma_b"]))
+)";
+  ASSERT_EQ(std::system(("python3 " + script + " " + kzdv::ToUtf8(run.json) + " > " + out).c_str()),
+            0);
+  std::map<int32_t, int> rays;
+  for (const auto& obs : run.m.per_image)
+    for (const auto& ob : obs) ++rays[ob.id];
+  std::map<int32_t, const Epho_TriGroundPoint*> result;
+  for (int p = 0; p < run.in.resultPointCount; ++p)
+    result[run.in.resultPoints[p].pointID] = &run.in.resultPoints[p];
+
+  std::ifstream f(out);
+  std::string line;
+  int points = 0, images = 0;
+  double check_sq[3] = {0, 0, 0};
+  int check_n = 0;
+  while (std::getline(f, line)) {
+    std::istringstream in(line);
+    std::string kind;
+    in >> kind;
+    if (kind == "run") {
+      int converged, diverged, iterations, image_count;
+      double s0;
+      in >> converged >> diverged >> iterations >> s0 >> image_count;
+      EXPECT_EQ(converged, run.in.converged);
+      EXPECT_EQ(diverged, 0);
+      EXPECT_EQ(iterations, run.in.iterations);
+      EXPECT_NEAR(s0, run.in.unitWeightStdError, 1e-6 * s0);
+      EXPECT_EQ(image_count, run.in.imageCount);
+    } else if (kind == "point") {
+      int32_t id;
+      std::string usage;
+      double x, y, z;
+      int overlap, n_rays;
+      in >> id >> usage >> x >> y >> z >> overlap >> n_rays;
+      ++points;
+      ASSERT_TRUE(result.count(id)) << id;
+      EXPECT_EQ(x, result[id]->X);
+      EXPECT_EQ(y, result[id]->Y);
+      EXPECT_EQ(z, result[id]->Z);
+      EXPECT_EQ(overlap, rays[id]) << id;
+      EXPECT_EQ(n_rays, rays[id]) << id;
+      auto g = given.find(id);
+      const char* expected = g == given.end()                            ? "tie"
+                             : g->second.usage == EPHO_TRI_USAGE_CONTROL ? "control"
+                                                                         : "check";
+      EXPECT_EQ(usage, expected) << id;
+      if (g == given.end()) continue;
+      double r[3];
+      ASSERT_TRUE(in >> r[0] >> r[1] >> r[2]) << line;
+      const double d[3] = {g->second.X - x, g->second.Y - y, g->second.Z - z};
+      for (int k = 0; k < 3; ++k) EXPECT_NEAR(r[k], d[k], 1e-9) << id;
+      if (usage == "check") {
+        ++check_n;
+        for (int k = 0; k < 3; ++k) check_sq[k] += d[k] * d[k];
+      }
+    } else if (kind == "control" || kind == "check") {
+      int nxy, nz;
+      double mean[3], rmse[3];
+      in >> nxy >> nz >> mean[0] >> mean[1] >> mean[2] >> rmse[0] >> rmse[1] >> rmse[2];
+      if (kind == "control") {
+        EXPECT_EQ(nxy, run.in.controlResidualCount[0]);
+        EXPECT_EQ(nz, run.in.controlResidualCount[2]);
+        EXPECT_GT(nxy, 3);
+        for (int k = 0; k < 3; ++k) {
+          EXPECT_NEAR(mean[k], run.in.controlResidualMean[k], 1e-6 * rmse[k]);
+          EXPECT_NEAR(rmse[k], run.in.controlResidualRmse[k], 1e-6 * rmse[k]);
+          EXPECT_GT(rmse[k], 0.0);
+        }
+      } else {
+        ASSERT_GT(check_n, 3);
+        EXPECT_EQ(nxy, check_n);
+        for (int k = 0; k < 3; ++k) EXPECT_NEAR(rmse[k], std::sqrt(check_sq[k] / check_n), 1e-9);
+      }
+    } else if (kind == "image") {
+      int id, na, nb, nsa, nsb;
+      in >> id >> na >> nb >> nsa >> nsb;
+      EXPECT_EQ(id, run.in.images[images].imageID);
+      EXPECT_EQ(na, o.per_axis);
+      EXPECT_EQ(nb, o.per_axis);
+      EXPECT_EQ(nsa, o.per_axis);
+      EXPECT_EQ(nsb, o.per_axis);
+      ++images;
+    }
+  }
+  EXPECT_EQ(points, run.in.resultPointCount);
+  EXPECT_EQ(images, run.in.imageCount);
 }
 
 }  // namespace
