@@ -20,6 +20,7 @@
 
 #include "bench_util.h"
 #include "epho/block.h"
+#include "platform/estr/utf8.h"
 #include "test_util.h"
 
 namespace {

@@ -12,6 +12,7 @@
 #include "bench_util.h"
 #include "ehfa.h"
 #include "platform/ehfa/hfa_internal.h"
+#include "platform/estr/utf8.h"
 #include "test_util.h"
 
 namespace {

@@ -24,6 +24,7 @@
 
 #include "bench_util.h"
 #include "epho/pyramid.h"
+#include "platform/estr/utf8.h"
 
 namespace fs = std::filesystem;
 

@@ -97,6 +97,22 @@ function(epho_add_symbol_and_c_header_checks)
              COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cmake/postinstall/run.sh ${CMAKE_BINARY_DIR}
                      ${CMAKE_CURRENT_SOURCE_DIR})
   endif()
+  # No exception crosses an exported C function; the planted pair proves the
+  # check refuses a bare throwing function and accepts the sealed one.
+  find_program(EPHO_CLANG_TIDY NAMES clang-tidy-14 clang-tidy)
+  if(EPHO_CLANG_TIDY)
+    set(check ${CMAKE_CURRENT_SOURCE_DIR}/cmake/check_exception_escape.sh)
+    set(planted ${CMAKE_CURRENT_SOURCE_DIR}/cmake/exception_escape_planted.cpp)
+    add_test(NAME exception_escape_check
+             COMMAND ${check} ${CMAKE_BINARY_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
+    add_test(NAME exception_escape_planted_throw
+             COMMAND ${check} ${CMAKE_BINARY_DIR} ${CMAKE_CURRENT_SOURCE_DIR} --expect-escape
+                     ${planted})
+    add_test(NAME exception_escape_planted_sealed
+             COMMAND ${check} ${CMAKE_BINARY_DIR} ${CMAKE_CURRENT_SOURCE_DIR} ${planted} -DSEALED)
+  else()
+    message(WARNING "clang-tidy not found: the exception-escape check is not run")
+  endif()
   foreach(lib kzdvrasteru kzdvmodlibu kzdvpholibu)
     add_test(NAME exported_symbols_${lib}
              COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/cmake/check_symbols.sh $<TARGET_FILE:${lib}>

@@ -7,9 +7,13 @@ install(TARGETS kzdvpholibu kzdvmodlibu kzdvrasteru EXPORT kzdvpholibuTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS epho RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(DIRECTORY include/epho DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(DIRECTORY platform/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kzdvrasteru)
-install(DIRECTORY modlib/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kzdvrasteru OPTIONAL)
+# Only the public headers: the module interfaces (the error frame, the UTF-8
+# helpers, heap holders) live beside their code and are never installed.
+install(DIRECTORY include/epho DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY platform/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kzdvrasteru
+        FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY modlib/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kzdvrasteru OPTIONAL
+        FILES_MATCHING PATTERN "*.h")
 
 install(EXPORT kzdvpholibuTargets NAMESPACE kzdvpholibu::
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kzdvpholibu)

@@ -6,6 +6,8 @@
 #include <Eigen/Dense>
 #include <cmath>
 
+#include "platform/eerr/error_frame.h"
+
 namespace {
 
 using RowMatrix = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
@@ -21,7 +23,7 @@ bool AllFinite(const ConstMap& m) { return m.allFinite(); }
 
 extern "C" {
 
-Emsc_Boolean edom_MatrixInv(long n, const double* a, double* inverse) {
+Emsc_Boolean edom_MatrixInv(long n, const double* a, double* inverse) KZDV_NOEXCEPT try {
   if (n < 1 || !a || !inverse) return EMSC_FALSE;
   ConstMap am(a, n, n);
   if (!AllFinite(am)) return EMSC_FALSE;
@@ -32,8 +34,10 @@ Emsc_Boolean edom_MatrixInv(long n, const double* a, double* inverse) {
   Map(inverse, n, n) = inv;
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(nullptr, EMSC_FALSE)
 
-Emsc_Boolean edom_MatrixSolve(long n, long m, const double* a, const double* b, double* x) {
+Emsc_Boolean edom_MatrixSolve(long n, long m, const double* a, const double* b,
+                              double* x) KZDV_NOEXCEPT try {
   if (n < 1 || m < 1 || !a || !b || !x) return EMSC_FALSE;
   ConstMap am(a, n, n);
   ConstMap bm(b, n, m);
@@ -45,8 +49,10 @@ Emsc_Boolean edom_MatrixSolve(long n, long m, const double* a, const double* b, 
   Map(x, n, m) = sol;
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(nullptr, EMSC_FALSE)
 
-Emsc_Boolean edom_SymmetricSolve(long n, const double* normal, const double* b, double* x) {
+Emsc_Boolean edom_SymmetricSolve(long n, const double* normal, const double* b,
+                                 double* x) KZDV_NOEXCEPT try {
   if (n < 1 || !normal || !b || !x) return EMSC_FALSE;
   ConstMap nm(normal, n, n);
   Eigen::Map<const Eigen::VectorXd> bv(b, n);
@@ -58,23 +64,28 @@ Emsc_Boolean edom_SymmetricSolve(long n, const double* normal, const double* b, 
   Eigen::Map<Eigen::VectorXd>(x, n) = sol;
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(nullptr, EMSC_FALSE)
 
 Emsc_Boolean edom_MatrixMultiply(long rows, long inner, long columns, const double* a,
-                                 const double* b, double* c) {
+                                 const double* b, double* c) KZDV_NOEXCEPT try {
   if (rows < 1 || inner < 1 || columns < 1 || !a || !b || !c) return EMSC_FALSE;
   Map(c, rows, columns).noalias() = ConstMap(a, rows, inner) * ConstMap(b, inner, columns);
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(nullptr, EMSC_FALSE)
 
-Emsc_Boolean edom_MatrixTranspose(long rows, long columns, const double* a, double* t) {
+Emsc_Boolean edom_MatrixTranspose(long rows, long columns, const double* a, double* t) KZDV_NOEXCEPT
+    try {
   if (rows < 1 || columns < 1 || !a || !t) return EMSC_FALSE;
   Map(t, columns, rows) = ConstMap(a, rows, columns).transpose();
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(nullptr, EMSC_FALSE)
 
-double edom_MatrixDet(long n, const double* a) {
+double edom_MatrixDet(long n, const double* a) KZDV_NOEXCEPT try {
   if (n < 1 || !a) return 0.0;
   return ConstMap(a, n, n).determinant();
 }
+EERR_BOUNDARY(nullptr, 0.0)
 
 }  // extern "C"

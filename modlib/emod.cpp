@@ -34,7 +34,8 @@ bool ValidFrame(const double* f) {
 extern "C" {
 
 Emsc_Boolean emod_GeographicToGeocentric(double longitude, double latitude, double height,
-                                         double* X, double* Y, double* Z, double e2, double a) {
+                                         double* X, double* Y, double* Z, double e2,
+                                         double a) KZDV_NOEXCEPT {
   if (!X || !Y || !Z || !ValidSpheroid(e2, a) || !Finite3(longitude, latitude, height))
     return EMSC_FALSE;
   if (std::fabs(latitude) > kHalfPi + kLatitudeSlack) return EMSC_FALSE;
@@ -47,7 +48,8 @@ Emsc_Boolean emod_GeographicToGeocentric(double longitude, double latitude, doub
 }
 
 Emsc_Boolean emod_GeocentricToGeographic(double X, double Y, double Z, double* longitude,
-                                         double* latitude, double* height, double e2, double a) {
+                                         double* latitude, double* height, double e2,
+                                         double a) KZDV_NOEXCEPT {
   if (!longitude || !latitude || !height || !ValidSpheroid(e2, a) || !Finite3(X, Y, Z))
     return EMSC_FALSE;
   const double w2 = X * X + Y * Y;
@@ -81,7 +83,7 @@ Emsc_Boolean emod_GeocentricToGeographic(double X, double Y, double Z, double* l
 }
 
 Emsc_Boolean emod_DeriveTp2GcTransform(double lat0, double lon0, double h0, double a, double e2,
-                                       double frame[EMOD_TANGENT_FRAME_SIZE]) {
+                                       double frame[EMOD_TANGENT_FRAME_SIZE]) KZDV_NOEXCEPT {
   if (!frame) return EMSC_FALSE;
   double origin[3];
   if (!emod_GeographicToGeocentric(lon0, lat0, h0, &origin[0], &origin[1], &origin[2], e2, a))
@@ -96,8 +98,8 @@ Emsc_Boolean emod_DeriveTp2GcTransform(double lat0, double lon0, double h0, doub
 }
 
 Emsc_Boolean emod_GeocentricToTangentPlane(double Xg, double Yg, double Zg, double* Xt, double* Yt,
-                                           double* Zt,
-                                           const double frame[EMOD_TANGENT_FRAME_SIZE]) {
+                                           double* Zt, const double frame[EMOD_TANGENT_FRAME_SIZE])
+    KZDV_NOEXCEPT {
   if (!Xt || !Yt || !Zt || !ValidFrame(frame) || !Finite3(Xg, Yg, Zg)) return EMSC_FALSE;
   const double dx = Xg - frame[0], dy = Yg - frame[1], dz = Zg - frame[2];
   const double* r = frame + 3;
@@ -108,8 +110,8 @@ Emsc_Boolean emod_GeocentricToTangentPlane(double Xg, double Yg, double Zg, doub
 }
 
 Emsc_Boolean emod_TangentPlaneToGeocentric(double Xt, double Yt, double Zt, double* Xg, double* Yg,
-                                           double* Zg,
-                                           const double frame[EMOD_TANGENT_FRAME_SIZE]) {
+                                           double* Zg, const double frame[EMOD_TANGENT_FRAME_SIZE])
+    KZDV_NOEXCEPT {
   if (!Xg || !Yg || !Zg || !ValidFrame(frame) || !Finite3(Xt, Yt, Zt)) return EMSC_FALSE;
   const double* r = frame + 3;  // rotation rows; its transpose takes tangent axes back
   *Xg = frame[0] + r[0] * Xt + r[3] * Yt + r[6] * Zt;

@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "eerr.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 
 namespace testutil {
 

@@ -6,6 +6,12 @@ build="$1"; src="$2"
 prefix="$build/postinstall/prefix"
 rm -rf "$build/postinstall"
 cmake --install "$build" --prefix "$prefix" >/dev/null
+# The installed headers are the C interface and the exported classes, never
+# the libraries' internal C++ helpers.
+if grep -rlE 'namespace kzdv|ErrorFrame|platform/' "$prefix/include"; then
+  echo "internal headers or helpers were installed" >&2
+  exit 1
+fi
 cmake -S "$src/cmake/postinstall" -B "$build/postinstall/cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$build/postinstall/cmake" >/dev/null
 LD_LIBRARY_PATH="$prefix/lib" "$build/postinstall/cmake/consumer"

@@ -16,6 +16,7 @@
 
 #include "efio.h"
 #include "epho/block/block_internal.h"
+#include "platform/estr/utf8.h"
 
 namespace epho::block {
 

@@ -5,6 +5,8 @@
 #include <thread>
 
 #include "epho/block/block_test_support_internal.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 
 using blocktest::BlockRef;
 

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "epho/block/block_internal.h"
+#include "platform/ethr/lock_holder.h"
 
 using epho::block::CountedText;
 using epho::block::DesignPtr;

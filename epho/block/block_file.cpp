@@ -9,6 +9,8 @@
 #include "efio.h"
 #include "eint.h"
 #include "epho/block/block_internal.h"
+#include "platform/estr/utf8.h"
+#include "platform/ethr/lock_holder.h"
 
 using epho::block::kSource;
 

@@ -8,6 +8,8 @@
 #include "efio.h"
 #include "epho/block/block_internal.h"
 #include "epho/block/block_test_support_internal.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 
 using blocktest::BlockRef;
 namespace fs = std::filesystem;

@@ -3,6 +3,8 @@
 #include <string>
 
 #include "epho/block/block_internal.h"
+#include "platform/emsc/heap_ptr.h"
+#include "platform/ethr/lock_holder.h"
 
 using epho::block::DesignPtr;
 using epho::block::kSource;

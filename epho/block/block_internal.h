@@ -7,8 +7,8 @@
 #include <memory>
 #include <string>
 
-#include "eerr_frame.hpp"
 #include "epho/block.h"
+#include "platform/eerr/error_frame.h"
 
 /* One top-level node that the next save rewrites, copies through functions
  * or drops. */

@@ -5,6 +5,7 @@
 
 #include "epho/block/block_internal.h"
 #include "epho/block/block_test_support_internal.h"
+#include "platform/estr/utf8.h"
 
 using blocktest::BlockRef;
 using epho::block::DesignPtr;

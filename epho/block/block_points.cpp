@@ -7,6 +7,7 @@
 #include <string>
 
 #include "epho/block/block_internal.h"
+#include "platform/ethr/lock_holder.h"
 
 using epho::block::DesignPtr;
 using epho::block::kSource;

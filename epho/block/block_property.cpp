@@ -3,13 +3,15 @@
 #include <cstring>
 
 #include "epho/block/block_internal.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/ethr/lock_holder.h"
 
 using epho::block::CountedText;
 using epho::block::DesignPtr;
 using epho::block::kSource;
 using epho::block::SetCounted;
 
-extern "C" Epho_AutoTieParameters* epho_BlockInitTiePar(Eerr_ErrorReport** err) {
+extern "C" Epho_AutoTieParameters* epho_BlockInitTiePar(Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"epho_BlockInitTiePar", err);
   auto* p =
       static_cast<Epho_AutoTieParameters*>(emsc_HeapCalloc(1, sizeof(Epho_AutoTieParameters)));
@@ -30,6 +32,7 @@ extern "C" Epho_AutoTieParameters* epho_BlockInitTiePar(Eerr_ErrorReport** err) 
   p->FeatureUsage = 1;
   return p;
 }
+EERR_BOUNDARY(err, nullptr)
 
 namespace {
 

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "epho/block.h"
+#include "platform/estr/utf8.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::string path = "/tmp/block_reader_fuzz_" + std::to_string(::getpid()) + ".blk";

@@ -6,6 +6,7 @@
 #include "efio.h"
 #include "eint.h"
 #include "epho/block/block_internal.h"
+#include "platform/ethr/lock_holder.h"
 
 using epho::block::kSource;
 

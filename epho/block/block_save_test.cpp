@@ -7,6 +7,8 @@
 #include <sys/resource.h>
 
 #include "epho/block/block_test_support_internal.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 
 using blocktest::BlockRef;
 namespace fs = std::filesystem;

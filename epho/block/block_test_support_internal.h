@@ -17,6 +17,7 @@
 #include <string>
 
 #include "epho/block.h"
+#include "platform/eerr/error_frame.h"
 #include "test_util.h"
 
 namespace blocktest {

@@ -18,11 +18,12 @@
 #include <string>
 #include <vector>
 
-#include "eerr_frame.hpp"
 #include "efio.h"
 #include "epho/camerafile.h"
 #include "epho/camerafile/camera_file_format_internal.h"
+#include "platform/eerr/error_frame.h"
 #include "platform/efio/c_locale.h"
+#include "platform/estr/utf8.h"
 
 using namespace epho_camerafile;
 
@@ -374,7 +375,7 @@ void MoveFields(Epho_CameraFrameInfo& from, Epho_CameraFrameInfo& to) {
 
 extern "C" Epho_CameraFrameInfo* CameraInfoFileRead(const Etxt_Char* fileName,
                                                     Epho_CameraFrameInfo* camera,
-                                                    Eerr_ErrorReport** err) {
+                                                    Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"CameraInfoFileRead";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!fileName, frame, nullptr, L"Null file name passed.");
@@ -405,3 +406,4 @@ extern "C" Epho_CameraFrameInfo* CameraInfoFileRead(const Etxt_Char* fileName,
   MoveFields(*fresh, *camera);
   return camera;
 }
+EERR_BOUNDARY(err, nullptr)

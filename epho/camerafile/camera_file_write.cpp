@@ -3,12 +3,13 @@
 #include <cwchar>
 #include <string>
 
-#include "eerr_frame.hpp"
 #include "efio.h"
 #include "epho/camerafile.h"
 #include "epho/camerafile/camera_file_format_internal.h"
+#include "platform/eerr/error_frame.h"
 #include "platform/efio/atomic_file.h"
 #include "platform/efio/c_locale.h"
+#include "platform/estr/utf8.h"
 
 using namespace epho_camerafile;
 
@@ -72,7 +73,7 @@ std::wstring FileText(const Epho_CameraFrameInfo& c) {
 
 extern "C" Emsc_Boolean CameraInfoFileWrite(const Etxt_Char* fileName,
                                             const Epho_CameraFrameInfo* camera,
-                                            Eerr_ErrorReport** err) {
+                                            Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"CameraInfoFileWrite";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!camera, frame, EMSC_FALSE, L"Null camera pointer passed.");
@@ -157,3 +158,4 @@ extern "C" Emsc_Boolean CameraInfoFileWrite(const Etxt_Char* fileName,
   }
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)

@@ -1,12 +1,12 @@
 // Camera and sensor frame information records: creation and release.
 #include <cstring>
 
-#include "eerr_frame.hpp"
 #include "epho/camerafile.h"
+#include "platform/eerr/error_frame.h"
 
 extern "C" {
 
-Epho_CameraFrameInfo* epho_CameraFrameInfoCreate(Eerr_ErrorReport** err) {
+Epho_CameraFrameInfo* epho_CameraFrameInfoCreate(Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_CameraFrameInfoCreate";
   kzdv::ErrorFrame frame(kFn, err);
   auto* camera =
@@ -15,8 +15,9 @@ Epho_CameraFrameInfo* epho_CameraFrameInfoCreate(Eerr_ErrorReport** err) {
   camera->version = EPHO_CAMERA_FRAME_INFO_VERSION;
   return camera;
 }
+EERR_BOUNDARY(err, nullptr)
 
-void epho_CameraFrameInfoDelete(Epho_CameraFrameInfo* camera) {
+void epho_CameraFrameInfoDelete(Epho_CameraFrameInfo* camera) KZDV_NOEXCEPT {
   if (!camera) return;
   emsc_HeapFree(camera->cameraName);
   emsc_HeapFree(camera->cameraDescription);
@@ -26,7 +27,7 @@ void epho_CameraFrameInfoDelete(Epho_CameraFrameInfo* camera) {
   emsc_HeapFree(camera);
 }
 
-Epho_SensorFrameInfo* epho_SensorFrameInfoCreate(Eerr_ErrorReport** err) {
+Epho_SensorFrameInfo* epho_SensorFrameInfoCreate(Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_SensorFrameInfoCreate";
   kzdv::ErrorFrame frame(kFn, err);
   auto* info = static_cast<Epho_SensorFrameInfo*>(emsc_HeapCalloc(1, sizeof(Epho_SensorFrameInfo)));
@@ -35,14 +36,15 @@ Epho_SensorFrameInfo* epho_SensorFrameInfoCreate(Eerr_ErrorReport** err) {
   info->filmToImage[5] = 1.0;
   return info;
 }
+EERR_BOUNDARY(err, nullptr)
 
-void epho_SensorFrameInfoDelete(Epho_SensorFrameInfo* frame) {
+void epho_SensorFrameInfoDelete(Epho_SensorFrameInfo* frame) KZDV_NOEXCEPT {
   if (!frame) return;
   emsc_HeapFree(frame->fiducials_pixels);
   emsc_HeapFree(frame);
 }
 
-int epho_ExtendedLensModelValueCount(int32_t model) {
+int epho_ExtendedLensModelValueCount(int32_t model) KZDV_NOEXCEPT {
   switch (model) {
     case EPHO_LENS_MODEL_TARVO:
       return 19;

@@ -19,6 +19,8 @@
 #include <vector>
 
 #include "efio.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 #include "test_util.h"
 
 namespace {

@@ -1,12 +1,13 @@
 // A DEM layer handle for a sensor model, shared through the DEM cache.
 #include <memory>
 
-#include "eerr_frame.hpp"
 #include "efio.h"
 #include "eint.h"
 #include "epho/dtm.h"
 #include "epho/dtm/dtm_files_internal.h"
 #include "epho/pyramid.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/emsc/heap_ptr.h"
 
 namespace EphoLib {
 

@@ -3,11 +3,13 @@
 #include <cwctype>
 #include <memory>
 
-#include "eerr_frame.hpp"
 #include "efio.h"
 #include "eint.h"
 #include "epho/dtm.h"
 #include "epho/dtm/dtm_files_internal.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/emsc/heap_ptr.h"
+#include "platform/estr/utf8.h"
 
 namespace EphoLib {
 

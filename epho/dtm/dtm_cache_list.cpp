@@ -2,10 +2,12 @@
 #include <atomic>
 #include <mutex>
 
-#include "eerr_frame.hpp"
 #include "efio.h"
 #include "epho/dtm.h"
 #include "epho/dtm/dtm_files_internal.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/emsc/heap_ptr.h"
+#include "platform/ethr/lock_holder.h"
 
 namespace EphoLib {
 

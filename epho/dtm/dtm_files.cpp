@@ -6,9 +6,11 @@
 #include <mutex>
 #include <system_error>
 
-#include "eerr_frame.hpp"
 #include "efio.h"
 #include "epho/dtm/dtm_files_internal.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/emsc/heap_ptr.h"
+#include "platform/estr/utf8.h"
 
 namespace epho::dtm {
 

@@ -14,6 +14,8 @@
 #include <thread>
 #include <vector>
 
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 #include "test_util.h"
 
 namespace {

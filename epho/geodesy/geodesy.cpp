@@ -7,8 +7,8 @@
 #include <cmath>
 #include <mutex>
 
-#include "eerr_frame.hpp"
 #include "eprj.h"
+#include "platform/eerr/error_frame.h"
 
 namespace EphoLib {
 
@@ -169,7 +169,7 @@ double Shift(const EphoDatum* a_in, const EphoDatum* b_in, double lon, double la
 
 extern "C" {
 
-EphoDatum* epho_DatumGet(const Etxt_Char* name, Eerr_ErrorReport** err) {
+EphoDatum* epho_DatumGet(const Etxt_Char* name, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_DatumGet";
   kzdv::ErrorFrame frame(kFn, err);
   try {
@@ -177,11 +177,12 @@ EphoDatum* epho_DatumGet(const Etxt_Char* name, Eerr_ErrorReport** err) {
   }
   EERR_CATCH(frame, nullptr)
 }
+EERR_BOUNDARY(err, nullptr)
 
-void epho_DatumDelete(EphoDatum* datum) { delete datum; }
+void epho_DatumDelete(EphoDatum* datum) KZDV_NOEXCEPT { delete datum; }
 
 double epho_CalculateZShift(const EphoDatum* datumA, const EphoDatum* datumB, double longitude,
-                            double latitude) {
+                            double latitude) KZDV_NOEXCEPT try {
   std::wstring why;
   const EphoLib::Datum* missing = nullptr;
   double s = 0.0;
@@ -199,8 +200,10 @@ double epho_CalculateZShift(const EphoDatum* datumA, const EphoDatum* datumB, do
   }
   return s;
 }
+EERR_BOUNDARY(nullptr, 0.0)
 
-Etxt_Char* epho_DatumZShiftNote(const EphoDatum* datumA, const EphoDatum* datumB) {
+Etxt_Char* epho_DatumZShiftNote(const EphoDatum* datumA, const EphoDatum* datumB) KZDV_NOEXCEPT
+    try {
   // The note does not depend on the position unless a grid ends: ask at a
   // position every geoid model covers.
   std::wstring why;
@@ -212,5 +215,6 @@ Etxt_Char* epho_DatumZShiftNote(const EphoDatum* datumA, const EphoDatum* datumB
   }
   return why.empty() ? nullptr : estr_Duplicate(why.c_str());
 }
+EERR_BOUNDARY(nullptr, nullptr)
 
 }  // extern "C"

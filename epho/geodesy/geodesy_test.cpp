@@ -7,6 +7,7 @@
 #include <cmath>
 #include <memory>
 
+#include "platform/eerr/error_frame.h"
 #include "proj_cli_test_util.h"
 #include "test_util.h"
 

@@ -36,16 +36,16 @@ extern "C" {
 const Etxt_Char epho_DegreesUnitName[] = L"degrees";
 const Etxt_Char epho_GonsUnitName[] = L"gons";
 
-double epho_deg2rad(double degrees) { return degrees * kDegToRad; }
-double epho_rad2deg(double radians) { return radians * kRadToDeg; }
+double epho_deg2rad(double degrees) KZDV_NOEXCEPT { return degrees * kDegToRad; }
+double epho_rad2deg(double radians) KZDV_NOEXCEPT { return radians * kRadToDeg; }
 
-double epho_input2rad(double value, const Etxt_Char* unit) {
+double epho_input2rad(double value, const Etxt_Char* unit) KZDV_NOEXCEPT {
   if (IsDegrees(unit)) return value * kDegToRad;
   if (IsGons(unit)) return value * kGonToRad;
   return value;
 }
 
-double epho_rad2input(double radians, const Etxt_Char* unit) {
+double epho_rad2input(double radians, const Etxt_Char* unit) KZDV_NOEXCEPT {
   if (IsDegrees(unit)) return radians * kRadToDeg;
   if (IsGons(unit)) return radians * kRadToGon;
   return radians;
@@ -55,7 +55,7 @@ double epho_rad2input(double radians, const Etxt_Char* unit) {
 // then the first two rows are combined from them, and the third row is the
 // cross product of the finished first two (exactly orthogonal to them up to
 // rounding, as the adjustment code downstream expects).
-void epho_RotateAll(const double* angles, double* R, short code) {
+void epho_RotateAll(const double* angles, double* R, short code) KZDV_NOEXCEPT {
   if (code == 0 || code == 1) {
     // Phi-first: slot 0 phi (primary), slot 1 omega, slot 2 kappa.
     const double phi = angles[0];
@@ -93,7 +93,7 @@ void epho_RotateAll(const double* angles, double* R, short code) {
   R[7] = R[2] * R[3] - R[5] * R[0];
 }
 
-void epho_GetAngleFromRotMatrix(double* angles, const double* R, short code) {
+void epho_GetAngleFromRotMatrix(double* angles, const double* R, short code) KZDV_NOEXCEPT {
   if (code < 0 || code > 1) {
     angles[0] = std::atan2(-R[5], R[8]);
     angles[1] = std::asin(R[2]);
@@ -113,7 +113,7 @@ void epho_GetAngleFromRotMatrix(double* angles, const double* R, short code) {
 Emsc_Boolean epho_Angular2LinearUnits(double latitude, const Etxt_Char* offset_unit, double ecc2,
                                       double semi_major, const Etxt_Char* latitude_unit,
                                       const Etxt_Char* linear_unit, double* offset_x,
-                                      double* offset_y) {
+                                      double* offset_y) KZDV_NOEXCEPT {
   if (IsDegreesIgnoreCase(latitude_unit)) latitude *= kDegToRad;
   double x = *offset_x;
   double y = *offset_y;
@@ -141,7 +141,7 @@ Emsc_Boolean epho_Angular2LinearUnits(double latitude, const Etxt_Char* offset_u
 Emsc_Boolean epho_Linear2AngularUnits(double latitude, const Etxt_Char* /*unused_unit*/,
                                       double ecc2, double semi_major, const Etxt_Char* linear_unit,
                                       const Etxt_Char* angular_unit, double* offset_x,
-                                      double* offset_y) {
+                                      double* offset_y) KZDV_NOEXCEPT {
   double x = *offset_x;
   double y = *offset_y;
   if (!IsMeters(linear_unit)) {

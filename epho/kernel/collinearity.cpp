@@ -7,7 +7,7 @@
 extern "C" {
 
 Emsc_Boolean epho_CameraObjectToImage(const double* m, double X, double Y, double Z, double* x,
-                                      double* y) {
+                                      double* y) KZDV_NOEXCEPT {
   const double w = m[0] + m[1] * X + m[2] * Y + m[3] * Z;
   if (w == 0.0) return EMSC_TRUE;
   *x = (m[4] + m[5] * X + m[6] * Y + m[7] * Z) / w;
@@ -19,7 +19,7 @@ Emsc_Boolean epho_CameraObjectToImage(const double* m, double X, double Y, doubl
 // equations row1 - x*row0 = 0 and row2 - y*row0 = 0 are then solved by
 // Cramer's rule.
 Emsc_Boolean epho_CameraImageAndZToXY(const double* m, int32_t mode, double x, double y,
-                                      double height, double* first, double* second) {
+                                      double height, double* first, double* second) KZDV_NOEXCEPT {
   double A[3], B[3], C[3];
   for (int i = 0; i < 3; ++i) {
     const double* r = m + 4 * i;
@@ -47,14 +47,15 @@ Emsc_Boolean epho_CameraImageAndZToXY(const double* m, int32_t mode, double x, d
   return EMSC_FALSE;
 }
 
-double epho_GetAverageGroundZ(const double* a, const double* b, double offset, int32_t mode) {
+double epho_GetAverageGroundZ(const double* a, const double* b, double offset,
+                              int32_t mode) KZDV_NOEXCEPT {
   if (mode == 1) return (a[1] + b[1]) / 2.0 - offset;
   return (a[2] + b[2]) / 2.0 - offset;
 }
 
 // The ray is the intersection of the two planes (row1 - x row0) . P = 0 and
 // (row2 - y row0) . P = 0 (linear parts), i.e. their cross product.
-Emsc_Boolean epho_CameraImageToRay(const double* m, double x, double y, double* d) {
+Emsc_Boolean epho_CameraImageToRay(const double* m, double x, double y, double* d) KZDV_NOEXCEPT {
   const double a[3] = {m[5] - x * m[1], m[6] - x * m[2], m[7] - x * m[3]};
   const double b[3] = {m[9] - y * m[1], m[10] - y * m[2], m[11] - y * m[3]};
   double c[3] = {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};

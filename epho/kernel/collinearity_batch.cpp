@@ -69,7 +69,7 @@ extern "C" {
 
 int32_t epho_CameraObjectToImageBatch(const Epho_FilmProjection* projection, int32_t count,
                                       const double* X, const double* Y, const double* Z, double* x,
-                                      double* y, uint8_t* failed) {
+                                      double* y, uint8_t* failed) KZDV_NOEXCEPT {
   if (!projection || !projection->matrix || count < 0 || !X || !Y || !Z || !x || !y) return -1;
   const Epho_FilmProjection& p = *projection;
   const double* m = p.matrix;
@@ -111,7 +111,8 @@ int32_t epho_CameraObjectToImageBatch(const Epho_FilmProjection* projection, int
 
 int32_t epho_CameraImageAndZToXYBatch(const Epho_FilmProjection* projection, int32_t count,
                                       const double* x, const double* y, const double* height,
-                                      double* first, double* second, uint8_t* failed) {
+                                      double* first, double* second,
+                                      uint8_t* failed) KZDV_NOEXCEPT {
   if (!projection || !projection->matrix || count < 0 || !x || !y || !height || !first || !second)
     return -1;
   const Epho_FilmProjection& p = *projection;

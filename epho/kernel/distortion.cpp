@@ -152,7 +152,7 @@ extern "C" {
 
 void epho_CameraAwayDistortion(const Epho_CountedDoubles* primary,
                                const Epho_CountedDoubles* secondary, double x, double y, double* dx,
-                               double* dy) {
+                               double* dy) KZDV_NOEXCEPT {
   *dx = 0.0;
   *dy = 0.0;
   if (primary && primary->count >= 1 && primary->data) Primary(*primary, x, y, dx, dy);
@@ -168,7 +168,7 @@ void epho_CameraAwayDistortion(const Epho_CountedDoubles* primary,
 void epho_CameraAwayDistortionIterative(const Epho_CountedDoubles* primary,
                                         const Epho_CountedDoubles* secondary, double x, double y,
                                         double* dx, double* dy, double divergence_bound,
-                                        int32_t mode) {
+                                        int32_t mode) KZDV_NOEXCEPT {
   *dx = 0.0;
   *dy = 0.0;
   if (mode != 1) return;
@@ -208,7 +208,8 @@ void epho_CameraAwayDistortionIterative(const Epho_CountedDoubles* primary,
 // standard-atmosphere model (heights in km). Earth curvature: r^3 (H - h) /
 // (2 R f^2) with R = 6380 km, i.e. r (E r^2/f^2) with E = (H - h) 7.837e-8.
 void epho_CameraAwayCorrection(int32_t kind, double flying_height, double ground_height,
-                               double focal, double* x, double* y, int32_t direction) {
+                               double focal, double* x, double* y,
+                               int32_t direction) KZDV_NOEXCEPT {
   const double r2 = *x * *x + *y * *y;
   if (r2 <= 0.001) return;
   const double Hk = flying_height * 0.001;

@@ -7,7 +7,8 @@
 
 extern "C" {
 
-int32_t epho_Affine(int32_t n, const double* source_xy, const double* target_xy, double* a) {
+int32_t epho_Affine(int32_t n, const double* source_xy, const double* target_xy,
+                    double* a) KZDV_NOEXCEPT {
   if (n < 2 || source_xy == nullptr || target_xy == nullptr || a == nullptr) return 1;
   if (n == 2) {
     double sim[4];

@@ -23,7 +23,7 @@ int32_t OutwardInt(double v) {
 
 extern "C" {
 
-Emsc_Boolean epho_ReverseAffine(double* a) {
+Emsc_Boolean epho_ReverseAffine(double* a) KZDV_NOEXCEPT {
   const double det = a[1] * a[5] - a[4] * a[2];
   if (det == 0.0) return EMSC_TRUE;
   const double a1 = a[5] / det, a2 = -a[2] / det, a4 = -a[4] / det, a5 = a[1] / det;
@@ -38,7 +38,8 @@ Emsc_Boolean epho_ReverseAffine(double* a) {
   return EMSC_FALSE;
 }
 
-int32_t* epho_GetNewBondingBox(const int32_t* rect_in, const double* a, int32_t* rect_out) {
+int32_t* epho_GetNewBondingBox(const int32_t* rect_in, const double* a,
+                               int32_t* rect_out) KZDV_NOEXCEPT {
   const int32_t corners[4][2] = {{rect_in[0], rect_in[1]},
                                  {rect_in[2], rect_in[3]},
                                  {rect_in[2], rect_in[1]},

@@ -24,7 +24,8 @@ void Times3x2(const double* n_inv, const double cross[3][2], double out[3][2]) {
 
 extern "C" {
 
-int32_t epho_Perspect(int32_t n, const double* source_xy, const double* target_xy, double* a) {
+int32_t epho_Perspect(int32_t n, const double* source_xy, const double* target_xy,
+                      double* a) KZDV_NOEXCEPT {
   if (n < 4 || source_xy == nullptr || target_xy == nullptr || a == nullptr) return 1;
   for (int k = 0; k < 8; ++k) a[k] = 0.0;
 

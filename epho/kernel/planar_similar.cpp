@@ -7,7 +7,7 @@
 extern "C" {
 
 Emsc_Boolean epho_Similar(int32_t n, const double* source_xy, const double* target_xy,
-                          double* similarity) {
+                          double* similarity) KZDV_NOEXCEPT {
   if (n < 2 || source_xy == nullptr || target_xy == nullptr || similarity == nullptr) {
     return EMSC_TRUE;
   }

@@ -12,7 +12,7 @@ extern "C" {
 // x = -f u / w, y = -f v / w.
 Emsc_Boolean epho_Get3x4ParFromInnerOuter(const double* inner, const double* outer, double focal,
                                           int32_t rotation_system, int32_t photo_direction,
-                                          double* m) {
+                                          double* m) KZDV_NOEXCEPT {
   const short code = rotation_system == 0 ? 2 : rotation_system == 1 ? 1 : 0;
   double R[9];
   epho_RotateAll(outer + 3, R, code);

@@ -4,7 +4,7 @@
 
 extern "C" {
 
-Emsc_Boolean epho_Com_Reverse3(double* m) {
+Emsc_Boolean epho_Com_Reverse3(double* m) KZDV_NOEXCEPT {
   const double det = m[0] * (m[4] * m[8] - m[7] * m[5]) + m[1] * (m[6] * m[5] - m[3] * m[8]) +
                      m[2] * (m[7] * m[3] - m[6] * m[4]);
   if (det == 0.0) return EMSC_TRUE;
@@ -22,7 +22,7 @@ Emsc_Boolean epho_Com_Reverse3(double* m) {
   return EMSC_FALSE;
 }
 
-Emsc_Boolean epho_Reverse3S(double* m) {
+Emsc_Boolean epho_Reverse3S(double* m) KZDV_NOEXCEPT {
   const double m0 = m[0], m1 = m[1], m2 = m[2], m4 = m[4], m5 = m[5], m8 = m[8];
   const double c0 = m4 * m8 - m5 * m5;
   const double c1 = m5 * m2 - m8 * m1;

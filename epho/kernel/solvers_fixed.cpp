@@ -15,19 +15,19 @@ constexpr StrideRows kRows8{8};
 
 extern "C" {
 
-Emsc_Boolean epho_Resolve8(double* a) {
+Emsc_Boolean epho_Resolve8(double* a) KZDV_NOEXCEPT {
   return epho::ldl::Factor<Pivot::kDivide>(a, kRows8, 0, 8) ? EMSC_TRUE : EMSC_FALSE;
 }
 
-Emsc_Boolean epho_Solution8(const double* a, double* b) {
+Emsc_Boolean epho_Solution8(const double* a, double* b) KZDV_NOEXCEPT {
   return epho::ldl::Solve(a, kRows8, 0, 8, b) ? EMSC_TRUE : EMSC_FALSE;
 }
 
-Emsc_Boolean epho_Inverld8(double* a) {
+Emsc_Boolean epho_Inverld8(double* a) KZDV_NOEXCEPT {
   return epho::ldl::Invert(a, kRows8, 0, 8) ? EMSC_TRUE : EMSC_FALSE;
 }
 
-Emsc_Boolean epho_Inver6x6(double* a, int32_t n) {
+Emsc_Boolean epho_Inver6x6(double* a, int32_t n) KZDV_NOEXCEPT {
   if (n <= 0) return EMSC_FALSE;  // empty block: nothing to invert
   if (n > 6) return EMSC_TRUE;    // rows of six cannot hold a larger block
   const StrideRows rows{6};
@@ -35,7 +35,7 @@ Emsc_Boolean epho_Inver6x6(double* a, int32_t n) {
   return epho::ldl::Invert(a, rows, 0, n) ? EMSC_TRUE : EMSC_FALSE;
 }
 
-Emsc_Boolean epho_InverNxN(double* a, int32_t n) {
+Emsc_Boolean epho_InverNxN(double* a, int32_t n) KZDV_NOEXCEPT {
   if (n <= 0) return EMSC_FALSE;
   const StrideRows rows{static_cast<std::size_t>(n)};
   if (epho::ldl::Factor<Pivot::kDivide>(a, rows, 0, n)) return EMSC_TRUE;

@@ -22,7 +22,8 @@ Block CheckBlock(const double* a, const uint32_t* rows, int32_t first, int32_t e
 
 extern "C" {
 
-Emsc_Boolean epho_Resolve1D(double* a, const uint32_t* rows, int32_t first, int32_t end) {
+Emsc_Boolean epho_Resolve1D(double* a, const uint32_t* rows, int32_t first,
+                            int32_t end) KZDV_NOEXCEPT {
   const Block block = CheckBlock(a, rows, first, end);
   if (block != Block::kValid) return block == Block::kEmpty ? EMSC_FALSE : EMSC_TRUE;
   return epho::ldl::Factor<Pivot::kReciprocal>(a, TableRows{rows}, first, end) ? EMSC_TRUE
@@ -30,7 +31,7 @@ Emsc_Boolean epho_Resolve1D(double* a, const uint32_t* rows, int32_t first, int3
 }
 
 Emsc_Boolean epho_Solution1D(const double* a, const uint32_t* rows, int32_t first, int32_t end,
-                             double* b) {
+                             double* b) KZDV_NOEXCEPT {
   const Block block = CheckBlock(a, rows, first, end);
   if (block != Block::kValid || b == nullptr) {
     return block == Block::kEmpty ? EMSC_FALSE : EMSC_TRUE;
@@ -38,7 +39,8 @@ Emsc_Boolean epho_Solution1D(const double* a, const uint32_t* rows, int32_t firs
   return epho::ldl::Solve(a, TableRows{rows}, first, end, b) ? EMSC_TRUE : EMSC_FALSE;
 }
 
-Emsc_Boolean epho_Inverld1D(double* a, const uint32_t* rows, int32_t first, int32_t end) {
+Emsc_Boolean epho_Inverld1D(double* a, const uint32_t* rows, int32_t first,
+                            int32_t end) KZDV_NOEXCEPT {
   const Block block = CheckBlock(a, rows, first, end);
   if (block != Block::kValid) return block == Block::kEmpty ? EMSC_FALSE : EMSC_TRUE;
   return epho::ldl::Invert(a, TableRows{rows}, first, end) ? EMSC_TRUE : EMSC_FALSE;

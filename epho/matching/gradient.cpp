@@ -74,12 +74,14 @@ int GradientAngle(const P* image, uint32_t stride, int32_t x, int32_t y, uint32_
 extern "C" {
 
 int epho_GradiAngleByte(const uint8_t* image, uint32_t stride, int32_t x, int32_t y,
-                        uint32_t halfWidth, uint32_t halfHeight, double* angle_radians) {
+                        uint32_t halfWidth, uint32_t halfHeight,
+                        double* angle_radians) KZDV_NOEXCEPT {
   return GradientAngle(image, stride, x, y, halfWidth, halfHeight, angle_radians);
 }
 
 int epho_GradiAngleDouble(const double* image, uint32_t stride, int32_t x, int32_t y,
-                          uint32_t halfWidth, uint32_t halfHeight, double* angle_radians) {
+                          uint32_t halfWidth, uint32_t halfHeight,
+                          double* angle_radians) KZDV_NOEXCEPT {
   return GradientAngle(image, stride, x, y, halfWidth, halfHeight, angle_radians);
 }
 

@@ -11,11 +11,12 @@
 #include <cstdint>
 #include <cstring>
 
-#include "eerr_frame.hpp"
 #include "emsc.h"
 #include "epho/matching.h"
 #include "epho/matching/ncc_internal.h"
 #include "epho/solvers.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/emsc/heap_ptr.h"
 
 namespace {
 
@@ -189,26 +190,28 @@ int16_t epho_OnePtLSCByte(const uint8_t* left, int32_t leftStride, double leftAn
                           double ly, const uint8_t* right, int32_t rightStride, double rightAngle,
                           double* rx, double* ry, int16_t width, int16_t height,
                           int16_t maxIterations, float convergence, float maxShift,
-                          Eerr_ErrorReport** err) {
+                          Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_OnePtLSCByte";
   return LscResampled(kFn, left, leftStride, leftAngle, lx, ly, right, rightStride, rightAngle, rx,
                       ry, width, height, maxIterations, convergence, maxShift, err);
 }
+EERR_BOUNDARY(err, static_cast<int16_t>(2 * maxIterations))
 
 int16_t epho_OnePtLSCDouble(const double* left, int32_t leftStride, double leftAngle, double lx,
                             double ly, const double* right, int32_t rightStride, double rightAngle,
                             double* rx, double* ry, int16_t width, int16_t height,
                             int16_t maxIterations, float convergence, float maxShift,
-                            Eerr_ErrorReport** err) {
+                            Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_OnePtLSCDouble";
   return LscResampled(kFn, left, leftStride, leftAngle, lx, ly, right, rightStride, rightAngle, rx,
                       ry, width, height, maxIterations, convergence, maxShift, err);
 }
+EERR_BOUNDARY(err, static_cast<int16_t>(2 * maxIterations))
 
 int16_t epho_OnePtLSCByteHalf(const uint8_t* left, int32_t leftStride, int32_t lx, int32_t ly,
                               const uint8_t* right, int32_t rightStride, double* rx, double* ry,
                               uint32_t halfWidth, uint32_t halfHeight, int16_t maxIterations,
-                              float convergence, float maxShift) {
+                              float convergence, float maxShift) KZDV_NOEXCEPT {
   return LscWholePixel(left, leftStride, lx, ly, right, rightStride, rx, ry, halfWidth, halfHeight,
                        maxIterations, convergence, maxShift);
 }
@@ -216,7 +219,7 @@ int16_t epho_OnePtLSCByteHalf(const uint8_t* left, int32_t leftStride, int32_t l
 int16_t epho_OnePtLSCU32(const uint32_t* left, int32_t leftStride, int32_t lx, int32_t ly,
                          const uint32_t* right, int32_t rightStride, double* rx, double* ry,
                          uint32_t halfWidth, uint32_t halfHeight, int16_t maxIterations,
-                         float convergence, float maxShift) {
+                         float convergence, float maxShift) KZDV_NOEXCEPT {
   return LscWholePixel(left, leftStride, lx, ly, right, rightStride, rx, ry, halfWidth, halfHeight,
                        maxIterations, convergence, maxShift);
 }

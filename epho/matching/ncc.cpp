@@ -167,14 +167,14 @@ extern "C" {
 
 double epho_CrossCoefByteNoResample(const uint8_t* left, const uint8_t* right, uint32_t leftStride,
                                     uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t rx,
-                                    uint32_t ry, int16_t width, int16_t height) {
+                                    uint32_t ry, int16_t width, int16_t height) KZDV_NOEXCEPT {
   static const epho::VectorPath path = epho::BestVectorPath();
   return ByteWholePixel(path, left, right, leftStride, rightStride, lx, ly, rx, ry, width, height);
 }
 
 double epho_CrossCoefU16NoResample(const uint16_t* left, const uint16_t* right, uint32_t leftStride,
                                    uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t rx,
-                                   uint32_t ry, int16_t width, int16_t height) {
+                                   uint32_t ry, int16_t width, int16_t height) KZDV_NOEXCEPT {
   // 16-bit squares exceed int32: exact 64-bit sums instead.
   const int hw = width / 2, hh = height / 2;
   WholeSampler<uint16_t> l{left, leftStride, lx, ly};
@@ -197,25 +197,25 @@ double epho_CrossCoefU16NoResample(const uint16_t* left, const uint16_t* right, 
 
 double epho_CrossCoefU32NoResample(const uint32_t* left, const uint32_t* right, uint32_t leftStride,
                                    uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t rx,
-                                   uint32_t ry, int16_t width, int16_t height) {
+                                   uint32_t ry, int16_t width, int16_t height) KZDV_NOEXCEPT {
   return WholePixelReal(left, right, leftStride, rightStride, lx, ly, rx, ry, width, height);
 }
 
 double epho_CrossCoefFloatNoResample(const float* left, const float* right, uint32_t leftStride,
                                      uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t rx,
-                                     uint32_t ry, int16_t width, int16_t height) {
+                                     uint32_t ry, int16_t width, int16_t height) KZDV_NOEXCEPT {
   return WholePixelReal(left, right, leftStride, rightStride, lx, ly, rx, ry, width, height);
 }
 
 double epho_CrossCoefDoubleNoResample(const double* left, const double* right, uint32_t leftStride,
                                       uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t rx,
-                                      uint32_t ry, int16_t width, int16_t height) {
+                                      uint32_t ry, int16_t width, int16_t height) KZDV_NOEXCEPT {
   return WholePixelReal(left, right, leftStride, rightStride, lx, ly, rx, ry, width, height);
 }
 
 double epho_CrossCoefByteNoRotation(const uint8_t* left, const uint8_t* right, uint32_t leftStride,
                                     uint32_t rightStride, double lx, double ly, double rx,
-                                    double ry, int16_t width, int16_t height) {
+                                    double ry, int16_t width, int16_t height) KZDV_NOEXCEPT {
   ShiftedSampler<uint8_t> l{left, leftStride, lx, ly};
   ShiftedSampler<uint8_t> r{right, rightStride, rx, ry};
   return CorrelateWhole(
@@ -225,7 +225,7 @@ double epho_CrossCoefByteNoRotation(const uint8_t* left, const uint8_t* right, u
 
 double epho_CrossCoefDoubleNoRotation(const double* left, const double* right, uint32_t leftStride,
                                       uint32_t rightStride, double lx, double ly, double rx,
-                                      double ry, int16_t width, int16_t height) {
+                                      double ry, int16_t width, int16_t height) KZDV_NOEXCEPT {
   return CorrelateReal(width / 2, height / 2, ShiftedSampler<double>{left, leftStride, lx, ly},
                        ShiftedSampler<double>{right, rightStride, rx, ry});
 }
@@ -233,7 +233,7 @@ double epho_CrossCoefDoubleNoRotation(const double* left, const double* right, u
 double epho_CrossCoefByteBothResample(const uint8_t* left, const uint8_t* right,
                                       uint32_t leftStride, uint32_t rightStride, double leftAngle,
                                       double rightAngle, double lx, double ly, double rx, double ry,
-                                      int16_t width, int16_t height) {
+                                      int16_t width, int16_t height) KZDV_NOEXCEPT {
   TurnedSampler<uint8_t> l{left, leftStride, lx, ly, std::cos(leftAngle), std::sin(leftAngle)};
   TurnedSampler<uint8_t> r{right, rightStride, rx, ry, std::cos(rightAngle), std::sin(rightAngle)};
   return CorrelateWhole(
@@ -244,7 +244,7 @@ double epho_CrossCoefByteBothResample(const uint8_t* left, const uint8_t* right,
 double epho_CrossCoefDoubleBothResample(const double* left, const double* right,
                                         uint32_t leftStride, uint32_t rightStride, double leftAngle,
                                         double rightAngle, double lx, double ly, double rx,
-                                        double ry, int16_t width, int16_t height) {
+                                        double ry, int16_t width, int16_t height) KZDV_NOEXCEPT {
   return CorrelateReal(
       width / 2, height / 2,
       TurnedSampler<double>{left, leftStride, lx, ly, std::cos(leftAngle), std::sin(leftAngle)},
@@ -255,7 +255,7 @@ double epho_CrossCoefDoubleBothResample(const double* left, const double* right,
 double epho_CrossCoefByteRightResample(const uint8_t* left, const uint8_t* right,
                                        uint32_t leftStride, uint32_t rightStride, double angle,
                                        uint32_t lx, uint32_t ly, double rx, double ry,
-                                       int16_t width, int16_t height) {
+                                       int16_t width, int16_t height) KZDV_NOEXCEPT {
   WholeSampler<uint8_t> l{left, leftStride, lx, ly};
   TurnedSampler<uint8_t> r{right, rightStride, rx, ry, std::cos(angle), std::sin(angle)};
   return CorrelateWhole(
@@ -266,7 +266,7 @@ double epho_CrossCoefByteRightResample(const uint8_t* left, const uint8_t* right
 double epho_CrossCoefDoubleRightResample(const double* left, const double* right,
                                          uint32_t leftStride, uint32_t rightStride, double angle,
                                          uint32_t lx, uint32_t ly, double rx, double ry,
-                                         int16_t width, int16_t height) {
+                                         int16_t width, int16_t height) KZDV_NOEXCEPT {
   WholeSampler<double> l{left, leftStride, lx, ly};
   return CorrelateReal(
       width / 2, height / 2, l,
@@ -275,7 +275,7 @@ double epho_CrossCoefDoubleRightResample(const double* left, const double* right
 
 double epho_CrossCoefByteShift(const uint8_t* left, const uint8_t* right, uint32_t leftStride,
                                uint32_t rightStride, int32_t lx, int32_t ly, double rx, double ry,
-                               uint32_t halfWidth, uint32_t halfHeight) {
+                               uint32_t halfWidth, uint32_t halfHeight) KZDV_NOEXCEPT {
   WholeSampler<uint8_t> l{left, leftStride, lx, ly};
   BiasedShiftSampler<uint8_t> r(right, rightStride, rx, ry);
   // The biased value truncated: the bilinear value rounded half up.
@@ -287,7 +287,7 @@ double epho_CrossCoefByteShift(const uint8_t* left, const uint8_t* right, uint32
 
 double epho_CrossCoefU32Shift(const uint32_t* left, const uint32_t* right, uint32_t leftStride,
                               uint32_t rightStride, int32_t lx, int32_t ly, double rx, double ry,
-                              uint32_t halfWidth, uint32_t halfHeight) {
+                              uint32_t halfWidth, uint32_t halfHeight) KZDV_NOEXCEPT {
   WholeSampler<uint32_t> l{left, leftStride, lx, ly};
   return CorrelateReal(
       static_cast<int16_t>(halfWidth), static_cast<int16_t>(halfHeight),

@@ -86,26 +86,26 @@ extern "C" {
 
 void epho_getPixelSumSquareSumByte(const uint8_t* image, uint32_t stride, int32_t x, int32_t y,
                                    uint32_t halfWidth, uint32_t halfHeight, double* sum,
-                                   double* sumSquares) {
+                                   double* sumSquares) KZDV_NOEXCEPT {
   SumSquareSum(image, stride, x, y, halfWidth, halfHeight, sum, sumSquares);
 }
 
 void epho_getPixelSumSquareSumU32(const uint32_t* image, uint32_t stride, int32_t x, int32_t y,
                                   uint32_t halfWidth, uint32_t halfHeight, double* sum,
-                                  double* sumSquares) {
+                                  double* sumSquares) KZDV_NOEXCEPT {
   SumSquareSum(image, stride, x, y, halfWidth, halfHeight, sum, sumSquares);
 }
 
 double epho_getCrossSumByte(const uint8_t* first, uint32_t firstStride, int32_t x1, int32_t y1,
                             const uint8_t* second, uint32_t secondStride, int32_t x2, int32_t y2,
-                            uint32_t halfWidth, uint32_t halfHeight) {
+                            uint32_t halfWidth, uint32_t halfHeight) KZDV_NOEXCEPT {
   return CrossSum(first, firstStride, x1, y1, second, secondStride, x2, y2, halfWidth, halfHeight,
                   1, 1);
 }
 
 double epho_getCrossSumU32(const uint32_t* first, uint32_t firstStride, int32_t x1, int32_t y1,
                            const uint32_t* second, uint32_t secondStride, int32_t x2, int32_t y2,
-                           uint32_t halfWidth, uint32_t halfHeight) {
+                           uint32_t halfWidth, uint32_t halfHeight) KZDV_NOEXCEPT {
   return CrossSum(first, firstStride, x1, y1, second, secondStride, x2, y2, halfWidth, halfHeight,
                   1, 1);
 }

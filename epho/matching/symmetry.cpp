@@ -82,7 +82,7 @@ AxisPeak FindAxis(const uint32_t* image, uint32_t stride, int32_t centre, int32_
 extern "C" int epho_FindSymmetryCenter(const uint32_t* image, uint32_t stride, int32_t x, int32_t y,
                                        uint32_t halfWidth, uint32_t halfHeight,
                                        uint32_t searchRadius, double* centre_x, double* centre_y,
-                                       double* coefficient) {
+                                       double* coefficient) KZDV_NOEXCEPT {
   if (!image || !centre_x || !centre_y || halfWidth > 32767 || halfHeight > 32767 ||
       searchRadius > 32767)
     return 2;

@@ -882,7 +882,7 @@ int epho_ncc::NccSearchFloat(VectorPath path, SearchMethod method, const float* 
 extern "C" {
 
 size_t epho_NccSearchScratchBytes(uint32_t halfWidth, uint32_t halfHeight, uint32_t rangeColumns,
-                                  uint32_t rangeRows) {
+                                  uint32_t rangeRows) KZDV_NOEXCEPT {
   return epho_ncc::NccSearchScratchBytes(epho_ncc::SearchMethod::kAuto, halfWidth, halfHeight,
                                          rangeColumns, rangeRows);
 }
@@ -890,7 +890,8 @@ size_t epho_NccSearchScratchBytes(uint32_t halfWidth, uint32_t halfHeight, uint3
 int epho_NccSearchByte(const uint8_t* left, const uint8_t* right, uint32_t leftStride,
                        uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t halfWidth,
                        uint32_t halfHeight, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
-                       uint32_t ryMax, void* scratch, size_t scratchBytes, Epho_NccPeak* peak) {
+                       uint32_t ryMax, void* scratch, size_t scratchBytes,
+                       Epho_NccPeak* peak) KZDV_NOEXCEPT {
   return epho_ncc::NccSearchByte(epho::BestVectorPath(), epho_ncc::SearchMethod::kAuto, left, right,
                                  leftStride, rightStride, lx, ly, halfWidth, halfHeight, rxMin,
                                  ryMin, rxMax, ryMax, scratch, scratchBytes, peak);
@@ -899,7 +900,8 @@ int epho_NccSearchByte(const uint8_t* left, const uint8_t* right, uint32_t leftS
 int epho_NccSearchFloat(const float* left, const float* right, uint32_t leftStride,
                         uint32_t rightStride, uint32_t lx, uint32_t ly, uint32_t halfWidth,
                         uint32_t halfHeight, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
-                        uint32_t ryMax, void* scratch, size_t scratchBytes, Epho_NccPeak* peak) {
+                        uint32_t ryMax, void* scratch, size_t scratchBytes,
+                        Epho_NccPeak* peak) KZDV_NOEXCEPT {
   return epho_ncc::NccSearchFloat(epho::BestVectorPath(), epho_ncc::SearchMethod::kAuto, left,
                                   right, leftStride, rightStride, lx, ly, halfWidth, halfHeight,
                                   rxMin, ryMin, rxMax, ryMax, scratch, scratchBytes, peak);

@@ -3,10 +3,10 @@
 #include <Eigen/Dense>
 #include <cmath>
 
-#include "eerr_frame.hpp"
 #include "epho/angles.h"
 #include "epho/orientation.h"
 #include "epho/orientation/dlt_internal.h"
+#include "platform/eerr/error_frame.h"
 
 namespace epho {
 
@@ -153,7 +153,8 @@ const wchar_t* FitProjective3D(const double* film, const double* ground, int n,
 
 extern "C" {
 
-Emsc_Boolean epho_ApplyDLT2D(const double* h, double x, double y, double* X, double* Y) {
+Emsc_Boolean epho_ApplyDLT2D(const double* h, double x, double y, double* X,
+                             double* Y) KZDV_NOEXCEPT {
   const double w = 1 + h[6] * x + h[7] * y;
   if (w == 0.0) return EMSC_TRUE;
   *X = (h[0] + h[1] * x + h[2] * y) / w;
@@ -162,10 +163,13 @@ Emsc_Boolean epho_ApplyDLT2D(const double* h, double x, double y, double* X, dou
 }
 
 Emsc_Boolean epho_DeriveDLT2D(const double* from_xy, const double* to_xy, int32_t count,
-                              double* coeffs, double* rms, Eerr_ErrorReport** err) {
+                              double* coeffs, double* rms, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   static const Etxt_Char* const kFn = L"epho_DeriveDLT2D";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(!from_xy || !to_xy || !coeffs, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(from_xy, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(to_xy, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(coeffs, frame, EMSC_FALSE);
   EERR_FAIL_IF(count < 4, frame, EMSC_FALSE, L"At least %d point pairs are needed, %d given", 4,
                static_cast<int>(count));
   try {
@@ -186,13 +190,16 @@ Emsc_Boolean epho_DeriveDLT2D(const double* from_xy, const double* to_xy, int32_
   }
   EERR_CATCH(frame, EMSC_FALSE)
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 // The DLT is the camera P = [[L0 L1 L2 L3], [L4 L5 L6 L7], [L8 L9 L10 1]].
 Emsc_Boolean epho_DLT2Camera(const double* L, int32_t rotation_system, double* interior,
-                             double* outer, Eerr_ErrorReport** err) {
+                             double* outer, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_DLT2Camera";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(!L || !interior || !outer, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(L, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(interior, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(outer, frame, EMSC_FALSE);
   for (int i = 0; i < 11; ++i)
     EERR_FAIL_IF(!std::isfinite(L[i]), frame, EMSC_FALSE, L"DLT parameter %d is not finite", i);
   Eigen::Matrix<double, 3, 4> P;
@@ -214,5 +221,6 @@ Emsc_Boolean epho_DLT2Camera(const double* L, int32_t rotation_system, double* i
   epho_GetAngleFromRotMatrix(outer + 3, Rrow, code);
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 }  // extern "C"

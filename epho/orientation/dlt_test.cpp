@@ -9,6 +9,7 @@
 #include "epho/collinearity.h"
 #include "epho/orientation.h"
 #include "epho/orientation/dlt_internal.h"
+#include "platform/eerr/error_frame.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 #include <Eigen/Dense>
 #include <cmath>
 
-#include "eerr_frame.hpp"
 #include "epho/orientation.h"
+#include "platform/eerr/error_frame.h"
 
 extern "C" {
 
@@ -12,10 +12,12 @@ extern "C" {
 // rank exactly when all rays are parallel.
 Emsc_Boolean epho_GetIntersectionWithPointRays(const double* origins, const double* directions,
                                                int32_t count, double* point, double* rms_distance,
-                                               Eerr_ErrorReport** err) {
+                                               Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_GetIntersectionWithPointRays";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(!origins || !directions || !point, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(origins, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(directions, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(point, frame, EMSC_FALSE);
   EERR_FAIL_IF(count < 2, frame, EMSC_FALSE, L"At least %d rays are needed, %d given", 2,
                static_cast<int>(count));
   Eigen::Matrix3d A = Eigen::Matrix3d::Zero();
@@ -55,5 +57,6 @@ Emsc_Boolean epho_GetIntersectionWithPointRays(const double* origins, const doub
   point[0] = P(0), point[1] = P(1), point[2] = P(2);
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 }  // extern "C"

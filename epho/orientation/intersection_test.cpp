@@ -4,6 +4,7 @@
 
 #include "epho/collinearity.h"
 #include "epho/orientation.h"
+#include "platform/eerr/error_frame.h"
 
 namespace {
 

@@ -3,10 +3,10 @@
 #include <cmath>
 #include <vector>
 
-#include "eerr_frame.hpp"
 #include "epho/angles.h"
 #include "epho/orientation.h"
 #include "epho/orientation/dlt_internal.h"
+#include "platform/eerr/error_frame.h"
 
 namespace {
 
@@ -155,10 +155,13 @@ extern "C" {
 
 Emsc_Boolean epho_Resection(const double* film_xy, const double* ground_xyz, int32_t count,
                             double focal, int32_t rotation_system, Emsc_Boolean use_approximation,
-                            double* outer, double* sigma, double* sigma0, Eerr_ErrorReport** err) {
+                            double* outer, double* sigma, double* sigma0,
+                            Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_Resection";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(!film_xy || !ground_xyz || !outer, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(film_xy, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(ground_xyz, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(outer, frame, EMSC_FALSE);
   EERR_FAIL_IF(count < 3, frame, EMSC_FALSE, L"At least %d control points are needed, %d given", 3,
                static_cast<int>(count));
   EERR_FAIL_IF(!(focal != 0.0) || !std::isfinite(focal), frame, EMSC_FALSE,
@@ -234,5 +237,6 @@ Emsc_Boolean epho_Resection(const double* film_xy, const double* ground_xyz, int
   }
   EERR_CATCH(frame, EMSC_FALSE)
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 }  // extern "C"

@@ -6,6 +6,7 @@
 
 #include "epho/collinearity.h"
 #include "epho/orientation.h"
+#include "platform/eerr/error_frame.h"
 #include "test_util.h"
 
 namespace {

@@ -3,9 +3,9 @@
 #include <Eigen/Geometry>
 #include <cmath>
 
-#include "eerr_frame.hpp"
 #include "epho/orientation.h"
 #include "epho/orientation/dlt_internal.h"
+#include "platform/eerr/error_frame.h"
 
 extern "C" {
 
@@ -13,11 +13,14 @@ extern "C" {
 // reflection guard), so no approximation and no iteration are needed.
 Emsc_Boolean epho_Solve3DLinearTrans(const double* from_xyz, const double* to_xyz, int32_t count,
                                      double* scale, double* rotation, double* translation,
-                                     double* rms, Eerr_ErrorReport** err) {
+                                     double* rms, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_Solve3DLinearTrans";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(!from_xyz || !to_xyz || !scale || !rotation || !translation, frame, EMSC_FALSE,
-               L"Args");
+  EERR_FAIL_IF_NULL(from_xyz, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(to_xyz, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(scale, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(rotation, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(translation, frame, EMSC_FALSE);
   EERR_FAIL_IF(count < 3, frame, EMSC_FALSE, L"At least %d points are needed, %d given", 3,
                static_cast<int>(count));
   try {
@@ -51,5 +54,6 @@ Emsc_Boolean epho_Solve3DLinearTrans(const double* from_xyz, const double* to_xy
   }
   EERR_CATCH(frame, EMSC_FALSE)
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 }  // extern "C"

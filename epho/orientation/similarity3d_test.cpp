@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "epho/orientation.h"
+#include "platform/eerr/error_frame.h"
 
 namespace {
 

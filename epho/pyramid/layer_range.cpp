@@ -1,13 +1,14 @@
 // The effective data range of a layer: its valid values, the null value left out.
 #include <memory>
 
-#include "eerr_frame.hpp"
 #include "eimg.h"
 #include "eint.h"
 #include "epho/pyramid.h"
+#include "platform/eerr/error_frame.h"
 
 Emsc_Boolean epho_LayerEffectiveRangeGet(const Etxt_Char* layer_name, double* minimum,
-                                         double* maximum, Eerr_ErrorReport** err) {
+                                         double* maximum, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   static const Etxt_Char* const kFn = L"epho_LayerEffectiveRangeGet";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!layer_name || !minimum || !maximum, frame, EMSC_FALSE, L"Invalid arguments");
@@ -24,3 +25,4 @@ Emsc_Boolean epho_LayerEffectiveRangeGet(const Etxt_Char* layer_name, double* mi
   *maximum = stats.maximum;
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)

@@ -11,8 +11,11 @@
 #include "eimg.h"
 #include "eint.h"
 #include "epho/pyramid/pyramid_internal.h"
+#include "platform/eerr/error_frame.h"
 #include "platform/efio/atomic_file.h"
 #include "platform/eimg/eimg_files.h"
+#include "platform/emsc/heap_ptr.h"
+#include "platform/estr/utf8.h"
 
 namespace {
 
@@ -50,7 +53,7 @@ bool SameLayout(const Eimg_Layer* a, const Eimg_Layer* b) {
 
 }  // namespace
 
-long epho_PyramidLevelCount(long width, long height) {
+long epho_PyramidLevelCount(long width, long height) KZDV_NOEXCEPT {
   long s = width + height, n = 0;
   while ((s = s / 2) > 127) ++n;
   return n;
@@ -251,7 +254,7 @@ bool Refused(const Etxt_Char* file_name, Eint_InitToolkitData* init, kzdv::Error
 }  // namespace
 
 void epho_ComputePyramidLayers3x3(const Etxt_Char* file_name, Emet_MeterInfo* meter,
-                                  Eerr_ErrorReport** err) {
+                                  Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_ComputePyramidLayers3x3";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!file_name || !*file_name, frame, , L"Invalid file name");
@@ -328,3 +331,4 @@ void epho_ComputePyramidLayers3x3(const Etxt_Char* file_name, Emet_MeterInfo* me
       std::filesystem::remove(image + s, ec);
   }
 }
+EERR_BOUNDARY(err, )

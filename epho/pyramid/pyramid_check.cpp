@@ -1,10 +1,11 @@
 // Whether an image already carries usable pyramid levels.
 #include <memory>
 
-#include "eerr_frame.hpp"
 #include "eimg.h"
 #include "eint.h"
 #include "epho/pyramid.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/emsc/heap_ptr.h"
 
 namespace {
 
@@ -78,14 +79,18 @@ Emsc_Boolean Check(const Etxt_Char* file_name, bool allow_other, kzdv::ErrorFram
 
 }  // namespace
 
-Emsc_Boolean epho_PyramidLayersCheck(const Etxt_Char* file_name, Eerr_ErrorReport** err) {
+Emsc_Boolean epho_PyramidLayersCheck(const Etxt_Char* file_name,
+                                     Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_PyramidLayersCheck";
   kzdv::ErrorFrame frame(kFn, err);
   return Check(file_name, false, frame);
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-Emsc_Boolean epho_PyramidLayersCheckAllowRSETS(const Etxt_Char* file_name, Eerr_ErrorReport** err) {
+Emsc_Boolean epho_PyramidLayersCheckAllowRSETS(const Etxt_Char* file_name,
+                                               Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_PyramidLayersCheckAllowRSETS";
   kzdv::ErrorFrame frame(kFn, err);
   return Check(file_name, true, frame);
 }
+EERR_BOUNDARY(err, EMSC_FALSE)

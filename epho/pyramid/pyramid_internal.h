@@ -2,9 +2,9 @@
 #ifndef EPHO_PYRAMID_PYRAMID_INTERNAL_H_
 #define EPHO_PYRAMID_PYRAMID_INTERNAL_H_
 
-#include "eerr_frame.hpp"
 #include "eimg.h"
 #include "emet.h"
+#include "platform/eerr/error_frame.h"
 
 namespace epho::pyramid {
 

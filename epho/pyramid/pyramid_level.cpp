@@ -10,6 +10,7 @@
 // about one tile, or one chunk of rows, whatever the image size.
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <numeric>
 #include <vector>

@@ -4,11 +4,14 @@
 #include <cwctype>
 #include <string>
 
-#include "eerr_frame.hpp"
 #include "efio.h"
 #include "epho/pyramid.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/emsc/heap_ptr.h"
+#include "platform/estr/utf8.h"
 
-Etxt_Char* epho_ProxyImageNameGet(const Etxt_Char* file_name, Eerr_ErrorReport** err) {
+Etxt_Char* epho_ProxyImageNameGet(const Etxt_Char* file_name, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   static const Etxt_Char* const kFn = L"epho_ProxyImageNameGet";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!file_name || !*file_name, frame, nullptr, L"Invalid file name");
@@ -37,3 +40,4 @@ Etxt_Char* epho_ProxyImageNameGet(const Etxt_Char* file_name, Eerr_ErrorReport**
   EERR_FAIL_IF(!out, frame, nullptr, L"estr_Sprintf failed");
   return out;
 }
+EERR_BOUNDARY(err, nullptr)

@@ -12,6 +12,8 @@
 #include <sstream>
 
 #include "epho/triangulation/synthetic_block_internal.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 #include "test_util.h"
 
 namespace {

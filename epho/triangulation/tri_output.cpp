@@ -6,6 +6,7 @@
 #include <string>
 
 #include "epho/triangulation/triangulation_internal.h"
+#include "platform/estr/utf8.h"
 
 namespace epho::tri {
 namespace {

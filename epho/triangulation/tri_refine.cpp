@@ -5,6 +5,7 @@
 #include <new>
 
 #include "epho/triangulation/triangulation_internal.h"
+#include "platform/eerr/error_frame.h"
 
 namespace epho::tri {
 namespace {
@@ -90,7 +91,7 @@ void Run(Block& b, Report& r, kzdv::ErrorFrame& frame) {
 
 extern "C" {
 
-int32_t epho_TriRefine(Epho_TriRefineInput* input, Eerr_ErrorReport** err) {
+int32_t epho_TriRefine(Epho_TriRefineInput* input, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   using namespace epho::tri;
   kzdv::ErrorFrame frame(L"epho_TriRefine", err);
   if (!input || !input->reportFileName) {
@@ -113,8 +114,10 @@ int32_t epho_TriRefine(Epho_TriRefineInput* input, Eerr_ErrorReport** err) {
   EERR_CATCH(frame, 1)
   return 1;
 }
+EERR_BOUNDARY(err, 1)
 
-void epho_FreeTriRefineMemory(Epho_TriRefineInput* input, Eerr_ErrorReport** err) {
+void epho_FreeTriRefineMemory(Epho_TriRefineInput* input, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   kzdv::ErrorFrame frame(L"epho_FreeTriRefineMemory", err);
   if (!input) return;
   for (int i = 0; input->images && i < input->imageCount; ++i) {
@@ -136,5 +139,6 @@ void epho_FreeTriRefineMemory(Epho_TriRefineInput* input, Eerr_ErrorReport** err
   input->groundPointCount = 0;
   input->resultPointCount = 0;
 }
+EERR_BOUNDARY(err, )
 
 }  // extern "C"

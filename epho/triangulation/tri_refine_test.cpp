@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "epho/triangulation/synthetic_block_internal.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 #include "test_util.h"
 
 namespace {

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "eerr_frame.hpp"
 #include "efio.h"
 #include "epho/triangulation.h"
+#include "platform/eerr/error_frame.h"
 
 namespace epho::tri {
 

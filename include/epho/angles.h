@@ -19,22 +19,23 @@ EPHO_EXPORT extern const Etxt_Char epho_DegreesUnitName[];
 EPHO_EXPORT extern const Etxt_Char epho_GonsUnitName[];
 
 /* degrees * pi/180. */
-EPHO_EXPORT double epho_deg2rad(double degrees);
+EPHO_EXPORT double epho_deg2rad(double degrees) KZDV_NOEXCEPT;
 /* radians * 180/pi. */
-EPHO_EXPORT double epho_rad2deg(double radians);
+EPHO_EXPORT double epho_rad2deg(double radians) KZDV_NOEXCEPT;
 /* `value` in the named unit to radians. Only "degrees" and "gons" are known,
  * compared case-exactly; any other name (or null) means radians already. */
-EPHO_EXPORT double epho_input2rad(double value, const Etxt_Char* unit);
+EPHO_EXPORT double epho_input2rad(double value, const Etxt_Char* unit) KZDV_NOEXCEPT;
 /* Radians to the named unit, with the names and rules of epho_input2rad. */
-EPHO_EXPORT double epho_rad2input(double radians, const Etxt_Char* unit);
+EPHO_EXPORT double epho_rad2input(double radians, const Etxt_Char* unit) KZDV_NOEXCEPT;
 
 /* Rotation matrix R (out) of the angle triple (in) in the system `code`.
  * R must not alias `angles` (the matrix is built in place in R). */
-EPHO_EXPORT void epho_RotateAll(const double* angles, double* rotation, short code);
+EPHO_EXPORT void epho_RotateAll(const double* angles, double* rotation, short code) KZDV_NOEXCEPT;
 /* Angle triple (out) of the rotation matrix (in): the inverse of
  * epho_RotateAll for |secondary angle| < 90 degrees. No gimbal-lock test, no
  * clamping of the asin argument. */
-EPHO_EXPORT void epho_GetAngleFromRotMatrix(double* angles, const double* rotation, short code);
+EPHO_EXPORT void epho_GetAngleFromRotMatrix(double* angles, const double* rotation,
+                                            short code) KZDV_NOEXCEPT;
 
 /* Small angular offsets (longitude difference *offset_x, latitude difference
  * *offset_y, in `offset_unit`) at `latitude` (in `latitude_unit`) to chord
@@ -49,7 +50,7 @@ EPHO_EXPORT Emsc_Boolean epho_Angular2LinearUnits(double latitude, const Etxt_Ch
                                                   double ecc2, double semi_major,
                                                   const Etxt_Char* latitude_unit,
                                                   const Etxt_Char* linear_unit, double* offset_x,
-                                                  double* offset_y);
+                                                  double* offset_y) KZDV_NOEXCEPT;
 /* The inverse: ground lengths (*offset_x along the parallel, *offset_y along
  * the meridian, in `linear_unit`) to angular offsets in `angular_unit`, which
  * also gives the unit of `latitude`. `unused_unit` is not consulted. A linear
@@ -60,7 +61,7 @@ EPHO_EXPORT Emsc_Boolean epho_Linear2AngularUnits(double latitude, const Etxt_Ch
                                                   double ecc2, double semi_major,
                                                   const Etxt_Char* linear_unit,
                                                   const Etxt_Char* angular_unit, double* offset_x,
-                                                  double* offset_y);
+                                                  double* offset_y) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

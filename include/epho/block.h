@@ -172,7 +172,7 @@ KZDV_BEGIN_C
 
 /* A new record of default automatic tie-point settings (toolkit heap), or
  * null with the report "emsc_New failed." when memory is exhausted. */
-EPHO_EXPORT Epho_AutoTieParameters* epho_BlockInitTiePar(Eerr_ErrorReport** err);
+EPHO_EXPORT Epho_AutoTieParameters* epho_BlockInitTiePar(Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

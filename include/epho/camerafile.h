@@ -68,15 +68,15 @@ KZDV_BEGIN_C
 
 /* A zero-filled camera record (version set, no texts, no arrays); null with
  * "Unable to allocation memory for camera information." */
-EPHO_EXPORT Epho_CameraFrameInfo* epho_CameraFrameInfoCreate(Eerr_ErrorReport** err);
+EPHO_EXPORT Epho_CameraFrameInfo* epho_CameraFrameInfoCreate(Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Frees the record, its texts and arrays. Null is allowed. */
-EPHO_EXPORT void epho_CameraFrameInfoDelete(Epho_CameraFrameInfo* camera);
+EPHO_EXPORT void epho_CameraFrameInfoDelete(Epho_CameraFrameInfo* camera) KZDV_NOEXCEPT;
 /* A sensor frame record with no fiducials and the identity transform. */
-EPHO_EXPORT Epho_SensorFrameInfo* epho_SensorFrameInfoCreate(Eerr_ErrorReport** err);
+EPHO_EXPORT Epho_SensorFrameInfo* epho_SensorFrameInfoCreate(Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Frees the record and its fiducial array. Null is allowed. */
-EPHO_EXPORT void epho_SensorFrameInfoDelete(Epho_SensorFrameInfo* frame);
+EPHO_EXPORT void epho_SensorFrameInfoDelete(Epho_SensorFrameInfo* frame) KZDV_NOEXCEPT;
 /* Number of values of an extended lens model (19, 7, 9; 0 for none or unknown). */
-EPHO_EXPORT int epho_ExtendedLensModelValueCount(int32_t model);
+EPHO_EXPORT int epho_ExtendedLensModelValueCount(int32_t model) KZDV_NOEXCEPT;
 
 /* Writes the camera file (current layout, version line "2.0"). Numbers are
  * written in %g form (six significant digits; "nan", "inf" as printf gives
@@ -98,7 +98,7 @@ EPHO_EXPORT int epho_ExtendedLensModelValueCount(int32_t model);
  * writable. EMSC_TRUE on success; EMSC_FALSE with a report otherwise. */
 EPHO_EXPORT Emsc_Boolean CameraInfoFileWrite(const Etxt_Char* fileName,
                                              const Epho_CameraFrameInfo* camera,
-                                             Eerr_ErrorReport** err);
+                                             Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* Reads a camera file, current layout (first line "OVT Camera File Version:
  * ...", any version) or the older headerless one, into `camera` or, when it
@@ -120,7 +120,7 @@ EPHO_EXPORT Emsc_Boolean CameraInfoFileWrite(const Etxt_Char* fileName,
  * The id, version and applicationTag words are never touched. */
 EPHO_EXPORT Epho_CameraFrameInfo* CameraInfoFileRead(const Etxt_Char* fileName,
                                                      Epho_CameraFrameInfo* camera,
-                                                     Eerr_ErrorReport** err);
+                                                     Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

@@ -28,18 +28,18 @@ typedef struct Epho_CountedDoubles {
 /* Ground (X, Y, Z) to film (x, y). Nonzero, outputs untouched, when the
  * denominator row is exactly 0. */
 EPHO_EXPORT Emsc_Boolean epho_CameraObjectToImage(const double* matrix, double X, double Y,
-                                                  double Z, double* x, double* y);
+                                                  double Z, double* x, double* y) KZDV_NOEXCEPT;
 /* Film (x, y) and a known height to the two other ground coordinates.
  * mode != 1: `height` is Z, outputs X, Y. mode 1: `height` is -Y (the object
  * Y axis points down), outputs X, Z. Nonzero, outputs untouched, when the
  * 2x2 determinant is exactly 0 (ray parallel to the height plane). */
 EPHO_EXPORT Emsc_Boolean epho_CameraImageAndZToXY(const double* matrix, int32_t mode, double x,
                                                   double y, double height, double* first,
-                                                  double* second);
+                                                  double* second) KZDV_NOEXCEPT;
 /* Mean height of two ground points minus `offset`: the Y components when
  * mode is 1, the Z components otherwise. */
 EPHO_EXPORT double epho_GetAverageGroundZ(const double* point_a, const double* point_b,
-                                          double offset, int32_t mode);
+                                          double offset, int32_t mode) KZDV_NOEXCEPT;
 
 /* Lens distortion (dx, dy) at film (x, y), film units. `primary` (lens
  * distortion) models by (count, code): (3, any) radial p0+p1 r^2+p2 r^4;
@@ -52,7 +52,7 @@ EPHO_EXPORT double epho_GetAverageGroundZ(const double* point_a, const double* p
  * model. */
 EPHO_EXPORT void epho_CameraAwayDistortion(const Epho_CountedDoubles* primary,
                                            const Epho_CountedDoubles* secondary, double x, double y,
-                                           double* dx, double* dy);
+                                           double* dx, double* dy) KZDV_NOEXCEPT;
 /* Distortion at the distorted position of (x, y) by fixed-point iteration
  * (at most 11 evaluations, 0.0001 film-unit tolerance; a first distortion
  * below 0.001 in both axes is returned as it is); (0, 0) when mode is not 1
@@ -62,14 +62,16 @@ EPHO_EXPORT void epho_CameraAwayDistortion(const Epho_CountedDoubles* primary,
 EPHO_EXPORT void epho_CameraAwayDistortionIterative(const Epho_CountedDoubles* primary,
                                                     const Epho_CountedDoubles* secondary, double x,
                                                     double y, double* dx, double* dy,
-                                                    double divergence_bound, int32_t mode);
+                                                    double divergence_bound,
+                                                    int32_t mode) KZDV_NOEXCEPT;
 /* Radial correction of film (x, y) in place for atmospheric refraction and
  * earth curvature of a vertical photograph: flying height and ground height
  * in meters, focal length in film units. kind 2 refraction, 3 curvature,
  * 4 both; other kinds and points within r^2 <= 0.001 are left unchanged.
  * direction 1 removes the displacement, any other value applies it. */
 EPHO_EXPORT void epho_CameraAwayCorrection(int32_t kind, double flying_height, double ground_height,
-                                           double focal, double* x, double* y, int32_t direction);
+                                           double focal, double* x, double* y,
+                                           int32_t direction) KZDV_NOEXCEPT;
 
 /* Inner orientation (null, or an affine of six doubles a0..a5 used as the
  * first two rows of the inner block), outer orientation (perspective centre
@@ -81,13 +83,14 @@ EPHO_EXPORT void epho_CameraAwayCorrection(int32_t kind, double flying_height, d
  * unusable. */
 EPHO_EXPORT Emsc_Boolean epho_Get3x4ParFromInnerOuter(const double* inner, const double* outer,
                                                       double focal, int32_t rotation_system,
-                                                      int32_t photo_direction, double* matrix);
+                                                      int32_t photo_direction,
+                                                      double* matrix) KZDV_NOEXCEPT;
 
 /* Direction (out, 3 doubles, not normalised) in ground space of the ray
  * through film (x, y) of the projection matrix, oriented towards the scene
  * (the denominator row grows along it). Nonzero when the matrix gives no ray. */
 EPHO_EXPORT Emsc_Boolean epho_CameraImageToRay(const double* matrix, double x, double y,
-                                               double* direction);
+                                               double* direction) KZDV_NOEXCEPT;
 
 /* ---- Batch collinearity: arrays of points in one pass ------------------
  *
@@ -126,7 +129,7 @@ typedef struct Epho_FilmProjection {
 EPHO_EXPORT int32_t epho_CameraObjectToImageBatch(const Epho_FilmProjection* projection,
                                                   int32_t count, const double* X, const double* Y,
                                                   const double* Z, double* x, double* y,
-                                                  uint8_t* failed);
+                                                  uint8_t* failed) KZDV_NOEXCEPT;
 /* Film points (x[i], y[i]) at heights height[i] to the two other ground
  * coordinates (first[i], second[i]): X, Y, or X, Z when mode is 1. A point
  * whose 2x2 determinant is exactly 0 gets NaN outputs and failed[i] = 1.
@@ -134,7 +137,7 @@ EPHO_EXPORT int32_t epho_CameraObjectToImageBatch(const Epho_FilmProjection* pro
 EPHO_EXPORT int32_t epho_CameraImageAndZToXYBatch(const Epho_FilmProjection* projection,
                                                   int32_t count, const double* x, const double* y,
                                                   const double* height, double* first,
-                                                  double* second, uint8_t* failed);
+                                                  double* second, uint8_t* failed) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

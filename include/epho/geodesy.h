@@ -19,9 +19,9 @@ KZDV_BEGIN_C
 /* A datum object by name (case ignored); unknown names give a datum of
  * unknown kind (its shifts are 0). Null only on a null name or exhaustion.
  * Free with epho_DatumDelete. */
-EPHO_EXPORT EphoDatum* epho_DatumGet(const Etxt_Char* name, Eerr_ErrorReport** err);
+EPHO_EXPORT EphoDatum* epho_DatumGet(const Etxt_Char* name, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Null is ignored. */
-EPHO_EXPORT void epho_DatumDelete(EphoDatum* datum);
+EPHO_EXPORT void epho_DatumDelete(EphoDatum* datum) KZDV_NOEXCEPT;
 
 /* Height shift s, in metres, at (longitude, latitude) in radians, such that a
  * height Z above datumB is Z - s above datumA: for datumA an ellipsoidal
@@ -33,10 +33,11 @@ EPHO_EXPORT void epho_DatumDelete(EphoDatum* datum);
  * the first time that happens for a datum a warning naming the missing grid
  * is printed (eerr_PrintErrorReport), and epho_DatumZShiftNote tells why. */
 EPHO_EXPORT double epho_CalculateZShift(const EphoDatum* datumA, const EphoDatum* datumB,
-                                        double longitude, double latitude);
+                                        double longitude, double latitude) KZDV_NOEXCEPT;
 /* Why epho_CalculateZShift gives 0 for this pair, as heap text (emsc_HeapFree),
  * or null when the shift is computed from a geoid model. */
-EPHO_EXPORT Etxt_Char* epho_DatumZShiftNote(const EphoDatum* datumA, const EphoDatum* datumB);
+EPHO_EXPORT Etxt_Char* epho_DatumZShiftNote(const EphoDatum* datumA,
+                                            const EphoDatum* datumB) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

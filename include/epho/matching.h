@@ -35,58 +35,59 @@ KZDV_BEGIN_C
 EPHO_EXPORT double epho_CrossCoefByteNoResample(const uint8_t* left, const uint8_t* right,
                                                 uint32_t leftStride, uint32_t rightStride,
                                                 uint32_t lx, uint32_t ly, uint32_t rx, uint32_t ry,
-                                                int16_t width, int16_t height);
+                                                int16_t width, int16_t height) KZDV_NOEXCEPT;
 EPHO_EXPORT double epho_CrossCoefU16NoResample(const uint16_t* left, const uint16_t* right,
                                                uint32_t leftStride, uint32_t rightStride,
                                                uint32_t lx, uint32_t ly, uint32_t rx, uint32_t ry,
-                                               int16_t width, int16_t height);
+                                               int16_t width, int16_t height) KZDV_NOEXCEPT;
 /* U32 pixels are unsigned: 0x80000000 and above are large positive values. */
 EPHO_EXPORT double epho_CrossCoefU32NoResample(const uint32_t* left, const uint32_t* right,
                                                uint32_t leftStride, uint32_t rightStride,
                                                uint32_t lx, uint32_t ly, uint32_t rx, uint32_t ry,
-                                               int16_t width, int16_t height);
+                                               int16_t width, int16_t height) KZDV_NOEXCEPT;
 EPHO_EXPORT double epho_CrossCoefFloatNoResample(const float* left, const float* right,
                                                  uint32_t leftStride, uint32_t rightStride,
                                                  uint32_t lx, uint32_t ly, uint32_t rx, uint32_t ry,
-                                                 int16_t width, int16_t height);
+                                                 int16_t width, int16_t height) KZDV_NOEXCEPT;
 EPHO_EXPORT double epho_CrossCoefDoubleNoResample(const double* left, const double* right,
                                                   uint32_t leftStride, uint32_t rightStride,
                                                   uint32_t lx, uint32_t ly, uint32_t rx,
-                                                  uint32_t ry, int16_t width, int16_t height);
+                                                  uint32_t ry, int16_t width,
+                                                  int16_t height) KZDV_NOEXCEPT;
 
 /* Both windows at sub-pixel positions, not turned (half-pixel centres). */
 EPHO_EXPORT double epho_CrossCoefByteNoRotation(const uint8_t* left, const uint8_t* right,
                                                 uint32_t leftStride, uint32_t rightStride,
                                                 double lx, double ly, double rx, double ry,
-                                                int16_t width, int16_t height);
+                                                int16_t width, int16_t height) KZDV_NOEXCEPT;
 EPHO_EXPORT double epho_CrossCoefDoubleNoRotation(const double* left, const double* right,
                                                   uint32_t leftStride, uint32_t rightStride,
                                                   double lx, double ly, double rx, double ry,
-                                                  int16_t width, int16_t height);
+                                                  int16_t width, int16_t height) KZDV_NOEXCEPT;
 
 /* Each window at a sub-pixel position and turned by its own angle. */
 EPHO_EXPORT double epho_CrossCoefByteBothResample(const uint8_t* left, const uint8_t* right,
                                                   uint32_t leftStride, uint32_t rightStride,
                                                   double leftAngle, double rightAngle, double lx,
                                                   double ly, double rx, double ry, int16_t width,
-                                                  int16_t height);
+                                                  int16_t height) KZDV_NOEXCEPT;
 EPHO_EXPORT double epho_CrossCoefDoubleBothResample(const double* left, const double* right,
                                                     uint32_t leftStride, uint32_t rightStride,
                                                     double leftAngle, double rightAngle, double lx,
                                                     double ly, double rx, double ry, int16_t width,
-                                                    int16_t height);
+                                                    int16_t height) KZDV_NOEXCEPT;
 
 /* Left window at whole pixels, not turned; right window sub-pixel, turned. */
 EPHO_EXPORT double epho_CrossCoefByteRightResample(const uint8_t* left, const uint8_t* right,
                                                    uint32_t leftStride, uint32_t rightStride,
                                                    double angle, uint32_t lx, uint32_t ly,
                                                    double rx, double ry, int16_t width,
-                                                   int16_t height);
+                                                   int16_t height) KZDV_NOEXCEPT;
 EPHO_EXPORT double epho_CrossCoefDoubleRightResample(const double* left, const double* right,
                                                      uint32_t leftStride, uint32_t rightStride,
                                                      double angle, uint32_t lx, uint32_t ly,
                                                      double rx, double ry, int16_t width,
-                                                     int16_t height);
+                                                     int16_t height) KZDV_NOEXCEPT;
 
 /* Left window at whole pixels; right window shifted by a sub-pixel amount.
  * NOTE the other pixel convention: here pixel centres are at whole numbers,
@@ -97,30 +98,30 @@ EPHO_EXPORT double epho_CrossCoefDoubleRightResample(const double* left, const d
 EPHO_EXPORT double epho_CrossCoefByteShift(const uint8_t* left, const uint8_t* right,
                                            uint32_t leftStride, uint32_t rightStride, int32_t lx,
                                            int32_t ly, double rx, double ry, uint32_t halfWidth,
-                                           uint32_t halfHeight);
+                                           uint32_t halfHeight) KZDV_NOEXCEPT;
 EPHO_EXPORT double epho_CrossCoefU32Shift(const uint32_t* left, const uint32_t* right,
                                           uint32_t leftStride, uint32_t rightStride, int32_t lx,
                                           int32_t ly, double rx, double ry, uint32_t halfWidth,
-                                          uint32_t halfHeight);
+                                          uint32_t halfHeight) KZDV_NOEXCEPT;
 
 /* Window sums over the 2*halfWidth+1 by 2*halfHeight+1 window centred on
  * (x, y). Half sizes whose signed value is negative give an empty window:
  * sums 0. *sum and *sumSquares are set to 0 first. */
 EPHO_EXPORT void epho_getPixelSumSquareSumByte(const uint8_t* image, uint32_t stride, int32_t x,
                                                int32_t y, uint32_t halfWidth, uint32_t halfHeight,
-                                               double* sum, double* sumSquares);
+                                               double* sum, double* sumSquares) KZDV_NOEXCEPT;
 EPHO_EXPORT void epho_getPixelSumSquareSumU32(const uint32_t* image, uint32_t stride, int32_t x,
                                               int32_t y, uint32_t halfWidth, uint32_t halfHeight,
-                                              double* sum, double* sumSquares);
+                                              double* sum, double* sumSquares) KZDV_NOEXCEPT;
 /* Sum over i, j of A(x1+j, y1+i) * B(x2+j, y2+i), same window rule. */
 EPHO_EXPORT double epho_getCrossSumByte(const uint8_t* first, uint32_t firstStride, int32_t x1,
                                         int32_t y1, const uint8_t* second, uint32_t secondStride,
                                         int32_t x2, int32_t y2, uint32_t halfWidth,
-                                        uint32_t halfHeight);
+                                        uint32_t halfHeight) KZDV_NOEXCEPT;
 EPHO_EXPORT double epho_getCrossSumU32(const uint32_t* first, uint32_t firstStride, int32_t x1,
                                        int32_t y1, const uint32_t* second, uint32_t secondStride,
                                        int32_t x2, int32_t y2, uint32_t halfWidth,
-                                       uint32_t halfHeight);
+                                       uint32_t halfHeight) KZDV_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* Least-squares correlation: refines one right-image position (column *rx,
@@ -149,13 +150,13 @@ EPHO_EXPORT int16_t epho_OnePtLSCByte(const uint8_t* left, int32_t leftStride, d
                                       int32_t rightStride, double rightAngle, double* rx,
                                       double* ry, int16_t width, int16_t height,
                                       int16_t maxIterations, float convergence, float maxShift,
-                                      Eerr_ErrorReport** err);
+                                      Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 EPHO_EXPORT int16_t epho_OnePtLSCDouble(const double* left, int32_t leftStride, double leftAngle,
                                         double lx, double ly, const double* right,
                                         int32_t rightStride, double rightAngle, double* rx,
                                         double* ry, int16_t width, int16_t height,
                                         int16_t maxIterations, float convergence, float maxShift,
-                                        Eerr_ErrorReport** err);
+                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Template read in place at whole pixels around left pixel (lx, ly), not
  * turned; window 2*halfWidth+1 by 2*halfHeight+1. Template pixel lx lines up
  * with right position lx + 0.5 (half-pixel centres on the right side). The
@@ -167,12 +168,12 @@ EPHO_EXPORT int16_t epho_OnePtLSCByteHalf(const uint8_t* left, int32_t leftStrid
                                           int32_t ly, const uint8_t* right, int32_t rightStride,
                                           double* rx, double* ry, uint32_t halfWidth,
                                           uint32_t halfHeight, int16_t maxIterations,
-                                          float convergence, float maxShift);
+                                          float convergence, float maxShift) KZDV_NOEXCEPT;
 EPHO_EXPORT int16_t epho_OnePtLSCU32(const uint32_t* left, int32_t leftStride, int32_t lx,
                                      int32_t ly, const uint32_t* right, int32_t rightStride,
                                      double* rx, double* ry, uint32_t halfWidth,
                                      uint32_t halfHeight, int16_t maxIterations, float convergence,
-                                     float maxShift);
+                                     float maxShift) KZDV_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* Gradient angle: the dominant gradient direction of a window, so that a
@@ -188,10 +189,11 @@ EPHO_EXPORT int16_t epho_OnePtLSCU32(const uint32_t* left, int32_t leftStride, i
  * of a smoothed 36-bin direction histogram refined by a parabola.
  * Returns 0, or 1 when the window has no gradient (flat; angle set to 0). */
 EPHO_EXPORT int epho_GradiAngleByte(const uint8_t* image, uint32_t stride, int32_t x, int32_t y,
-                                    uint32_t halfWidth, uint32_t halfHeight, double* angle_radians);
+                                    uint32_t halfWidth, uint32_t halfHeight,
+                                    double* angle_radians) KZDV_NOEXCEPT;
 EPHO_EXPORT int epho_GradiAngleDouble(const double* image, uint32_t stride, int32_t x, int32_t y,
                                       uint32_t halfWidth, uint32_t halfHeight,
-                                      double* angle_radians);
+                                      double* angle_radians) KZDV_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* Symmetry centre of a mark (fiducial cross, circle, ring) near pixel (x, y):
@@ -211,7 +213,7 @@ EPHO_EXPORT int epho_GradiAngleDouble(const double* image, uint32_t stride, int3
 EPHO_EXPORT int epho_FindSymmetryCenter(const uint32_t* image, uint32_t stride, int32_t x,
                                         int32_t y, uint32_t halfWidth, uint32_t halfHeight,
                                         uint32_t searchRadius, double* centre_x, double* centre_y,
-                                        double* coefficient);
+                                        double* coefficient) KZDV_NOEXCEPT;
 
 /* ------------------------------------------------------------------------ */
 /* Template search: the best whole-pixel NCC position of a left window inside
@@ -250,17 +252,18 @@ typedef struct Epho_NccPeak {
  * (0 when the arguments are out of range). The same size serves both pixel
  * types. */
 EPHO_EXPORT size_t epho_NccSearchScratchBytes(uint32_t halfWidth, uint32_t halfHeight,
-                                              uint32_t rangeColumns, uint32_t rangeRows);
+                                              uint32_t rangeColumns,
+                                              uint32_t rangeRows) KZDV_NOEXCEPT;
 EPHO_EXPORT int epho_NccSearchByte(const uint8_t* left, const uint8_t* right, uint32_t leftStride,
                                    uint32_t rightStride, uint32_t lx, uint32_t ly,
                                    uint32_t halfWidth, uint32_t halfHeight, uint32_t rxMin,
                                    uint32_t ryMin, uint32_t rxMax, uint32_t ryMax, void* scratch,
-                                   size_t scratchBytes, Epho_NccPeak* peak);
+                                   size_t scratchBytes, Epho_NccPeak* peak) KZDV_NOEXCEPT;
 EPHO_EXPORT int epho_NccSearchFloat(const float* left, const float* right, uint32_t leftStride,
                                     uint32_t rightStride, uint32_t lx, uint32_t ly,
                                     uint32_t halfWidth, uint32_t halfHeight, uint32_t rxMin,
                                     uint32_t ryMin, uint32_t rxMax, uint32_t ryMax, void* scratch,
-                                    size_t scratchBytes, Epho_NccPeak* peak);
+                                    size_t scratchBytes, Epho_NccPeak* peak) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

@@ -39,7 +39,8 @@ KZDV_BEGIN_C
 EPHO_EXPORT Emsc_Boolean epho_Resection(const double* film_xy, const double* ground_xyz,
                                         int32_t count, double focal, int32_t rotation_system,
                                         Emsc_Boolean use_approximation, double* outer,
-                                        double* sigma, double* sigma0, Eerr_ErrorReport** err);
+                                        double* sigma, double* sigma0,
+                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* Least-squares intersection of `count` >= 2 rays (origins `origins_xyz`,
  * directions `directions_xyz`, need not be unit length): the point (out, 3
@@ -51,7 +52,7 @@ EPHO_EXPORT Emsc_Boolean epho_GetIntersectionWithPointRays(const double* origins
                                                            const double* directions_xyz,
                                                            int32_t count, double* point_xyz,
                                                            double* rms_distance,
-                                                           Eerr_ErrorReport** err);
+                                                           Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* Inner and outer orientation of the 11-parameter DLT
  *   x = (L0 X + L1 Y + L2 Z + L3) / (L8 X + L9 Y + L10 Z + 1),
@@ -63,7 +64,8 @@ EPHO_EXPORT Emsc_Boolean epho_GetIntersectionWithPointRays(const double* origins
  * convention above. `outer` (out, 6 doubles) in the rotation system given.
  * Fails when the left 3x3 block of the DLT is singular or not finite. */
 EPHO_EXPORT Emsc_Boolean epho_DLT2Camera(const double* dlt, int32_t rotation_system,
-                                         double* interior, double* outer, Eerr_ErrorReport** err);
+                                         double* interior, double* outer,
+                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* Planar projective transform from `count` >= 4 point pairs, least squares
  * (normalised linear fit):
@@ -74,11 +76,12 @@ EPHO_EXPORT Emsc_Boolean epho_DLT2Camera(const double* dlt, int32_t rotation_sys
  * `to_xy`. Fails on fewer than 4 points, on three of four points on a line
  * (or all on one line), and when the fit has a vanishing constant term. */
 EPHO_EXPORT Emsc_Boolean epho_DeriveDLT2D(const double* from_xy, const double* to_xy, int32_t count,
-                                          double* coeffs, double* rms, Eerr_ErrorReport** err);
+                                          double* coeffs, double* rms,
+                                          Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Applies the coefficients of epho_DeriveDLT2D. Numeric kernel: returns
  * nonzero (outputs untouched) when the denominator is exactly 0. */
 EPHO_EXPORT Emsc_Boolean epho_ApplyDLT2D(const double* coeffs, double x, double y, double* X,
-                                         double* Y);
+                                         double* Y) KZDV_NOEXCEPT;
 
 /* 7-parameter 3D similarity to = s R from + t from `count` >= 3 point pairs
  * (closed-form least squares). `scale` (out), `rotation` (out, 9 doubles
@@ -88,7 +91,7 @@ EPHO_EXPORT Emsc_Boolean epho_ApplyDLT2D(const double* coeffs, double x, double 
 EPHO_EXPORT Emsc_Boolean epho_Solve3DLinearTrans(const double* from_xyz, const double* to_xyz,
                                                  int32_t count, double* scale, double* rotation,
                                                  double* translation, double* rms,
-                                                 Eerr_ErrorReport** err);
+                                                 Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

@@ -27,24 +27,24 @@ KZDV_BEGIN_C
  * point 0 (not the least-squares scale), shifts through the means.
  * EMSC_TRUE when n < 2. */
 EPHO_EXPORT Emsc_Boolean epho_Similar(int32_t n, const double* source_xy, const double* target_xy,
-                                      double* similarity_tx_ty_scale_angle);
+                                      double* similarity_tx_ty_scale_angle) KZDV_NOEXCEPT;
 
 /* Least-squares offset-first affine (n == 2: the similarity, no shear).
  * Returns 0 on success, 1 when n < 2 (output untouched), 2 when the normal
  * matrix is singular: the output then holds the right-hand sums that were
  * accumulated in it (sum X, x*X, y*X, Y, x*Y, y*Y), not a transform. */
 EPHO_EXPORT int32_t epho_Affine(int32_t n, const double* source_xy, const double* target_xy,
-                                double* offset_first_affine);
+                                double* offset_first_affine) KZDV_NOEXCEPT;
 
 /* Linearised least-squares projective transform (8 coefficients).
  * Returns 0 on success, 1 when n < 4, 2 when the normal matrix of the affine
  * part is singular; a singular 2x2 perspective block yields Inf/NaN. */
 EPHO_EXPORT int32_t epho_Perspect(int32_t n, const double* source_xy, const double* target_xy,
-                                  double* projective_coefficients);
+                                  double* projective_coefficients) KZDV_NOEXCEPT;
 
 /* Replaces an offset-first affine by its inverse transform; EMSC_TRUE (and
  * unchanged) when a1*a5 - a4*a2 is 0.0. */
-EPHO_EXPORT Emsc_Boolean epho_ReverseAffine(double* offset_first_affine);
+EPHO_EXPORT Emsc_Boolean epho_ReverseAffine(double* offset_first_affine) KZDV_NOEXCEPT;
 
 /* Bounding box (x0, y0, x1, y1) of a rectangle's four corners mapped by an
  * offset-first affine, each coordinate moved outwards by one: truncated
@@ -52,7 +52,8 @@ EPHO_EXPORT Emsc_Boolean epho_ReverseAffine(double* offset_first_affine);
  * (so 0.5 gives 1, -0.5 gives -1; saturated to the 32-bit range, NaN gives
  * the minimum). Returns rect_out. */
 EPHO_EXPORT int32_t* epho_GetNewBondingBox(const int32_t* rect_in,
-                                           const double* offset_first_affine, int32_t* rect_out);
+                                           const double* offset_first_affine,
+                                           int32_t* rect_out) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

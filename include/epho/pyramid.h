@@ -44,10 +44,10 @@ KZDV_BEGIN_C
  * levels from before and its size exactly as they were, and removes the copy.
  * The image's folder must be writable, and must have room for the copy. */
 EPHO_EXPORT void epho_ComputePyramidLayers3x3(const Etxt_Char* file_name, Emet_MeterInfo* meter,
-                                              Eerr_ErrorReport** err);
+                                              Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* The number of binomial levels a layer of width x height pixels gets. */
-EPHO_EXPORT long epho_PyramidLevelCount(long width, long height);
+EPHO_EXPORT long epho_PyramidLevelCount(long width, long height) KZDV_NOEXCEPT;
 
 /* EMSC_TRUE when every layer of `file_name` has usable binomial levels made
  * by epho_ComputePyramidLayers3x3: the level count of the rule above, each
@@ -57,18 +57,19 @@ EPHO_EXPORT long epho_PyramidLevelCount(long width, long height);
  * when the file cannot be examined or its pixels cannot have such levels
  * (1-bit, 2-bit, complex). */
 EPHO_EXPORT Emsc_Boolean epho_PyramidLayersCheck(const Etxt_Char* file_name,
-                                                 Eerr_ErrorReport** err);
+                                                 Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* As epho_PyramidLayersCheck, but also accepts levels made by another
  * algorithm (reduced-resolution sets of other tools) when count and sizes
  * fit. */
 EPHO_EXPORT Emsc_Boolean epho_PyramidLayersCheckAllowRSETS(const Etxt_Char* file_name,
-                                                           Eerr_ErrorReport** err);
+                                                           Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* The range [*minimum, *maximum] of a layer's valid pixel values, the null
  * value excluded (read from stored statistics or computed and stored). Fails
  * when the layer has no valid pixel. */
 EPHO_EXPORT Emsc_Boolean epho_LayerEffectiveRangeGet(const Etxt_Char* layer_name, double* minimum,
-                                                     double* maximum, Eerr_ErrorReport** err);
+                                                     double* maximum,
+                                                     Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* Name of the proxy file that stands for `file_name` in the temporary
  * directory: "<temp dir><file root in lower case>-<16 hex digits>.uai". The
@@ -78,7 +79,8 @@ EPHO_EXPORT Emsc_Boolean epho_LayerEffectiveRangeGet(const Etxt_Char* layer_name
  * file system "dem.tif" and "DEM.tif" get two proxies. A file that cannot be
  * examined hashes its expanded path as written. Heap string; free with
  * emsc_HeapFree. */
-EPHO_EXPORT Etxt_Char* epho_ProxyImageNameGet(const Etxt_Char* file_name, Eerr_ErrorReport** err);
+EPHO_EXPORT Etxt_Char* epho_ProxyImageNameGet(const Etxt_Char* file_name,
+                                              Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

@@ -138,12 +138,14 @@ KZDV_BEGIN_C
  * The ground step of the numerical derivatives is the ground size of one
  * pixel at the centre of each image, averaged over the images; the forward
  * intersection is the least-squares point nearest to the rays. */
-EPHO_EXPORT int32_t epho_TriRefine(Epho_TriRefineInput* input, Eerr_ErrorReport** err);
+EPHO_EXPORT int32_t epho_TriRefine(Epho_TriRefineInput* input,
+                                   Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* Frees every array the caller and the run attached to the record (the
  * images' arrays and transforms, the image, ground and result arrays, the two
  * unit strings) and nulls the pointers. Null is accepted. */
-EPHO_EXPORT void epho_FreeTriRefineMemory(Epho_TriRefineInput* input, Eerr_ErrorReport** err);
+EPHO_EXPORT void epho_FreeTriRefineMemory(Epho_TriRefineInput* input,
+                                          Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

@@ -21,23 +21,24 @@ KZDV_BEGIN_C
 
 KZDV_EXPORT Emsc_Boolean emod_GeographicToGeocentric(double longitude, double latitude,
                                                      double height, double* X, double* Y, double* Z,
-                                                     double e2, double a);
+                                                     double e2, double a) KZDV_NOEXCEPT;
 /* Exact closed form (no iteration); valid everywhere except within about
  * 40 km of the Earth's centre. At the poles the longitude is atan2(Y, X)
  * (0 on the axis itself). */
 KZDV_EXPORT Emsc_Boolean emod_GeocentricToGeographic(double X, double Y, double Z,
                                                      double* longitude, double* latitude,
-                                                     double* height, double e2, double a);
+                                                     double* height, double e2,
+                                                     double a) KZDV_NOEXCEPT;
 /* The tangent-plane frame at (lat0, lon0, h0) (radians, metres). */
 KZDV_EXPORT Emsc_Boolean emod_DeriveTp2GcTransform(double lat0, double lon0, double h0, double a,
-                                                   double e2,
-                                                   double frame[EMOD_TANGENT_FRAME_SIZE]);
-KZDV_EXPORT Emsc_Boolean emod_GeocentricToTangentPlane(double Xg, double Yg, double Zg, double* Xt,
-                                                       double* Yt, double* Zt,
-                                                       const double frame[EMOD_TANGENT_FRAME_SIZE]);
-KZDV_EXPORT Emsc_Boolean emod_TangentPlaneToGeocentric(double Xt, double Yt, double Zt, double* Xg,
-                                                       double* Yg, double* Zg,
-                                                       const double frame[EMOD_TANGENT_FRAME_SIZE]);
+                                                   double e2, double frame[EMOD_TANGENT_FRAME_SIZE])
+    KZDV_NOEXCEPT;
+KZDV_EXPORT Emsc_Boolean
+emod_GeocentricToTangentPlane(double Xg, double Yg, double Zg, double* Xt, double* Yt, double* Zt,
+                              const double frame[EMOD_TANGENT_FRAME_SIZE]) KZDV_NOEXCEPT;
+KZDV_EXPORT Emsc_Boolean
+emod_TangentPlaneToGeocentric(double Xt, double Yt, double Zt, double* Xg, double* Yg, double* Zg,
+                              const double frame[EMOD_TANGENT_FRAME_SIZE]) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

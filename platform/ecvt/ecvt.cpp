@@ -6,6 +6,8 @@
 #include <cwctype>
 #include <string>
 
+#include "platform/eerr/error_frame.h"
+
 namespace {
 
 enum class Kind { kLinear, kAngular };
@@ -77,7 +79,7 @@ const Unit* Find(const Etxt_Char* name) {
 }  // namespace
 
 Emsc_Boolean ecvt_UnitsConvertByName(const Etxt_Char* from, const Etxt_Char* to, long count,
-                                     double* values, long* status) {
+                                     double* values, long* status) KZDV_NOEXCEPT try {
   const Unit* a = Find(from);
   const Unit* b = Find(to);
   if (!a || !b || a->kind != b->kind || count < 0 || (count > 0 && !values)) {
@@ -91,8 +93,10 @@ Emsc_Boolean ecvt_UnitsConvertByName(const Etxt_Char* from, const Etxt_Char* to,
   if (status) *status = 0;
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(nullptr, EMSC_FALSE)
 
-double ecvt_UnitFactor(const Etxt_Char* unit) {
+double ecvt_UnitFactor(const Etxt_Char* unit) KZDV_NOEXCEPT try {
   const Unit* u = Find(unit);
   return u ? u->to_base : 0.0;
 }
+EERR_BOUNDARY(nullptr, 0.0)

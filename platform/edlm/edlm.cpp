@@ -5,7 +5,7 @@
 #include <new>
 #include <vector>
 
-#include "eerr_frame.hpp"
+#include "platform/eerr/error_frame.h"
 
 struct _edlm_list {
   long element_size;
@@ -25,7 +25,8 @@ void FreeElement(const _edlm_list* list, void* element) {
 }  // namespace
 
 _edlm_list* edlm_InitList(long element_size, long initial_count, Edlm_FreeFunction free_element,
-                          Edlm_CopyFunction copy_element, Eerr_ErrorReport** err) {
+                          Edlm_CopyFunction copy_element, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   kzdv::ErrorFrame frame(L"edlm_InitList", err);
   EERR_FAIL_IF(element_size <= 0, frame, nullptr, L"Invalid list element size %ld", element_size);
   EERR_FAIL_IF(initial_count < 0, frame, nullptr, L"Invalid list size %ld", initial_count);
@@ -39,16 +40,19 @@ _edlm_list* edlm_InitList(long element_size, long initial_count, Edlm_FreeFuncti
     EERR_FAIL(frame, nullptr, L"Out of memory");
   }
 }
+EERR_BOUNDARY(err, nullptr)
 
-long edlm_CountList(const _edlm_list* list) {
+long edlm_CountList(const _edlm_list* list) KZDV_NOEXCEPT {
   return list ? static_cast<long>(list->items.size()) : 0;
 }
 
-Emsc_Boolean edlm_Add(_edlm_list* list, void* element, Eerr_ErrorReport** err) {
+Emsc_Boolean edlm_Add(_edlm_list* list, void* element, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   return edlm_Insert(list, edlm_CountList(list), element, err);
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-Emsc_Boolean edlm_Insert(_edlm_list* list, long index, void* element, Eerr_ErrorReport** err) {
+Emsc_Boolean edlm_Insert(_edlm_list* list, long index, void* element,
+                         Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"edlm_Insert", err);
   EERR_FAIL_IF(!list, frame, EMSC_FALSE, L"Null list");
   EERR_FAIL_IF(index < 0 || index > edlm_CountList(list), frame, EMSC_FALSE,
@@ -60,16 +64,18 @@ Emsc_Boolean edlm_Insert(_edlm_list* list, long index, void* element, Eerr_Error
   }
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-void* edlm_GetAddr(const _edlm_list* list, long index, Eerr_ErrorReport** err) {
+void* edlm_GetAddr(const _edlm_list* list, long index, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"edlm_GetAddr", err);
   EERR_FAIL_IF(!list, frame, nullptr, L"Null list");
   EERR_FAIL_IF(index < 0 || index >= edlm_CountList(list), frame, nullptr,
                L"List index %ld out of range 0..%ld", index, edlm_CountList(list) - 1);
   return list->items[static_cast<size_t>(index)];
 }
+EERR_BOUNDARY(err, nullptr)
 
-void* edlm_Remove(_edlm_list* list, long index, Eerr_ErrorReport** err) {
+void* edlm_Remove(_edlm_list* list, long index, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"edlm_Remove", err);
   EERR_FAIL_IF(!list, frame, nullptr, L"Null list");
   EERR_FAIL_IF(index < 0 || index >= edlm_CountList(list), frame, nullptr,
@@ -78,16 +84,17 @@ void* edlm_Remove(_edlm_list* list, long index, Eerr_ErrorReport** err) {
   list->items.erase(list->items.begin() + index);
   return element;
 }
+EERR_BOUNDARY(err, nullptr)
 
-void edlm_FreeList(_edlm_list* list) { delete list; }
+void edlm_FreeList(_edlm_list* list) KZDV_NOEXCEPT { delete list; }
 
-void edlm_FreeListAndContents(_edlm_list* list) {
+void edlm_FreeListAndContents(_edlm_list* list) KZDV_NOEXCEPT {
   if (!list) return;
   for (void* e : list->items) FreeElement(list, e);
   delete list;
 }
 
-_edlm_list* edlm_CopyList(const _edlm_list* list, Eerr_ErrorReport** err) {
+_edlm_list* edlm_CopyList(const _edlm_list* list, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"edlm_CopyList", err);
   EERR_FAIL_IF(!list, frame, nullptr, L"Null list");
   std::unique_ptr<_edlm_list, void (*)(_edlm_list*)> copy(
@@ -113,3 +120,4 @@ _edlm_list* edlm_CopyList(const _edlm_list* list, Eerr_ErrorReport** err) {
   }
   return copy.release();
 }
+EERR_BOUNDARY(err, nullptr)

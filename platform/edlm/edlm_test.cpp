@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/eerr/error_frame.h"
+
 namespace {
 
 struct Point {

@@ -1,11 +1,13 @@
 #include "eerr.h"
 
 #include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
 
-#include "eerr_frame.hpp"
 #include "platform/eerr/eerr_print.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 
 namespace {
 
@@ -32,15 +34,16 @@ Eerr_ErrorReport* MakeReport(const Etxt_Char* function, long site, int severity,
 
 Eerr_ErrorReport* eerr_CreateErrorReport(const Etxt_Char* function, long site, int severity,
                                          Eerr_ErrorReport* previous, const Etxt_Char* message,
-                                         ...) {
+                                         ...) KZDV_NOEXCEPT try {
   va_list ap;
   va_start(ap, message);
   std::wstring text = kzdv::FormatV(message ? message : L"", ap);
   va_end(ap);
   return MakeReport(function, site, severity, previous, text);
 }
+EERR_BOUNDARY(nullptr, nullptr)
 
-void eerr_DeleteErrorReport(Eerr_ErrorReport* report) {
+void eerr_DeleteErrorReport(Eerr_ErrorReport* report) KZDV_NOEXCEPT {
   // Iterative so that a long chain cannot exhaust the stack.
   while (report) {
     Eerr_ErrorReport* prev = report->previous;
@@ -51,11 +54,12 @@ void eerr_DeleteErrorReport(Eerr_ErrorReport* report) {
   }
 }
 
-void eerr_DeleteErrorReportEx(Eerr_ErrorReport** report) {
+void eerr_DeleteErrorReportEx(Eerr_ErrorReport** report) KZDV_NOEXCEPT try {
   if (!report) return;
   eerr_DeleteErrorReport(*report);
   *report = nullptr;
 }
+EERR_BOUNDARY(report, )
 
 static const wchar_t* SeverityName(int severity) {
   switch (severity) {
@@ -85,7 +89,8 @@ bool kzdv::ReportContains(const Eerr_ErrorReport* report, const std::wstring& me
   return false;
 }
 
-void eerr_PrintErrorReport(const Eerr_ErrorReport* report, FILE* stream, int /*flags*/) {
+void eerr_PrintErrorReport(const Eerr_ErrorReport* report, FILE* stream,
+                           int /*flags*/) KZDV_NOEXCEPT try {
   if (!report) return;
   std::lock_guard<std::mutex> lock(g_print_mutex);
   if (g_handler) {
@@ -95,14 +100,16 @@ void eerr_PrintErrorReport(const Eerr_ErrorReport* report, FILE* stream, int /*f
   std::string text = kzdv::ToUtf8(kzdv::ReportText(report));
   std::fprintf(stream ? stream : stderr, "%s\n", text.c_str());
 }
+EERR_BOUNDARY(nullptr, )
 
-Eerr_PrintHandler eerr_SetPrintHandler(Eerr_PrintHandler handler, void* context) {
+Eerr_PrintHandler eerr_SetPrintHandler(Eerr_PrintHandler handler, void* context) KZDV_NOEXCEPT try {
   std::lock_guard<std::mutex> lock(g_print_mutex);
   Eerr_PrintHandler old = g_handler;
   g_handler = handler;
   g_handler_context = context;
   return old;
 }
+EERR_BOUNDARY(nullptr, nullptr)
 
 void kzdv::CurrentPrintHandler(Eerr_PrintHandler* handler, void** context) {
   std::lock_guard<std::mutex> lock(g_print_mutex);
@@ -110,14 +117,15 @@ void kzdv::CurrentPrintHandler(Eerr_PrintHandler* handler, void** context) {
   *context = g_handler_context;
 }
 
-const Eerr_ErrorReport* eerr_ErrorReportInnermost(const Eerr_ErrorReport* report) {
+const Eerr_ErrorReport* eerr_ErrorReportInnermost(const Eerr_ErrorReport* report) KZDV_NOEXCEPT {
   while (report && report->previous) report = report->previous;
   return report;
 }
 
-Etxt_Char* eerr_ErrorReportText(const Eerr_ErrorReport* report) {
+Etxt_Char* eerr_ErrorReportText(const Eerr_ErrorReport* report) KZDV_NOEXCEPT try {
   return etxt_Text_strdup(kzdv::ReportText(report).c_str());
 }
+EERR_BOUNDARY(nullptr, nullptr)
 
 // ---------------------------------------------------------------- EerrException
 
@@ -230,6 +238,88 @@ void ErrorFrame::FailWithSeverity(long site, int severity, const Etxt_Char* mess
 
 void ErrorFrame::Adopt(Eerr_ErrorReport* report) {
   if (report) Store(report);
+}
+
+namespace {
+
+// A report link built with the C heap only, so that it can still be made
+// while std::bad_alloc is being handled.
+Eerr_ErrorReport* MakeLink(const char* function, long site, const Etxt_Char* message,
+                           Eerr_ErrorReport* previous) noexcept {
+  Etxt_Char name[128];
+  size_t n = 0;
+  for (; function && function[n] && n + 1 < sizeof name / sizeof name[0]; ++n)
+    name[n] = static_cast<unsigned char>(function[n]);
+  name[n] = 0;
+  auto* r = static_cast<Eerr_ErrorReport*>(emsc_HeapCalloc(1, sizeof(Eerr_ErrorReport)));
+  if (r) {
+    r->function = etxt_Text_strdup(name);
+    r->message = etxt_Text_strdup(message);
+  }
+  if (!r || !r->function || !r->message) {
+    if (r) eerr_DeleteErrorReport(r);
+    eerr_DeleteErrorReport(previous);
+    return nullptr;
+  }
+  r->site = site;
+  r->severity = EERR_SEVERITY_ERROR;
+  r->previous = previous;
+  return r;
+}
+
+}  // namespace
+
+void ReportEscaped(const char* function, long site, Eerr_ErrorReport** err) noexcept {
+  Eerr_ErrorReport* earlier = err ? *err : nullptr;
+  if (err) *err = nullptr;
+  Eerr_ErrorReport* report = nullptr;
+  try {
+    try {
+      throw;
+    } catch (EerrException& e) {
+      // Class code's own chain already names the method that failed.
+      report = e.Release();
+      if (earlier) eerr_DeleteErrorReport(earlier);
+      earlier = nullptr;
+    } catch (const std::bad_alloc&) {
+      report = MakeLink(function, site, L"Out of memory", earlier);
+      earlier = nullptr;
+    } catch (const std::exception& e) {
+      std::wstring what = FromUtf8(e.what());
+      report = MakeLink(function, site, what.c_str(), earlier);
+      earlier = nullptr;
+    } catch (...) {
+      report = MakeLink(function, site, L"Unknown exception", earlier);
+      earlier = nullptr;
+    }
+  } catch (...) {
+    // Converting the exception's text ran out of memory.
+    report = MakeLink(function, site, L"Out of memory", earlier);
+    earlier = nullptr;
+  }
+  if (!report) {
+    std::fprintf(stderr, "%s: Out of memory\n", function ? function : "");
+    return;
+  }
+  if (err) {
+    *err = report;
+    return;
+  }
+  // Printing can itself fail (a host's handler that throws lands here
+  // again): the nested report then goes plainly to standard error.
+  static thread_local bool printing = false;
+  if (printing) {
+    try {
+      std::fprintf(stderr, "%s\n", ToUtf8(ReportText(report)).c_str());
+    } catch (...) {
+      std::fprintf(stderr, "%s: Out of memory\n", function ? function : "");
+    }
+  } else {
+    printing = true;
+    eerr_PrintErrorReport(report, nullptr, 0);
+    printing = false;
+  }
+  eerr_DeleteErrorReport(report);
 }
 
 }  // namespace kzdv

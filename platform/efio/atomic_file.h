@@ -61,6 +61,7 @@
 #include <vector>
 
 #include "etxt.h"
+#include "platform/estr/utf8.h"
 
 namespace kzdv::efio {
 

@@ -12,6 +12,7 @@
 #include <sstream>
 #include <thread>
 
+#include "platform/estr/utf8.h"
 #include "test_util.h"
 
 namespace {

@@ -6,14 +6,16 @@
 #include <cstring>
 #include <string>
 
-#include "eerr_frame.hpp"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 
 struct Efio_File {
   FILE* stream;
   std::wstring name;
 };
 
-Efio_File* efio_Open(const Etxt_Char* name, const char* mode, Eerr_ErrorReport** err) {
+Efio_File* efio_Open(const Etxt_Char* name, const char* mode, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   kzdv::ErrorFrame frame(L"efio_Open", err);
   EERR_FAIL_IF(!name || !*name, frame, nullptr, L"No file name given");
   EERR_FAIL_IF(!mode || !*mode, frame, nullptr, L"No open mode given for %s", name);
@@ -26,8 +28,9 @@ Efio_File* efio_Open(const Etxt_Char* name, const char* mode, Eerr_ErrorReport**
   }
   return file;
 }
+EERR_BOUNDARY(err, nullptr)
 
-Emsc_Boolean efio_Close(Efio_File* file, Eerr_ErrorReport** err) {
+Emsc_Boolean efio_Close(Efio_File* file, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"efio_Close", err);
   if (!file) return EMSC_TRUE;
   const bool write_failed = std::ferror(file->stream) != 0;
@@ -38,8 +41,10 @@ Emsc_Boolean efio_Close(Efio_File* file, Eerr_ErrorReport** err) {
                name.c_str());
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-int efio_Fprintf(Efio_File* file, Eerr_ErrorReport** err, const Etxt_Char* format, ...) {
+int efio_Fprintf(Efio_File* file, Eerr_ErrorReport** err, const Etxt_Char* format,
+                 ...) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"efio_Fprintf", err);
   EERR_FAIL_IF(!file || !format, frame, -1, L"Null file or format");
   va_list ap;
@@ -51,8 +56,10 @@ int efio_Fprintf(Efio_File* file, Eerr_ErrorReport** err, const Etxt_Char* forma
                std::strerror(errno));
   return static_cast<int>(n);
 }
+EERR_BOUNDARY(err, -1)
 
-Etxt_Char* efio_Fgets(Etxt_Char* buffer, int limit, Efio_File* file, Eerr_ErrorReport** err) {
+Etxt_Char* efio_Fgets(Etxt_Char* buffer, int limit, Efio_File* file,
+                      Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"efio_Fgets", err);
   EERR_FAIL_IF(!buffer || limit < 2 || !file, frame, nullptr, L"Bad arguments");
   // Read UTF-8 bytes up to a newline; count decoded characters against the limit.
@@ -84,8 +91,9 @@ Etxt_Char* efio_Fgets(Etxt_Char* buffer, int limit, Efio_File* file, Eerr_ErrorR
   buffer[w.size()] = L'\0';
   return buffer;
 }
+EERR_BOUNDARY(err, nullptr)
 
-int efio_Fscanf(Efio_File* file, const char* format, ...) {
+int efio_Fscanf(Efio_File* file, const char* format, ...) KZDV_NOEXCEPT {
   if (!file || !format) return EOF;
   va_list ap;
   va_start(ap, format);
@@ -94,4 +102,4 @@ int efio_Fscanf(Efio_File* file, const char* format, ...) {
   return n;
 }
 
-FILE* efio_Stream(Efio_File* file) { return file ? file->stream : nullptr; }
+FILE* efio_Stream(Efio_File* file) KZDV_NOEXCEPT { return file ? file->stream : nullptr; }

@@ -8,21 +8,24 @@
 #include <random>
 #include <system_error>
 
-#include "eerr_frame.hpp"
 #include "efio.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/emsc/heap_ptr.h"
+#include "platform/estr/utf8.h"
 
 namespace fs = std::filesystem;
 
-int efio_FileNameExistAsFileOrDir(const Etxt_Char* name) {
+int efio_FileNameExistAsFileOrDir(const Etxt_Char* name) KZDV_NOEXCEPT try {
   if (!name || !*name) return EFIO_NOTHING;
   std::error_code ec;
   fs::file_status st = fs::status(fs::path(kzdv::ToUtf8(name)), ec);
   if (ec || !fs::exists(st)) return EFIO_NOTHING;
   return fs::is_directory(st) ? EFIO_DIRECTORY : EFIO_FILE;
 }
+EERR_BOUNDARY(nullptr, 0)
 
 Emsc_Boolean efio_FileCopy(const Etxt_Char* from, const Etxt_Char* to, int /*flags*/,
-                           void* /*meter*/, Eerr_ErrorReport** err) {
+                           void* /*meter*/, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"efio_FileCopy", err);
   EERR_FAIL_IF(!from || !to, frame, EMSC_FALSE, L"No file name given");
   std::error_code ec;
@@ -30,8 +33,9 @@ Emsc_Boolean efio_FileCopy(const Etxt_Char* from, const Etxt_Char* to, int /*fla
   EERR_FAIL_IF(ec, frame, EMSC_FALSE, L"Cannot copy %s to %s: %hs", from, to, ec.message().c_str());
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-Etxt_Char* efio_DirectoryGetTemporary(Eerr_ErrorReport** err) {
+Etxt_Char* efio_DirectoryGetTemporary(Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"efio_DirectoryGetTemporary", err);
   std::error_code ec;
   fs::path dir = fs::temp_directory_path(ec);
@@ -42,9 +46,10 @@ Etxt_Char* efio_DirectoryGetTemporary(Eerr_ErrorReport** err) {
   EERR_FAIL_IF(!out, frame, nullptr, L"Out of memory");
   return out;
 }
+EERR_BOUNDARY(err, nullptr)
 
 Etxt_Char* efio_TempName(const Etxt_Char* directory, const Etxt_Char* prefix,
-                         const Etxt_Char* extension, Eerr_ErrorReport** err) {
+                         const Etxt_Char* extension, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"efio_TempName", err);
   std::wstring dir;
   if (directory && *directory) {
@@ -75,9 +80,10 @@ Etxt_Char* efio_TempName(const Etxt_Char* directory, const Etxt_Char* prefix,
   }
   EERR_FAIL(frame, nullptr, L"Cannot create a temporary file in %s", dir.c_str());
 }
+EERR_BOUNDARY(err, nullptr)
 
 size_t etim_Strftime(Etxt_Char* buffer, size_t size, const Etxt_Char* format,
-                     const struct tm* time) {
+                     const struct tm* time) KZDV_NOEXCEPT {
   if (!buffer || !size || !format || !time) return 0;
   return std::wcsftime(buffer, size, format, time);
 }

@@ -4,8 +4,10 @@
 #include <memory>
 #include <string>
 
-#include "eerr_frame.hpp"
 #include "efio.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/emsc/heap_ptr.h"
+#include "platform/estr/utf8.h"
 
 namespace fs = std::filesystem;
 
@@ -18,7 +20,7 @@ size_t NodeStart(const std::wstring& s) { return s.find(L"(:"); }
 
 }  // namespace
 
-Etxt_Char* estr_GetPathPart(const Etxt_Char* path, Estr_PathPart part) {
+Etxt_Char* estr_GetPathPart(const Etxt_Char* path, Estr_PathPart part) KZDV_NOEXCEPT try {
   std::wstring p = path ? path : L"";
   const size_t slash = p.find_last_of(L"/\\");
   const std::wstring dir = slash == std::wstring::npos ? L"" : p.substr(0, slash + 1);
@@ -39,8 +41,9 @@ Etxt_Char* estr_GetPathPart(const Etxt_Char* path, Estr_PathPart part) {
   }
   return Dup(L"");
 }
+EERR_BOUNDARY(nullptr, nullptr)
 
-Etxt_Char* estr_PathExpand(const Etxt_Char* path, Eerr_ErrorReport** err) {
+Etxt_Char* estr_PathExpand(const Etxt_Char* path, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"estr_PathExpand", err);
   EERR_FAIL_IF(!path || !*path, frame, nullptr, L"No path given");
   std::string p = kzdv::ToUtf8(path);
@@ -56,16 +59,18 @@ Etxt_Char* estr_PathExpand(const Etxt_Char* path, Eerr_ErrorReport** err) {
   EERR_FAIL_IF(!r, frame, nullptr, L"Out of memory");
   return r;
 }
+EERR_BOUNDARY(err, nullptr)
 
-Estr_StringList* estr_StringListCreate(Eerr_ErrorReport** err) {
+Estr_StringList* estr_StringListCreate(Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"estr_StringListCreate", err);
   auto* list = static_cast<Estr_StringList*>(emsc_HeapCalloc(1, sizeof(Estr_StringList)));
   EERR_FAIL_IF(!list, frame, nullptr, L"Out of memory");
   return list;
 }
+EERR_BOUNDARY(err, nullptr)
 
 Emsc_Boolean estr_StringListAppend(Estr_StringList* list, const Etxt_Char* s,
-                                   Eerr_ErrorReport** err) {
+                                   Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"estr_StringListAppend", err);
   EERR_FAIL_IF(!list, frame, EMSC_FALSE, L"Null string list");
   Etxt_Char* copy = etxt_Text_strdup(s ? s : L"");
@@ -80,15 +85,16 @@ Emsc_Boolean estr_StringListAppend(Estr_StringList* list, const Etxt_Char* s,
   list->strings[list->count++] = copy;
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-void estr_StringListDelete(Estr_StringList* list) {
+void estr_StringListDelete(Estr_StringList* list) KZDV_NOEXCEPT {
   if (!list) return;
   for (long i = 0; i < list->count; ++i) emsc_HeapFree(list->strings[i]);
   emsc_HeapFree(list->strings);
   emsc_HeapFree(list);
 }
 
-Etxt_Char* efnp_FileNameGet(const Etxt_Char* file_node, Eerr_ErrorReport** err) {
+Etxt_Char* efnp_FileNameGet(const Etxt_Char* file_node, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"efnp_FileNameGet", err);
   EERR_FAIL_IF(!file_node, frame, nullptr, L"No file name given");
   std::wstring s = file_node;
@@ -97,8 +103,9 @@ Etxt_Char* efnp_FileNameGet(const Etxt_Char* file_node, Eerr_ErrorReport** err) 
   EERR_FAIL_IF(!r, frame, nullptr, L"Out of memory");
   return r;
 }
+EERR_BOUNDARY(err, nullptr)
 
-Etxt_Char* efnp_FileNodeGet(const Etxt_Char* file_node, Eerr_ErrorReport** err) {
+Etxt_Char* efnp_FileNodeGet(const Etxt_Char* file_node, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"efnp_FileNodeGet", err);
   std::unique_ptr<Estr_StringList, void (*)(Estr_StringList*)> nodes(
       efnp_FileNodeListGet(file_node, frame.Callee()), estr_StringListDelete);
@@ -112,9 +119,10 @@ Etxt_Char* efnp_FileNodeGet(const Etxt_Char* file_node, Eerr_ErrorReport** err) 
   EERR_FAIL_IF(!r, frame, nullptr, L"Out of memory");
   return r;
 }
+EERR_BOUNDARY(err, nullptr)
 
 Etxt_Char* efnp_FileNameSet(const Etxt_Char* file_name, const Etxt_Char* extension,
-                            Eerr_ErrorReport** err) {
+                            Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"efnp_FileNameSet", err);
   EERR_FAIL_IF(!file_name || !*file_name, frame, nullptr, L"No file name given");
   kzdv::HeapPtr<Etxt_Char> base(estr_GetPathPart(file_name, ESTR_PATH_NO_EXTENSION));
@@ -125,8 +133,10 @@ Etxt_Char* efnp_FileNameSet(const Etxt_Char* file_name, const Etxt_Char* extensi
   EERR_FAIL_IF(!r, frame, nullptr, L"Out of memory");
   return r;
 }
+EERR_BOUNDARY(err, nullptr)
 
-Estr_StringList* efnp_FileNodeListGet(const Etxt_Char* file_node, Eerr_ErrorReport** err) {
+Estr_StringList* efnp_FileNodeListGet(const Etxt_Char* file_node,
+                                      Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"efnp_FileNodeListGet", err);
   EERR_FAIL_IF(!file_node, frame, nullptr, L"No file name given");
   std::unique_ptr<Estr_StringList, void (*)(Estr_StringList*)> list(
@@ -145,9 +155,10 @@ Estr_StringList* efnp_FileNodeListGet(const Etxt_Char* file_node, Eerr_ErrorRepo
   }
   return list.release();
 }
+EERR_BOUNDARY(err, nullptr)
 
 Etxt_Char* efnp_FileNodeListSet(const Etxt_Char* file_name, const Estr_StringList* nodes,
-                                Eerr_ErrorReport** err) {
+                                Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"efnp_FileNodeListSet", err);
   EERR_FAIL_IF(!file_name, frame, nullptr, L"No file name given");
   std::wstring s = file_name;
@@ -159,3 +170,4 @@ Etxt_Char* efnp_FileNodeListSet(const Etxt_Char* file_name, const Estr_StringLis
   EERR_FAIL_IF(!r, frame, nullptr, L"Out of memory");
   return r;
 }
+EERR_BOUNDARY(err, nullptr)

@@ -5,6 +5,8 @@
 #include <fstream>
 #include <set>
 
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 #include "test_util.h"
 
 namespace {

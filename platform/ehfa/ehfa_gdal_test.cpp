@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "ehfa.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 #include "test_util.h"
 
 namespace {

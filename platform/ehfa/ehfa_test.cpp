@@ -15,7 +15,9 @@
 #include <string>
 #include <vector>
 
+#include "platform/eerr/error_frame.h"
 #include "platform/ehfa/hfa_internal.h"
+#include "platform/estr/utf8.h"
 #include "test_util.h"
 
 namespace {

@@ -4,11 +4,10 @@
 #include <cstring>
 #include <cwchar>
 
-#include "eerr_frame.hpp"
+#include "platform/eerr/error_frame.h"
 #include "platform/ehfa/hfa_internal.h"
-
-// Narrow UTF-8 text for a toolkit format's wide %s.
-#define W(s) kzdv::FromUtf8(s).c_str()
+#include "platform/emsc/heap_ptr.h"
+#include "platform/estr/utf8.h"
 
 using kzdv::ErrorFrame;
 using kzdv::FromUtf8;
@@ -82,12 +81,12 @@ int DoSeek(ErrorFrame& frame, Ehfa_File* f, Ehfa_SeekMethod method, const Etxt_C
   std::string missing, error;
   Node* n = SeekTarget(f, method, path, name, &missing, &error);
   if (!error.empty()) {
-    frame.Fail(__LINE__, L"%s", W(error));
+    frame.Fail(__LINE__, L"%s", KZDV_W(error));
     return -1;
   }
   if (!n) {
     if (missing_is_error) {
-      frame.Fail(__LINE__, L"Node %s not found in %s", W(missing), f->name.c_str());
+      frame.Fail(__LINE__, L"Node %s not found in %s", KZDV_W(missing), f->name.c_str());
       return -1;
     }
     return 0;
@@ -99,7 +98,7 @@ int DoSeek(ErrorFrame& frame, Ehfa_File* f, Ehfa_SeekMethod method, const Etxt_C
 bool AfterWrite(ErrorFrame& frame, Ehfa_File* f) {
   std::string error;
   if (!f->Flush(false, &error)) {
-    frame.Fail(__LINE__, L"Cannot write %s: %s", f->name.c_str(), W(error));
+    frame.Fail(__LINE__, L"Cannot write %s: %s", f->name.c_str(), KZDV_W(error));
     return false;
   }
   return true;
@@ -118,7 +117,7 @@ Node* Place(ErrorFrame& frame, Ehfa_File* f, const Etxt_Char* path, const Etxt_C
   }
   const std::string n8 = U8(name);
   if (n8.size() >= kNameSize || type.size() >= kTypeSize || n8.find(':') != std::string::npos) {
-    frame.Fail(__LINE__, L"Node name %s or type %s is too long or holds ':'", name, W(type));
+    frame.Fail(__LINE__, L"Node name %s or type %s is too long or holds ':'", name, KZDV_W(type));
     return nullptr;
   }
   Node* parent;
@@ -171,7 +170,7 @@ Node* Place(ErrorFrame& frame, Ehfa_File* f, const Etxt_Char* path, const Etxt_C
     std::string error;
     if (!f->io.Append(kBlank, sizeof kBlank, &n->pos, &error)) {
       f->Unlink(n);
-      frame.Fail(__LINE__, L"Cannot write %s: %s", f->name.c_str(), W(error));
+      frame.Fail(__LINE__, L"Cannot write %s: %s", f->name.c_str(), KZDV_W(error));
       return nullptr;
     }
   }
@@ -183,53 +182,60 @@ Node* Place(ErrorFrame& frame, Ehfa_File* f, const Etxt_Char* path, const Etxt_C
 
 // ---- files -------------------------------------------------------------------
 
-Ehfa_File* ehfa_FileCreate(const Etxt_Char* name, Eint_InitToolkitData*, Eerr_ErrorReport** err) {
+Ehfa_File* ehfa_FileCreate(const Etxt_Char* name, Eint_InitToolkitData*,
+                           Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_FileCreate", err);
-  EERR_FAIL_IF(!name || !*name, frame, nullptr, L"Args");
+  EERR_FAIL_IF_NULL(name, frame, nullptr);
+  EERR_FAIL_IF(!*name, frame, nullptr, L"Args: name is empty");
   std::unique_ptr<Ehfa_File> f(new (std::nothrow) Ehfa_File);
   EERR_FAIL_IF(!f, frame, nullptr, L"Out of memory");
   f->name = name;
   f->writable = true;
   std::string error;
   EERR_FAIL_IF(!f->io.Open(ToUtf8(name), true, true, &error), frame, nullptr,
-               L"Cannot create %s: %s", name, W(error));
-  EERR_FAIL_IF(!f->InitNew(&error), frame, nullptr, L"Cannot write %s: %s", name, W(error));
+               L"Cannot create %s: %s", name, KZDV_W(error));
+  EERR_FAIL_IF(!f->InitNew(&error), frame, nullptr, L"Cannot write %s: %s", name, KZDV_W(error));
   return f.release();
 }
+EERR_BOUNDARY(err, nullptr)
 
 Ehfa_File* ehfa_FileOpen(const Etxt_Char* name, const char* mode, Eint_InitToolkitData*,
-                         Eerr_ErrorReport** err) {
+                         Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_FileOpen", err);
-  EERR_FAIL_IF(!name || !*name || !mode, frame, nullptr, L"Args");
+  EERR_FAIL_IF_NULL(name, frame, nullptr);
+  EERR_FAIL_IF(!*name, frame, nullptr, L"Args: name is empty");
+  EERR_FAIL_IF_NULL(mode, frame, nullptr);
   const bool writable = std::strchr(mode, '+') || std::strchr(mode, 'w');
   EERR_FAIL_IF(std::strchr(mode, 'w'), frame, nullptr,
-               L"Mode %s would truncate %s; use ehfa_FileCreate", W(mode), name);
+               L"Mode %s would truncate %s; use ehfa_FileCreate", KZDV_W(mode), name);
   std::unique_ptr<Ehfa_File> f(new (std::nothrow) Ehfa_File);
   EERR_FAIL_IF(!f, frame, nullptr, L"Out of memory");
   f->name = name;
   f->writable = writable;
   std::string error;
   EERR_FAIL_IF(!f->io.Open(ToUtf8(name), writable, false, &error), frame, nullptr,
-               L"Cannot open %s: %s", name, W(error));
+               L"Cannot open %s: %s", name, KZDV_W(error));
   try {
     EERR_FAIL_IF(!f->Load(&error), frame, nullptr, L"%s is not a valid hierarchical file: %s", name,
-                 W(error));
+                 KZDV_W(error));
   } catch (const std::bad_alloc&) {
     EERR_FAIL(frame, nullptr, L"Out of memory reading %s", name);
   }
   return f.release();
 }
+EERR_BOUNDARY(err, nullptr)
 
-Emsc_Boolean ehfa_FileFlush(Ehfa_File* file, Eerr_ErrorReport** err) {
+Emsc_Boolean ehfa_FileFlush(Ehfa_File* file, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_FileFlush", err);
-  EERR_FAIL_IF(!file, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(file, frame, EMSC_FALSE);
   std::string error;
   EERR_FAIL_IF(!file->Flush(true, &error), frame, EMSC_FALSE, L"Cannot write %s: %s",
-               file->name.c_str(), W(error));
+               file->name.c_str(), KZDV_W(error));
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-Emsc_Boolean ehfa_FileClose(Ehfa_File* file, Eerr_ErrorReport** err) {
+Emsc_Boolean ehfa_FileClose(Ehfa_File* file, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_FileClose", err);
   if (!file) return EMSC_TRUE;
   std::unique_ptr<Ehfa_File> owned(file);
@@ -240,21 +246,23 @@ Emsc_Boolean ehfa_FileClose(Ehfa_File* file, Eerr_ErrorReport** err) {
     ok = false;
     error = close_error;
   }
-  EERR_FAIL_IF(!ok, frame, EMSC_FALSE, L"Cannot write %s: %s", file->name.c_str(), W(error));
+  EERR_FAIL_IF(!ok, frame, EMSC_FALSE, L"Cannot write %s: %s", file->name.c_str(), KZDV_W(error));
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-const Etxt_Char* ehfa_FileNameGet(const Ehfa_File* file) {
+const Etxt_Char* ehfa_FileNameGet(const Ehfa_File* file) KZDV_NOEXCEPT {
   return file ? file->name.c_str() : nullptr;
 }
 
-Emif_Dictionary* ehfa_FileDictionaryGet(Ehfa_File* file) {
+Emif_Dictionary* ehfa_FileDictionaryGet(Ehfa_File* file) KZDV_NOEXCEPT {
   return file ? file->dict.get() : nullptr;
 }
 
-Emsc_Boolean ehfa_FileChange(Ehfa_File* file, int kind, int value, void*, Eerr_ErrorReport** err) {
+Emsc_Boolean ehfa_FileChange(Ehfa_File* file, int kind, int value, void*,
+                             Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_FileChange", err);
-  EERR_FAIL_IF(!file, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(file, frame, EMSC_FALSE);
   EERR_FAIL_IF(kind != EHFA_CHANGE_BULK, frame, EMSC_FALSE, L"Unknown file change %d", kind);
   if (value == 0) {
     ++file->bulk_depth;
@@ -265,26 +273,32 @@ Emsc_Boolean ehfa_FileChange(Ehfa_File* file, int kind, int value, void*, Eerr_E
   if (--file->bulk_depth == 0 && !AfterWrite(frame, file)) return EMSC_FALSE;
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 // ---- navigation --------------------------------------------------------------
 
 Emsc_Boolean ehfa_EntrySeek(Ehfa_File* file, Ehfa_SeekMethod method, const Etxt_Char* path,
-                            const Etxt_Char* name, Eerr_ErrorReport** err) {
+                            const Etxt_Char* name, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_EntrySeek", err);
-  EERR_FAIL_IF(!file, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(file, frame, EMSC_FALSE);
   return DoSeek(frame, file, method, path, name, true) == 1 ? EMSC_TRUE : EMSC_FALSE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean ehfa_EntrySeekIfPresent(Ehfa_File* file, Ehfa_SeekMethod method, const Etxt_Char* path,
-                                     const Etxt_Char* name, Eerr_ErrorReport** err) {
+                                     const Etxt_Char* name, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   ErrorFrame frame(L"ehfa_EntrySeekIfPresent", err);
-  EERR_FAIL_IF(!file, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(file, frame, EMSC_FALSE);
   return DoSeek(frame, file, method, path, name, false) == 1 ? EMSC_TRUE : EMSC_FALSE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-Emsc_Boolean ehfa_EntryInfoGet(Ehfa_File* file, Ehfa_EntryInfo* info, Eerr_ErrorReport** err) {
+Emsc_Boolean ehfa_EntryInfoGet(Ehfa_File* file, Ehfa_EntryInfo* info,
+                               Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_EntryInfoGet", err);
-  EERR_FAIL_IF(!file || !info, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(file, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(info, frame, EMSC_FALSE);
   const Node* n = file->current;
   file->info_name = n->name();
   file->info_type = n->type();
@@ -297,28 +311,32 @@ Emsc_Boolean ehfa_EntryInfoGet(Ehfa_File* file, Ehfa_EntryInfo* info, Eerr_Error
   info->child_count = n->children;
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-Etxt_Char* ehfa_EntryPathGet(Ehfa_File* file, Eerr_ErrorReport** err) {
+Etxt_Char* ehfa_EntryPathGet(Ehfa_File* file, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_EntryPathGet", err);
-  EERR_FAIL_IF(!file, frame, nullptr, L"Args");
+  EERR_FAIL_IF_NULL(file, frame, nullptr);
   Etxt_Char* p = etxt_Text_strdup(FromUtf8(file->PathOf(file->current)).c_str());
   EERR_FAIL_IF(!p, frame, nullptr, L"Out of memory");
   return p;
 }
+EERR_BOUNDARY(err, nullptr)
 
 // ---- writing -------------------------------------------------------------------
 
 Emsc_Boolean ehfa_EntryWrite(Ehfa_File* file, Ehfa_WritePos position, const Etxt_Char* name,
-                             const Etxt_Char* type, Eerr_ErrorReport** err) {
+                             const Etxt_Char* type, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_EntryWrite", err);
-  EERR_FAIL_IF(!file || !type, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(file, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(type, frame, EMSC_FALSE);
   if (!Place(frame, file, nullptr, name, position, U8(type))) return EMSC_FALSE;
   return AfterWrite(frame, file) ? EMSC_TRUE : EMSC_FALSE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-Emsc_Boolean ehfa_EntryDelete(Ehfa_File* file, Eerr_ErrorReport** err) {
+Emsc_Boolean ehfa_EntryDelete(Ehfa_File* file, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_EntryDelete", err);
-  EERR_FAIL_IF(!file, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(file, frame, EMSC_FALSE);
   EERR_FAIL_IF(!file->writable, frame, EMSC_FALSE, L"%s is open for reading only",
                file->name.c_str());
   Node* n = file->current;
@@ -328,19 +346,22 @@ Emsc_Boolean ehfa_EntryDelete(Ehfa_File* file, Eerr_ErrorReport** err) {
   file->current = parent;
   return AfterWrite(frame, file) ? EMSC_TRUE : EMSC_FALSE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean ehfa_ObjectWrite(Ehfa_File* file, const Etxt_Char* path, const Etxt_Char* name,
                               Ehfa_WritePos position, const Emif_Design* design, const void* object,
-                              Eerr_ErrorReport** err) {
+                              Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_ObjectWrite", err);
-  EERR_FAIL_IF(!file || !design || !object, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(file, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(design, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(object, frame, EMSC_FALSE);
   std::vector<uint8_t> bytes;
   std::string error;
   const kzdv::mif::DesignImpl& d = *kzdv::mif::DesignOf(design);
   try {
     EERR_FAIL_IF(!kzdv::mif::Encode(d, object, 0, &bytes, &error), frame, EMSC_FALSE,
                  L"Cannot encode %s of design %s: %s", name ? name : L"",
-                 emif_DesignNameGet(design), W(error));
+                 emif_DesignNameGet(design), KZDV_W(error));
     kzdv::mif::AddDesign(file->dict.get(), kzdv::mif::DesignOf(design));
   } catch (const std::bad_alloc&) {
     EERR_FAIL(frame, EMSC_FALSE, L"Out of memory");
@@ -348,15 +369,18 @@ Emsc_Boolean ehfa_ObjectWrite(Ehfa_File* file, const Etxt_Char* path, const Etxt
   Node* n = Place(frame, file, path, name, position, kzdv::mif::DesignName(d));
   if (!n) return EMSC_FALSE;
   EERR_FAIL_IF(!file->SetData(n, &bytes, &d, &error), frame, EMSC_FALSE, L"Cannot write %s: %s",
-               file->name.c_str(), W(error));
+               file->name.c_str(), KZDV_W(error));
   return AfterWrite(frame, file) ? EMSC_TRUE : EMSC_FALSE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean ehfa_ObjectDataWrite(Ehfa_File* file, const Etxt_Char* path, const Etxt_Char* name,
                                   Ehfa_WritePos position, const Etxt_Char* type, const void* data,
-                                  uint32_t size, Eerr_ErrorReport** err) {
+                                  uint32_t size, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_ObjectDataWrite", err);
-  EERR_FAIL_IF(!file || !type || (!data && size > 0), frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(file, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(type, frame, EMSC_FALSE);
+  EERR_FAIL_IF(!data && size > 0, frame, EMSC_FALSE, L"Args: data is null");
   const std::string t8 = U8(type);
   kzdv::mif::DesignRef d = kzdv::mif::FindDesign(*file->dict, t8);
   std::vector<uint8_t> bytes(static_cast<const uint8_t*>(data),
@@ -366,14 +390,16 @@ Emsc_Boolean ehfa_ObjectDataWrite(Ehfa_File* file, const Etxt_Char* path, const 
   if (d && size > 0) {
     std::vector<uint8_t> probe = bytes;
     EERR_FAIL_IF(!kzdv::mif::Rebase(*d, probe.data(), probe.size(), 0, &error), frame, EMSC_FALSE,
-                 L"The data of %s do not match design %s: %s", name ? name : L"", type, W(error));
+                 L"The data of %s do not match design %s: %s", name ? name : L"", type,
+                 KZDV_W(error));
   }
   Node* n = Place(frame, file, path, name, position, t8);
   if (!n) return EMSC_FALSE;
   EERR_FAIL_IF(!file->SetData(n, &bytes, d.get(), &error), frame, EMSC_FALSE,
-               L"Cannot write %s: %s", file->name.c_str(), W(error));
+               L"Cannot write %s: %s", file->name.c_str(), KZDV_W(error));
   return AfterWrite(frame, file) ? EMSC_TRUE : EMSC_FALSE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 // ---- reading -------------------------------------------------------------------
 
@@ -382,10 +408,8 @@ namespace {
 Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod method,
                         const Etxt_Char* path, const Etxt_Char* name, const Emif_Design** design,
                         void** object, bool missing_is_error) {
-  if (!file || !object) {
-    frame.Fail(__LINE__, L"Args");
-    return EMSC_FALSE;
-  }
+  EERR_FAIL_IF_NULL(file, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(object, frame, EMSC_FALSE);
   *object = nullptr;
   if (design) *design = nullptr;
   const int found = DoSeek(frame, file, method, path, name, missing_is_error);
@@ -395,8 +419,8 @@ Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod meth
   if (!d) {
     const std::string why = kzdv::mif::UnusableReason(*file->dict, std::string(n->type()));
     frame.Fail(__LINE__, L"Node %s has type %s, which the dictionary of %s does not define%s",
-               W(file->PathOf(n)), W(std::string(n->type())), file->name.c_str(),
-               W(why.empty() ? std::string() : " usably: " + why));
+               KZDV_W(file->PathOf(n)), KZDV_W(std::string(n->type())), file->name.c_str(),
+               KZDV_W(why.empty() ? std::string() : " usably: " + why));
     return EMSC_FALSE;
   }
   std::vector<uint8_t> bytes;
@@ -404,14 +428,14 @@ Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod meth
   void* rec = nullptr;
   try {
     if (!file->ReadData(n, &bytes, &error)) {
-      frame.Fail(__LINE__, L"Cannot read %s: %s", file->name.c_str(), W(error));
+      frame.Fail(__LINE__, L"Cannot read %s: %s", file->name.c_str(), KZDV_W(error));
       return EMSC_FALSE;
     }
     const size_t least = kzdv::mif::PackedMinimum(*d);
     if (kzdv::mif::RecordSize(*d) > std::max<uint64_t>(file->io.size(), 1u << 20) ||
         (!bytes.empty() && least > bytes.size())) {
       frame.Fail(__LINE__, L"Node %s holds %u bytes, not an object of type %s (%u bytes or more)",
-                 W(file->PathOf(n)), n->data_size, W(std::string(n->type())),
+                 KZDV_W(file->PathOf(n)), n->data_size, KZDV_W(std::string(n->type())),
                  static_cast<unsigned>(least));
       return EMSC_FALSE;
     }
@@ -423,8 +447,8 @@ Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod meth
     if (!bytes.empty() && !kzdv::mif::Decode(*d, bytes.data(), bytes.size(), rec, &error)) {
       kzdv::mif::FreeContents(*d, rec);
       emsc_HeapFree(rec);
-      frame.Fail(__LINE__, L"Cannot decode %s of type %s in %s: %s", W(file->PathOf(n)),
-                 W(std::string(n->type())), file->name.c_str(), W(error));
+      frame.Fail(__LINE__, L"Cannot decode %s of type %s in %s: %s", KZDV_W(file->PathOf(n)),
+                 KZDV_W(std::string(n->type())), file->name.c_str(), KZDV_W(error));
       return EMSC_FALSE;
     }
   } catch (const std::bad_alloc&) {
@@ -441,10 +465,8 @@ Emsc_Boolean ReadObject(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod meth
 Emsc_Boolean ReadInto(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod method,
                       const Etxt_Char* path, const Etxt_Char* name, const Emif_Design* design,
                       void* record, bool missing_is_error) {
-  if (!design || !record) {
-    frame.Fail(__LINE__, L"Args");
-    return EMSC_FALSE;
-  }
+  EERR_FAIL_IF_NULL(design, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(record, frame, EMSC_FALSE);
   const kzdv::mif::DesignImpl& to = *kzdv::mif::DesignOf(design);
   std::memset(record, 0, kzdv::mif::RecordSize(to));
   const Emif_Design* stored = nullptr;
@@ -458,8 +480,8 @@ Emsc_Boolean ReadInto(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod method
   kzdv::mif::FreeContents(from, rec);
   emsc_HeapFree(rec);
   if (!ok) {
-    frame.Fail(__LINE__, L"Cannot read %s as design %s: %s", W(file->PathOf(file->current)),
-               emif_DesignNameGet(design), W(error));
+    frame.Fail(__LINE__, L"Cannot read %s as design %s: %s", KZDV_W(file->PathOf(file->current)),
+               emif_DesignNameGet(design), KZDV_W(error));
     return EMSC_FALSE;
   }
   return EMSC_TRUE;
@@ -469,40 +491,46 @@ Emsc_Boolean ReadInto(ErrorFrame& frame, Ehfa_File* file, Ehfa_SeekMethod method
 
 Emsc_Boolean ehfa_ObjectReadInto(Ehfa_File* file, Ehfa_SeekMethod method, const Etxt_Char* path,
                                  const Etxt_Char* name, const Emif_Design* design, void* record,
-                                 Eerr_ErrorReport** err) {
+                                 Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_ObjectReadInto", err);
   return ReadInto(frame, file, method, path, name, design, record, true);
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean ehfa_ObjectReadIntoIfPresent(Ehfa_File* file, Ehfa_SeekMethod method,
                                           const Etxt_Char* path, const Etxt_Char* name,
                                           const Emif_Design* design, void* record,
-                                          Eerr_ErrorReport** err) {
+                                          Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_ObjectReadIntoIfPresent", err);
   return ReadInto(frame, file, method, path, name, design, record, false);
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean ehfa_ObjectRead(Ehfa_File* file, Ehfa_SeekMethod method, const Etxt_Char* path,
                              const Etxt_Char* name, const Emif_Design** design, void** object,
-                             Eerr_ErrorReport** err) {
+                             Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_ObjectRead", err);
   return ReadObject(frame, file, method, path, name, design, object, true);
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean ehfa_ObjectReadIfPresent(Ehfa_File* file, Ehfa_SeekMethod method,
                                       const Etxt_Char* path, const Etxt_Char* name,
                                       const Emif_Design** design, void** object,
-                                      Eerr_ErrorReport** err) {
+                                      Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_ObjectReadIfPresent", err);
   return ReadObject(frame, file, method, path, name, design, object, false);
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean ehfa_ObjectDataReadIfPresent(Ehfa_File* file, Ehfa_SeekMethod method,
                                           const Etxt_Char* path, const Etxt_Char* name,
                                           unsigned char** data, uint32_t* size, Etxt_Char** type,
-                                          Eerr_ErrorReport** err) {
+                                          Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_ObjectDataReadIfPresent", err);
-  EERR_FAIL_IF(!file || !data || !size, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(file, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(data, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(size, frame, EMSC_FALSE);
   *data = nullptr;
   *size = 0;
   if (type) *type = nullptr;
@@ -511,11 +539,12 @@ Emsc_Boolean ehfa_ObjectDataReadIfPresent(Ehfa_File* file, Ehfa_SeekMethod metho
   std::vector<uint8_t> bytes;
   std::string error;
   EERR_FAIL_IF(!file->ReadData(n, &bytes, &error), frame, EMSC_FALSE, L"Cannot read %s: %s",
-               file->name.c_str(), W(error));
+               file->name.c_str(), KZDV_W(error));
   const kzdv::mif::DesignRef d = kzdv::mif::FindDesign(*file->dict, std::string(n->type()));
   if (d && !bytes.empty()) {
     EERR_FAIL_IF(!kzdv::mif::Rebase(*d, bytes.data(), bytes.size(), 0, &error), frame, EMSC_FALSE,
-                 L"Cannot read %s in %s: %s", W(file->PathOf(n)), file->name.c_str(), W(error));
+                 L"Cannot read %s in %s: %s", KZDV_W(file->PathOf(n)), file->name.c_str(),
+                 KZDV_W(error));
   }
   kzdv::HeapPtr<unsigned char> out(
       static_cast<unsigned char*>(emsc_MemDup(bytes.data(), bytes.size())));
@@ -528,3 +557,4 @@ Emsc_Boolean ehfa_ObjectDataReadIfPresent(Ehfa_File* file, Ehfa_SeekMethod metho
   *data = out.release();
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)

@@ -12,11 +12,9 @@
 #include <cwctype>
 #include <filesystem>
 
-#include "eerr_frame.hpp"
+#include "platform/eerr/error_frame.h"
 #include "platform/ehfa/hfa_internal.h"
-
-// Narrow UTF-8 text for a toolkit format's wide %s.
-#define W(s) kzdv::FromUtf8(s).c_str()
+#include "platform/estr/utf8.h"
 
 using kzdv::ErrorFrame;
 using kzdv::ToUtf8;
@@ -213,9 +211,10 @@ const Ehfa_CEFRecord* FindInTable(const Ehfa_CEFRecord* table, const Ehfa_File* 
 
 Emsc_Boolean ehfa_FileCopy(const Etxt_Char* source_name, const Etxt_Char* target_name,
                            const Ehfa_CEFRecord* table, Eint_InitToolkitData* init,
-                           Eerr_ErrorReport** err) {
+                           Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"ehfa_FileCopy", err);
-  EERR_FAIL_IF(!source_name || !target_name, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(source_name, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(target_name, frame, EMSC_FALSE);
   // A copy that fails leaves no partial target behind.
   struct RemoveOnFailure {
     std::string path;
@@ -260,7 +259,7 @@ Emsc_Boolean ehfa_FileCopy(const Etxt_Char* source_name, const Etxt_Char* target
           Eerr_ErrorReport** callee = frame.Callee();
           fn(s, t, callee);
           if (frame.CalleeFailed()) {
-            frame.Fail(__LINE__, L"The copy function of node %s failed", W(s->PathOf(sn)));
+            frame.Fail(__LINE__, L"The copy function of node %s failed", KZDV_W(s->PathOf(sn)));
             return EMSC_FALSE;
           }
         }
@@ -287,7 +286,7 @@ Emsc_Boolean ehfa_FileCopy(const Etxt_Char* source_name, const Etxt_Char* target
     error = "Out of memory";
   }
   if (!ok) {
-    frame.Fail(__LINE__, L"Cannot copy %s to %s: %s", source_name, target_name, W(error));
+    frame.Fail(__LINE__, L"Cannot copy %s to %s: %s", source_name, target_name, KZDV_W(error));
     return EMSC_FALSE;
   }
   Ehfa_File* closing = dst.f;
@@ -296,3 +295,4 @@ Emsc_Boolean ehfa_FileCopy(const Etxt_Char* source_name, const Etxt_Char* target
   cleanup.armed = false;
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)

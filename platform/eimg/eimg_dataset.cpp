@@ -12,6 +12,7 @@
 
 #include "etxt.h"
 #include "platform/eimg/eimg_internal.h"
+#include "platform/estr/utf8.h"
 
 namespace kzdv::eimg {
 

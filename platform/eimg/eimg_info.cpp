@@ -10,8 +10,9 @@
 #include <atomic>
 #include <cstdio>
 
-#include "eerr_frame.hpp"
+#include "platform/eerr/error_frame.h"
 #include "platform/eimg/eimg_internal.h"
+#include "platform/estr/utf8.h"
 
 using kzdv::eimg::GdalQuiet;
 
@@ -47,7 +48,7 @@ std::wstring UnitName(const char* gdal_name, bool geographic) {
 }  // namespace
 
 Emsc_Boolean eimg_LayerNullValueGet(Eimg_Layer* layer, double* value, Emsc_Boolean* defined,
-                                    Eerr_ErrorReport** err) {
+                                    Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerNullValueGet";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!value || !defined, frame, EMSC_FALSE, L"Invalid arguments");
@@ -59,8 +60,10 @@ Emsc_Boolean eimg_LayerNullValueGet(Eimg_Layer* layer, double* value, Emsc_Boole
   *value = has ? v : 0.0;
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-Emsc_Boolean eimg_LayerRasterNillValueSet(Eimg_Layer* layer, double value, Eerr_ErrorReport** err) {
+Emsc_Boolean eimg_LayerRasterNillValueSet(Eimg_Layer* layer, double value,
+                                          Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerRasterNillValueSet";
   kzdv::ErrorFrame frame(kFn, err);
   BandAccess access(layer, frame);
@@ -70,9 +73,10 @@ Emsc_Boolean eimg_LayerRasterNillValueSet(Eimg_Layer* layer, double value, Eerr_
                L"Cannot set the null value of %s: %s", layer->name, quiet.Message().c_str());
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean eimg_StatisticsRead(Eimg_Layer* layer, Eimg_Statistics* stats,
-                                 Eerr_ErrorReport** err) {
+                                 Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_StatisticsRead";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!stats, frame, EMSC_FALSE, L"Invalid arguments");
@@ -90,8 +94,10 @@ Emsc_Boolean eimg_StatisticsRead(Eimg_Layer* layer, Eimg_Statistics* stats,
   *stats = Eimg_Statistics{mn, mx, mean, sd};
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-Eimg_MapInfo* eimg_LayerMapInformationRead(Eimg_Layer* layer, Eerr_ErrorReport** err) {
+Eimg_MapInfo* eimg_LayerMapInformationRead(Eimg_Layer* layer, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   static const Etxt_Char* const kFn = L"eimg_LayerMapInformationRead";
   kzdv::ErrorFrame frame(kFn, err);
   BandAccess access(layer, frame);
@@ -127,14 +133,16 @@ Eimg_MapInfo* eimg_LayerMapInformationRead(Eimg_Layer* layer, Eerr_ErrorReport**
   }
   return info;
 }
+EERR_BOUNDARY(err, nullptr)
 
-void eimg_MapInfoFree(Eimg_MapInfo* info) {
+void eimg_MapInfoFree(Eimg_MapInfo* info) KZDV_NOEXCEPT {
   if (!info) return;
   emsc_HeapFree(info->units);
   emsc_HeapFree(info);
 }
 
-Etxt_Char* eimg_LayerMapProjectionRead(Eimg_Layer* layer, Eerr_ErrorReport** err) {
+Etxt_Char* eimg_LayerMapProjectionRead(Eimg_Layer* layer, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   static const Etxt_Char* const kFn = L"eimg_LayerMapProjectionRead";
   kzdv::ErrorFrame frame(kFn, err);
   BandAccess access(layer, frame);
@@ -145,8 +153,9 @@ Etxt_Char* eimg_LayerMapProjectionRead(Eimg_Layer* layer, Eerr_ErrorReport** err
   EERR_FAIL_IF(!out, frame, nullptr, L"Out of memory");
   return out;
 }
+EERR_BOUNDARY(err, nullptr)
 
-Etxt_Char* eimg_LayerUnitTypeGet(Eimg_Layer* layer, Eerr_ErrorReport** err) {
+Etxt_Char* eimg_LayerUnitTypeGet(Eimg_Layer* layer, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerUnitTypeGet";
   kzdv::ErrorFrame frame(kFn, err);
   BandAccess access(layer, frame);
@@ -162,9 +171,10 @@ Etxt_Char* eimg_LayerUnitTypeGet(Eimg_Layer* layer, Eerr_ErrorReport** err) {
   EERR_FAIL_IF(!out, frame, nullptr, L"Out of memory");
   return out;
 }
+EERR_BOUNDARY(err, nullptr)
 
 Etxt_Char* eimg_FileRasterDataOrderGet(const Etxt_Char* file_name, Eint_InitToolkitData* init,
-                                       Eerr_ErrorReport** err) {
+                                       Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_FileRasterDataOrderGet";
   kzdv::ErrorFrame frame(kFn, err);
   (void)init;
@@ -186,9 +196,10 @@ Etxt_Char* eimg_FileRasterDataOrderGet(const Etxt_Char* file_name, Eint_InitTool
   EERR_FAIL_IF(!out, frame, nullptr, L"Out of memory");
   return out;
 }
+EERR_BOUNDARY(err, nullptr)
 
 Emsc_Boolean eimg_FileProxyWithName(const Etxt_Char* file_name, const Etxt_Char* proxy_name,
-                                    Eerr_ErrorReport** err) {
+                                    Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_FileProxyWithName";
   kzdv::ErrorFrame frame(kFn, err);
   kzdv::eimg::LayerNameParts parts;
@@ -220,9 +231,10 @@ Emsc_Boolean eimg_FileProxyWithName(const Etxt_Char* file_name, const Etxt_Char*
   }
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean eimg_SSLayerNamesSet(Eimg_Layer* layer, const Etxt_Char* algorithm,
-                                  Eerr_ErrorReport** err) {
+                                  Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_SSLayerNamesSet";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!algorithm, frame, EMSC_FALSE, L"Invalid algorithm name");
@@ -238,8 +250,9 @@ Emsc_Boolean eimg_SSLayerNamesSet(Eimg_Layer* layer, const Etxt_Char* algorithm,
                quiet.Message().c_str());
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-Etxt_Char* eimg_SSLayerNamesGet(Eimg_Layer* layer, Eerr_ErrorReport** err) {
+Etxt_Char* eimg_SSLayerNamesGet(Eimg_Layer* layer, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_SSLayerNamesGet";
   kzdv::ErrorFrame frame(kFn, err);
   BandAccess access(layer, frame);
@@ -250,3 +263,4 @@ Etxt_Char* eimg_SSLayerNamesGet(Eimg_Layer* layer, Eerr_ErrorReport** err) {
   EERR_FAIL_IF(!out, frame, nullptr, L"Out of memory");
   return out;
 }
+EERR_BOUNDARY(err, nullptr)

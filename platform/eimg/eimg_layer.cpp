@@ -6,8 +6,9 @@
 #include <new>
 #include <vector>
 
-#include "eerr_frame.hpp"
+#include "platform/eerr/error_frame.h"
 #include "platform/eimg/eimg_internal.h"
+#include "platform/estr/utf8.h"
 
 using kzdv::eimg::DatasetPtr;
 using kzdv::eimg::GdalQuiet;
@@ -113,7 +114,7 @@ bool LayerIO(Eimg_Layer* layer, GDALRWFlag flag, long x, long y, Eimg_PixelRect*
 
 }  // namespace
 
-int eimg_PixelTypeBytes(Egda_PixelType type) {
+int eimg_PixelTypeBytes(Egda_PixelType type) KZDV_NOEXCEPT {
   switch (type) {
     case EGDA_TYPE_U1:
     case EGDA_TYPE_U2:
@@ -138,12 +139,12 @@ int eimg_PixelTypeBytes(Egda_PixelType type) {
   }
 }
 
-Emsc_Boolean eimg_PixelTypeIsComplex(Egda_PixelType type) {
+Emsc_Boolean eimg_PixelTypeIsComplex(Egda_PixelType type) KZDV_NOEXCEPT {
   return type == EGDA_TYPE_C64 || type == EGDA_TYPE_C128 ? EMSC_TRUE : EMSC_FALSE;
 }
 
 Estr_StringList* eimg_LayerGetNames(const Etxt_Char* file_name, Eint_InitToolkitData* init,
-                                    Eerr_ErrorReport** err) {
+                                    Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerGetNames";
   kzdv::ErrorFrame frame(kFn, err);
   (void)init;
@@ -169,9 +170,10 @@ Estr_StringList* eimg_LayerGetNames(const Etxt_Char* file_name, Eint_InitToolkit
   }
   return list;
 }
+EERR_BOUNDARY(err, nullptr)
 
 Eimg_PrivateStorage* eimg_LayerPrivateStorageCreate(const Etxt_Char* layer_name, int access,
-                                                    Eerr_ErrorReport** err) {
+                                                    Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerPrivateStorageCreate";
   kzdv::ErrorFrame frame(kFn, err);
   kzdv::eimg::LayerNameParts parts;
@@ -185,11 +187,13 @@ Eimg_PrivateStorage* eimg_LayerPrivateStorageCreate(const Etxt_Char* layer_name,
   storage->dataset = ds;
   return storage;
 }
+EERR_BOUNDARY(err, nullptr)
 
-void eimg_PrivateStorageDelete(Eimg_PrivateStorage* storage) { delete storage; }
+void eimg_PrivateStorageDelete(Eimg_PrivateStorage* storage) KZDV_NOEXCEPT { delete storage; }
 
 Eimg_Layer* eimg_LayerOpen(const Etxt_Char* layer_name, Eint_InitToolkitData* init,
-                           Eimg_PrivateStorage* storage, int access, Eerr_ErrorReport** err) {
+                           Eimg_PrivateStorage* storage, int access,
+                           Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerOpen";
   kzdv::ErrorFrame frame(kFn, err);
   (void)init;
@@ -204,8 +208,9 @@ Eimg_Layer* eimg_LayerOpen(const Etxt_Char* layer_name, Eint_InitToolkitData* in
   EERR_FAIL_IF(!layer, frame, nullptr, L"Cannot open layer %s: %s", layer_name, error.c_str());
   return layer;
 }
+EERR_BOUNDARY(err, nullptr)
 
-Emsc_Boolean eimg_LayerClose(Eimg_Layer* layer, Eerr_ErrorReport** err) {
+Emsc_Boolean eimg_LayerClose(Eimg_Layer* layer, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerClose";
   kzdv::ErrorFrame frame(kFn, err);
   if (!layer) return EMSC_TRUE;
@@ -234,30 +239,34 @@ Emsc_Boolean eimg_LayerClose(Eimg_Layer* layer, Eerr_ErrorReport** err) {
   EERR_FAIL_IF(!ok, frame, EMSC_FALSE, L"Writing %s failed: %s", name.c_str(), message.c_str());
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean eimg_LayerRead(Eimg_Layer* layer, long x, long y, Eimg_PixelRect* rect,
-                            Eerr_ErrorReport** err) {
+                            Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerRead";
   kzdv::ErrorFrame frame(kFn, err);
   return LayerIO(layer, GF_Read, x, y, rect, frame) ? EMSC_TRUE : EMSC_FALSE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean eimg_LayerWrite(Eimg_Layer* layer, long x, long y, const Eimg_PixelRect* rect,
-                             Eerr_ErrorReport** err) {
+                             Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerWrite";
   kzdv::ErrorFrame frame(kFn, err);
   return LayerIO(layer, GF_Write, x, y, const_cast<Eimg_PixelRect*>(rect), frame) ? EMSC_TRUE
                                                                                   : EMSC_FALSE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean eimg_LayerRasterPixelRectGet(Eimg_Layer* layer, long x, long y, Eimg_PixelRect* rect,
-                                          Eerr_ErrorReport** err) {
+                                          Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerRasterPixelRectGet";
   kzdv::ErrorFrame frame(kFn, err);
   return LayerIO(layer, GF_Read, x, y, rect, frame) ? EMSC_TRUE : EMSC_FALSE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-Emsc_Boolean eimg_LayerFlush(Eimg_Layer* layer, Eerr_ErrorReport** err) {
+Emsc_Boolean eimg_LayerFlush(Eimg_Layer* layer, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerFlush";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!layer || !layer->impl, frame, EMSC_FALSE, L"Invalid layer");
@@ -270,11 +279,12 @@ Emsc_Boolean eimg_LayerFlush(Eimg_Layer* layer, Eerr_ErrorReport** err) {
                layer->name, quiet.Message().c_str());
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 // --- pixel rectangles
 
 Eimg_PixelRect* eimg_PixelRectCreate(long width, long height, Egda_PixelType type,
-                                     Eerr_ErrorReport** err) {
+                                     Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_PixelRectCreate";
   kzdv::ErrorFrame frame(kFn, err);
   int bytes = eimg_PixelTypeBytes(type);
@@ -293,15 +303,17 @@ Eimg_PixelRect* eimg_PixelRectCreate(long width, long height, Egda_PixelType typ
   rect->pixelType = type;
   return rect;
 }
+EERR_BOUNDARY(err, nullptr)
 
-void eimg_PixelRectDelete(Eimg_PixelRect* rect) {
+void eimg_PixelRectDelete(Eimg_PixelRect* rect) KZDV_NOEXCEPT {
   if (!rect) return;
   emsc_HeapFree(rect->data);
   emsc_HeapFree(rect);
 }
 
 Eimg_PixelRectStack* eimg_PixelRectStackCreate(long count, long width, long height,
-                                               Egda_PixelType type, Eerr_ErrorReport** err) {
+                                               Egda_PixelType type,
+                                               Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_PixelRectStackCreate";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(count <= 0, frame, nullptr, L"Invalid rectangle count %ld", count);
@@ -322,8 +334,9 @@ Eimg_PixelRectStack* eimg_PixelRectStackCreate(long count, long width, long heig
   }
   return stack;
 }
+EERR_BOUNDARY(err, nullptr)
 
-void eimg_PixelRectStackDelete(Eimg_PixelRectStack* stack) {
+void eimg_PixelRectStackDelete(Eimg_PixelRectStack* stack) KZDV_NOEXCEPT {
   if (!stack) return;
   for (long i = 0; i < stack->count; ++i) eimg_PixelRectDelete(stack->rects[i]);
   emsc_HeapFree(stack->rects);
@@ -332,7 +345,8 @@ void eimg_PixelRectStackDelete(Eimg_PixelRectStack* stack) {
 
 // --- layer stacks
 
-Eimg_LayerStack* eimg_LayerStackStructureCreate(long count, Eerr_ErrorReport** err) {
+Eimg_LayerStack* eimg_LayerStackStructureCreate(long count, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   static const Etxt_Char* const kFn = L"eimg_LayerStackStructureCreate";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(count <= 0, frame, nullptr, L"Invalid layer count %ld", count);
@@ -347,9 +361,10 @@ Eimg_LayerStack* eimg_LayerStackStructureCreate(long count, Eerr_ErrorReport** e
   stack->ownsLayers = EMSC_FALSE;
   return stack;
 }
+EERR_BOUNDARY(err, nullptr)
 
 Eimg_LayerStack* eimg_LayerStackOpen(const Estr_StringList* layer_names, Eint_InitToolkitData* init,
-                                     int access, Eerr_ErrorReport** err) {
+                                     int access, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerStackOpen";
   kzdv::ErrorFrame frame(kFn, err);
   (void)init;
@@ -386,8 +401,10 @@ Eimg_LayerStack* eimg_LayerStackOpen(const Estr_StringList* layer_names, Eint_In
   }
   return stack;
 }
+EERR_BOUNDARY(err, nullptr)
 
-Emsc_Boolean eimg_LayerStackClose(Eimg_LayerStack* stack, Eerr_ErrorReport** err) {
+Emsc_Boolean eimg_LayerStackClose(Eimg_LayerStack* stack, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   static const Etxt_Char* const kFn = L"eimg_LayerStackClose";
   kzdv::ErrorFrame frame(kFn, err);
   if (!stack) return EMSC_TRUE;
@@ -408,6 +425,7 @@ Emsc_Boolean eimg_LayerStackClose(Eimg_LayerStack* stack, Eerr_ErrorReport** err
   emsc_HeapFree(stack);
   return ok ? EMSC_TRUE : EMSC_FALSE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 static Emsc_Boolean StackIO(Eimg_LayerStack* stack, GDALRWFlag flag, long x, long y,
                             Eimg_PixelRectStack* rects, kzdv::ErrorFrame& frame) {
@@ -421,15 +439,18 @@ static Emsc_Boolean StackIO(Eimg_LayerStack* stack, GDALRWFlag flag, long x, lon
 }
 
 Emsc_Boolean eimg_LayerStackRead(Eimg_LayerStack* stack, long x, long y, Eimg_PixelRectStack* rects,
-                                 Eerr_ErrorReport** err) {
+                                 Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerStackRead";
   kzdv::ErrorFrame frame(kFn, err);
   return StackIO(stack, GF_Read, x, y, rects, frame);
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean eimg_LayerStackWrite(Eimg_LayerStack* stack, long x, long y,
-                                  const Eimg_PixelRectStack* rects, Eerr_ErrorReport** err) {
+                                  const Eimg_PixelRectStack* rects,
+                                  Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerStackWrite";
   kzdv::ErrorFrame frame(kFn, err);
   return StackIO(stack, GF_Write, x, y, const_cast<Eimg_PixelRectStack*>(rects), frame);
 }
+EERR_BOUNDARY(err, EMSC_FALSE)

@@ -6,8 +6,9 @@
 
 #include <vector>
 
-#include "eerr_frame.hpp"
+#include "platform/eerr/error_frame.h"
 #include "platform/eimg/eimg_internal.h"
+#include "platform/estr/utf8.h"
 
 using kzdv::eimg::GdalQuiet;
 
@@ -52,7 +53,7 @@ bool BuildLevels(Eimg_Layer* layer, long count, kzdv::ErrorFrame& frame) {
 
 }  // namespace
 
-long eimg_LayerPyramidLevelCount(Eimg_Layer* layer, Eerr_ErrorReport** err) {
+long eimg_LayerPyramidLevelCount(Eimg_Layer* layer, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerPyramidLevelCount";
   kzdv::ErrorFrame frame(kFn, err);
   if (!CheckBaseLayer(layer, frame, false)) return 0;
@@ -61,15 +62,19 @@ long eimg_LayerPyramidLevelCount(Eimg_Layer* layer, Eerr_ErrorReport** err) {
   GDALRasterBandH band = kzdv::eimg::LayerBand(layer);
   return band ? GDALGetOverviewCount(band) : 0;
 }
+EERR_BOUNDARY(err, 0)
 
-Emsc_Boolean eimg_LayerPyramidLevelsRemove(Eimg_Layer* layer, Eerr_ErrorReport** err) {
+Emsc_Boolean eimg_LayerPyramidLevelsRemove(Eimg_Layer* layer, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   static const Etxt_Char* const kFn = L"eimg_LayerPyramidLevelsRemove";
   kzdv::ErrorFrame frame(kFn, err);
   if (!CheckBaseLayer(layer, frame, true)) return EMSC_FALSE;
   return BuildLevels(layer, 0, frame) ? EMSC_TRUE : EMSC_FALSE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-Emsc_Boolean eimg_LayerPyramidLevelsCreate(Eimg_Layer* layer, long count, Eerr_ErrorReport** err) {
+Emsc_Boolean eimg_LayerPyramidLevelsCreate(Eimg_Layer* layer, long count,
+                                           Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerPyramidLevelsCreate";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(count < 1 || count > 30, frame, EMSC_FALSE, L"Invalid pyramid level count %ld",
@@ -77,8 +82,10 @@ Emsc_Boolean eimg_LayerPyramidLevelsCreate(Eimg_Layer* layer, long count, Eerr_E
   if (!CheckBaseLayer(layer, frame, true)) return EMSC_FALSE;
   return BuildLevels(layer, count, frame) ? EMSC_TRUE : EMSC_FALSE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-Eimg_Layer* eimg_LayerPyramidLevelOpen(Eimg_Layer* layer, long level, Eerr_ErrorReport** err) {
+Eimg_Layer* eimg_LayerPyramidLevelOpen(Eimg_Layer* layer, long level,
+                                       Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerPyramidLevelOpen";
   kzdv::ErrorFrame frame(kFn, err);
   if (!CheckBaseLayer(layer, frame, false)) return nullptr;
@@ -89,3 +96,4 @@ Eimg_Layer* eimg_LayerPyramidLevelOpen(Eimg_Layer* layer, long level, Eerr_Error
   EERR_FAIL_IF(!out, frame, nullptr, L"Cannot open %s: %s", name.c_str(), error.c_str());
   return out;
 }
+EERR_BOUNDARY(err, nullptr)

@@ -9,6 +9,8 @@
 #include <memory>
 #include <vector>
 
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 #include "test_util.h"
 
 namespace {

@@ -12,7 +12,8 @@
 #include <new>
 #include <string>
 
-#include "eerr_frame.hpp"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 
 struct Emet_MeterInfo {
   std::wstring task;
@@ -59,23 +60,26 @@ void Draw(Emet_MeterInfo* m, double percent) {
 
 }  // namespace
 
-Emet_MeterInfo* emet_MeterInfoCreate(const Etxt_Char* task, Eerr_ErrorReport** err) {
+Emet_MeterInfo* emet_MeterInfoCreate(const Etxt_Char* task, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   return Create(task, nullptr, nullptr, err, L"emet_MeterInfoCreate");
 }
+EERR_BOUNDARY(err, nullptr)
 
 Emet_MeterInfo* emet_MeterInfoCreateWithSink(const Etxt_Char* task, Emet_Sink sink, void* context,
-                                             Eerr_ErrorReport** err) {
+                                             Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   return Create(task, sink, context, err, L"emet_MeterInfoCreateWithSink");
 }
+EERR_BOUNDARY(err, nullptr)
 
-void emet_MeterInfoDelete(Emet_MeterInfo* meter) {
+void emet_MeterInfoDelete(Emet_MeterInfo* meter) KZDV_NOEXCEPT {
   if (meter && meter->terminal && meter->last_shown >= 0 && meter->last_shown < 100)
     std::fputc('\n', stderr);
   delete meter;
 }
 
 Emsc_Boolean emet_MeterInfoChangeTaskName(Emet_MeterInfo* meter, const Etxt_Char* task,
-                                          Eerr_ErrorReport** err) {
+                                          Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"emet_MeterInfoChangeTaskName", err);
   if (!meter) return EMSC_TRUE;
   if (meter->terminal && meter->last_shown >= 0 && meter->last_shown < 100)
@@ -84,8 +88,10 @@ Emsc_Boolean emet_MeterInfoChangeTaskName(Emet_MeterInfo* meter, const Etxt_Char
   meter->last_shown = -1;
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-Emsc_Boolean emet_MeterInfoPrint(Emet_MeterInfo* meter, double percent, Eerr_ErrorReport** err) {
+Emsc_Boolean emet_MeterInfoPrint(Emet_MeterInfo* meter, double percent,
+                                 Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   kzdv::ErrorFrame frame(L"emet_MeterInfoPrint", err);
   if (!meter) return EMSC_TRUE;
   if (!(percent >= 0)) percent = 0;  // also catches NaN
@@ -96,11 +102,12 @@ Emsc_Boolean emet_MeterInfoPrint(Emet_MeterInfo* meter, double percent, Eerr_Err
     Draw(meter, percent);
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-void emet_MeterInfoCancel(Emet_MeterInfo* meter) {
+void emet_MeterInfoCancel(Emet_MeterInfo* meter) KZDV_NOEXCEPT {
   if (meter) meter->cancelled.store(true);
 }
 
-Emsc_Boolean emet_MeterInfoCancelled(const Emet_MeterInfo* meter) {
+Emsc_Boolean emet_MeterInfoCancelled(const Emet_MeterInfo* meter) KZDV_NOEXCEPT {
   return meter && meter->cancelled.load() ? EMSC_TRUE : EMSC_FALSE;
 }

@@ -5,11 +5,9 @@
 #include <cstring>
 #include <set>
 
-#include "eerr_frame.hpp"
+#include "platform/eerr/error_frame.h"
 #include "platform/emif/design_internal.h"
-
-// Narrow UTF-8 text for a toolkit format's wide %s.
-#define W(s) kzdv::FromUtf8(s).c_str()
+#include "platform/estr/utf8.h"
 
 namespace kzdv {
 namespace mif {
@@ -317,7 +315,7 @@ static Emif_Design* NewHandle(const DesignRef& d) {
 
 // Reads the variadic field list of emif_DesignCreate up to its closing 0 and
 // then the report pointer.
-Emif_Design* emif_DesignCreate(const Etxt_Char* name, ...) {
+Emif_Design* emif_DesignCreate(const Etxt_Char* name, ...) KZDV_NOEXCEPT try {
   std::vector<Emif_FieldSpec> fields_in;
   std::vector<std::vector<const Etxt_Char*>> enums;
   va_list ap;
@@ -365,11 +363,14 @@ Emif_Design* emif_DesignCreate(const Etxt_Char* name, ...) {
   return emif_DesignCreateFromFields(name, fields_in.data(), static_cast<int>(fields_in.size()),
                                      err);
 }
+EERR_BOUNDARY(nullptr, nullptr)
 
 Emif_Design* emif_DesignCreateFromFields(const Etxt_Char* name, const Emif_FieldSpec* fields_in,
-                                         int count, Eerr_ErrorReport** err) {
+                                         int count, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"emif_DesignCreate", err);
-  EERR_FAIL_IF(!name || count < 0 || (count > 0 && !fields_in), frame, nullptr, L"Args");
+  EERR_FAIL_IF_NULL(name, frame, nullptr);
+  EERR_FAIL_IF(count < 0, frame, nullptr, L"Args: count is negative");
+  EERR_FAIL_IF(count > 0 && !fields_in, frame, nullptr, L"Args: fields_in is null");
   std::vector<Field> fields;
   for (int i = 0; i < count; ++i) {
     Field f;
@@ -387,29 +388,33 @@ Emif_Design* emif_DesignCreateFromFields(const Etxt_Char* name, const Emif_Field
   }
   std::string error;
   DesignRef d = BuildDesign(kzdv::ToUtf8(name), std::move(fields), &error);
-  EERR_FAIL_IF(!d, frame, nullptr, L"%s", W(error));
+  EERR_FAIL_IF(!d, frame, nullptr, L"%s", KZDV_W(error));
   Emif_Design* h = NewHandle(d);
   EERR_FAIL_IF(!h, frame, nullptr, L"Out of memory");
   return h;
 }
+EERR_BOUNDARY(err, nullptr)
 
-Emif_Design* emif_DesignCopy(const Emif_Design* design, Eerr_ErrorReport** err) {
+Emif_Design* emif_DesignCopy(const Emif_Design* design, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"emif_DesignCopy", err);
-  EERR_FAIL_IF(!design, frame, nullptr, L"Args");
+  EERR_FAIL_IF_NULL(design, frame, nullptr);
   Emif_Design* h = NewHandle(design->impl);
   EERR_FAIL_IF(!h, frame, nullptr, L"Out of memory");
   return h;
 }
+EERR_BOUNDARY(err, nullptr)
 
-void emif_DesignDestroy(Emif_Design* design) { delete design; }
+void emif_DesignDestroy(Emif_Design* design) KZDV_NOEXCEPT { delete design; }
 
-const Etxt_Char* emif_DesignNameGet(const Emif_Design* design) {
+const Etxt_Char* emif_DesignNameGet(const Emif_Design* design) KZDV_NOEXCEPT {
   return design ? design->impl->wname.c_str() : nullptr;
 }
 
-size_t emif_DesignSizeGet(const Emif_Design* design) { return design ? design->impl->size : 0; }
+size_t emif_DesignSizeGet(const Emif_Design* design) KZDV_NOEXCEPT {
+  return design ? design->impl->size : 0;
+}
 
-int emif_DesignFieldCount(const Emif_Design* design) {
+int emif_DesignFieldCount(const Emif_Design* design) KZDV_NOEXCEPT {
   return design ? static_cast<int>(design->impl->fields.size()) : 0;
 }
 
@@ -424,14 +429,15 @@ static void FillInfo(const Field& f, Emif_FieldInfo* info) {
   info->enum_names = f.wenum_ptrs.empty() ? nullptr : f.wenum_ptrs.data();
 }
 
-Emsc_Boolean emif_DesignFieldGet(const Emif_Design* design, int index, Emif_FieldInfo* info) {
+Emsc_Boolean emif_DesignFieldGet(const Emif_Design* design, int index,
+                                 Emif_FieldInfo* info) KZDV_NOEXCEPT {
   if (!design || !info || index < 0 || index >= emif_DesignFieldCount(design)) return EMSC_FALSE;
   FillInfo(design->impl->fields[static_cast<size_t>(index)], info);
   return EMSC_TRUE;
 }
 
 Emsc_Boolean emif_DesignFieldFind(const Emif_Design* design, const Etxt_Char* name,
-                                  Emif_FieldInfo* info) {
+                                  Emif_FieldInfo* info) KZDV_NOEXCEPT {
   if (!design || !name || !info) return EMSC_FALSE;
   for (const Field& f : design->impl->fields) {
     if (f.wname == name) {
@@ -454,16 +460,17 @@ static bool SameLayout(const DesignImpl& a, const DesignImpl& b) {
   return true;
 }
 
-Emsc_Boolean emif_DesignsEqual(const Emif_Design* a, const Emif_Design* b) {
+Emsc_Boolean emif_DesignsEqual(const Emif_Design* a, const Emif_Design* b) KZDV_NOEXCEPT {
   if (!a || !b) return a == b ? EMSC_TRUE : EMSC_FALSE;
   return SameLayout(*a->impl, *b->impl) ? EMSC_TRUE : EMSC_FALSE;
 }
 
-char* emif_DesignTextGet(const Emif_Design* design, Eerr_ErrorReport** err) {
+char* emif_DesignTextGet(const Emif_Design* design, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"emif_DesignTextGet", err);
-  EERR_FAIL_IF(!design, frame, nullptr, L"Args");
+  EERR_FAIL_IF_NULL(design, frame, nullptr);
   const std::string& t = design->impl->text;
   char* out = static_cast<char*>(emsc_MemDup(t.c_str(), t.size() + 1));
   EERR_FAIL_IF(!out, frame, nullptr, L"Out of memory");
   return out;
 }
+EERR_BOUNDARY(err, nullptr)

@@ -2,11 +2,9 @@
 #include <functional>
 #include <set>
 
-#include "eerr_frame.hpp"
+#include "platform/eerr/error_frame.h"
 #include "platform/emif/dictionary_internal.h"
-
-// Narrow UTF-8 text for a toolkit format's wide %s.
-#define W(s) kzdv::FromUtf8(s).c_str()
+#include "platform/estr/utf8.h"
 
 namespace kzdv {
 namespace mif {
@@ -313,19 +311,21 @@ const Emif_Design* Emif_Dictionary::Handle(const DesignRef& d) {
   return raw;
 }
 
-Emif_Dictionary* emif_DictionaryCreate(Eerr_ErrorReport** err) {
+Emif_Dictionary* emif_DictionaryCreate(Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"emif_DictionaryCreate", err);
   Emif_Dictionary* d = new (std::nothrow) Emif_Dictionary;
   EERR_FAIL_IF(!d, frame, nullptr, L"Out of memory");
   return d;
 }
+EERR_BOUNDARY(err, nullptr)
 
-void emif_DictionaryDestroy(Emif_Dictionary* dictionary) { delete dictionary; }
+void emif_DictionaryDestroy(Emif_Dictionary* dictionary) KZDV_NOEXCEPT { delete dictionary; }
 
 Emsc_Boolean emif_DictionaryAddDesign(Emif_Dictionary* dictionary, const Emif_Design* design,
-                                      Eerr_ErrorReport** err) {
+                                      Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"emif_DictionaryAddDesign", err);
-  EERR_FAIL_IF(!dictionary || !design, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(dictionary, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(design, frame, EMSC_FALSE);
   try {
     if (dictionary->dict.Add(design->impl)) dictionary->changed = true;
   } catch (const std::bad_alloc&) {
@@ -333,47 +333,58 @@ Emsc_Boolean emif_DictionaryAddDesign(Emif_Dictionary* dictionary, const Emif_De
   }
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-const Emif_Design* emif_FindDesignByName(const Emif_Dictionary* dictionary, const Etxt_Char* name) {
+const Emif_Design* emif_FindDesignByName(const Emif_Dictionary* dictionary,
+                                         const Etxt_Char* name) KZDV_NOEXCEPT try {
   if (!dictionary || !name) return nullptr;
   Emif_Dictionary* d = const_cast<Emif_Dictionary*>(dictionary);
   return d->Handle(d->dict.Find(kzdv::ToUtf8(name)));
 }
+EERR_BOUNDARY(nullptr, nullptr)
 
 const Emif_Design* emif_DesignFetch(const Emif_Dictionary* dictionary, const Etxt_Char* name,
-                                    Eerr_ErrorReport** err) {
+                                    Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"emif_DesignFetch", err);
-  EERR_FAIL_IF(!dictionary || !name, frame, nullptr, L"Args");
+  EERR_FAIL_IF_NULL(dictionary, frame, nullptr);
+  EERR_FAIL_IF_NULL(name, frame, nullptr);
   const Emif_Design* d = emif_FindDesignByName(dictionary, name);
   EERR_FAIL_IF(!d, frame, nullptr, L"Design %s is not in the dictionary", name);
   return d;
 }
+EERR_BOUNDARY(err, nullptr)
 
-int emif_DictionaryDesignCount(const Emif_Dictionary* dictionary) {
+int emif_DictionaryDesignCount(const Emif_Dictionary* dictionary) KZDV_NOEXCEPT {
   return dictionary ? static_cast<int>(dictionary->dict.designs().size()) : 0;
 }
 
-const Emif_Design* emif_DictionaryDesignGet(const Emif_Dictionary* dictionary, int index) {
+const Emif_Design* emif_DictionaryDesignGet(const Emif_Dictionary* dictionary,
+                                            int index) KZDV_NOEXCEPT {
   if (!dictionary || index < 0 || index >= emif_DictionaryDesignCount(dictionary)) return nullptr;
   Emif_Dictionary* d = const_cast<Emif_Dictionary*>(dictionary);
   return d->Handle(d->dict.designs()[static_cast<size_t>(index)]);
 }
 
-char* emif_DictionaryTextGet(const Emif_Dictionary* dictionary, Eerr_ErrorReport** err) {
+char* emif_DictionaryTextGet(const Emif_Dictionary* dictionary,
+                             Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"emif_DictionaryTextGet", err);
-  EERR_FAIL_IF(!dictionary, frame, nullptr, L"Args");
+  EERR_FAIL_IF_NULL(dictionary, frame, nullptr);
   const std::string t = dictionary->dict.Text();
   char* out = static_cast<char*>(emsc_MemDup(t.c_str(), t.size() + 1));
   EERR_FAIL_IF(!out, frame, nullptr, L"Out of memory");
   return out;
 }
+EERR_BOUNDARY(err, nullptr)
 
-Emif_Dictionary* emif_DictionaryFromText(const char* text, size_t length, Eerr_ErrorReport** err) {
+Emif_Dictionary* emif_DictionaryFromText(const char* text, size_t length,
+                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   ErrorFrame frame(L"emif_DictionaryFromText", err);
-  EERR_FAIL_IF(!text, frame, nullptr, L"Args");
+  EERR_FAIL_IF_NULL(text, frame, nullptr);
   std::unique_ptr<Emif_Dictionary> d(new (std::nothrow) Emif_Dictionary);
   EERR_FAIL_IF(!d, frame, nullptr, L"Out of memory");
   std::string error;
-  EERR_FAIL_IF(!Dictionary::Parse(text, length, &d->dict, &error), frame, nullptr, L"%s", W(error));
+  EERR_FAIL_IF(!Dictionary::Parse(text, length, &d->dict, &error), frame, nullptr, L"%s",
+               KZDV_W(error));
   return d.release();
 }
+EERR_BOUNDARY(err, nullptr)

@@ -8,8 +8,12 @@
 #include <cmath>
 #include <cstddef>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 
 namespace {
 

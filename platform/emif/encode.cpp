@@ -11,6 +11,7 @@
 #include "etxt.h"
 #include "platform/emif/byte_order.h"
 #include "platform/emif/codec_internal.h"
+#include "platform/estr/utf8.h"
 
 namespace kzdv {
 namespace mif {

@@ -4,8 +4,9 @@
 
 #include <string>
 
-#include "eerr_frame.hpp"
 #include "eprj.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 
 namespace {
 
@@ -22,7 +23,7 @@ std::wstring UnitName(const char* gdal_unit) {
 }  // namespace
 
 extern "C" Eprj_ElevationInfo* eprj_ElevationInfoRead(const Etxt_Char* fileName, long band,
-                                                      Eerr_ErrorReport** err) {
+                                                      Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ElevationInfoRead";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!fileName || !*fileName, frame, nullptr, L"No file name");
@@ -51,3 +52,4 @@ extern "C" Eprj_ElevationInfo* eprj_ElevationInfoRead(const Etxt_Char* fileName,
   EERR_CHECK(e, frame, nullptr, L"eprj_ElevationInfoCreateByName failed");
   return e;
 }
+EERR_BOUNDARY(err, nullptr)

@@ -11,12 +11,13 @@
 #include <string>
 #include <vector>
 
-#include "eerr_frame.hpp"
 #include "ehfa.h"
 #include "emif.h"
 #include "eprj.h"
 #include "exfr.h"
+#include "platform/eerr/error_frame.h"
 #include "platform/eprj/eprj_internal.h"
+#include "platform/estr/utf8.h"
 
 namespace {
 
@@ -386,7 +387,7 @@ std::wstring JoinPath(const Etxt_Char* path, const std::wstring& name) {
 extern "C" {
 
 Eprj_ProParameters* eprj_ProParametersRead(Ehfa_File* file, const Etxt_Char* path,
-                                           Eerr_ErrorReport** err) {
+                                           Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ProParametersRead";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!file, frame, nullptr, L"No file");
@@ -410,12 +411,15 @@ Eprj_ProParameters* eprj_ProParametersRead(Ehfa_File* file, const Etxt_Char* pat
   MifObject dhold{dd, dobj};
   return ProFromMif(d, obj, dd, dobj, frame);
 }
+EERR_BOUNDARY(err, nullptr)
 
 Emsc_Boolean eprj_ProParametersWrite(Ehfa_File* file, const Etxt_Char* path, const Etxt_Char* name,
-                                     const Eprj_ProParameters* parameters, Eerr_ErrorReport** err) {
+                                     const Eprj_ProParameters* parameters,
+                                     Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ProParametersWrite";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(!file || !parameters, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(file, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(parameters, frame, EMSC_FALSE);
   if (!DesignsReady(frame)) return EMSC_FALSE;
   const Etxt_Char* at = path && *path ? path : L":";
   const Etxt_Char* node = name && *name ? name : L"Eprj_ProParameters";
@@ -436,8 +440,10 @@ Emsc_Boolean eprj_ProParametersWrite(Ehfa_File* file, const Etxt_Char* path, con
   }
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-Eprj_MapInfo* eprj_MapInfoRead(Ehfa_File* file, const Etxt_Char* path, Eerr_ErrorReport** err) {
+Eprj_MapInfo* eprj_MapInfoRead(Ehfa_File* file, const Etxt_Char* path,
+                               Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_MapInfoRead";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!file, frame, nullptr, L"No file");
@@ -464,12 +470,14 @@ Eprj_MapInfo* eprj_MapInfoRead(Ehfa_File* file, const Etxt_Char* path, Eerr_Erro
     m->pixelSize = {GetDouble(sd, px, L"width"), GetDouble(sd, px, L"height")};
   return out.release();
 }
+EERR_BOUNDARY(err, nullptr)
 
 Emsc_Boolean eprj_MapInfoWrite(Ehfa_File* file, const Etxt_Char* path, const Eprj_MapInfo* info,
-                               Eerr_ErrorReport** err) {
+                               Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_MapInfoWrite";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(!file || !info, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(file, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(info, frame, EMSC_FALSE);
   if (!DesignsReady(frame)) return EMSC_FALSE;
   const Designs& d = TheDesigns();
   MifObject rec{d.mapinfo, emif_ObjectCreate(d.mapinfo, frame.Callee())};
@@ -490,8 +498,10 @@ Emsc_Boolean eprj_MapInfoWrite(Ehfa_File* file, const Etxt_Char* path, const Epr
              frame, EMSC_FALSE, L"ehfa_ObjectWrite failed");
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-Exfr_XForm* eprj_MapInfoToFileXForm(const Eprj_MapInfo* info, Eerr_ErrorReport** err) {
+Exfr_XForm* eprj_MapInfoToFileXForm(const Eprj_MapInfo* info, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   static const Etxt_Char* const kFn = L"eprj_MapInfoToFileXForm";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!info, frame, nullptr, L"No map info");
@@ -509,8 +519,9 @@ Exfr_XForm* eprj_MapInfoToFileXForm(const Eprj_MapInfo* info, Eerr_ErrorReport**
   EERR_CHECK(x, frame, nullptr, L"exfr_AffineXFormCreate failed");
   return x;
 }
+EERR_BOUNDARY(err, nullptr)
 
-void eprj_MapInfoFree(Eprj_MapInfo* info) {
+void eprj_MapInfoFree(Eprj_MapInfo* info) KZDV_NOEXCEPT {
   if (!info) return;
   emsc_HeapFree(info->proName);
   emsc_HeapFree(info->units);
@@ -520,7 +531,7 @@ void eprj_MapInfoFree(Eprj_MapInfo* info) {
 Emsc_Boolean eprj_ProjectionConvertToMIFable(Emif_Dictionary* dictionary,
                                              const Eprj_MapProjection* projection,
                                              Emif_Design** design, void** object,
-                                             Eerr_ErrorReport** err) {
+                                             Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ProjectionConvertToMIFable";
   kzdv::ErrorFrame frame(kFn, err);
   if (!DesignsReady(frame)) return EMSC_FALSE;
@@ -529,7 +540,9 @@ Emsc_Boolean eprj_ProjectionConvertToMIFable(Emif_Dictionary* dictionary,
     EERR_CHECK(emif_DictionaryAddDesign(dictionary, d.pro, frame.Callee()), frame, EMSC_FALSE,
                L"emif_DictionaryAddDesign failed");
   if (!projection) return EMSC_TRUE;
-  EERR_FAIL_IF(!design || !object || !projection->proParameters, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(design, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(object, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(projection->proParameters, frame, EMSC_FALSE);
   MifObject rec{d.pro, ProToMif(*projection->proParameters, frame)};
   if (!rec.object) return EMSC_FALSE;
   Emif_Design* copy = emif_DesignCopy(d.pro, frame.Callee());
@@ -538,12 +551,14 @@ Emsc_Boolean eprj_ProjectionConvertToMIFable(Emif_Dictionary* dictionary,
   *object = rec.release();
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Eprj_MapProjection* eprj_ProjectionConvertFromMIFable(const Emif_Design* design, const void* object,
-                                                      Eerr_ErrorReport** err) {
+                                                      Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ProjectionConvertFromMIFable";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(!design || !object, frame, nullptr, L"Args");
+  EERR_FAIL_IF_NULL(design, frame, nullptr);
+  EERR_FAIL_IF_NULL(object, frame, nullptr);
   EERR_FAIL_IF(!estr_Eqic(emif_DesignNameGet(design), L"Eprj_ProParameters"), frame, nullptr,
                L"A projection in MIF form has the design Eprj_ProParameters, not %s",
                emif_DesignNameGet(design));
@@ -553,13 +568,16 @@ Eprj_MapProjection* eprj_ProjectionConvertFromMIFable(const Emif_Design* design,
   EERR_CHECK(proj, frame, nullptr, L"eprj_ProjectionInit failed");
   return proj;
 }
+EERR_BOUNDARY(err, nullptr)
 
 Emsc_Boolean eprj_ElevationInfoConvertToMIFable(const Eprj_ElevationInfo* info,
                                                 Emif_Design** design, void** object,
-                                                Eerr_ErrorReport** err) {
+                                                Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ElevationInfoConvertToMIFable";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(!info || !design || !object, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(info, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(design, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(object, frame, EMSC_FALSE);
   if (!DesignsReady(frame)) return EMSC_FALSE;
   const Designs& d = TheDesigns();
   MifObject rec{d.elevation, emif_ObjectCreate(d.elevation, frame.Callee())};
@@ -576,13 +594,15 @@ Emsc_Boolean eprj_ElevationInfoConvertToMIFable(const Eprj_ElevationInfo* info,
   *object = rec.release();
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Eprj_ElevationInfo* eprj_ElevationInfoConvertFromMIFable(const Emif_Design* design,
                                                          const void* object,
-                                                         Eerr_ErrorReport** err) {
+                                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ElevationInfoConvertFromMIFable";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(!design || !object, frame, nullptr, L"Args");
+  EERR_FAIL_IF_NULL(design, frame, nullptr);
+  EERR_FAIL_IF_NULL(object, frame, nullptr);
   EERR_FAIL_IF(!estr_Eqic(emif_DesignNameGet(design), L"Eprj_ElevationInfo"), frame, nullptr,
                L"An elevation info in MIF form has the design Eprj_ElevationInfo, not %s",
                emif_DesignNameGet(design));
@@ -593,9 +613,10 @@ Eprj_ElevationInfo* eprj_ElevationInfoConvertFromMIFable(const Emif_Design* desi
   EERR_CHECK(e, frame, nullptr, L"eprj_ElevationInfoCreateByName failed");
   return e;
 }
+EERR_BOUNDARY(err, nullptr)
 
 Eprj_ElevationInfo* eprj_ElevationInfoHfaRead(Ehfa_File* file, const Etxt_Char* path,
-                                              Eerr_ErrorReport** err) {
+                                              Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ElevationInfoHfaRead";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!file, frame, nullptr, L"No file");
@@ -611,12 +632,15 @@ Eprj_ElevationInfo* eprj_ElevationInfoHfaRead(Ehfa_File* file, const Etxt_Char* 
   EERR_CHECK(e, frame, nullptr, L"eprj_ElevationInfoConvertFromMIFable failed");
   return e;
 }
+EERR_BOUNDARY(err, nullptr)
 
 Emsc_Boolean eprj_ElevationInfoHfaWrite(Ehfa_File* file, const Etxt_Char* path,
-                                        const Eprj_ElevationInfo* info, Eerr_ErrorReport** err) {
+                                        const Eprj_ElevationInfo* info,
+                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ElevationInfoHfaWrite";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(!file || !info, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(file, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(info, frame, EMSC_FALSE);
   Emif_Design* d = nullptr;
   void* obj = nullptr;
   EERR_CHECK(eprj_ElevationInfoConvertToMIFable(info, &d, &obj, frame.Callee()), frame, EMSC_FALSE,
@@ -628,5 +652,6 @@ Emsc_Boolean eprj_ElevationInfoHfaWrite(Ehfa_File* file, const Etxt_Char* path,
              frame, EMSC_FALSE, L"ehfa_ObjectWrite failed");
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 }  // extern "C"

@@ -11,6 +11,8 @@
 #include "ehfa.h"
 #include "eprj.h"
 #include "exfr.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 #include "test_util.h"
 
 namespace {

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "eerr_frame.hpp"
 #include "eprj.h"
+#include "platform/eerr/error_frame.h"
 #include "platform/eprj/eprj_internal.h"
 
 namespace {
@@ -233,7 +233,7 @@ Emsc_Boolean ConvertArrays(const Eprj_MapProjection* projection, long count, dou
 extern "C" {
 
 Eprj_MapProjection* eprj_ProjectionInit(const Eprj_ProParameters* parameters,
-                                        Eerr_ErrorReport** err) {
+                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ProjectionInit";
   kzdv::ErrorFrame frame(kFn, err);
   try {
@@ -241,9 +241,10 @@ Eprj_MapProjection* eprj_ProjectionInit(const Eprj_ProParameters* parameters,
   }
   EERR_CATCH(frame, nullptr)
 }
+EERR_BOUNDARY(err, nullptr)
 
 Eprj_MapProjection* eprj_MapProjectionInit(const Eprj_ProParameters* parameters,
-                                           Eerr_ErrorReport** err) {
+                                           Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_MapProjectionInit";
   kzdv::ErrorFrame frame(kFn, err);
   try {
@@ -251,8 +252,9 @@ Eprj_MapProjection* eprj_MapProjectionInit(const Eprj_ProParameters* parameters,
   }
   EERR_CATCH(frame, nullptr)
 }
+EERR_BOUNDARY(err, nullptr)
 
-void eprj_ProjectionFree(Eprj_MapProjection* projection) {
+void eprj_ProjectionFree(Eprj_MapProjection* projection) KZDV_NOEXCEPT {
   if (!projection) return;
   delete Impl(projection);
   eprj_ProParametersFree(projection->proParameters);
@@ -260,7 +262,7 @@ void eprj_ProjectionFree(Eprj_MapProjection* projection) {
 }
 
 Eprj_MapProjection* eprj_ProjectionCopy(const Eprj_MapProjection* projection,
-                                        Eerr_ErrorReport** err) {
+                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ProjectionCopy";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!projection, frame, nullptr, L"No projection");
@@ -269,17 +271,19 @@ Eprj_MapProjection* eprj_ProjectionCopy(const Eprj_MapProjection* projection,
   }
   EERR_CATCH(frame, nullptr)
 }
+EERR_BOUNDARY(err, nullptr)
 
 const Eprj_ProParameters* eprj_MapProjectionCSRGet(const Eprj_MapProjection* projection,
-                                                   Eerr_ErrorReport** err) {
+                                                   Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_MapProjectionCSRGet";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!projection || !projection->proParameters, frame, nullptr, L"No projection");
   return projection->proParameters;
 }
+EERR_BOUNDARY(err, nullptr)
 
 Emsc_Boolean eprj_ProjectionToLL(const Eprj_MapProjection* projection, long count, double* x,
-                                 double* y, Eerr_ErrorReport** err) {
+                                 double* y, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ProjectionToLL";
   kzdv::ErrorFrame frame(kFn, err);
   try {
@@ -287,9 +291,10 @@ Emsc_Boolean eprj_ProjectionToLL(const Eprj_MapProjection* projection, long coun
   }
   EERR_CATCH(frame, EMSC_FALSE)
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean eprj_ProjectionFromLL(const Eprj_MapProjection* projection, long count, double* x,
-                                   double* y, Eerr_ErrorReport** err) {
+                                   double* y, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ProjectionFromLL";
   kzdv::ErrorFrame frame(kFn, err);
   try {
@@ -297,5 +302,6 @@ Emsc_Boolean eprj_ProjectionFromLL(const Eprj_MapProjection* projection, long co
   }
   EERR_CATCH(frame, EMSC_FALSE)
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 }  // extern "C"

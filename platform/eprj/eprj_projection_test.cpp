@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "eprj.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 #include "proj_cli_test_util.h"
 #include "test_util.h"
 

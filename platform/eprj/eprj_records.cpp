@@ -6,9 +6,10 @@
 #include <cwctype>
 #include <memory>
 
-#include "eerr_frame.hpp"
 #include "eprj.h"
+#include "platform/eerr/error_frame.h"
 #include "platform/eprj/eprj_internal.h"
+#include "platform/estr/utf8.h"
 
 namespace kzdv {
 namespace eprj {
@@ -187,7 +188,8 @@ extern "C" {
 
 // ---------------------------------------------------------------- spheroids
 
-Eprj_Spheroid* eprj_SpheroidCreateByName(const Etxt_Char* name, Eerr_ErrorReport** err) {
+Eprj_Spheroid* eprj_SpheroidCreateByName(const Etxt_Char* name,
+                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_SpheroidCreateByName";
   kzdv::ErrorFrame frame(kFn, err);
   const kzdv::eprj::SpheroidDef* def = kzdv::eprj::FindSpheroid(name);
@@ -206,8 +208,10 @@ Eprj_Spheroid* eprj_SpheroidCreateByName(const Etxt_Char* name, Eerr_ErrorReport
   }
   return s.release();
 }
+EERR_BOUNDARY(err, nullptr)
 
-Eprj_Spheroid* eprj_SpheroidCopy(const Eprj_Spheroid* spheroid, Eerr_ErrorReport** err) {
+Eprj_Spheroid* eprj_SpheroidCopy(const Eprj_Spheroid* spheroid,
+                                 Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_SpheroidCopy";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!spheroid, frame, nullptr, L"No spheroid");
@@ -224,8 +228,9 @@ Eprj_Spheroid* eprj_SpheroidCopy(const Eprj_Spheroid* spheroid, Eerr_ErrorReport
   }
   return s.release();
 }
+EERR_BOUNDARY(err, nullptr)
 
-void eprj_SpheroidFree(Eprj_Spheroid* spheroid) {
+void eprj_SpheroidFree(Eprj_Spheroid* spheroid) KZDV_NOEXCEPT {
   if (!spheroid) return;
   emsc_HeapFree(spheroid->sphereName);
   eprj_DatumFree(spheroid->datum);
@@ -234,7 +239,8 @@ void eprj_SpheroidFree(Eprj_Spheroid* spheroid) {
 
 // ------------------------------------------------------------------- datums
 
-Eprj_Datum* eprj_DatumCreateByName(const Etxt_Char* name, Eerr_ErrorReport** err) {
+Eprj_Datum* eprj_DatumCreateByName(const Etxt_Char* name, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   static const Etxt_Char* const kFn = L"eprj_DatumCreateByName";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!name || !*name, frame, nullptr, L"No datum name");
@@ -253,8 +259,9 @@ Eprj_Datum* eprj_DatumCreateByName(const Etxt_Char* name, Eerr_ErrorReport** err
     EERR_FAIL_IF(!DupText(def->grid, &d->gridname), frame, nullptr, L"Out of memory");
   return d.release();
 }
+EERR_BOUNDARY(err, nullptr)
 
-Eprj_Datum* eprj_DatumCopy(const Eprj_Datum* datum, Eerr_ErrorReport** err) {
+Eprj_Datum* eprj_DatumCopy(const Eprj_Datum* datum, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_DatumCopy";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!datum, frame, nullptr, L"No datum");
@@ -265,8 +272,9 @@ Eprj_Datum* eprj_DatumCopy(const Eprj_Datum* datum, Eerr_ErrorReport** err) {
   d->type = datum->type;
   return d.release();
 }
+EERR_BOUNDARY(err, nullptr)
 
-void eprj_DatumFree(Eprj_Datum* datum) {
+void eprj_DatumFree(Eprj_Datum* datum) KZDV_NOEXCEPT {
   if (!datum) return;
   emsc_HeapFree(datum->datumname);
   emsc_HeapFree(datum->params.data);
@@ -278,7 +286,8 @@ void eprj_DatumFree(Eprj_Datum* datum) {
 
 Eprj_ProParameters* eprj_ProParametersCreate(long proNumber, const Etxt_Char* proName, long proZone,
                                              const double* params, const Etxt_Char* spheroidName,
-                                             const Etxt_Char* datumName, Eerr_ErrorReport** err) {
+                                             const Etxt_Char* datumName,
+                                             Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ProParametersCreate";
   kzdv::ErrorFrame frame(kFn, err);
   ProPtr p(NewRecord<Eprj_ProParameters>());
@@ -302,9 +311,10 @@ Eprj_ProParameters* eprj_ProParametersCreate(long proNumber, const Etxt_Char* pr
   }
   return p.release();
 }
+EERR_BOUNDARY(err, nullptr)
 
 Eprj_ProParameters* eprj_ProParametersCopy(const Eprj_ProParameters* source,
-                                           Eerr_ErrorReport** err) {
+                                           Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ProParametersCopy";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!source, frame, nullptr, L"No projection parameters");
@@ -322,8 +332,9 @@ Eprj_ProParameters* eprj_ProParametersCopy(const Eprj_ProParameters* source,
   }
   return p.release();
 }
+EERR_BOUNDARY(err, nullptr)
 
-void eprj_ProParametersFree(Eprj_ProParameters* parameters) {
+void eprj_ProParametersFree(Eprj_ProParameters* parameters) KZDV_NOEXCEPT {
   if (!parameters) return;
   emsc_HeapFree(parameters->proExeName);
   emsc_HeapFree(parameters->proName);
@@ -333,7 +344,7 @@ void eprj_ProParametersFree(Eprj_ProParameters* parameters) {
 }
 
 Emsc_Boolean eprj_ProParametersEqual(const Eprj_ProParameters* a, const Eprj_ProParameters* b,
-                                     Eerr_ErrorReport** err) {
+                                     Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ProParametersEqual";
   kzdv::ErrorFrame frame(kFn, err);
   if (a == b) return EMSC_TRUE;
@@ -357,6 +368,7 @@ Emsc_Boolean eprj_ProParametersEqual(const Eprj_ProParameters* a, const Eprj_Pro
   if ((da || db) && !estr_Eqic(da ? da : L"", db ? db : L"")) return EMSC_FALSE;
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 // ------------------------------------------------------------ elevation info
 
@@ -364,7 +376,7 @@ Eprj_ElevationInfo* eprj_ElevationInfoCreateByName(const Etxt_Char* spheroidName
                                                    const Etxt_Char* datumName,
                                                    const Etxt_Char* elevationUnit,
                                                    const Etxt_Char* elevationType,
-                                                   Eerr_ErrorReport** err) {
+                                                   Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ElevationInfoCreateByName";
   kzdv::ErrorFrame frame(kFn, err);
   ElevPtr e(NewRecord<Eprj_ElevationInfo>());
@@ -375,8 +387,10 @@ Eprj_ElevationInfo* eprj_ElevationInfoCreateByName(const Etxt_Char* spheroidName
                frame, nullptr, L"Out of memory");
   return e.release();
 }
+EERR_BOUNDARY(err, nullptr)
 
-Eprj_ElevationInfo* eprj_ElevationInfoCopy(const Eprj_ElevationInfo* info, Eerr_ErrorReport** err) {
+Eprj_ElevationInfo* eprj_ElevationInfoCopy(const Eprj_ElevationInfo* info,
+                                           Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ElevationInfoCopy";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!info, frame, nullptr, L"No elevation info");
@@ -388,12 +402,14 @@ Eprj_ElevationInfo* eprj_ElevationInfoCopy(const Eprj_ElevationInfo* info, Eerr_
                frame, nullptr, L"Out of memory");
   return e.release();
 }
+EERR_BOUNDARY(err, nullptr)
 
 Emsc_Boolean eprj_ElevationInfoUnitSet(Eprj_ElevationInfo* info, const Etxt_Char* unit,
-                                       Eerr_ErrorReport** err) {
+                                       Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ElevationInfoUnitSet";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(!info || !unit, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(info, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(unit, frame, EMSC_FALSE);
   bool known = false;
   for (const wchar_t* u : kLinearUnits) known = known || estr_Eqic(u, unit);
   EERR_FAIL_IF(!known, frame, EMSC_FALSE, L"Unknown elevation unit \"%s\"", unit);
@@ -403,8 +419,9 @@ Emsc_Boolean eprj_ElevationInfoUnitSet(Eprj_ElevationInfo* info, const Etxt_Char
   info->elevationUnit = copy;
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-void eprj_ElevationInfoFree(Eprj_ElevationInfo* info) {
+void eprj_ElevationInfoFree(Eprj_ElevationInfo* info) KZDV_NOEXCEPT {
   if (!info) return;
   emsc_HeapFree(info->spheroidName);
   emsc_HeapFree(info->datumName);
@@ -413,7 +430,7 @@ void eprj_ElevationInfoFree(Eprj_ElevationInfo* info) {
   emsc_HeapFree(info);
 }
 
-Emsc_Boolean eprj_IsDatumVertical(const Etxt_Char* datumName) {
+Emsc_Boolean eprj_IsDatumVertical(const Etxt_Char* datumName) KZDV_NOEXCEPT {
   static const wchar_t* const kVertical[] = {L"EGM96",
                                              L"EGM2008",
                                              L"EGM84",

@@ -10,6 +10,8 @@
 #include <string>
 
 #include "eprj.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 #include "test_util.h"
 
 namespace {

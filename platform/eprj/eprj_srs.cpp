@@ -8,9 +8,10 @@
 #include <cstring>
 #include <memory>
 
-#include "eerr_frame.hpp"
 #include "eprj.h"
+#include "platform/eerr/error_frame.h"
 #include "platform/eprj/eprj_internal.h"
+#include "platform/estr/utf8.h"
 
 namespace kzdv {
 namespace eprj {
@@ -288,7 +289,8 @@ struct Known {
 
 extern "C" {
 
-Eprj_ProParameters* eprj_ProParametersFromWkt(const char* wkt, Eerr_ErrorReport** err) {
+Eprj_ProParameters* eprj_ProParametersFromWkt(const char* wkt, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   static const Etxt_Char* const kFn = L"eprj_ProParametersFromWkt";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!wkt || !*wkt, frame, nullptr, L"No coordinate system text");
@@ -467,8 +469,10 @@ Eprj_ProParameters* eprj_ProParametersFromWkt(const char* wkt, Eerr_ErrorReport*
   }
   return p.release();
 }
+EERR_BOUNDARY(err, nullptr)
 
-char* eprj_ProParametersToWkt(const Eprj_ProParameters* parameters, Eerr_ErrorReport** err) {
+char* eprj_ProParametersToWkt(const Eprj_ProParameters* parameters,
+                              Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eprj_ProParametersToWkt";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!parameters, frame, nullptr, L"No projection parameters");
@@ -486,5 +490,6 @@ char* eprj_ProParametersToWkt(const Eprj_ProParameters* parameters, Eerr_ErrorRe
   EERR_FAIL_IF(!out, frame, nullptr, L"Out of memory");
   return out;
 }
+EERR_BOUNDARY(err, nullptr)
 
 }  // extern "C"

@@ -7,6 +7,9 @@
 #include <cwctype>
 #include <vector>
 
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
+
 namespace kzdv {
 
 std::string ToUtf8(const std::wstring& s) {
@@ -228,21 +231,21 @@ bool EtxtTextU::EqualsIgnoreCase(const Etxt_Char* other) const {
   return estr_Eqic(c_str(), other) != EMSC_FALSE;
 }
 
-int etxt_Text_strcmp(const Etxt_Char* a, const Etxt_Char* b) {
+int etxt_Text_strcmp(const Etxt_Char* a, const Etxt_Char* b) KZDV_NOEXCEPT {
   if (!a || !b) return a == b ? 0 : (a ? 1 : -1);
   return std::wcscmp(a, b);
 }
 
-size_t etxt_Text_strlen(const Etxt_Char* s) { return s ? std::wcslen(s) : 0; }
+size_t etxt_Text_strlen(const Etxt_Char* s) KZDV_NOEXCEPT { return s ? std::wcslen(s) : 0; }
 
-Etxt_Char* etxt_Text_strdup(const Etxt_Char* s) {
+Etxt_Char* etxt_Text_strdup(const Etxt_Char* s) KZDV_NOEXCEPT {
   if (!s) return nullptr;
   return static_cast<Etxt_Char*>(emsc_MemDup(s, (std::wcslen(s) + 1) * sizeof(Etxt_Char)));
 }
 
-Etxt_Char* estr_Duplicate(const Etxt_Char* s) { return etxt_Text_strdup(s); }
+Etxt_Char* estr_Duplicate(const Etxt_Char* s) KZDV_NOEXCEPT { return etxt_Text_strdup(s); }
 
-int estr_Cmpic(const Etxt_Char* a, const Etxt_Char* b) {
+int estr_Cmpic(const Etxt_Char* a, const Etxt_Char* b) KZDV_NOEXCEPT {
   if (!a || !b) return a == b ? 0 : (a ? 1 : -1);
   for (;; ++a, ++b) {
     wint_t ca = std::towlower(*a), cb = std::towlower(*b);
@@ -251,11 +254,11 @@ int estr_Cmpic(const Etxt_Char* a, const Etxt_Char* b) {
   }
 }
 
-Emsc_Boolean estr_Eqic(const Etxt_Char* a, const Etxt_Char* b) {
+Emsc_Boolean estr_Eqic(const Etxt_Char* a, const Etxt_Char* b) KZDV_NOEXCEPT {
   return estr_Cmpic(a, b) == 0 ? EMSC_TRUE : EMSC_FALSE;
 }
 
-Etxt_Char* estr_Sprintf(const Etxt_Char* format, ...) {
+Etxt_Char* estr_Sprintf(const Etxt_Char* format, ...) KZDV_NOEXCEPT try {
   if (!format) return nullptr;
   va_list ap;
   va_start(ap, format);
@@ -263,8 +266,9 @@ Etxt_Char* estr_Sprintf(const Etxt_Char* format, ...) {
   va_end(ap);
   return etxt_Text_strdup(s.c_str());
 }
+EERR_BOUNDARY(nullptr, nullptr)
 
-Emsc_Boolean estr_StringToDouble(const Etxt_Char* s, double* value) {
+Emsc_Boolean estr_StringToDouble(const Etxt_Char* s, double* value) KZDV_NOEXCEPT {
   if (!s || !value) return EMSC_FALSE;
   wchar_t* end = nullptr;
   errno = 0;
@@ -276,7 +280,7 @@ Emsc_Boolean estr_StringToDouble(const Etxt_Char* s, double* value) {
   return EMSC_TRUE;
 }
 
-Emsc_Boolean estr_StringToLong(const Etxt_Char* s, long* value) {
+Emsc_Boolean estr_StringToLong(const Etxt_Char* s, long* value) KZDV_NOEXCEPT {
   if (!s || !value) return EMSC_FALSE;
   wchar_t* end = nullptr;
   errno = 0;
@@ -288,13 +292,15 @@ Emsc_Boolean estr_StringToLong(const Etxt_Char* s, long* value) {
   return EMSC_TRUE;
 }
 
-char* etxt_ToUtf8(const Etxt_Char* s) {
+char* etxt_ToUtf8(const Etxt_Char* s) KZDV_NOEXCEPT try {
   if (!s) return nullptr;
   std::string u = kzdv::ToUtf8(s);
   return static_cast<char*>(emsc_MemDup(u.c_str(), u.size() + 1));
 }
+EERR_BOUNDARY(nullptr, nullptr)
 
-Etxt_Char* etxt_FromUtf8(const char* s) {
+Etxt_Char* etxt_FromUtf8(const char* s) KZDV_NOEXCEPT try {
   if (!s) return nullptr;
   return etxt_Text_strdup(kzdv::FromUtf8(s).c_str());
 }
+EERR_BOUNDARY(nullptr, nullptr)

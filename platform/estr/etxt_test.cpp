@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/estr/utf8.h"
+
 TEST(WideText, Utf8RoundTripIncludingAstralAndInvalidBytes) {
   const std::wstring w = L"Gauß–Krüger \U0001F4F7 x";
   EXPECT_EQ(kzdv::FromUtf8(kzdv::ToUtf8(w)), w);

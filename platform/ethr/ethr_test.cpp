@@ -5,6 +5,8 @@
 #include <thread>
 #include <vector>
 
+#include "platform/ethr/lock_holder.h"
+
 // The holder serialises a read-modify-write from many threads and unlocks
 // when an exception leaves the scope (a second lock from another thread
 // would otherwise hang the test).

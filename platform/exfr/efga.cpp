@@ -3,11 +3,13 @@
 
 #include <cstring>
 
-#include "eerr_frame.hpp"
+#include "platform/eerr/error_frame.h"
+#include "platform/emsc/heap_ptr.h"
 
 extern "C" {
 
-Efga_Matrix* efga_MatrixCreate(long numrows, long numcolumns, Eerr_ErrorReport** err) {
+Efga_Matrix* efga_MatrixCreate(long numrows, long numcolumns, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   static const Etxt_Char* const kFn = L"efga_MatrixCreate";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(numrows < 1 || numcolumns < 1, frame, nullptr, L"Invalid matrix size %ld x %ld",
@@ -24,14 +26,15 @@ Efga_Matrix* efga_MatrixCreate(long numrows, long numcolumns, Eerr_ErrorReport**
   m->numcolumns = numcolumns;
   return m.release();
 }
+EERR_BOUNDARY(err, nullptr)
 
-void efga_MatrixFree(Efga_Matrix* matrix) {
+void efga_MatrixFree(Efga_Matrix* matrix) KZDV_NOEXCEPT {
   if (!matrix) return;
   emsc_HeapFree(matrix->data);
   emsc_HeapFree(matrix);
 }
 
-Efga_Matrix* efga_MatrixCopy(const Efga_Matrix* matrix, Eerr_ErrorReport** err) {
+Efga_Matrix* efga_MatrixCopy(const Efga_Matrix* matrix, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"efga_MatrixCopy";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!matrix || !matrix->data, frame, nullptr, L"No matrix to copy");
@@ -41,5 +44,6 @@ Efga_Matrix* efga_MatrixCopy(const Efga_Matrix* matrix, Eerr_ErrorReport** err) 
               sizeof(double) * static_cast<size_t>(matrix->numrows) * matrix->numcolumns);
   return copy;
 }
+EERR_BOUNDARY(err, nullptr)
 
 }  // extern "C"

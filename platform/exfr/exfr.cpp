@@ -9,7 +9,7 @@
 #include <new>
 #include <vector>
 
-#include "eerr_frame.hpp"
+#include "platform/eerr/error_frame.h"
 
 struct Exfr_XForm {
   enum Kind { kPolynomial, kPolynomialInverse, kChain, kSensorModel };
@@ -269,7 +269,7 @@ const Exfr_SensorModelOps* SensorOps(const Exfr_XForm* t, kzdv::ErrorFrame& fram
 extern "C" {
 
 Exfr_XForm* exfr_PolynomialXFormCreate(long order, const double* xcoef, const double* ycoef,
-                                       Eerr_ErrorReport** err) {
+                                       Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"exfr_PolynomialXFormCreate";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(order < 1 || order > kMaxOrder, frame, nullptr,
@@ -288,8 +288,9 @@ Exfr_XForm* exfr_PolynomialXFormCreate(long order, const double* xcoef, const do
   }
   EERR_CATCH(frame, nullptr)
 }
+EERR_BOUNDARY(err, nullptr)
 
-Exfr_XForm* exfr_AffineXFormCreate(const double coef[6], Eerr_ErrorReport** err) {
+Exfr_XForm* exfr_AffineXFormCreate(const double coef[6], Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"exfr_AffineXFormCreate";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!coef, frame, nullptr, L"No coefficients");
@@ -301,14 +302,16 @@ Exfr_XForm* exfr_AffineXFormCreate(const double coef[6], Eerr_ErrorReport** err)
   }
   EERR_CATCH(frame, nullptr)
 }
+EERR_BOUNDARY(err, nullptr)
 
-Exfr_XForm* exfr_IdentityXFormCreate(Eerr_ErrorReport** err) {
+Exfr_XForm* exfr_IdentityXFormCreate(Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   const double identity[6] = {1, 0, 0, 0, 1, 0};
   return exfr_AffineXFormCreate(identity, err);
 }
+EERR_BOUNDARY(err, nullptr)
 
 Exfr_XForm* exfr_XFormCompose(const Exfr_XForm* first, const Exfr_XForm* second,
-                              Eerr_ErrorReport** err) {
+                              Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"exfr_XFormCompose";
   kzdv::ErrorFrame frame(kFn, err);
   if (!CheckXForm(first, frame) || !CheckXForm(second, frame)) return nullptr;
@@ -333,9 +336,10 @@ Exfr_XForm* exfr_XFormCompose(const Exfr_XForm* first, const Exfr_XForm* second,
   }
   EERR_CATCH(frame, nullptr)
 }
+EERR_BOUNDARY(err, nullptr)
 
 Exfr_XForm* exfr_SensorModelXFormCreate(const Exfr_SensorModelOps* ops, void* model,
-                                        Eerr_ErrorReport** err) {
+                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"exfr_SensorModelXFormCreate";
   kzdv::ErrorFrame frame(kFn, err);
   if (!ops || !model || !ops->groundToImage || !ops->imageAndGroundZToGroundXY) {
@@ -352,8 +356,9 @@ Exfr_XForm* exfr_SensorModelXFormCreate(const Exfr_SensorModelOps* ops, void* mo
   t->model = model;
   return t;
 }
+EERR_BOUNDARY(err, nullptr)
 
-Exfr_XForm* exfr_XFormCopy(const Exfr_XForm* xform, Eerr_ErrorReport** err) {
+Exfr_XForm* exfr_XFormCopy(const Exfr_XForm* xform, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"exfr_XFormCopy";
   kzdv::ErrorFrame frame(kFn, err);
   if (!CheckXForm(xform, frame)) return nullptr;
@@ -362,11 +367,12 @@ Exfr_XForm* exfr_XFormCopy(const Exfr_XForm* xform, Eerr_ErrorReport** err) {
   }
   EERR_CATCH(frame, nullptr)
 }
+EERR_BOUNDARY(err, nullptr)
 
-void exfr_XFormFree(Exfr_XForm* xform) { delete xform; }
+void exfr_XFormFree(Exfr_XForm* xform) KZDV_NOEXCEPT { delete xform; }
 
 Emsc_Boolean exfr_Transform(const Exfr_XForm* xform, const Efga_Matrix* in, Efga_Matrix* out,
-                            Eerr_ErrorReport** err) {
+                            Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"exfr_Transform";
   kzdv::ErrorFrame frame(kFn, err);
   if (!CheckXForm(xform, frame)) return EMSC_FALSE;
@@ -388,8 +394,9 @@ Emsc_Boolean exfr_Transform(const Exfr_XForm* xform, const Efga_Matrix* in, Efga
   }
   EERR_CATCH(frame, EMSC_FALSE)
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-Exfr_XForm* exfr_XFormInvert(const Exfr_XForm* xform, Eerr_ErrorReport** err) {
+Exfr_XForm* exfr_XFormInvert(const Exfr_XForm* xform, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"exfr_XFormInvert";
   kzdv::ErrorFrame frame(kFn, err);
   if (!CheckXForm(xform, frame)) return nullptr;
@@ -398,13 +405,14 @@ Exfr_XForm* exfr_XFormInvert(const Exfr_XForm* xform, Eerr_ErrorReport** err) {
   }
   EERR_CATCH(frame, nullptr)
 }
+EERR_BOUNDARY(err, nullptr)
 
-long exfr_XFormPolynomialOrder(const Exfr_XForm* xform) {
+long exfr_XFormPolynomialOrder(const Exfr_XForm* xform) KZDV_NOEXCEPT {
   return xform && xform->kind == Exfr_XForm::kPolynomial ? xform->order : 0;
 }
 
 Emsc_Boolean exfr_PolynomialCoefficientsGet(const Exfr_XForm* xform, double* xcoef, double* ycoef,
-                                            Eerr_ErrorReport** err) {
+                                            Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"exfr_PolynomialCoefficientsGet";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!xform || xform->kind != Exfr_XForm::kPolynomial, frame, EMSC_FALSE,
@@ -414,9 +422,10 @@ Emsc_Boolean exfr_PolynomialCoefficientsGet(const Exfr_XForm* xform, double* xco
   std::copy(xform->ycoef.begin(), xform->ycoef.end(), ycoef);
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean exfr_GroundToImage(const Exfr_XForm* xform, long count, const double* ground_xyz,
-                                double* image_xy, Eerr_ErrorReport** err) {
+                                double* image_xy, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"exfr_GroundToImage";
   kzdv::ErrorFrame frame(kFn, err);
   const Exfr_SensorModelOps* ops = SensorOps(xform, frame);
@@ -427,10 +436,11 @@ Emsc_Boolean exfr_GroundToImage(const Exfr_XForm* xform, long count, const doubl
              EMSC_FALSE, L"%hs ground to image failed", ops->name ? ops->name : "sensor model");
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean exfr_ImageToGroundRay(const Exfr_XForm* xform, double image_x, double image_y,
                                    double origin_xyz[3], double direction_xyz[3],
-                                   Eerr_ErrorReport** err) {
+                                   Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"exfr_ImageToGroundRay";
   kzdv::ErrorFrame frame(kFn, err);
   const Exfr_SensorModelOps* ops = SensorOps(xform, frame);
@@ -444,10 +454,12 @@ Emsc_Boolean exfr_ImageToGroundRay(const Exfr_XForm* xform, double image_x, doub
              ops->name ? ops->name : "sensor model");
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean exfr_ImageAndGroundZToGroundXY(const Exfr_XForm* xform, long count,
                                             const double* image_xy, const double* ground_z,
-                                            double* ground_xy, Eerr_ErrorReport** err) {
+                                            double* ground_xy, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   static const Etxt_Char* const kFn = L"exfr_ImageAndGroundZToGroundXY";
   kzdv::ErrorFrame frame(kFn, err);
   const Exfr_SensorModelOps* ops = SensorOps(xform, frame);
@@ -460,8 +472,10 @@ Emsc_Boolean exfr_ImageAndGroundZToGroundXY(const Exfr_XForm* xform, long count,
              ops->name ? ops->name : "sensor model");
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
-void* exfr_XFormSensorModelGet(const Exfr_XForm* xform, const Exfr_SensorModelOps* ops) {
+void* exfr_XFormSensorModelGet(const Exfr_XForm* xform,
+                               const Exfr_SensorModelOps* ops) KZDV_NOEXCEPT {
   if (!xform || xform->kind != Exfr_XForm::kSensorModel || xform->ops != ops) return nullptr;
   return xform->model;
 }

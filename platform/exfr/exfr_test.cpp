@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "efga.h"
+#include "platform/eerr/error_frame.h"
 #include "test_util.h"
 
 namespace {

@@ -17,10 +17,11 @@ KZDV_BEGIN_C
  * EMSC_TRUE on success; on an unknown name or a linear/angular mix returns
  * EMSC_FALSE, stores a nonzero status and leaves the values unchanged. */
 KZDV_EXPORT Emsc_Boolean ecvt_UnitsConvertByName(const Etxt_Char* from, const Etxt_Char* to,
-                                                 long count, double* values, long* status);
+                                                 long count, double* values,
+                                                 long* status) KZDV_NOEXCEPT;
 /* Factor that takes a value in `unit` to meters (linear) or radians (angular);
  * 0 for an unknown name. */
-KZDV_EXPORT double ecvt_UnitFactor(const Etxt_Char* unit);
+KZDV_EXPORT double ecvt_UnitFactor(const Etxt_Char* unit) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

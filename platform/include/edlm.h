@@ -30,23 +30,26 @@ KZDV_BEGIN_C
  * `element_size` bytes). Null with a report on failure. */
 KZDV_EXPORT _edlm_list* edlm_InitList(long element_size, long initial_count,
                                       Edlm_FreeFunction free_element,
-                                      Edlm_CopyFunction copy_element, Eerr_ErrorReport** err);
-KZDV_EXPORT long edlm_CountList(const _edlm_list* list);
+                                      Edlm_CopyFunction copy_element,
+                                      Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+KZDV_EXPORT long edlm_CountList(const _edlm_list* list) KZDV_NOEXCEPT;
 /* Appends an element; the list owns it from now on. */
-KZDV_EXPORT Emsc_Boolean edlm_Add(_edlm_list* list, void* element, Eerr_ErrorReport** err);
+KZDV_EXPORT Emsc_Boolean edlm_Add(_edlm_list* list, void* element,
+                                  Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Inserts before `index` (0..count); the list owns the element. */
 KZDV_EXPORT Emsc_Boolean edlm_Insert(_edlm_list* list, long index, void* element,
-                                     Eerr_ErrorReport** err);
+                                     Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* The element at `index`, or null (with a report) when out of range. */
-KZDV_EXPORT void* edlm_GetAddr(const _edlm_list* list, long index, Eerr_ErrorReport** err);
+KZDV_EXPORT void* edlm_GetAddr(const _edlm_list* list, long index,
+                               Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Takes the element at `index` out of the list and hands it to the caller. */
-KZDV_EXPORT void* edlm_Remove(_edlm_list* list, long index, Eerr_ErrorReport** err);
+KZDV_EXPORT void* edlm_Remove(_edlm_list* list, long index, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Frees the list but not its elements. */
-KZDV_EXPORT void edlm_FreeList(_edlm_list* list);
+KZDV_EXPORT void edlm_FreeList(_edlm_list* list) KZDV_NOEXCEPT;
 /* Frees the list and every element with the list's free function. */
-KZDV_EXPORT void edlm_FreeListAndContents(_edlm_list* list);
+KZDV_EXPORT void edlm_FreeListAndContents(_edlm_list* list) KZDV_NOEXCEPT;
 /* Deep copy through the copy function; null with a report on failure. */
-KZDV_EXPORT _edlm_list* edlm_CopyList(const _edlm_list* list, Eerr_ErrorReport** err);
+KZDV_EXPORT _edlm_list* edlm_CopyList(const _edlm_list* list, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

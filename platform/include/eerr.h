@@ -37,33 +37,30 @@ KZDV_BEGIN_C
  * (then `previous` is freed). */
 KZDV_EXPORT Eerr_ErrorReport* eerr_CreateErrorReport(const Etxt_Char* function, long site,
                                                      int severity, Eerr_ErrorReport* previous,
-                                                     const Etxt_Char* message, ...);
+                                                     const Etxt_Char* message, ...) KZDV_NOEXCEPT;
 /* Frees a whole chain. */
-KZDV_EXPORT void eerr_DeleteErrorReport(Eerr_ErrorReport* report);
+KZDV_EXPORT void eerr_DeleteErrorReport(Eerr_ErrorReport* report) KZDV_NOEXCEPT;
 /* Frees the chain at *report and stores null there. */
-KZDV_EXPORT void eerr_DeleteErrorReportEx(Eerr_ErrorReport** report);
+KZDV_EXPORT void eerr_DeleteErrorReportEx(Eerr_ErrorReport** report) KZDV_NOEXCEPT;
 /* Prints the chain, outermost first, one line per link, to `stream` (null:
  * standard error) or to the installed print handler. `flags` is reserved. */
-KZDV_EXPORT void eerr_PrintErrorReport(const Eerr_ErrorReport* report, FILE* stream, int flags);
+KZDV_EXPORT void eerr_PrintErrorReport(const Eerr_ErrorReport* report, FILE* stream,
+                                       int flags) KZDV_NOEXCEPT;
 /* Installs a handler for printed reports (null restores printing). Returns the
  * previous one. Meant for host applications that route reports to a log. */
-KZDV_EXPORT Eerr_PrintHandler eerr_SetPrintHandler(Eerr_PrintHandler handler, void* context);
+KZDV_EXPORT Eerr_PrintHandler eerr_SetPrintHandler(Eerr_PrintHandler handler,
+                                                   void* context) KZDV_NOEXCEPT;
 /* The innermost (first-failing) link of a chain. */
-KZDV_EXPORT const Eerr_ErrorReport* eerr_ErrorReportInnermost(const Eerr_ErrorReport* report);
+KZDV_EXPORT const Eerr_ErrorReport* eerr_ErrorReportInnermost(const Eerr_ErrorReport* report)
+    KZDV_NOEXCEPT;
 /* Heap text of the whole chain, one link a line. Free with emsc_HeapFree. */
-KZDV_EXPORT Etxt_Char* eerr_ErrorReportText(const Eerr_ErrorReport* report);
+KZDV_EXPORT Etxt_Char* eerr_ErrorReportText(const Eerr_ErrorReport* report) KZDV_NOEXCEPT;
 
 KZDV_END_C
 
 #ifdef __cplusplus
 #include <exception>
 #include <string>
-
-namespace kzdv {
-/* Whole-chain text as std::wstring, and a test for a message anywhere in it. */
-KZDV_EXPORT std::wstring ReportText(const Eerr_ErrorReport* report);
-KZDV_EXPORT bool ReportContains(const Eerr_ErrorReport* report, const std::wstring& message);
-}  // namespace kzdv
 
 /* The toolkit's exception, used by class code.
  *

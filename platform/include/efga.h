@@ -28,11 +28,13 @@ KZDV_BEGIN_C
 
 /* A zero-filled numrows x numcolumns matrix. Both sizes must be at least 1.
  * Null with a report naming "efga_MatrixCreate" on bad sizes or exhaustion. */
-KZDV_EXPORT Efga_Matrix* efga_MatrixCreate(long numrows, long numcolumns, Eerr_ErrorReport** err);
+KZDV_EXPORT Efga_Matrix* efga_MatrixCreate(long numrows, long numcolumns,
+                                           Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Frees a matrix and its data; null is ignored. */
-KZDV_EXPORT void efga_MatrixFree(Efga_Matrix* matrix);
+KZDV_EXPORT void efga_MatrixFree(Efga_Matrix* matrix) KZDV_NOEXCEPT;
 /* A deep copy, or null with a report. */
-KZDV_EXPORT Efga_Matrix* efga_MatrixCopy(const Efga_Matrix* matrix, Eerr_ErrorReport** err);
+KZDV_EXPORT Efga_Matrix* efga_MatrixCopy(const Efga_Matrix* matrix,
+                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

@@ -39,61 +39,67 @@ KZDV_BEGIN_C
 
 /* Opens a file with an fopen mode ("r", "w", "rb", "r+b", ...). Null with a
  * report naming the file on failure. */
-KZDV_EXPORT Efio_File* efio_Open(const Etxt_Char* name, const char* mode, Eerr_ErrorReport** err);
+KZDV_EXPORT Efio_File* efio_Open(const Etxt_Char* name, const char* mode,
+                                 Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Closes and frees; reports a failed flush. Null is ignored. */
-KZDV_EXPORT Emsc_Boolean efio_Close(Efio_File* file, Eerr_ErrorReport** err);
+KZDV_EXPORT Emsc_Boolean efio_Close(Efio_File* file, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* printf to the file (toolkit format: %s is wide). Returns the number of
  * characters written or -1 with a report. */
-KZDV_EXPORT int efio_Fprintf(Efio_File* file, Eerr_ErrorReport** err, const Etxt_Char* format, ...);
+KZDV_EXPORT int efio_Fprintf(Efio_File* file, Eerr_ErrorReport** err, const Etxt_Char* format,
+                             ...) KZDV_NOEXCEPT;
 /* Reads one line of at most `limit`-1 characters into `buffer` (wide, UTF-8
  * decoded), keeping the newline as fgets does. Returns buffer, or null at end
  * of file (no report) or on a read error (report). A line longer than the
  * limit is returned in pieces, as fgets does. */
 KZDV_EXPORT Etxt_Char* efio_Fgets(Etxt_Char* buffer, int limit, Efio_File* file,
-                                  Eerr_ErrorReport** err);
+                                  Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* fscanf on the file with a narrow format; returns what fscanf returns. */
-KZDV_EXPORT int efio_Fscanf(Efio_File* file, const char* format, ...);
+KZDV_EXPORT int efio_Fscanf(Efio_File* file, const char* format, ...) KZDV_NOEXCEPT;
 /* The underlying stdio stream (for code that needs fread/fwrite). */
-KZDV_EXPORT FILE* efio_Stream(Efio_File* file);
+KZDV_EXPORT FILE* efio_Stream(Efio_File* file) KZDV_NOEXCEPT;
 
 /* EFIO_NOTHING, EFIO_DIRECTORY or EFIO_FILE. */
-KZDV_EXPORT int efio_FileNameExistAsFileOrDir(const Etxt_Char* name);
+KZDV_EXPORT int efio_FileNameExistAsFileOrDir(const Etxt_Char* name) KZDV_NOEXCEPT;
 /* Copies `from` to `to` (replacing it). `flags` and `meter` are reserved. */
 KZDV_EXPORT Emsc_Boolean efio_FileCopy(const Etxt_Char* from, const Etxt_Char* to, int flags,
-                                       void* meter, Eerr_ErrorReport** err);
+                                       void* meter, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* The default temporary directory, with a trailing separator (heap string). */
-KZDV_EXPORT Etxt_Char* efio_DirectoryGetTemporary(Eerr_ErrorReport** err);
+KZDV_EXPORT Etxt_Char* efio_DirectoryGetTemporary(Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* A new unique file name "<directory><prefix>XXXXXX<extension>" that did not
  * exist when asked (the file is created empty so the name stays ours). A null
  * directory means the default temporary directory. Heap string. */
 KZDV_EXPORT Etxt_Char* efio_TempName(const Etxt_Char* directory, const Etxt_Char* prefix,
-                                     const Etxt_Char* extension, Eerr_ErrorReport** err);
+                                     const Etxt_Char* extension,
+                                     Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* Path parts (see Estr_PathPart); heap string, "" when the part is absent. */
-KZDV_EXPORT Etxt_Char* estr_GetPathPart(const Etxt_Char* path, Estr_PathPart part);
+KZDV_EXPORT Etxt_Char* estr_GetPathPart(const Etxt_Char* path, Estr_PathPart part) KZDV_NOEXCEPT;
 /* Absolute, normalised form of a path ("~" expanded, "." and ".." removed);
  * the file need not exist. Heap string. */
-KZDV_EXPORT Etxt_Char* estr_PathExpand(const Etxt_Char* path, Eerr_ErrorReport** err);
+KZDV_EXPORT Etxt_Char* estr_PathExpand(const Etxt_Char* path, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 KZDV_EXPORT Emsc_Boolean estr_StringListAppend(Estr_StringList* list, const Etxt_Char* s,
-                                               Eerr_ErrorReport** err);
-KZDV_EXPORT Estr_StringList* estr_StringListCreate(Eerr_ErrorReport** err);
-KZDV_EXPORT void estr_StringListDelete(Estr_StringList* list);
+                                               Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+KZDV_EXPORT Estr_StringList* estr_StringListCreate(Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+KZDV_EXPORT void estr_StringListDelete(Estr_StringList* list) KZDV_NOEXCEPT;
 
 /* File-node names: the file part of "file(:node)" and the node part. */
-KZDV_EXPORT Etxt_Char* efnp_FileNameGet(const Etxt_Char* file_node, Eerr_ErrorReport** err);
-KZDV_EXPORT Etxt_Char* efnp_FileNodeGet(const Etxt_Char* file_node, Eerr_ErrorReport** err);
+KZDV_EXPORT Etxt_Char* efnp_FileNameGet(const Etxt_Char* file_node,
+                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+KZDV_EXPORT Etxt_Char* efnp_FileNodeGet(const Etxt_Char* file_node,
+                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Replaces the file part's extension (with its dot, e.g. L".uai"); heap. */
 KZDV_EXPORT Etxt_Char* efnp_FileNameSet(const Etxt_Char* file_name, const Etxt_Char* extension,
-                                        Eerr_ErrorReport** err);
+                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Splits "file(:n1)(:n2)" into its node list, and joins a file and nodes. */
 KZDV_EXPORT Estr_StringList* efnp_FileNodeListGet(const Etxt_Char* file_node,
-                                                  Eerr_ErrorReport** err);
+                                                  Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 KZDV_EXPORT Etxt_Char* efnp_FileNodeListSet(const Etxt_Char* file_name,
-                                            const Estr_StringList* nodes, Eerr_ErrorReport** err);
+                                            const Estr_StringList* nodes,
+                                            Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* strftime into a wide buffer of `size` characters; returns the length. */
 KZDV_EXPORT size_t etim_Strftime(Etxt_Char* buffer, size_t size, const Etxt_Char* format,
-                                 const struct tm* time);
+                                 const struct tm* time) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

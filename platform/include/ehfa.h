@@ -100,21 +100,22 @@ KZDV_BEGIN_C
 /* Creates (or truncates) `name` with a root node and a dictionary of the
  * file-structure designs; opened for reading and writing, current node root. */
 KZDV_EXPORT Ehfa_File* ehfa_FileCreate(const Etxt_Char* name, Eint_InitToolkitData* init,
-                                       Eerr_ErrorReport** err);
+                                       Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Opens an existing file: mode "r" (read-only) or "r+b"/"r+" (read and write).
  * Reports "%s is not a hierarchical file" for a file without the tag. */
 KZDV_EXPORT Ehfa_File* ehfa_FileOpen(const Etxt_Char* name, const char* mode,
-                                     Eint_InitToolkitData* init, Eerr_ErrorReport** err);
+                                     Eint_InitToolkitData* init,
+                                     Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Writes what is pending (entry headers, dictionary), closes and frees. A
  * pending bulk write is ended. Null is ignored. */
-KZDV_EXPORT Emsc_Boolean ehfa_FileClose(Ehfa_File* file, Eerr_ErrorReport** err);
+KZDV_EXPORT Emsc_Boolean ehfa_FileClose(Ehfa_File* file, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Writes pending entry headers and the dictionary without closing. */
-KZDV_EXPORT Emsc_Boolean ehfa_FileFlush(Ehfa_File* file, Eerr_ErrorReport** err);
+KZDV_EXPORT Emsc_Boolean ehfa_FileFlush(Ehfa_File* file, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* The name given at open or create, borrowed. */
-KZDV_EXPORT const Etxt_Char* ehfa_FileNameGet(const Ehfa_File* file);
+KZDV_EXPORT const Etxt_Char* ehfa_FileNameGet(const Ehfa_File* file) KZDV_NOEXCEPT;
 /* The file's design dictionary, borrowed. Designs added with
  * emif_DictionaryAddDesign are written with the file. */
-KZDV_EXPORT Emif_Dictionary* ehfa_FileDictionaryGet(Ehfa_File* file);
+KZDV_EXPORT Emif_Dictionary* ehfa_FileDictionaryGet(Ehfa_File* file) KZDV_NOEXCEPT;
 /* Bulk writes: ehfa_FileChange(file, EHFA_CHANGE_BULK, 0, 0, err) begins one,
  * (…, 1, 0, err) ends it. Outside a bulk write every call leaves the file
  * consistent on disk (new entry headers and the links of their neighbours are
@@ -122,7 +123,7 @@ KZDV_EXPORT Emif_Dictionary* ehfa_FileDictionaryGet(Ehfa_File* file);
  * written in one ordered pass at the end (or at close), so writing many small
  * nodes costs one header write per node. Bulk writes nest. */
 KZDV_EXPORT Emsc_Boolean ehfa_FileChange(Ehfa_File* file, int kind, int value, void* reserved,
-                                         Eerr_ErrorReport** err);
+                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Copies the file `source_name` into a new file `target_name`, node by node
  * in tree order. A node named in `table` (may be null) is handed to the
  * table's functions: with both functions null it is dropped with its
@@ -135,7 +136,7 @@ KZDV_EXPORT Emsc_Boolean ehfa_FileChange(Ehfa_File* file, int kind, int value, v
  * block tables and overview references moved to their new positions. */
 KZDV_EXPORT Emsc_Boolean ehfa_FileCopy(const Etxt_Char* source_name, const Etxt_Char* target_name,
                                        const Ehfa_CEFRecord* table, Eint_InitToolkitData* init,
-                                       Eerr_ErrorReport** err);
+                                       Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* ---- navigation -------------------------------------------------------- */
 
@@ -143,16 +144,16 @@ KZDV_EXPORT Emsc_Boolean ehfa_FileCopy(const Etxt_Char* source_name, const Etxt_
  * failure ("Node %s not found"), and the current node is kept. */
 KZDV_EXPORT Emsc_Boolean ehfa_EntrySeek(Ehfa_File* file, Ehfa_SeekMethod method,
                                         const Etxt_Char* path, const Etxt_Char* name,
-                                        Eerr_ErrorReport** err);
+                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* As ehfa_EntrySeek, but a missing node is not a failure: EMSC_FALSE without
  * a report and the current node kept. */
 KZDV_EXPORT Emsc_Boolean ehfa_EntrySeekIfPresent(Ehfa_File* file, Ehfa_SeekMethod method,
                                                  const Etxt_Char* path, const Etxt_Char* name,
-                                                 Eerr_ErrorReport** err);
+                                                 Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 KZDV_EXPORT Emsc_Boolean ehfa_EntryInfoGet(Ehfa_File* file, Ehfa_EntryInfo* info,
-                                           Eerr_ErrorReport** err);
+                                           Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Path of the current node (":A:B"), wide, heap. */
-KZDV_EXPORT Etxt_Char* ehfa_EntryPathGet(Ehfa_File* file, Eerr_ErrorReport** err);
+KZDV_EXPORT Etxt_Char* ehfa_EntryPathGet(Ehfa_File* file, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* ---- writing ------------------------------------------------------------ */
 
@@ -160,17 +161,17 @@ KZDV_EXPORT Etxt_Char* ehfa_EntryPathGet(Ehfa_File* file, Eerr_ErrorReport** err
  * for EHFA_WRITE_AFTER its parent). It becomes the current node. */
 KZDV_EXPORT Emsc_Boolean ehfa_EntryWrite(Ehfa_File* file, Ehfa_WritePos position,
                                          const Etxt_Char* name, const Etxt_Char* type,
-                                         Eerr_ErrorReport** err);
+                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Removes the current node with its children; its parent becomes current.
  * The root cannot be removed. */
-KZDV_EXPORT Emsc_Boolean ehfa_EntryDelete(Ehfa_File* file, Eerr_ErrorReport** err);
+KZDV_EXPORT Emsc_Boolean ehfa_EntryDelete(Ehfa_File* file, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Writes `object` (a memory record of `design`) as node `name` of type
  * design-name under `path` at `position`; the design (and those it uses) are
  * added to the file's dictionary. The node becomes current. */
 KZDV_EXPORT Emsc_Boolean ehfa_ObjectWrite(Ehfa_File* file, const Etxt_Char* path,
                                           const Etxt_Char* name, Ehfa_WritePos position,
                                           const Emif_Design* design, const void* object,
-                                          Eerr_ErrorReport** err);
+                                          Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Writes already encoded bytes (free-standing packed bytes, offsets from 0,
  * as emif_ObjectEncode(…, 0, …) makes them) as node `name` of type `type`.
  * When the dictionary knows `type` the pointer offsets are moved to the
@@ -178,7 +179,7 @@ KZDV_EXPORT Emsc_Boolean ehfa_ObjectWrite(Ehfa_File* file, const Etxt_Char* path
 KZDV_EXPORT Emsc_Boolean ehfa_ObjectDataWrite(Ehfa_File* file, const Etxt_Char* path,
                                               const Etxt_Char* name, Ehfa_WritePos position,
                                               const Etxt_Char* type, const void* data,
-                                              uint32_t size, Eerr_ErrorReport** err);
+                                              uint32_t size, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* ---- reading ------------------------------------------------------------ */
 
@@ -190,7 +191,7 @@ KZDV_EXPORT Emsc_Boolean ehfa_ObjectDataWrite(Ehfa_File* file, const Etxt_Char* 
 KZDV_EXPORT Emsc_Boolean ehfa_ObjectRead(Ehfa_File* file, Ehfa_SeekMethod method,
                                          const Etxt_Char* path, const Etxt_Char* name,
                                          const Emif_Design** design, void** object,
-                                         Eerr_ErrorReport** err);
+                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Reads the node into the caller's `record` of the caller's `design` (zeroed
  * first), converting from the stored design by field name (see
  * emif_ObjectConvert): fields the stored object lacks read as zero. Free
@@ -198,19 +199,19 @@ KZDV_EXPORT Emsc_Boolean ehfa_ObjectRead(Ehfa_File* file, Ehfa_SeekMethod method
 KZDV_EXPORT Emsc_Boolean ehfa_ObjectReadInto(Ehfa_File* file, Ehfa_SeekMethod method,
                                              const Etxt_Char* path, const Etxt_Char* name,
                                              const Emif_Design* design, void* record,
-                                             Eerr_ErrorReport** err);
+                                             Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* As ehfa_ObjectReadInto; a missing node gives EMSC_FALSE without a report
  * and the record zeroed. */
 KZDV_EXPORT Emsc_Boolean ehfa_ObjectReadIntoIfPresent(Ehfa_File* file, Ehfa_SeekMethod method,
                                                       const Etxt_Char* path, const Etxt_Char* name,
                                                       const Emif_Design* design, void* record,
-                                                      Eerr_ErrorReport** err);
+                                                      Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* As ehfa_ObjectRead, but a missing node is not a failure: returns
  * EMSC_FALSE, *object null, no report. Check the report for failures. */
 KZDV_EXPORT Emsc_Boolean ehfa_ObjectReadIfPresent(Ehfa_File* file, Ehfa_SeekMethod method,
                                                   const Etxt_Char* path, const Etxt_Char* name,
                                                   const Emif_Design** design, void** object,
-                                                  Eerr_ErrorReport** err);
+                                                  Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* The node's raw data as free-standing packed bytes (offsets from 0 when the
  * dictionary knows the type): *data a heap block, *size its size, *type
  * (may be null) the node's type, wide, heap. Missing node: EMSC_FALSE, no
@@ -218,7 +219,8 @@ KZDV_EXPORT Emsc_Boolean ehfa_ObjectReadIfPresent(Ehfa_File* file, Ehfa_SeekMeth
 KZDV_EXPORT Emsc_Boolean ehfa_ObjectDataReadIfPresent(Ehfa_File* file, Ehfa_SeekMethod method,
                                                       const Etxt_Char* path, const Etxt_Char* name,
                                                       unsigned char** data, uint32_t* size,
-                                                      Etxt_Char** type, Eerr_ErrorReport** err);
+                                                      Etxt_Char** type,
+                                                      Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

@@ -11,7 +11,7 @@ typedef struct Eint_InitToolkitData Eint_InitToolkitData;
 
 KZDV_BEGIN_C
 /* The process-wide handle (created on first use; never null). */
-KZDV_EXPORT Eint_InitToolkitData* eint_GetInit(Eerr_ErrorReport** err);
+KZDV_EXPORT Eint_InitToolkitData* eint_GetInit(Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 KZDV_END_C
 
 #endif /* EINT_H */

@@ -149,81 +149,88 @@ KZDV_BEGIN_C
  *                     0x10d, L"color", 3, 0x402, L"sub", subDesign, 0, err);
  * Returns a new design (free with emif_DesignDestroy) or null with a report
  * (unknown code, duplicate field name, missing design). */
-KZDV_EXPORT Emif_Design* emif_DesignCreate(const Etxt_Char* name, ...);
+KZDV_EXPORT Emif_Design* emif_DesignCreate(const Etxt_Char* name, ...) KZDV_NOEXCEPT;
 KZDV_EXPORT Emif_Design* emif_DesignCreateFromFields(const Etxt_Char* name,
                                                      const Emif_FieldSpec* fields, int count,
-                                                     Eerr_ErrorReport** err);
+                                                     Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* A copy the caller owns (designs are shared internally; copying is cheap). */
-KZDV_EXPORT Emif_Design* emif_DesignCopy(const Emif_Design* design, Eerr_ErrorReport** err);
+KZDV_EXPORT Emif_Design* emif_DesignCopy(const Emif_Design* design,
+                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Frees a design handle; null is ignored. */
-KZDV_EXPORT void emif_DesignDestroy(Emif_Design* design);
-KZDV_EXPORT const Etxt_Char* emif_DesignNameGet(const Emif_Design* design);
+KZDV_EXPORT void emif_DesignDestroy(Emif_Design* design) KZDV_NOEXCEPT;
+KZDV_EXPORT const Etxt_Char* emif_DesignNameGet(const Emif_Design* design) KZDV_NOEXCEPT;
 /* Size and alignment of the memory record. */
-KZDV_EXPORT size_t emif_DesignSizeGet(const Emif_Design* design);
-KZDV_EXPORT int emif_DesignFieldCount(const Emif_Design* design);
+KZDV_EXPORT size_t emif_DesignSizeGet(const Emif_Design* design) KZDV_NOEXCEPT;
+KZDV_EXPORT int emif_DesignFieldCount(const Emif_Design* design) KZDV_NOEXCEPT;
 /* Field `index` (0-based) or, by name, the field called `name`. EMSC_FALSE
  * when there is none (no report). */
 KZDV_EXPORT Emsc_Boolean emif_DesignFieldGet(const Emif_Design* design, int index,
-                                             Emif_FieldInfo* info);
+                                             Emif_FieldInfo* info) KZDV_NOEXCEPT;
 KZDV_EXPORT Emsc_Boolean emif_DesignFieldFind(const Emif_Design* design, const Etxt_Char* name,
-                                              Emif_FieldInfo* info);
+                                              Emif_FieldInfo* info) KZDV_NOEXCEPT;
 /* True when both designs have the same name and the same disk layout. */
-KZDV_EXPORT Emsc_Boolean emif_DesignsEqual(const Emif_Design* a, const Emif_Design* b);
+KZDV_EXPORT Emsc_Boolean emif_DesignsEqual(const Emif_Design* a,
+                                           const Emif_Design* b) KZDV_NOEXCEPT;
 /* The design's definition as dictionary text, e.g.
  * "{0:pcstring,}Emif_String,", UTF-8, heap (emsc_HeapFree). */
-KZDV_EXPORT char* emif_DesignTextGet(const Emif_Design* design, Eerr_ErrorReport** err);
+KZDV_EXPORT char* emif_DesignTextGet(const Emif_Design* design,
+                                     Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* ---- dictionaries ----------------------------------------------------- */
 
 /* An empty dictionary; free with emif_DictionaryDestroy. */
-KZDV_EXPORT Emif_Dictionary* emif_DictionaryCreate(Eerr_ErrorReport** err);
-KZDV_EXPORT void emif_DictionaryDestroy(Emif_Dictionary* dictionary);
+KZDV_EXPORT Emif_Dictionary* emif_DictionaryCreate(Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+KZDV_EXPORT void emif_DictionaryDestroy(Emif_Dictionary* dictionary) KZDV_NOEXCEPT;
 /* Adds a copy of `design` and, first, of every design its object fields use.
  * A design of the same name and layout is kept as it is; one of the same
  * name and another layout is replaced (objects stored under the old layout
  * must be rewritten by the caller). */
 KZDV_EXPORT Emsc_Boolean emif_DictionaryAddDesign(Emif_Dictionary* dictionary,
                                                   const Emif_Design* design,
-                                                  Eerr_ErrorReport** err);
+                                                  Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* The design called `name`, borrowed (valid until the dictionary changes or
  * dies), or null when absent (no report). */
 KZDV_EXPORT const Emif_Design* emif_FindDesignByName(const Emif_Dictionary* dictionary,
-                                                     const Etxt_Char* name);
+                                                     const Etxt_Char* name) KZDV_NOEXCEPT;
 /* As emif_FindDesignByName, but a missing design is a failure:
  * "Design %s is not in the dictionary". */
 KZDV_EXPORT const Emif_Design* emif_DesignFetch(const Emif_Dictionary* dictionary,
-                                                const Etxt_Char* name, Eerr_ErrorReport** err);
-KZDV_EXPORT int emif_DictionaryDesignCount(const Emif_Dictionary* dictionary);
+                                                const Etxt_Char* name,
+                                                Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+KZDV_EXPORT int emif_DictionaryDesignCount(const Emif_Dictionary* dictionary) KZDV_NOEXCEPT;
 /* Design `index` in definition order, borrowed; null when out of range. */
 KZDV_EXPORT const Emif_Design* emif_DictionaryDesignGet(const Emif_Dictionary* dictionary,
-                                                        int index);
+                                                        int index) KZDV_NOEXCEPT;
 /* Dictionary text of all designs, in definition order, closed by ".":
  * "{...}A,{...}B,." UTF-8, heap. */
-KZDV_EXPORT char* emif_DictionaryTextGet(const Emif_Dictionary* dictionary, Eerr_ErrorReport** err);
+KZDV_EXPORT char* emif_DictionaryTextGet(const Emif_Dictionary* dictionary,
+                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Parses dictionary text (at most `length` bytes; it may stop at "." or a
  * zero). Definitions written inline ("1:x{0:pcstring,}Emif_String,type,")
  * become designs of their own. Malformed text is reported with the offset of
  * the fault; nothing is left half-built. */
 KZDV_EXPORT Emif_Dictionary* emif_DictionaryFromText(const char* text, size_t length,
-                                                     Eerr_ErrorReport** err);
+                                                     Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* ---- objects ---------------------------------------------------------- */
 
 /* A zeroed record of the design's memory layout (toolkit heap). */
-KZDV_EXPORT void* emif_ObjectCreate(const Emif_Design* design, Eerr_ErrorReport** err);
+KZDV_EXPORT void* emif_ObjectCreate(const Emif_Design* design,
+                                    Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Frees everything the record points to (strings, arrays, pointed objects,
  * recursively) and zeroes those fields; the record itself is kept. */
 KZDV_EXPORT Emsc_Boolean emif_ObjectContentsFree(const Emif_Design* design, void* object,
-                                                 Eerr_ErrorReport** err);
+                                                 Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* emif_ObjectContentsFree, then frees the record. Null is ignored. */
 KZDV_EXPORT Emsc_Boolean emif_ObjectFree(const Emif_Design* design, void* object,
-                                         Eerr_ErrorReport** err);
+                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Deep copy into a new record / into the caller's record `target` (whose old
  * contents are not freed). On failure nothing is left allocated. */
 KZDV_EXPORT void* emif_ObjectCopy(const Emif_Design* design, const void* object,
-                                  Eerr_ErrorReport** err);
+                                  Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 KZDV_EXPORT Emsc_Boolean emif_ObjectCopyContents(const Emif_Design* design, const void* source,
-                                                 void* target, Eerr_ErrorReport** err);
+                                                 void* target,
+                                                 Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Fills the caller's record `target` of design `to` from `source` of design
  * `from`, matching fields by name: a field the source lacks stays zero, one
  * only the source has is dropped, numbers convert between integer and float
@@ -232,18 +239,18 @@ KZDV_EXPORT Emsc_Boolean emif_ObjectCopyContents(const Emif_Design* design, cons
  * `target`'s old contents are not freed; on failure it is left zeroed. */
 KZDV_EXPORT Emsc_Boolean emif_ObjectConvert(const Emif_Design* from, const void* source,
                                             const Emif_Design* to, void* target,
-                                            Eerr_ErrorReport** err);
+                                            Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Packed disk bytes of a record. Pointer fields store their count and the
  * position of their data, counted from `base_offset` (the file position the
  * bytes will occupy; 0 for free-standing bytes). Heap block, size in *size. */
 KZDV_EXPORT unsigned char* emif_ObjectEncode(const Emif_Design* design, const void* object,
                                              uint32_t base_offset, uint32_t* size,
-                                             Eerr_ErrorReport** err);
+                                             Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* A new record decoded from packed bytes. Counts are checked against the
  * bytes at hand, so damaged input gives a report, never a huge allocation.
  * Pointed data are taken to follow their count/offset pair, as written. */
 KZDV_EXPORT void* emif_ObjectDecode(const Emif_Design* design, const unsigned char* bytes,
-                                    size_t size, Eerr_ErrorReport** err);
+                                    size_t size, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* ---- MIF form ----------------------------------------------------------
  * The MIF form of an object travels without its dictionary: the design name,
@@ -252,14 +259,14 @@ KZDV_EXPORT void* emif_ObjectDecode(const Emif_Design* design, const unsigned ch
  * are filled with new heap blocks (counts include the terminating zero). */
 KZDV_EXPORT Emsc_Boolean emif_MIFableObjectConvertToMIF(
     const Emif_Design* design, const void* object, Emif_CountedString* design_name,
-    Emif_CountedString* dictionary, Emif_CountedBytes* bytes, Eerr_ErrorReport** err);
+    Emif_CountedString* dictionary, Emif_CountedBytes* bytes, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Rebuilds the design (caller owns; emif_DesignDestroy) and the object (free
  * with emif_ObjectFree and that design) from the three MIF fields. */
 KZDV_EXPORT Emsc_Boolean emif_MIFableObjectConvertFromMIF(const Emif_CountedString* design_name,
                                                           const Emif_CountedString* dictionary,
                                                           const Emif_CountedBytes* bytes,
                                                           Emif_Design** design, void** object,
-                                                          Eerr_ErrorReport** err);
+                                                          Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

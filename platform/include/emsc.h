@@ -18,31 +18,19 @@ KZDV_BEGIN_C
 
 /* Returns a block of `size` bytes (a zero request yields a valid 1-byte
  * block), or null when memory is exhausted. */
-KZDV_EXPORT void* emsc_HeapMalloc(size_t size);
+KZDV_EXPORT void* emsc_HeapMalloc(size_t size) KZDV_NOEXCEPT;
 /* Zero-filled variant of emsc_HeapMalloc for `count` elements of `size`. */
-KZDV_EXPORT void* emsc_HeapCalloc(size_t count, size_t size);
+KZDV_EXPORT void* emsc_HeapCalloc(size_t count, size_t size) KZDV_NOEXCEPT;
 /* Resizes `block` (null acts as malloc). On failure returns null and leaves
  * the old block valid. */
-KZDV_EXPORT void* emsc_HeapRealloc(void* block, size_t size);
+KZDV_EXPORT void* emsc_HeapRealloc(void* block, size_t size) KZDV_NOEXCEPT;
 /* Frees a block from this heap; null is ignored. */
-KZDV_EXPORT void emsc_HeapFree(void* block);
+KZDV_EXPORT void emsc_HeapFree(void* block) KZDV_NOEXCEPT;
 /* Frees *block and stores null through the pointer. */
-KZDV_EXPORT void emsc_HeapFreeEx(void** block);
+KZDV_EXPORT void emsc_HeapFreeEx(void** block) KZDV_NOEXCEPT;
 /* Copies `size` bytes of `src` into a new heap block; null on exhaustion. */
-KZDV_EXPORT void* emsc_MemDup(const void* src, size_t size);
+KZDV_EXPORT void* emsc_MemDup(const void* src, size_t size) KZDV_NOEXCEPT;
 
 KZDV_END_C
-
-#ifdef __cplusplus
-#include <memory>
-namespace kzdv {
-/* Deleter so that heap blocks can be held by std::unique_ptr on every path. */
-struct HeapDeleter {
-  void operator()(void* p) const { emsc_HeapFree(p); }
-};
-template <typename T>
-using HeapPtr = std::unique_ptr<T, HeapDeleter>;
-}  // namespace kzdv
-#endif
 
 #endif /* EMSC_H */

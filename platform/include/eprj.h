@@ -156,14 +156,18 @@ KZDV_BEGIN_C
 
 /* A spheroid by name ("WGS 84", "GRS 1980", "Clarke 1866", "International
  * 1909", "Bessel", "Airy", ...; case ignored). Unknown names fail. */
-KZDV_EXPORT Eprj_Spheroid* eprj_SpheroidCreateByName(const Etxt_Char* name, Eerr_ErrorReport** err);
-KZDV_EXPORT Eprj_Spheroid* eprj_SpheroidCopy(const Eprj_Spheroid* spheroid, Eerr_ErrorReport** err);
-KZDV_EXPORT void eprj_SpheroidFree(Eprj_Spheroid* spheroid);
+KZDV_EXPORT Eprj_Spheroid* eprj_SpheroidCreateByName(const Etxt_Char* name,
+                                                     Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+KZDV_EXPORT Eprj_Spheroid* eprj_SpheroidCopy(const Eprj_Spheroid* spheroid,
+                                             Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+KZDV_EXPORT void eprj_SpheroidFree(Eprj_Spheroid* spheroid) KZDV_NOEXCEPT;
 /* A datum by name ("WGS 84", "NAD83", "NAD27", "ED50", ...). Unknown names
  * give a datum of type EPRJ_DATUM_NONE with that name. */
-KZDV_EXPORT Eprj_Datum* eprj_DatumCreateByName(const Etxt_Char* name, Eerr_ErrorReport** err);
-KZDV_EXPORT Eprj_Datum* eprj_DatumCopy(const Eprj_Datum* datum, Eerr_ErrorReport** err);
-KZDV_EXPORT void eprj_DatumFree(Eprj_Datum* datum);
+KZDV_EXPORT Eprj_Datum* eprj_DatumCreateByName(const Etxt_Char* name,
+                                               Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+KZDV_EXPORT Eprj_Datum* eprj_DatumCopy(const Eprj_Datum* datum,
+                                       Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+KZDV_EXPORT void eprj_DatumFree(Eprj_Datum* datum) KZDV_NOEXCEPT;
 
 /* Projection parameters from their parts (params: EPRJ_PARAMETER_COUNT
  * values or null for zeros; spheroid and datum by name, datum may be null). */
@@ -171,17 +175,17 @@ KZDV_EXPORT Eprj_ProParameters* eprj_ProParametersCreate(long proNumber, const E
                                                          long proZone, const double* params,
                                                          const Etxt_Char* spheroidName,
                                                          const Etxt_Char* datumName,
-                                                         Eerr_ErrorReport** err);
+                                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 KZDV_EXPORT Eprj_ProParameters* eprj_ProParametersCopy(const Eprj_ProParameters* source,
-                                                       Eerr_ErrorReport** err);
+                                                       Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Null is ignored. */
-KZDV_EXPORT void eprj_ProParametersFree(Eprj_ProParameters* parameters);
+KZDV_EXPORT void eprj_ProParametersFree(Eprj_ProParameters* parameters) KZDV_NOEXCEPT;
 /* True when both describe the same projection: type, number, zone, names of
  * the executable (case ignored), parameters within 1e-10, spheroid axes
  * within 1e-6 m and datum names (case ignored). Two nulls are equal. */
 KZDV_EXPORT Emsc_Boolean eprj_ProParametersEqual(const Eprj_ProParameters* a,
                                                  const Eprj_ProParameters* b,
-                                                 Eerr_ErrorReport** err);
+                                                 Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* ---- Projection objects. */
 
@@ -189,62 +193,63 @@ KZDV_EXPORT Emsc_Boolean eprj_ProParametersEqual(const Eprj_ProParameters* a,
  * numbers, external projections, a missing spheroid, and absurd parameters
  * (non-finite values, latitudes beyond ±90°, UTM zone outside 1..60 ...). */
 KZDV_EXPORT Eprj_MapProjection* eprj_ProjectionInit(const Eprj_ProParameters* parameters,
-                                                    Eerr_ErrorReport** err);
+                                                    Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Same as eprj_ProjectionInit (the name used where a map projection of an
  * output system is rebuilt). */
 KZDV_EXPORT Eprj_MapProjection* eprj_MapProjectionInit(const Eprj_ProParameters* parameters,
-                                                       Eerr_ErrorReport** err);
+                                                       Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Null is ignored. */
-KZDV_EXPORT void eprj_ProjectionFree(Eprj_MapProjection* projection);
+KZDV_EXPORT void eprj_ProjectionFree(Eprj_MapProjection* projection) KZDV_NOEXCEPT;
 KZDV_EXPORT Eprj_MapProjection* eprj_ProjectionCopy(const Eprj_MapProjection* projection,
-                                                    Eerr_ErrorReport** err);
+                                                    Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* The parameters of a projection (borrowed: owned by the projection). */
-KZDV_EXPORT const Eprj_ProParameters* eprj_MapProjectionCSRGet(const Eprj_MapProjection* projection,
-                                                               Eerr_ErrorReport** err);
+KZDV_EXPORT const Eprj_ProParameters* eprj_MapProjectionCSRGet(
+    const Eprj_MapProjection* projection, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Convenience forms of toLL / fromLL on separate coordinate arrays (in place,
  * `count` points). Fail with a report when the projection lacks the routine
  * or a point is outside its domain; nothing is written then. */
 KZDV_EXPORT Emsc_Boolean eprj_ProjectionToLL(const Eprj_MapProjection* projection, long count,
-                                             double* x, double* y, Eerr_ErrorReport** err);
+                                             double* x, double* y,
+                                             Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 KZDV_EXPORT Emsc_Boolean eprj_ProjectionFromLL(const Eprj_MapProjection* projection, long count,
-                                               double* x, double* y, Eerr_ErrorReport** err);
+                                               double* x, double* y,
+                                               Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* ---- WKT / EPSG. */
 
 /* Parameters from a WKT, PROJ string or "EPSG:n" text (as GDAL gives a
  * GeoTIFF's projection). Projections that have no internal number fail. */
-KZDV_EXPORT Eprj_ProParameters* eprj_ProParametersFromWkt(const char* wkt, Eerr_ErrorReport** err);
+KZDV_EXPORT Eprj_ProParameters* eprj_ProParametersFromWkt(const char* wkt,
+                                                          Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* WKT (WKT1 as GDAL writes it) of the parameters; heap UTF-8 text, free with
  * emsc_HeapFree. */
 KZDV_EXPORT char* eprj_ProParametersToWkt(const Eprj_ProParameters* parameters,
-                                          Eerr_ErrorReport** err);
+                                          Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* ---- Elevation info. */
 
 /* An elevation info from its four texts; any null text becomes "Undefined"
  * (units: "meters", type: "unknown"). */
-KZDV_EXPORT Eprj_ElevationInfo* eprj_ElevationInfoCreateByName(const Etxt_Char* spheroidName,
-                                                               const Etxt_Char* datumName,
-                                                               const Etxt_Char* elevationUnit,
-                                                               const Etxt_Char* elevationType,
-                                                               Eerr_ErrorReport** err);
+KZDV_EXPORT Eprj_ElevationInfo* eprj_ElevationInfoCreateByName(
+    const Etxt_Char* spheroidName, const Etxt_Char* datumName, const Etxt_Char* elevationUnit,
+    const Etxt_Char* elevationType, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 KZDV_EXPORT Eprj_ElevationInfo* eprj_ElevationInfoCopy(const Eprj_ElevationInfo* info,
-                                                       Eerr_ErrorReport** err);
+                                                       Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Replaces the unit name (must be a known linear unit). */
 KZDV_EXPORT Emsc_Boolean eprj_ElevationInfoUnitSet(Eprj_ElevationInfo* info, const Etxt_Char* unit,
-                                                   Eerr_ErrorReport** err);
+                                                   Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Null is ignored. */
-KZDV_EXPORT void eprj_ElevationInfoFree(Eprj_ElevationInfo* info);
+KZDV_EXPORT void eprj_ElevationInfoFree(Eprj_ElevationInfo* info) KZDV_NOEXCEPT;
 /* Elevation info of band `band` (from 1) of a raster file opened with GDAL:
  * units from the band's unit type, datum from the vertical part of the
  * file's coordinate system ("Undefined" when there is none), spheroid from
  * its horizontal part. */
 KZDV_EXPORT Eprj_ElevationInfo* eprj_ElevationInfoRead(const Etxt_Char* fileName, long band,
-                                                       Eerr_ErrorReport** err);
+                                                       Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* True when `datumName` names a vertical (geoid) datum, e.g. "EGM96",
  * "EGM2008", "NAVD88", "NGVD29"; false for ellipsoidal datums, "Undefined"
  * and null. */
-KZDV_EXPORT Emsc_Boolean eprj_IsDatumVertical(const Etxt_Char* datumName);
+KZDV_EXPORT Emsc_Boolean eprj_IsDatumVertical(const Etxt_Char* datumName) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

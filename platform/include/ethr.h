@@ -14,38 +14,14 @@ typedef struct Ethr_Mutex Ethr_Mutex;
 KZDV_BEGIN_C
 
 /* Creates a recursive mutex; null with a report on failure. */
-KZDV_EXPORT Ethr_Mutex* ethr_MutexCreate(Eerr_ErrorReport** err);
-KZDV_EXPORT void ethr_MutexLock(Ethr_Mutex* mutex, Eerr_ErrorReport** err);
-KZDV_EXPORT void ethr_MutexUnlock(Ethr_Mutex* mutex, Eerr_ErrorReport** err);
+KZDV_EXPORT Ethr_Mutex* ethr_MutexCreate(Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+KZDV_EXPORT void ethr_MutexLock(Ethr_Mutex* mutex, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+KZDV_EXPORT void ethr_MutexUnlock(Ethr_Mutex* mutex, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Destroys a mutex that no thread holds; null is ignored. */
-KZDV_EXPORT void ethr_MutexDestroy(Ethr_Mutex* mutex, Eerr_ErrorReport** err);
-KZDV_EXPORT void ethr_ThreadUnsafeCodeEnter(void);
-KZDV_EXPORT void ethr_ThreadUnsafeCodeExit(void);
+KZDV_EXPORT void ethr_MutexDestroy(Ethr_Mutex* mutex, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+KZDV_EXPORT void ethr_ThreadUnsafeCodeEnter(void) KZDV_NOEXCEPT;
+KZDV_EXPORT void ethr_ThreadUnsafeCodeExit(void) KZDV_NOEXCEPT;
 
 KZDV_END_C
-
-#ifdef __cplusplus
-/* Scope-bound lock holder: locks a non-null mutex on construction and unlocks
- * it when the scope ends, also when an exception passes. */
-class KZDV_EXPORT EthrLockHolder {
- public:
-  explicit EthrLockHolder(Ethr_Mutex* mutex);
-  ~EthrLockHolder();
-  EthrLockHolder(const EthrLockHolder&) = delete;
-  EthrLockHolder& operator=(const EthrLockHolder&) = delete;
-
- private:
-  Ethr_Mutex* mutex_;
-};
-
-/* Scope-bound thread-unsafe section. */
-class KZDV_EXPORT EthrThreadUnsafeSection {
- public:
-  EthrThreadUnsafeSection() { ethr_ThreadUnsafeCodeEnter(); }
-  ~EthrThreadUnsafeSection() { ethr_ThreadUnsafeCodeExit(); }
-  EthrThreadUnsafeSection(const EthrThreadUnsafeSection&) = delete;
-  EthrThreadUnsafeSection& operator=(const EthrThreadUnsafeSection&) = delete;
-};
-#endif
 
 #endif /* ETHR_H */

@@ -18,31 +18,30 @@ typedef Etxt_Char* Etxt_Text;
 KZDV_BEGIN_C
 
 /* Exact (case-sensitive) comparison like wcscmp; null sorts before any text. */
-KZDV_EXPORT int etxt_Text_strcmp(const Etxt_Char* a, const Etxt_Char* b);
-KZDV_EXPORT size_t etxt_Text_strlen(const Etxt_Char* s);
+KZDV_EXPORT int etxt_Text_strcmp(const Etxt_Char* a, const Etxt_Char* b) KZDV_NOEXCEPT;
+KZDV_EXPORT size_t etxt_Text_strlen(const Etxt_Char* s) KZDV_NOEXCEPT;
 /* Heap copy of `s` (null gives null). Free with emsc_HeapFree. */
-KZDV_EXPORT Etxt_Char* etxt_Text_strdup(const Etxt_Char* s);
+KZDV_EXPORT Etxt_Char* etxt_Text_strdup(const Etxt_Char* s) KZDV_NOEXCEPT;
 /* Case-ignoring equality; two nulls are equal, null and text are not. */
-KZDV_EXPORT Emsc_Boolean estr_Eqic(const Etxt_Char* a, const Etxt_Char* b);
+KZDV_EXPORT Emsc_Boolean estr_Eqic(const Etxt_Char* a, const Etxt_Char* b) KZDV_NOEXCEPT;
 /* Case-ignoring comparison like wcscasecmp. */
-KZDV_EXPORT int estr_Cmpic(const Etxt_Char* a, const Etxt_Char* b);
+KZDV_EXPORT int estr_Cmpic(const Etxt_Char* a, const Etxt_Char* b) KZDV_NOEXCEPT;
 /* Heap copy of `s`; alias of etxt_Text_strdup under the estr name. */
-KZDV_EXPORT Etxt_Char* estr_Duplicate(const Etxt_Char* s);
+KZDV_EXPORT Etxt_Char* estr_Duplicate(const Etxt_Char* s) KZDV_NOEXCEPT;
 /* Formats into a new heap string (toolkit format: %s is wide). Null on a
  * bad format or exhaustion. */
-KZDV_EXPORT Etxt_Char* estr_Sprintf(const Etxt_Char* format, ...);
+KZDV_EXPORT Etxt_Char* estr_Sprintf(const Etxt_Char* format, ...) KZDV_NOEXCEPT;
 /* Parses a whole string as a number (surrounding blanks allowed). Returns
  * EMSC_FALSE and leaves *value untouched when the text is not a number. */
-KZDV_EXPORT Emsc_Boolean estr_StringToDouble(const Etxt_Char* s, double* value);
-KZDV_EXPORT Emsc_Boolean estr_StringToLong(const Etxt_Char* s, long* value);
+KZDV_EXPORT Emsc_Boolean estr_StringToDouble(const Etxt_Char* s, double* value) KZDV_NOEXCEPT;
+KZDV_EXPORT Emsc_Boolean estr_StringToLong(const Etxt_Char* s, long* value) KZDV_NOEXCEPT;
 /* Heap UTF-8 copy of a wide string, and the reverse. Null on bad input. */
-KZDV_EXPORT char* etxt_ToUtf8(const Etxt_Char* s);
-KZDV_EXPORT Etxt_Char* etxt_FromUtf8(const char* s);
+KZDV_EXPORT char* etxt_ToUtf8(const Etxt_Char* s) KZDV_NOEXCEPT;
+KZDV_EXPORT Etxt_Char* etxt_FromUtf8(const char* s) KZDV_NOEXCEPT;
 
 KZDV_END_C
 
 #ifdef __cplusplus
-#include <cstdarg>
 #include <string>
 
 /* The toolkit's wide string class used by the class interfaces. */
@@ -57,16 +56,6 @@ class KZDV_EXPORT EtxtTextU : public std::wstring {
   std::string ToUtf8() const;
   bool EqualsIgnoreCase(const Etxt_Char* other) const;
 };
-
-namespace kzdv {
-/* UTF-8 <-> wide conversions used at file and OS boundaries. Invalid UTF-8
- * bytes become U+FFFD; the conversion never fails. */
-KZDV_EXPORT std::string ToUtf8(const std::wstring& s);
-KZDV_EXPORT std::wstring FromUtf8(const std::string& s);
-/* vswprintf with the toolkit's %s-is-wide rule; returns the formatted text. */
-KZDV_EXPORT std::wstring FormatV(const Etxt_Char* format, va_list args);
-KZDV_EXPORT std::wstring Format(const Etxt_Char* format, ...);
-}  // namespace kzdv
 #endif
 
 #endif /* ETXT_H */

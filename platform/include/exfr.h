@@ -56,24 +56,27 @@ KZDV_BEGIN_C
 /* Polynomial of `order` (1..5): x' = sum xcoef[k]·term_k(x, y), y' likewise,
  * each array EXFR_POLY_TERM_COUNT(order) long (copied). */
 KZDV_EXPORT Exfr_XForm* exfr_PolynomialXFormCreate(long order, const double* xcoef,
-                                                   const double* ycoef, Eerr_ErrorReport** err);
+                                                   const double* ycoef,
+                                                   Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Affine in the library's six-coefficient form: x' = c0·x + c1·y + c2,
  * y' = c3·x + c4·y + c5. */
-KZDV_EXPORT Exfr_XForm* exfr_AffineXFormCreate(const double coef[6], Eerr_ErrorReport** err);
+KZDV_EXPORT Exfr_XForm* exfr_AffineXFormCreate(const double coef[6],
+                                               Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Identity transform. */
-KZDV_EXPORT Exfr_XForm* exfr_IdentityXFormCreate(Eerr_ErrorReport** err);
+KZDV_EXPORT Exfr_XForm* exfr_IdentityXFormCreate(Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* `second` after `first` (both copied). */
 KZDV_EXPORT Exfr_XForm* exfr_XFormCompose(const Exfr_XForm* first, const Exfr_XForm* second,
-                                          Eerr_ErrorReport** err);
+                                          Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Wraps a sensor model; the transform takes ownership of `model` (freed with
  * ops->destroy), even on failure. `ops` must outlive the transform (a static
  * table). */
 KZDV_EXPORT Exfr_XForm* exfr_SensorModelXFormCreate(const Exfr_SensorModelOps* ops, void* model,
-                                                    Eerr_ErrorReport** err);
+                                                    Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Deep copy. */
-KZDV_EXPORT Exfr_XForm* exfr_XFormCopy(const Exfr_XForm* xform, Eerr_ErrorReport** err);
+KZDV_EXPORT Exfr_XForm* exfr_XFormCopy(const Exfr_XForm* xform,
+                                       Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Null is ignored. */
-KZDV_EXPORT void exfr_XFormFree(Exfr_XForm* xform);
+KZDV_EXPORT void exfr_XFormFree(Exfr_XForm* xform) KZDV_NOEXCEPT;
 
 /* ---- Use. */
 
@@ -81,34 +84,38 @@ KZDV_EXPORT void exfr_XFormFree(Exfr_XForm* xform);
  * On failure (a singular inverse, a non-finite result, a sensor model
  * failure) reports naming "exfr_Transform" and leaves `out` unchanged. */
 KZDV_EXPORT Emsc_Boolean exfr_Transform(const Exfr_XForm* xform, const Efga_Matrix* in,
-                                        Efga_Matrix* out, Eerr_ErrorReport** err);
+                                        Efga_Matrix* out, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Inverse transform: exact for affine and chains of affines; for a higher
  * polynomial a transform that inverts it point by point by Newton iteration
  * (to 1e-10 of the input), started from the inverse of its linear part.
  * Sensor models have no inverse here (reported). */
-KZDV_EXPORT Exfr_XForm* exfr_XFormInvert(const Exfr_XForm* xform, Eerr_ErrorReport** err);
+KZDV_EXPORT Exfr_XForm* exfr_XFormInvert(const Exfr_XForm* xform,
+                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Polynomial order (1 affine), or 0 for other kinds. */
-KZDV_EXPORT long exfr_XFormPolynomialOrder(const Exfr_XForm* xform);
+KZDV_EXPORT long exfr_XFormPolynomialOrder(const Exfr_XForm* xform) KZDV_NOEXCEPT;
 /* Copies the coefficients of a polynomial transform into the caller's
  * arrays (EXFR_POLY_TERM_COUNT(order) each). */
 KZDV_EXPORT Emsc_Boolean exfr_PolynomialCoefficientsGet(const Exfr_XForm* xform, double* xcoef,
-                                                        double* ycoef, Eerr_ErrorReport** err);
+                                                        double* ycoef,
+                                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* ---- Sensor models. All fail with a report on a transform that is not a
  * sensor model or whose model lacks the routine. */
 KZDV_EXPORT Emsc_Boolean exfr_GroundToImage(const Exfr_XForm* xform, long count,
                                             const double* ground_xyz, double* image_xy,
-                                            Eerr_ErrorReport** err);
+                                            Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 KZDV_EXPORT Emsc_Boolean exfr_ImageToGroundRay(const Exfr_XForm* xform, double image_x,
                                                double image_y, double origin_xyz[3],
-                                               double direction_xyz[3], Eerr_ErrorReport** err);
+                                               double direction_xyz[3],
+                                               Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 KZDV_EXPORT Emsc_Boolean exfr_ImageAndGroundZToGroundXY(const Exfr_XForm* xform, long count,
                                                         const double* image_xy,
                                                         const double* ground_z, double* ground_xy,
-                                                        Eerr_ErrorReport** err);
+                                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* The model object of a sensor-model transform when it was registered with
  * `ops` (the same table), else null. Borrowed. */
-KZDV_EXPORT void* exfr_XFormSensorModelGet(const Exfr_XForm* xform, const Exfr_SensorModelOps* ops);
+KZDV_EXPORT void* exfr_XFormSensorModelGet(const Exfr_XForm* xform,
+                                           const Exfr_SensorModelOps* ops) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

@@ -12,12 +12,16 @@
 #define KZDV_EXPORT __attribute__((visibility("default")))
 #endif
 
+/* Exported C functions never let a C++ exception out: to C++ callers they are
+ * noexcept; a C compiler sees nothing. */
 #ifdef __cplusplus
 #define KZDV_BEGIN_C extern "C" {
 #define KZDV_END_C }
+#define KZDV_NOEXCEPT noexcept
 #else
 #define KZDV_BEGIN_C
 #define KZDV_END_C
+#define KZDV_NOEXCEPT
 #endif
 
 #endif /* KZDV_EXPORT_H */

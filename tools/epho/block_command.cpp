@@ -7,6 +7,8 @@
 
 #include "efio.h"
 #include "epho/block.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 #include "registry.h"
 
 namespace epho_tool {

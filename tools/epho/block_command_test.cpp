@@ -9,6 +9,7 @@
 #include <string>
 
 #include "epho/block.h"
+#include "platform/estr/utf8.h"
 #include "test_util.h"
 
 namespace epho_tool {

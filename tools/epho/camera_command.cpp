@@ -7,6 +7,7 @@
 #include <string>
 
 #include "epho/camerafile.h"
+#include "platform/estr/utf8.h"
 #include "registry.h"
 
 namespace {

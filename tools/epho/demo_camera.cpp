@@ -10,6 +10,7 @@
 
 #include "epho/camerafile.h"
 #include "epho/fiducial.h"
+#include "platform/estr/utf8.h"
 #include "registry.h"
 
 namespace {

@@ -11,6 +11,7 @@
 #include "eimg.h"
 #include "epho/dtm.h"
 #include "epho/pyramid.h"
+#include "platform/estr/utf8.h"
 #include "registry.h"
 
 namespace {

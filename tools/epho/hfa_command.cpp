@@ -14,6 +14,7 @@
 
 #include "ehfa.h"
 #include "platform/emif/object_codec.h"
+#include "platform/estr/utf8.h"
 #include "registry.h"
 
 namespace epho_tool {

@@ -9,6 +9,7 @@
 #include "eimg.h"
 #include "emet.h"
 #include "epho/pyramid.h"
+#include "platform/estr/utf8.h"
 #include "registry.h"
 
 namespace {

@@ -13,6 +13,8 @@
 
 #include "eerr.h"
 #include "platform/eerr/eerr_print.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 
 #ifndef EPHO_VERSION
 #define EPHO_VERSION "unknown"
