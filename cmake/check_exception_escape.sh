@@ -38,8 +38,8 @@ if [ $# -gt 0 ]; then
   echo "the planted escape was NOT refused" >&2
   exit 1
 fi
-files=$(cd "$src" && git ls-files 'platform/*.cpp' 'epho/*.cpp' 'modlib/*.cpp' 2>/dev/null ||
-        find platform epho modlib -name '*.cpp')
+files=$(cd "$src" && { git ls-files 'platform/*.cpp' 'epho/*.cpp' 'modlib/*.cpp' 2>/dev/null ||
+                        find platform epho modlib -name '*.cpp'; })
 list=""
 for f in $files; do
   case "$f" in *_test.cpp|*_fuzz.cpp) continue ;; esac
