@@ -6,6 +6,7 @@
 
 #include "epho/camera/camera_internal.h"
 #include "epho/orientation.h"
+#include "platform/eerr/error_frame.h"
 
 namespace epho::camera {
 namespace {
@@ -131,13 +132,19 @@ extern "C" {
 Emsc_Boolean epho_GetImageCoordCameraApx(Epho_CameraXform* xform, double x0, double y0, double dx,
                                          double dy, long width, long height, const double* heights,
                                          double tolerance, double* imageXY,
-                                         Eerr_ErrorReport** err) {
+                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_GetImageCoordCameraApx";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!xform || !xform->camera, frame, EMSC_FALSE, L"Invalid input camera xform data.");
-  EERR_FAIL_IF(width < 1 || height < 1 || !imageXY || !std::isfinite(x0) || !std::isfinite(y0) ||
-                   !std::isfinite(dx) || !std::isfinite(dy) || dx == 0.0 || dy == 0.0,
-               frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF(width < 1, frame, EMSC_FALSE, L"Args: width is less than 1");
+  EERR_FAIL_IF(height < 1, frame, EMSC_FALSE, L"Args: height is less than 1");
+  EERR_FAIL_IF_NULL(imageXY, frame, EMSC_FALSE);
+  EERR_FAIL_IF(!std::isfinite(x0), frame, EMSC_FALSE, L"Args: x0 is not finite");
+  EERR_FAIL_IF(!std::isfinite(y0), frame, EMSC_FALSE, L"Args: y0 is not finite");
+  EERR_FAIL_IF(!std::isfinite(dx), frame, EMSC_FALSE, L"Args: dx is not finite");
+  EERR_FAIL_IF(!std::isfinite(dy), frame, EMSC_FALSE, L"Args: dy is not finite");
+  EERR_FAIL_IF(dx == 0.0, frame, EMSC_FALSE, L"Args: dx is zero");
+  EERR_FAIL_IF(dy == 0.0, frame, EMSC_FALSE, L"Args: dy is zero");
   if (!xform->filled)
     EERR_CHECK(epho_CameraXformFillNoMIFData(xform, frame.Callee()), frame, EMSC_FALSE,
                L"epho_CameraXformFillNoMIFData failed");
@@ -156,4 +163,5 @@ Emsc_Boolean epho_GetImageCoordCameraApx(Epho_CameraXform* xform, double x0, dou
     Tile(g, 0, 0, width, height);
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 }  // extern "C"

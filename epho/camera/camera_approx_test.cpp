@@ -5,6 +5,7 @@
 
 #include "epho/camera/camera_internal.h"
 #include "epho/camera/camera_testing_internal.h"
+#include "platform/estr/utf8.h"
 
 namespace {
 
@@ -102,7 +103,7 @@ TEST(CameraApprox, EpipolarLinePassesThroughTheHomologousPoint) {
   ASSERT_TRUE(epho_AutoEpipoLine(xa.get(), xb.get(), pa[0], pa[1], 0, 0, 3, line.data(), &err));
   ErrSlot err2;
   EXPECT_FALSE(epho_AutoEpipoLine(xa.get(), xb.get(), pa[0], pa[1], 0, 0, 1, line.data(), &err2));
-  EXPECT_TRUE(err2.Has(L"Args"));
+  EXPECT_TRUE(err2.Has(L"Args: count is less than 2"));
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 // dictionary.
 #include "epho/camera/camera_internal.h"
 #include "ethr.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/ethr/lock_holder.h"
 
 namespace epho::camera {
 namespace {
@@ -123,15 +125,17 @@ using namespace epho::camera;
 
 extern "C" {
 
-const Emif_Design* epho_CameraModelXDesignGet(Eerr_ErrorReport** err) {
+const Emif_Design* epho_CameraModelXDesignGet(Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_CameraModelXDesignGet";
   kzdv::ErrorFrame frame(kFn, err);
   const Emif_Design* design = CameraModelXDesign(frame.Callee());
   EERR_CHECK(design, frame, nullptr, L"emif_DesignFetch failed");
   return design;
 }
+EERR_BOUNDARY(err, nullptr)
 
-Emif_Design* epho_CameraDesignDefine(Emif_Dictionary* dictionary, Eerr_ErrorReport** err) {
+Emif_Design* epho_CameraDesignDefine(Emif_Dictionary* dictionary,
+                                     Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_CameraDesignDefine";
   if (err) *err = nullptr;
   Eerr_ErrorReport* report = nullptr;
@@ -166,5 +170,6 @@ Emif_Design* epho_CameraDesignDefine(Emif_Dictionary* dictionary, Eerr_ErrorRepo
   }
   return design.release();
 }
+EERR_BOUNDARY(err, nullptr)
 
 }  // extern "C"

@@ -4,6 +4,8 @@
 #include <cmath>
 
 #include "epho/camera/camera_internal.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/emsc/heap_ptr.h"
 
 namespace epho::camera {
 namespace {
@@ -19,7 +21,9 @@ Emsc_Boolean GroundToImage(void* model, long count, const double* ground_xyz, do
   kzdv::ErrorFrame frame(kFn, err);
   const auto* xform = static_cast<const Epho_CameraXform*>(model);
   const Epho_Camera* cam = xform->camera;
-  EERR_FAIL_IF(count < 1 || !ground_xyz || !image_xy, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF(count < 1, frame, EMSC_FALSE, L"Args: count is less than 1");
+  EERR_FAIL_IF_NULL(ground_xyz, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(image_xy, frame, EMSC_FALSE);
   if (cam->refType == EMOD_CARTESIAN) {
     ForwardCartesianTriples(xform, count, ground_xyz, cam->forDstAffine, cam->invSrcAffine,
                             image_xy);
@@ -91,7 +95,10 @@ Emsc_Boolean ImageAndZToXY(void* model, long count, const double* image_xy, cons
   kzdv::ErrorFrame frame(kFn, err);
   const auto* xform = static_cast<const Epho_CameraXform*>(model);
   const Epho_Camera* cam = xform->camera;
-  EERR_FAIL_IF(count < 1 || !image_xy || !ground_z || !ground_xy, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF(count < 1, frame, EMSC_FALSE, L"Args: count is less than 1");
+  EERR_FAIL_IF_NULL(image_xy, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(ground_z, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(ground_xy, frame, EMSC_FALSE);
   MatrixPtr m(efga_MatrixCreate(2, count, frame.Callee()));
   EERR_CHECK(m, frame, EMSC_FALSE, L"efga_MatrixCreate failed");
   kzdv::HeapPtr<double> z(static_cast<double*>(emsc_HeapMalloc(sizeof(double) * count)));
@@ -147,9 +154,10 @@ using namespace epho::camera;
 
 extern "C" {
 
-const Exfr_SensorModelOps* epho_CameraXformSensorOps(void) { return &kCameraOps; }
+const Exfr_SensorModelOps* epho_CameraXformSensorOps(void) KZDV_NOEXCEPT { return &kCameraOps; }
 
-Exfr_XForm* epho_CameraXformToExfr(const Epho_CameraXform* xform, Eerr_ErrorReport** err) {
+Exfr_XForm* epho_CameraXformToExfr(const Epho_CameraXform* xform,
+                                   Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_CameraXformToExfr";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!xform || !xform->camera, frame, nullptr, L"Invalid input camera xform data.");
@@ -159,5 +167,6 @@ Exfr_XForm* epho_CameraXformToExfr(const Epho_CameraXform* xform, Eerr_ErrorRepo
   EERR_CHECK(t, frame, nullptr, L"exfr_SensorModelXFormCreate failed");
   return t;
 }
+EERR_BOUNDARY(err, nullptr)
 
 }  // extern "C"

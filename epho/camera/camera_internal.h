@@ -8,9 +8,9 @@
 #include <memory>
 #include <vector>
 
-#include "eerr_frame.hpp"
 #include "epho/camera.h"
 #include "epho/dtm.h"
+#include "platform/eerr/error_frame.h"
 
 namespace epho::camera {
 

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "epho/camera/camera_internal.h"
+#include "platform/eerr/error_frame.h"
 
 namespace epho::camera {
 namespace {
@@ -135,7 +136,8 @@ using namespace epho::camera;
 extern "C" {
 
 Emsc_Boolean epho_CameraXformConvertToMIFable(const Epho_CameraXform* xform, Emif_Design** design,
-                                              void** object, Eerr_ErrorReport** err) {
+                                              void** object, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   static const Etxt_Char* const kFn = L"epho_CameraXformConvertToMIFable";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!design || !object || !xform || !xform->camera, frame, EMSC_FALSE, L"Args");
@@ -210,9 +212,10 @@ Emsc_Boolean epho_CameraXformConvertToMIFable(const Epho_CameraXform* xform, Emi
   *object = copy;
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Epho_CameraXform* epho_CameraXformConvertFromMIFable(const Emif_Design* design, const void* object,
-                                                     Eerr_ErrorReport** err) {
+                                                     Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_CameraXformConvertFromMIFable";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!design, frame, nullptr, L"NULL xFormDesign");
@@ -270,5 +273,6 @@ Epho_CameraXform* epho_CameraXformConvertFromMIFable(const Emif_Design* design, 
   EERR_CHECK(xform, frame, nullptr, L"epho_CameraXformGetFromCameraData failed");
   return xform;
 }
+EERR_BOUNDARY(err, nullptr)
 
 }  // extern "C"

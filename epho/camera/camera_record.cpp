@@ -5,6 +5,8 @@
 #include <cstring>
 
 #include "epho/camera/camera_internal.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/emsc/heap_ptr.h"
 
 namespace epho::camera {
 
@@ -115,7 +117,7 @@ using namespace epho::camera;
 
 extern "C" {
 
-Epho_Camera* epho_CameraCreate(Eerr_ErrorReport** err) {
+Epho_Camera* epho_CameraCreate(Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   if (err) *err = nullptr;
   auto* camera = static_cast<Epho_Camera*>(emsc_HeapCalloc(1, sizeof(Epho_Camera)));
   if (!camera) return nullptr;
@@ -132,8 +134,9 @@ Epho_Camera* epho_CameraCreate(Eerr_ErrorReport** err) {
   camera->coeffs[0] = 1.0;
   return camera;
 }
+EERR_BOUNDARY(err, nullptr)
 
-void epho_CameraDelete(Epho_Camera* camera) {
+void epho_CameraDelete(Epho_Camera* camera) KZDV_NOEXCEPT {
   if (!camera) return;
   CountedFree(&camera->demfilename);
   CountedFree(&camera->demzunits);
@@ -150,7 +153,7 @@ void epho_CameraDelete(Epho_Camera* camera) {
   emsc_HeapFree(camera);
 }
 
-Epho_Camera* epho_CameraCopy(const Epho_Camera* source, Eerr_ErrorReport** err) {
+Epho_Camera* epho_CameraCopy(const Epho_Camera* source, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_CameraCopy";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!source, frame, nullptr, L"Args");
@@ -191,8 +194,9 @@ Epho_Camera* epho_CameraCopy(const Epho_Camera* source, Eerr_ErrorReport** err) 
       frame, nullptr, L"MIFObjectCopyContents failed");
   return copy.release();
 }
+EERR_BOUNDARY(err, nullptr)
 
-Emsc_Boolean epho_CamerasAreSame(const Epho_Camera* a, const Epho_Camera* b) {
+Emsc_Boolean epho_CamerasAreSame(const Epho_Camera* a, const Epho_Camera* b) KZDV_NOEXCEPT {
   if (a == b) return EMSC_TRUE;
   if (!a || !b) return EMSC_FALSE;
   if (a->direction != b->direction || a->refType != b->refType || a->demsource != b->demsource ||
@@ -243,7 +247,7 @@ Emsc_Boolean epho_CamerasAreSame(const Epho_Camera* a, const Epho_Camera* b) {
   return EMSC_TRUE;
 }
 
-int epho_CameraEncode(const Epho_Camera* camera, Epho_CameraPrint print, ...) {
+int epho_CameraEncode(const Epho_Camera* camera, Epho_CameraPrint print, ...) KZDV_NOEXCEPT try {
   if (!camera || !print) return -1;
   va_list args;
   va_start(args, print);
@@ -305,12 +309,14 @@ int epho_CameraEncode(const Epho_Camera* camera, Epho_CameraPrint print, ...) {
   va_end(args);
   return failed ? -1 : total;
 }
+// A print callback in C++ may throw: that is the encoding's failure too.
+EERR_BOUNDARY(nullptr, -1)
 
 Emsc_Boolean epho_CameraCoordinateSystemSet(Epho_Camera* camera,
                                             const Eprj_MapProjection* projection,
                                             const Etxt_Char* horizontalUnits,
                                             const Eprj_ElevationInfo* elevationInfo,
-                                            Eerr_ErrorReport** err) {
+                                            Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_CameraCoordinateSystemSet";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!camera || !horizontalUnits || !elevationInfo, frame, EMSC_FALSE, L"Args");
@@ -363,12 +369,13 @@ Emsc_Boolean epho_CameraCoordinateSystemSet(Epho_Camera* camera,
   parameters.reset(old);
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean epho_CameraCoordinateSystemGet(const Epho_Camera* camera,
                                             Eprj_MapProjection** projection,
                                             Etxt_Char** horizontalUnits,
                                             Eprj_ElevationInfo** elevationInfo,
-                                            Eerr_ErrorReport** err) {
+                                            Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   // The report name is the one callers have always matched on.
   static const Etxt_Char* const kFn = L"epho_CameraCoordianteSystemGet";
   kzdv::ErrorFrame frame(kFn, err);
@@ -422,5 +429,6 @@ Emsc_Boolean epho_CameraCoordinateSystemGet(const Epho_Camera* camera,
   *elevationInfo = elevation.release();
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 }  // extern "C"

@@ -6,6 +6,8 @@
 
 #include "epho/camera/camera_internal.h"
 #include "epho/camera/camera_testing_internal.h"
+#include "platform/emsc/heap_ptr.h"
+#include "platform/estr/utf8.h"
 
 namespace {
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "epho/camera.h"
+#include "platform/eerr/error_frame.h"
 #include "test_util.h"
 
 namespace camtest {

@@ -12,6 +12,8 @@
 #include "epho/camera/camera_internal.h"
 #include "epho/camera/camera_testing_internal.h"
 #include "epmg.h"
+#include "platform/emsc/heap_ptr.h"
+#include "platform/estr/utf8.h"
 
 #ifdef EPHO_HAVE_OPENCV
 #include <opencv2/calib3d.hpp>

@@ -6,6 +6,7 @@
 
 #include "emod.h"
 #include "epho/camera/camera_internal.h"
+#include "platform/eerr/error_frame.h"
 
 namespace epho::camera {
 
@@ -212,7 +213,8 @@ using namespace epho::camera;
 
 extern "C" {
 
-double epho_CalcZ(double fileX, double fileY, double value, int32_t n, const double* c) {
+double epho_CalcZ(double fileX, double fileY, double value, int32_t n,
+                  const double* c) KZDV_NOEXCEPT {
   if (n <= 0 || !c) return value;
   if (n == 1) return c[0] * value;
   if (n == 2) return c[0] * value + c[1];
@@ -221,10 +223,14 @@ double epho_CalcZ(double fileX, double fileY, double value, int32_t n, const dou
 
 Emsc_Boolean epho_CameraForTransCartesian(const Epho_CameraXform* xform, double* heights,
                                           const Efga_Matrix* in, Efga_Matrix* out,
-                                          Eerr_ErrorReport** err) {
+                                          Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_CameraForTransCartesian";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(!xform || !xform->camera || !in || !out || !heights, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(xform, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(xform->camera, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(in, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(out, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(heights, frame, EMSC_FALSE);
   const CameraFlags flags = FlagsOf(xform->camera);
   const long n = PointCount(in);
   const double* src = in->data;
@@ -254,13 +260,18 @@ Emsc_Boolean epho_CameraForTransCartesian(const Epho_CameraXform* xform, double*
   }
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean epho_CameraForTransTangent(const Epho_CameraXform* xform, double* heights,
                                         const Efga_Matrix* in, Efga_Matrix* out,
-                                        Eerr_ErrorReport** err) {
+                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_CameraForTransTangent";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(!xform || !xform->camera || !in || !out || !heights, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(xform, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(xform->camera, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(in, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(out, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(heights, frame, EMSC_FALSE);
   EERR_FAIL_IF(!xform->camera->obsoletePlaceHolder0 ||
                    !xform->camera->obsoletePlaceHolder0->proSpheroid || !xform->tangentFrame,
                frame, EMSC_FALSE, L"The camera has no projection parameters for a tangent plane");
@@ -283,6 +294,7 @@ Emsc_Boolean epho_CameraForTransTangent(const Epho_CameraXform* xform, double* h
   }
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 }  // extern "C"
 
@@ -293,7 +305,11 @@ Emsc_Boolean InvTransCartesianImpl(const Epho_CameraXform* xform, double* height
                                    Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"epho_CameraInvTransCartesian";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(!xform || !xform->camera || !in || !out || !heights, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(xform, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(xform->camera, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(in, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(out, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(heights, frame, EMSC_FALSE);
   const Epho_Camera* cam = xform->camera;
   DemBuffers buffers;
   if (use_dem && !MakeDemBuffers(frame, &buffers)) return EMSC_FALSE;
@@ -333,7 +349,11 @@ Emsc_Boolean InvTransTangentImpl(const Epho_CameraXform* xform, double* heights,
                                  Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"epho_CameraInvTransTangent";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(!xform || !xform->camera || !in || !out || !heights, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF_NULL(xform, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(xform->camera, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(in, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(out, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(heights, frame, EMSC_FALSE);
   const Epho_Camera* cam = xform->camera;
   EERR_FAIL_IF(
       !cam->obsoletePlaceHolder0 || !cam->obsoletePlaceHolder0->proSpheroid || !xform->tangentFrame,
@@ -387,18 +407,20 @@ extern "C" {
 
 Emsc_Boolean epho_CameraInvTransCartesian(const Epho_CameraXform* xform, double* heights,
                                           const Efga_Matrix* in, Efga_Matrix* out,
-                                          Eerr_ErrorReport** err) {
+                                          Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   return InvTransCartesianImpl(xform, heights, in, out,
                                xform && xform->camera && xform->camera->demsource == EMOD_DEM_FILE,
                                err);
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean epho_CameraInvTransTangent(const Epho_CameraXform* xform, double* heights,
                                         const Efga_Matrix* in, Efga_Matrix* out,
-                                        Eerr_ErrorReport** err) {
+                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   return InvTransTangentImpl(xform, heights, in, out,
                              xform && xform->camera && xform->camera->demsource == EMOD_DEM_FILE,
                              err);
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 }  // extern "C"

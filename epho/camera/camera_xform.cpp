@@ -12,6 +12,9 @@
 #include "emod.h"
 #include "epho/camera/camera_internal.h"
 #include "epmg.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/emsc/heap_ptr.h"
+#include "platform/estr/utf8.h"
 
 namespace epho::camera {
 namespace {
@@ -85,7 +88,7 @@ using namespace epho::camera;
 
 extern "C" {
 
-Epho_CameraXform* epho_CameraXformCreate(Eerr_ErrorReport** err) {
+Epho_CameraXform* epho_CameraXformCreate(Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_CameraXformCreate";
   kzdv::ErrorFrame frame(kFn, err);
   auto* xform = static_cast<Epho_CameraXform*>(emsc_HeapCalloc(1, sizeof(Epho_CameraXform)));
@@ -93,8 +96,10 @@ Epho_CameraXform* epho_CameraXformCreate(Eerr_ErrorReport** err) {
   xform->demNullValue = 0.0;
   return xform;
 }
+EERR_BOUNDARY(err, nullptr)
 
-Epho_CameraXform* epho_CameraXformGetFromCameraData(Epho_Camera* camera, Eerr_ErrorReport** err) {
+Epho_CameraXform* epho_CameraXformGetFromCameraData(Epho_Camera* camera,
+                                                    Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_CameraXformGetFromCameraData";
   kzdv::ErrorFrame frame(kFn, err);
   CameraPtr owned(camera);
@@ -103,8 +108,9 @@ Epho_CameraXform* epho_CameraXformGetFromCameraData(Epho_Camera* camera, Eerr_Er
   xform->camera = owned.release();
   return xform;
 }
+EERR_BOUNDARY(err, nullptr)
 
-void epho_CameraXformDelete(Epho_CameraXform* xform) {
+void epho_CameraXformDelete(Epho_CameraXform* xform) KZDV_NOEXCEPT {
   if (!xform) return;
   epho_CameraDelete(xform->camera);
   eprj_ProjectionFree(xform->projection);
@@ -119,7 +125,8 @@ void epho_CameraXformDelete(Epho_CameraXform* xform) {
   emsc_HeapFree(xform);
 }
 
-Epho_CameraXform* epho_CameraXformCopy(const Epho_CameraXform* xform, Eerr_ErrorReport** err) {
+Epho_CameraXform* epho_CameraXformCopy(const Epho_CameraXform* xform,
+                                       Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_CameraXformCopy";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!xform || !xform->camera, frame, nullptr, L"Invalid input camera xform data.");
@@ -130,8 +137,10 @@ Epho_CameraXform* epho_CameraXformCopy(const Epho_CameraXform* xform, Eerr_Error
   EERR_CHECK(copy->camera, frame, nullptr, L"epho_CameraCopy failed");
   return copy.release();
 }
+EERR_BOUNDARY(err, nullptr)
 
-Emsc_Boolean epho_CameraXformFillNoMIFData(Epho_CameraXform* xform, Eerr_ErrorReport** err) {
+Emsc_Boolean epho_CameraXformFillNoMIFData(Epho_CameraXform* xform,
+                                           Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_CameraXformFillNoMIFData";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!xform || !xform->camera, frame, EMSC_FALSE, L"Invalid input camera xform data.");
@@ -305,5 +314,6 @@ Emsc_Boolean epho_CameraXformFillNoMIFData(Epho_CameraXform* xform, Eerr_ErrorRe
   }
   EERR_CATCH(frame, EMSC_FALSE)
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 }  // extern "C"

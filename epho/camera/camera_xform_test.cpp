@@ -16,6 +16,7 @@
 #include "epho/camera/camera_internal.h"
 #include "epho/camera/camera_testing_internal.h"
 #include "epmg.h"
+#include "platform/estr/utf8.h"
 
 #if defined(__SANITIZE_THREAD__)
 // GDAL creates its global mutexes under another mutex in an order that

@@ -8,6 +8,8 @@
 #include "emod.h"
 #include "epho/camera/camera_internal.h"
 #include "epho/solvers.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/emsc/heap_ptr.h"
 
 namespace epho::camera {
 namespace {
@@ -32,7 +34,7 @@ using namespace epho::camera;
 extern "C" {
 
 Emsc_Boolean epho_ImageToObject(const double* matrixA, const double* matrixB, double xA, double yA,
-                                double xB, double yB, double* ground) {
+                                double xB, double yB, double* ground) KZDV_NOEXCEPT {
   // Four equations r . (1, X, Y, Z) = 0, least squares for (X, Y, Z).
   double rows[4][4];
   const double* ms[2] = {matrixA, matrixB};
@@ -74,11 +76,13 @@ Emsc_Boolean epho_ImageToObject(const double* matrixA, const double* matrixB, do
 }
 
 Emsc_Boolean epho_CameraXformTransform(Epho_CameraXform* xform, long count, double* inPoints,
-                                       double* outPoints, Eerr_ErrorReport** err) {
+                                       double* outPoints, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   static const Etxt_Char* const kFn = L"epho_CameraXformTransform";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!xform || !xform->camera, frame, EMSC_FALSE, L"Invalid input camera xform data.");
-  EERR_FAIL_IF(count < 1 || !inPoints, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF(count < 1, frame, EMSC_FALSE, L"Args: count is less than 1");
+  EERR_FAIL_IF_NULL(inPoints, frame, EMSC_FALSE);
   if (!xform->filled)
     EERR_CHECK(epho_CameraXformFillNoMIFData(xform, frame.Callee()), frame, EMSC_FALSE,
                L"epho_CameraXformFillNoMIFData failed");
@@ -134,13 +138,16 @@ Emsc_Boolean epho_CameraXformTransform(Epho_CameraXform* xform, long count, doub
     Affine(out_affine, p[2 * i], p[2 * i + 1], &out[2 * i], &out[2 * i + 1]);
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean epho_CameraXformTransform3DTo2D(Epho_CameraXform* xform, long count, double* points,
-                                             double* out, Eerr_ErrorReport** err) {
+                                             double* out, Eerr_ErrorReport** err) KZDV_NOEXCEPT
+    try {
   static const Etxt_Char* const kFn = L"epho_CameraXformTransform3DTo2D";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!xform || !xform->camera, frame, EMSC_FALSE, L"Invalid input camera xform data.");
-  EERR_FAIL_IF(count < 1 || !points, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF(count < 1, frame, EMSC_FALSE, L"Args: count is less than 1");
+  EERR_FAIL_IF_NULL(points, frame, EMSC_FALSE);
   if (!xform->filled) {
     // The report names the preparation as callers have always matched it.
     Emsc_Boolean ok = epho_CameraXformFillNoMIFData(xform, frame.Callee());
@@ -221,16 +228,20 @@ Emsc_Boolean epho_CameraXformTransform3DTo2D(Epho_CameraXform* xform, long count
   }
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 Emsc_Boolean epho_CameraXformTransform2DPairTo3D(Epho_CameraXform* left, Epho_CameraXform* right,
                                                  long count, const double* leftPoints,
                                                  const double* rightPoints, double* out,
-                                                 Eerr_ErrorReport** err) {
+                                                 Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_CameraXformTransform2DPairTo3D";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!left || !right || !left->camera || !right->camera, frame, EMSC_FALSE,
                L"Invalid input camera xform data.");
-  EERR_FAIL_IF(count < 1 || !leftPoints || !rightPoints || !out, frame, EMSC_FALSE, L"Args");
+  EERR_FAIL_IF(count < 1, frame, EMSC_FALSE, L"Args: count is less than 1");
+  EERR_FAIL_IF_NULL(leftPoints, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(rightPoints, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(out, frame, EMSC_FALSE);
   for (long i = 0; i < 2 * count; ++i)
     EERR_FAIL_IF(!std::isfinite(leftPoints[i]) || !std::isfinite(rightPoints[i]), frame, EMSC_FALSE,
                  L"Point %ld is not finite", i / 2);
@@ -304,5 +315,6 @@ Emsc_Boolean epho_CameraXformTransform2DPairTo3D(Epho_CameraXform* left, Epho_Ca
   }
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 }  // extern "C"

@@ -5,18 +5,21 @@
 #include <cmath>
 
 #include "epho/camera/camera_internal.h"
+#include "platform/eerr/error_frame.h"
 
 extern "C" {
 
 Emsc_Boolean epho_AutoEpipoLine(Epho_CameraXform* left, Epho_CameraXform* right, double x, double y,
                                 double zmin, double zmax, int32_t count, double* rightXY,
-                                Eerr_ErrorReport** err) {
+                                Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_AutoEpipoLine";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF(!left || !right || !left->camera || !right->camera, frame, EMSC_FALSE,
                L"Invalid input camera xform data.");
-  EERR_FAIL_IF(count < 2 || !rightXY || !std::isfinite(x) || !std::isfinite(y), frame, EMSC_FALSE,
-               L"Args");
+  EERR_FAIL_IF(count < 2, frame, EMSC_FALSE, L"Args: count is less than 2");
+  EERR_FAIL_IF_NULL(rightXY, frame, EMSC_FALSE);
+  EERR_FAIL_IF(!std::isfinite(x), frame, EMSC_FALSE, L"Args: x is not finite");
+  EERR_FAIL_IF(!std::isfinite(y), frame, EMSC_FALSE, L"Args: y is not finite");
   for (Epho_CameraXform* c : {left, right})
     if (!c->filled)
       EERR_CHECK(epho_CameraXformFillNoMIFData(c, frame.Callee()), frame, EMSC_FALSE,
@@ -51,5 +54,6 @@ Emsc_Boolean epho_AutoEpipoLine(Epho_CameraXform* left, Epho_CameraXform* right,
   }
   return EMSC_TRUE;
 }
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 }  // extern "C"

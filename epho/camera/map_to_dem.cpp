@@ -1,6 +1,7 @@
 // Map coordinates of a camera's output system to the file pixels of its DEM,
 // reprojecting when the DEM lies in another system.
 #include "epho/camera/camera_internal.h"
+#include "platform/eerr/error_frame.h"
 
 namespace epho::camera {
 namespace {
@@ -71,10 +72,10 @@ extern "C" {
 Exfr_XForm* epho_DeriveMapToLayerXformEx(const Eprj_MapProjection* projection,
                                          const Exfr_XForm* demMapToFile,
                                          const Eprj_ProParameters* demProjection,
-                                         Eerr_ErrorReport** err) {
+                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"epho_DeriveMapToLayerXformEx";
   kzdv::ErrorFrame frame(kFn, err);
-  EERR_FAIL_IF(!demMapToFile, frame, nullptr, L"Args");
+  EERR_FAIL_IF_NULL(demMapToFile, frame, nullptr);
   bool same = !projection || !demProjection;
   if (!same) {
     same = eprj_ProParametersEqual(projection->proParameters, demProjection, frame.Callee()) != 0;
@@ -100,5 +101,6 @@ Exfr_XForm* epho_DeriveMapToLayerXformEx(const Eprj_MapProjection* projection,
   EERR_CHECK(chain, frame, nullptr, L"exfr_XFormCompose failed");
   return chain;
 }
+EERR_BOUNDARY(err, nullptr)
 
 }  // extern "C"

@@ -118,18 +118,21 @@ KZDV_BEGIN_C
 /* A camera with the defaults: forward, Cartesian, constant height 0, Z
  * direction, omega-phi-kappa, identity affines, coeffs (1, 0, ...). Null when
  * the heap is exhausted (no report). */
-EPHO_EXPORT Epho_Camera* epho_CameraCreate(Eerr_ErrorReport** err);
+EPHO_EXPORT Epho_Camera* epho_CameraCreate(Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Frees the camera and everything it owns; null is ignored. */
-EPHO_EXPORT void epho_CameraDelete(Epho_Camera* camera);
+EPHO_EXPORT void epho_CameraDelete(Epho_Camera* camera) KZDV_NOEXCEPT;
 /* Deep copy; null with a report naming "epho_CameraCopy" on failure. */
-EPHO_EXPORT Epho_Camera* epho_CameraCopy(const Epho_Camera* source, Eerr_ErrorReport** err);
+EPHO_EXPORT Epho_Camera* epho_CameraCopy(const Epho_Camera* source,
+                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* True when both describe the same sensor model, doubles within 1e-10. The
  * inverse affines are not compared (they follow from the forward ones); DEM
  * file names compare case-sensitively, DEM height units ignoring case. */
-EPHO_EXPORT Emsc_Boolean epho_CamerasAreSame(const Epho_Camera* a, const Epho_Camera* b);
+EPHO_EXPORT Emsc_Boolean epho_CamerasAreSame(const Epho_Camera* a,
+                                             const Epho_Camera* b) KZDV_NOEXCEPT;
 /* Writes the record as text through `print` (fields 1 to 18); returns the sum
  * of the callback's counts, or -1 at the first negative count. */
-EPHO_EXPORT int epho_CameraEncode(const Epho_Camera* camera, Epho_CameraPrint print, ...);
+EPHO_EXPORT int epho_CameraEncode(const Epho_Camera* camera, Epho_CameraPrint print,
+                                  ...) KZDV_NOEXCEPT;
 /* Stores the output system: projection (may be null), horizontal unit name and
  * elevation info (required). All or nothing: on failure the camera is as it
  * was. */
@@ -137,7 +140,7 @@ EPHO_EXPORT Emsc_Boolean epho_CameraCoordinateSystemSet(Epho_Camera* camera,
                                                         const Eprj_MapProjection* projection,
                                                         const Etxt_Char* horizontalUnits,
                                                         const Eprj_ElevationInfo* elevationInfo,
-                                                        Eerr_ErrorReport** err);
+                                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* The output system as new objects the caller frees (eprj_ProjectionFree,
  * emsc_HeapFree, eprj_ElevationInfoFree); *projection is null when the camera
  * has none. Horizontal units default to "radians" for geographic parameters,
@@ -147,15 +150,15 @@ EPHO_EXPORT Emsc_Boolean epho_CameraCoordinateSystemGet(const Epho_Camera* camer
                                                         Eprj_MapProjection** projection,
                                                         Etxt_Char** horizontalUnits,
                                                         Eprj_ElevationInfo** elevationInfo,
-                                                        Eerr_ErrorReport** err);
+                                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Defines the older "Camera_Model" design (projection as "refParms") in the
  * caller's dictionary; returns a design the caller owns (emif_DesignDestroy),
  * or null after printing and dropping the report (`err` stays null). */
 EPHO_EXPORT Emif_Design* epho_CameraDesignDefine(Emif_Dictionary* dictionary,
-                                                 Eerr_ErrorReport** err);
+                                                 Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* The library's "Camera_ModelX" design (borrowed; lives as long as the
  * process), made on first use. */
-EPHO_EXPORT const Emif_Design* epho_CameraModelXDesignGet(Eerr_ErrorReport** err);
+EPHO_EXPORT const Emif_Design* epho_CameraModelXDesignGet(Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* ---- batch transforms -----------------------------------------------------
  * Points are the data of `in` as consecutive (x, y) pairs (a 2 x n toolkit
@@ -166,33 +169,36 @@ EPHO_EXPORT const Emif_Design* epho_CameraModelXDesignGet(Eerr_ErrorReport** err
  * iterated against the DEM (at most ten reads) when `demsource` is the file. */
 EPHO_EXPORT Emsc_Boolean epho_CameraForTransCartesian(const Epho_CameraXform* xform,
                                                       double* heights, const Efga_Matrix* in,
-                                                      Efga_Matrix* out, Eerr_ErrorReport** err);
+                                                      Efga_Matrix* out,
+                                                      Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Also writes the datum-shifted height Z - s back into `heights`. */
 EPHO_EXPORT Emsc_Boolean epho_CameraForTransTangent(const Epho_CameraXform* xform, double* heights,
                                                     const Efga_Matrix* in, Efga_Matrix* out,
-                                                    Eerr_ErrorReport** err);
+                                                    Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 EPHO_EXPORT Emsc_Boolean epho_CameraInvTransCartesian(const Epho_CameraXform* xform,
                                                       double* heights, const Efga_Matrix* in,
-                                                      Efga_Matrix* out, Eerr_ErrorReport** err);
+                                                      Efga_Matrix* out,
+                                                      Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 EPHO_EXPORT Emsc_Boolean epho_CameraInvTransTangent(const Epho_CameraXform* xform, double* heights,
                                                     const Efga_Matrix* in, Efga_Matrix* out,
-                                                    Eerr_ErrorReport** err);
+                                                    Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* A raw DEM value at file (x, y) as a height: n 0 the value, 1 c0 v, 2
  * c0 v + c1, 3 or more c0 v + c1 + c2 x + c3 y. */
-EPHO_EXPORT double epho_CalcZ(double fileX, double fileY, double value, int32_t n, const double* c);
+EPHO_EXPORT double epho_CalcZ(double fileX, double fileY, double value, int32_t n,
+                              const double* c) KZDV_NOEXCEPT;
 
 /* ---- transform objects ---------------------------------------------------- */
 
 /* An empty object (every field zero). */
-EPHO_EXPORT Epho_CameraXform* epho_CameraXformCreate(Eerr_ErrorReport** err);
+EPHO_EXPORT Epho_CameraXform* epho_CameraXformCreate(Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* An object around `camera`, which it owns from then on (also on failure). */
-EPHO_EXPORT Epho_CameraXform* epho_CameraXformGetFromCameraData(Epho_Camera* camera,
-                                                                Eerr_ErrorReport** err);
+EPHO_EXPORT Epho_CameraXform* epho_CameraXformGetFromCameraData(
+    Epho_Camera* camera, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Frees the object and all it owns; null is ignored. */
-EPHO_EXPORT void epho_CameraXformDelete(Epho_CameraXform* xform);
+EPHO_EXPORT void epho_CameraXformDelete(Epho_CameraXform* xform) KZDV_NOEXCEPT;
 /* A new, unprepared object with a deep copy of the camera. */
 EPHO_EXPORT Epho_CameraXform* epho_CameraXformCopy(const Epho_CameraXform* xform,
-                                                   Eerr_ErrorReport** err);
+                                                   Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Prepares the object: projection, tangent frame, DEM (through the DEM cache
  * when the "rasterprocess" preference "use_dem_layer_cache" is set, else the
  * layer "Layer_1" of `demfilename`), map-to-DEM transform, z_mean from the DEM
@@ -203,19 +209,19 @@ EPHO_EXPORT Epho_CameraXform* epho_CameraXformCopy(const Epho_CameraXform* xform
  * focal length and singular affines. Does nothing once filled; a failure
  * leaves it unfilled. */
 EPHO_EXPORT Emsc_Boolean epho_CameraXformFillNoMIFData(Epho_CameraXform* xform,
-                                                       Eerr_ErrorReport** err);
+                                                       Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* `count` points (x, y pairs) one way by the camera's `direction`, with heights
  * from the DEM or z_mean. Null `outPoints`: results overwrite `inPoints`. */
 EPHO_EXPORT Emsc_Boolean epho_CameraXformTransform(Epho_CameraXform* xform, long count,
                                                    double* inPoints, double* outPoints,
-                                                   Eerr_ErrorReport** err);
+                                                   Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* `count` (x, y, z) triples to (x, y) pairs with each point's own height.
  * Null `out`: the pairs are packed into the start of `points`. Switches the
  * object's DEM off for the call, so it must not run concurrently with other
  * calls on the same object (the exfr routines are the thread-safe form). */
 EPHO_EXPORT Emsc_Boolean epho_CameraXformTransform3DTo2D(Epho_CameraXform* xform, long count,
                                                          double* points, double* out,
-                                                         Eerr_ErrorReport** err);
+                                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Intersects `count` pairs of image points (x, y pairs in each camera's file
  * pixels) into ground points (x, y, z triples in `out`). Both cameras need the
  * same reference type and projection. */
@@ -223,17 +229,16 @@ EPHO_EXPORT Emsc_Boolean epho_CameraXformTransform2DPairTo3D(Epho_CameraXform* l
                                                              Epho_CameraXform* right, long count,
                                                              const double* leftPoints,
                                                              const double* rightPoints, double* out,
-                                                             Eerr_ErrorReport** err);
+                                                             Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* "Camera_ModelX" form: *design a design copy (emif_DesignDestroy), *object a
  * record of it (emif_ObjectFree). */
 EPHO_EXPORT Emsc_Boolean epho_CameraXformConvertToMIFable(const Epho_CameraXform* xform,
                                                           Emif_Design** design, void** object,
-                                                          Eerr_ErrorReport** err);
+                                                          Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* A new, unprepared object from a "Camera_ModelX" record, or from the older
  * "Camera_Model" record with its projection as "refParms". */
-EPHO_EXPORT Epho_CameraXform* epho_CameraXformConvertFromMIFable(const Emif_Design* design,
-                                                                 const void* object,
-                                                                 Eerr_ErrorReport** err);
+EPHO_EXPORT Epho_CameraXform* epho_CameraXformConvertFromMIFable(
+    const Emif_Design* design, const void* object, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* The transform object as an exfr sensor-model transform, so that
  * exfr_GroundToImage (ground x, y, z to file pixels), exfr_ImageToGroundRay
@@ -242,10 +247,10 @@ EPHO_EXPORT Epho_CameraXform* epho_CameraXformConvertFromMIFable(const Emif_Desi
  * `direction` at its own heights. The transform owns a prepared deep copy of
  * the object. */
 EPHO_EXPORT Exfr_XForm* epho_CameraXformToExfr(const Epho_CameraXform* xform,
-                                               Eerr_ErrorReport** err);
+                                               Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* The routine table of that registration (for exfr_XFormSensorModelGet, which
  * then hands out the Epho_CameraXform*). */
-EPHO_EXPORT const Exfr_SensorModelOps* epho_CameraXformSensorOps(void);
+EPHO_EXPORT const Exfr_SensorModelOps* epho_CameraXformSensorOps(void) KZDV_NOEXCEPT;
 
 /* ---- members built on the transform object -------------------------------- */
 
@@ -257,7 +262,8 @@ EPHO_EXPORT const Exfr_SensorModelOps* epho_CameraXformSensorOps(void);
  * most 1e-13 of its diagonal product: parallel rays) or the result is not
  * finite. */
 EPHO_EXPORT Emsc_Boolean epho_ImageToObject(const double* matrixA, const double* matrixB, double xA,
-                                            double yA, double xB, double yB, double* ground);
+                                            double yA, double xB, double yB,
+                                            double* ground) KZDV_NOEXCEPT;
 /* Transform from map coordinates of `projection` (the camera's output system;
  * null: the DEM's own system) to file pixels of a DEM whose map-to-file
  * transform and projection are given (file coordinates: (0, 0) the upper-left
@@ -268,7 +274,7 @@ EPHO_EXPORT Emsc_Boolean epho_ImageToObject(const double* matrixA, const double*
 EPHO_EXPORT Exfr_XForm* epho_DeriveMapToLayerXformEx(const Eprj_MapProjection* projection,
                                                      const Exfr_XForm* demMapToFile,
                                                      const Eprj_ProParameters* demProjection,
-                                                     Eerr_ErrorReport** err);
+                                                     Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Image coordinates (file pixels) of a grid of map positions: grid cell (c, r)
  * is at map (x0 + c dx, y0 + r dy) with height heights[r * width + c] (null
  * heights: the object's height source, the DEM or z_mean). Writes (x, y) pairs
@@ -285,7 +291,8 @@ EPHO_EXPORT Exfr_XForm* epho_DeriveMapToLayerXformEx(const Eprj_MapProjection* p
 EPHO_EXPORT Emsc_Boolean epho_GetImageCoordCameraApx(Epho_CameraXform* xform, double x0, double y0,
                                                      double dx, double dy, long width, long height,
                                                      const double* heights, double tolerance,
-                                                     double* imageXY, Eerr_ErrorReport** err);
+                                                     double* imageXY,
+                                                     Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Epipolar line in `right` of file pixel (x, y) of `left`: the ray of the left
  * point is cut at `count` (>= 2) heights evenly spread from zmin to zmax and
  * each ground point projected into the right image; `rightXY` gets `count`
@@ -294,7 +301,8 @@ EPHO_EXPORT Emsc_Boolean epho_GetImageCoordCameraApx(Epho_CameraXform* xform, do
  * +-100 m without a DEM. Forward (ground-to-image) cameras. */
 EPHO_EXPORT Emsc_Boolean epho_AutoEpipoLine(Epho_CameraXform* left, Epho_CameraXform* right,
                                             double x, double y, double zmin, double zmax,
-                                            int32_t count, double* rightXY, Eerr_ErrorReport** err);
+                                            int32_t count, double* rightXY,
+                                            Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 KZDV_END_C
 

@@ -14,6 +14,7 @@
 
 #include "demo_photo.h"
 #include "epho/camera.h"
+#include "platform/estr/utf8.h"
 #include "registry.h"
 
 namespace {
