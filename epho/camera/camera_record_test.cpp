@@ -2,6 +2,7 @@
 // output coordinate system.
 #include <cstdarg>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 
 #include "epho/camera/camera_internal.h"
@@ -56,6 +57,19 @@ TEST(CameraRecord, NewCameraEncodesDefaultsInOrder) {
   // The first failing print ends the encoding with -1.
   Encode(c.get(), &total, 3);
   EXPECT_EQ(total, -1);
+}
+
+// A host's C++ print callback that throws: the encoder reports it (printed,
+// as it takes no report) and fails with -1 instead of crossing into C.
+int ThrowingPrint(void*, const Etxt_Char*, ...) { throw std::runtime_error("stream closed"); }
+
+TEST(CameraRecord, ThrowingPrintCallbackIsTheEncodingsFailure) {
+  CameraPtr c(epho_CameraCreate(nullptr));
+  ASSERT_TRUE(c);
+  testutil::PrintedReports printed;
+  EXPECT_EQ(epho_CameraEncode(c.get(), ThrowingPrint), -1);
+  ASSERT_EQ(printed.texts().size(), 1u);
+  EXPECT_NE(printed.texts()[0].find(L"stream closed (epho_CameraEncode"), std::wstring::npos);
 }
 
 TEST(CameraRecord, EncodesStringsVectorsPhotoDirectionAndProjection) {
