@@ -16,6 +16,8 @@
 
 #include "demo_photo.h"
 #include "gdal.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 #include "registry.h"
 #include "triangulate_command.h"
 

@@ -27,6 +27,8 @@
 #include <utility>
 
 #include "epho/triangulation.h"
+#include "platform/eerr/error_frame.h"
+#include "platform/estr/utf8.h"
 #include "registry.h"
 
 namespace epho_tool {

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/estr/utf8.h"
 #include "registry.h"
 #include "test_util.h"
 
