@@ -128,14 +128,21 @@ endfunction()
 # shared (hidden visibility), `name_static` is what tests, fuzzers,
 # benchmarks and the tool link to reach internals.
 function(epho_add_library name)
-  cmake_parse_arguments(A "" "" "LINKS" ${ARGN})
+  cmake_parse_arguments(A "" "" "LINKS;HIDDEN" ${ARGN})
   get_property(modules GLOBAL PROPERTY EPHO_LIBRARY_${name}_MODULES)
   set(objects "")
   foreach(m ${modules})
     list(APPEND objects $<TARGET_OBJECTS:module_${m}>)
   endforeach()
 
-  add_library(${name} SHARED ${objects})
+  # HIDDEN: object libraries of stateless internal helpers that the shared
+  # library carries as its own hidden copy (the static libraries get them from
+  # the library below).
+  set(hidden "")
+  foreach(h ${A_HIDDEN})
+    list(APPEND hidden $<TARGET_OBJECTS:${h}>)
+  endforeach()
+  add_library(${name} SHARED ${objects} ${hidden})
   set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 0)
   if(NOT EPHO_SANITIZE)
     # Every symbol a shipped library uses must resolve at link time: a hidden

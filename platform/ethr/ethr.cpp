@@ -4,7 +4,6 @@
 #include <new>
 
 #include "platform/eerr/error_frame.h"
-#include "platform/ethr/lock_holder.h"
 
 struct Ethr_Mutex {
   std::recursive_mutex mutex;
@@ -47,11 +46,3 @@ void ethr_ThreadUnsafeCodeEnter(void) KZDV_NOEXCEPT try { UnsafeSection().lock()
 EERR_BOUNDARY(nullptr, )
 void ethr_ThreadUnsafeCodeExit(void) KZDV_NOEXCEPT try { UnsafeSection().unlock(); }
 EERR_BOUNDARY(nullptr, )
-
-EthrLockHolder::EthrLockHolder(Ethr_Mutex* mutex) : mutex_(mutex) {
-  if (mutex_) mutex_->mutex.lock();
-}
-
-EthrLockHolder::~EthrLockHolder() {
-  if (mutex_) mutex_->mutex.unlock();
-}
