@@ -3,7 +3,8 @@
 BUILD      ?= build
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS ?=
-DEB_PACKAGES := cmake g++ make pkg-config ccache libcli11-dev libgdal-dev gdal-bin libproj-dev proj-bin \
+DEB_PACKAGES := cmake g++ make pkg-config ccache clang-format clang-tidy python3 libcli11-dev \
+                libgdal-dev gdal-bin libproj-dev proj-bin proj-data \
                 libboost-dev libeigen3-dev libgtest-dev libgmock-dev libbenchmark-dev
 BENCH_PACKAGES := libopencv-dev libceres-dev
 FUZZ_PACKAGES := clang libclang-rt-14-dev
