@@ -205,7 +205,7 @@ double BestCpuSeconds(int repeats, const std::function<void()>& f) {
 // the sizes the cost model of template_search.cpp was fitted to: time per
 // candidate and template pixel (direct) and per transform point and level.
 void SwitchPoint() {
-  using epho_ncc::SearchMethod;
+  using epho::matching::SearchMethod;
   const epho::VectorPath path = epho::BestVectorPath();
   std::printf(
       "-- switch point of the template search (%s path, processor time): direct ns per "
@@ -218,7 +218,7 @@ void SwitchPoint() {
     for (int t : {11, 21, 31, 41}) {
       const int h = t / 2, cand = s - t + 1, x0 = 30 + h;
       std::vector<char> scratch(
-          epho_ncc::NccSearchScratchBytes(SearchMethod::kTransform, h, h, cand, cand));
+          epho::matching::NccSearchScratchBytes(SearchMethod::kTransform, h, h, cand, cand));
       Epho_NccPeak peak{};
       double tm[2][2];
       for (int m = 0; m < 2; ++m)
@@ -226,13 +226,13 @@ void SwitchPoint() {
           const SearchMethod method = m == 0 ? SearchMethod::kDirect : SearchMethod::kTransform;
           tm[m][type] = BestCpuSeconds(s >= 1024 ? 3 : (s >= 256 ? 5 : 20), [&] {
             if (type == 0)
-              epho_ncc::NccSearchByte(path, method, img8.data(), img8.data(), W, W, 500, 500, h, h,
-                                      x0, x0, x0 + cand - 1, x0 + cand - 1, scratch.data(),
-                                      scratch.size(), &peak);
+              epho::matching::NccSearchByte(path, method, img8.data(), img8.data(), W, W, 500, 500,
+                                            h, h, x0, x0, x0 + cand - 1, x0 + cand - 1,
+                                            scratch.data(), scratch.size(), &peak);
             else
-              epho_ncc::NccSearchFloat(path, method, imgf.data(), imgf.data(), W, W, 500, 500, h, h,
-                                       x0, x0, x0 + cand - 1, x0 + cand - 1, scratch.data(),
-                                       scratch.size(), &peak);
+              epho::matching::NccSearchFloat(path, method, imgf.data(), imgf.data(), W, W, 500, 500,
+                                             h, h, x0, x0, x0 + cand - 1, x0 + cand - 1,
+                                             scratch.data(), scratch.size(), &peak);
           });
         }
       // The transform's tiles as template_search.cpp cuts them.
@@ -247,8 +247,10 @@ void SwitchPoint() {
           "transform u8 %8.3f ms (%.3f) f32 %8.3f ms  chosen: u8 %s, f32 %s\n",
           s, t, tm[0][0] * 1e3, tm[0][0] / macs * 1e9, tm[0][1] * 1e3, tm[0][1] / macs * 1e9,
           tm[1][0] * 1e3, tm[1][0] / pts * 1e9, tm[1][1] * 1e3,
-          epho_ncc::NccSearchUsesTransform(path, true, h, h, cand, cand) ? "transform" : "direct",
-          epho_ncc::NccSearchUsesTransform(path, false, h, h, cand, cand) ? "transform" : "direct");
+          epho::matching::NccSearchUsesTransform(path, true, h, h, cand, cand) ? "transform"
+                                                                               : "direct",
+          epho::matching::NccSearchUsesTransform(path, false, h, h, cand, cand) ? "transform"
+                                                                                : "direct");
       std::fflush(stdout);
     }
 }

@@ -5,7 +5,7 @@
 
 #include "epho/camerafile.h"
 
-namespace epho_camerafile {
+namespace epho::camerafile {
 
 inline constexpr const Etxt_Char* kVersionKey = L"OVT Camera File Version";
 inline constexpr double kVersion = 2.0;
@@ -58,6 +58,6 @@ inline const Etxt_Char* const* ExtendedKeys(int model) {
 inline constexpr long kMaxFiducials = 10000;
 inline constexpr long kMaxObservations = 10000;
 
-}  // namespace epho_camerafile
+}  // namespace epho::camerafile
 
 #endif  // EPHO_CAMERAFILE_CAMERA_FILE_FORMAT_INTERNAL_H_

@@ -25,7 +25,7 @@
 #include "platform/efio/c_locale.h"
 #include "platform/estr/utf8.h"
 
-using namespace epho_camerafile;
+using namespace epho::camerafile;
 
 namespace {
 

@@ -29,7 +29,7 @@
 
 #include "epho/matching/ncc_fft_internal.h"
 
-namespace epho_ncc {
+namespace epho::matching {
 namespace EPHO_FFT_NS {
 
 template <class V>
@@ -260,4 +260,4 @@ void CorrelatePair(const FftPlan& p, float* re, float* im, const float* sr, cons
 }
 
 }  // namespace EPHO_FFT_NS
-}  // namespace epho_ncc
+}  // namespace epho::matching

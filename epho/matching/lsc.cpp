@@ -20,8 +20,8 @@
 
 namespace {
 
-using epho_ncc::BilinearHalfPixel;
-using epho_ncc::SplitHalfPixel;
+using epho::matching::BilinearHalfPixel;
+using epho::matching::SplitHalfPixel;
 using std::ptrdiff_t;
 
 // Pivots of a normal matrix below this fraction of their diagonal cell are

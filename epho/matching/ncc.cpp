@@ -19,8 +19,8 @@
 
 namespace {
 
-using epho_ncc::BilinearHalfPixel;
-using epho_ncc::CrossCoefficient;
+using epho::matching::BilinearHalfPixel;
+using epho::matching::CrossCoefficient;
 using std::ptrdiff_t;
 
 inline double WindowCount(int hw, int hh) {
@@ -100,10 +100,10 @@ double ByteWholePixel(epho::VectorPath path, const uint8_t* left, const uint8_t*
   const int w = 2 * hw + 1, h = 2 * hh + 1;
   const uint8_t* pl = Corner(left, ls, lx, ly, hw, hh);
   const uint8_t* pr = Corner(right, rs, rx, ry, hw, hh);
-  epho_ncc::ByteCoefFn coef = epho_ncc::ByteCoefPortable;
+  epho::matching::ByteCoefFn coef = epho::matching::ByteCoefPortable;
 #if EPHO_NCC_X86
-  if (w >= 8 && path == epho::VectorPath::kAvx2) coef = epho_ncc::ByteCoefAvx2;
-  if (w >= 8 && path == epho::VectorPath::kSse2) coef = epho_ncc::ByteCoefSse2;
+  if (w >= 8 && path == epho::VectorPath::kAvx2) coef = epho::matching::ByteCoefAvx2;
+  if (w >= 8 && path == epho::VectorPath::kSse2) coef = epho::matching::ByteCoefSse2;
 #else
   (void)path;
 #endif
@@ -297,9 +297,10 @@ double epho_CrossCoefU32Shift(const uint32_t* left, const uint32_t* right, uint3
 
 }  // extern "C"
 
-double epho_ncc::CrossCoefByteNoResample(epho::VectorPath path, const uint8_t* left,
-                                         const uint8_t* right, uint32_t leftStride,
-                                         uint32_t rightStride, uint32_t lx, uint32_t ly,
-                                         uint32_t rx, uint32_t ry, int16_t width, int16_t height) {
+double epho::matching::CrossCoefByteNoResample(epho::VectorPath path, const uint8_t* left,
+                                               const uint8_t* right, uint32_t leftStride,
+                                               uint32_t rightStride, uint32_t lx, uint32_t ly,
+                                               uint32_t rx, uint32_t ry, int16_t width,
+                                               int16_t height) {
   return ByteWholePixel(path, left, right, leftStride, rightStride, lx, ly, rx, ry, width, height);
 }

@@ -2,7 +2,7 @@
 // sums, one pixel at a time (also the body for windows narrower than 8).
 #include "epho/matching/ncc_paths_internal.h"
 
-namespace epho_ncc {
+namespace epho::matching {
 
 double ByteCoefPortable(const uint8_t* pl, const uint8_t* pr, std::ptrdiff_t ls, std::ptrdiff_t rs,
                         int w, int h, int64_t n) {
@@ -15,4 +15,4 @@ double ByteCoefPortable(const uint8_t* pl, const uint8_t* pr, std::ptrdiff_t ls,
   return ByteCoefficient(t, n);
 }
 
-}  // namespace epho_ncc
+}  // namespace epho::matching

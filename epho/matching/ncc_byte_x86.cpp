@@ -12,7 +12,7 @@
 #if EPHO_NCC_X86
 #include <immintrin.h>
 
-namespace epho_ncc {
+namespace epho::matching {
 
 using std::ptrdiff_t;
 
@@ -181,6 +181,6 @@ __attribute__((target("avx2"))) double ByteCoefAvx2(const uint8_t* pl, const uin
   return ByteCoefficient(t, n);
 }
 
-}  // namespace epho_ncc
+}  // namespace epho::matching
 
 #endif  // EPHO_NCC_X86

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-namespace epho_ncc {
+namespace epho::matching {
 
 constexpr int kFftMaxLanes = 8;
 
@@ -37,6 +37,6 @@ void CorrelatePairFftPortable(const FftPlan& plan, float* re, float* im, const f
 void CorrelatePairFftAvx2(const FftPlan& plan, float* re, float* im, const float* sr,
                           const float* si);
 
-}  // namespace epho_ncc
+}  // namespace epho::matching
 
 #endif  // EPHO_MATCHING_NCC_FFT_INTERNAL_H_

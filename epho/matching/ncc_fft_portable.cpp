@@ -3,7 +3,7 @@
 #define EPHO_FFT_NS portable
 #include "epho/matching/fft_lanes_internal.h"
 
-namespace epho_ncc {
+namespace epho::matching {
 
 void CorrelateFftPortable(const FftPlan& plan, float* re, float* im) {
   typedef float V4 __attribute__((vector_size(16)));
@@ -21,4 +21,4 @@ void CorrelatePairFftPortable(const FftPlan& plan, float* re, float* im, const f
   portable::CorrelatePair<V4, 4>(plan, re, im, sr, si);
 }
 
-}  // namespace epho_ncc
+}  // namespace epho::matching

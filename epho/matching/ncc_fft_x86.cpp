@@ -16,7 +16,7 @@
 #pragma GCC target("avx2")
 #endif
 
-namespace epho_ncc {
+namespace epho::matching {
 namespace {
 
 // Rows <-> lanes for the horizontal passes: 2 x 8 rows of `columns` floats
@@ -63,13 +63,13 @@ void RowsToLanes(float* rows, std::size_t stride, float* lanes, int width, int c
 }
 
 }  // namespace
-}  // namespace epho_ncc
+}  // namespace epho::matching
 
 #define EPHO_FFT_TRANSPOSE8 RowsToLanes
 #define EPHO_FFT_NS avx2
 #include "epho/matching/fft_lanes_internal.h"
 
-namespace epho_ncc {
+namespace epho::matching {
 
 void CorrelateFftAvx2(const FftPlan& plan, float* re, float* im) {
   typedef float V8 __attribute__((vector_size(32)));
@@ -87,7 +87,7 @@ void CorrelatePairFftAvx2(const FftPlan& plan, float* re, float* im, const float
   avx2::CorrelatePair<V8, 8>(plan, re, im, sr, si);
 }
 
-}  // namespace epho_ncc
+}  // namespace epho::matching
 #if defined(__clang__)
 #pragma clang attribute pop
 #else

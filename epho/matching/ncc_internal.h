@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace epho_ncc {
+namespace epho::matching {
 
 // The coefficient from the five window sums over n samples. A window whose
 // variance is 0 (flat) gives exactly 0; a variance below 0 or NaN can only
@@ -61,7 +61,7 @@ inline double BilinearHalfPixel(const P* image, std::ptrdiff_t stride, double u,
   return (1.0 - fr) * top + fr * bottom;
 }
 
-}  // namespace epho_ncc
+}  // namespace epho::matching
 
 // Cross sums with the first window mirrored, for the symmetry-centre search:
 //   RowMirror:    sum A(x1+j, y1-i) * B(x2+j, y2+i)  (first window bottom row first)

@@ -20,7 +20,7 @@
 #define EPHO_NCC_X86 0
 #endif
 
-namespace epho_ncc {
+namespace epho::matching {
 
 // ---- 8-bit whole-pixel coefficient --------------------------------------
 
@@ -116,6 +116,6 @@ std::size_t NccSearchScratchBytes(SearchMethod method, uint32_t halfWidth, uint3
 bool NccSearchUsesTransform(epho::VectorPath path, bool bytePixels, uint32_t halfWidth,
                             uint32_t halfHeight, uint32_t rangeColumns, uint32_t rangeRows);
 
-}  // namespace epho_ncc
+}  // namespace epho::matching
 
 #endif  // EPHO_MATCHING_NCC_PATHS_INTERNAL_H_

@@ -80,12 +80,13 @@ TEST_P(ByteKernelPaths, AllWidthsMatchPearson) {
   for (int w = 1; w <= 41; w += 2)
     for (int h : {1, 5}) {
       SCOPED_TRACE(testing::Message() << "width " << w << " height " << h);
-      const double c = epho_ncc::CrossCoefByteNoResample(GetParam(), a.data(), b.data(), kSize,
-                                                         kSize, 21, 30, 23, 29, w, h);
+      const double c = epho::matching::CrossCoefByteNoResample(GetParam(), a.data(), b.data(),
+                                                               kSize, kSize, 21, 30, 23, 29, w, h);
       EXPECT_NEAR(c, Pearson(Window(a, 21, 30, w / 2, h / 2), Window(b, 23, 29, w / 2, h / 2)),
                   1e-12);
       // Exact integer sums: every path gives the portable value bit for bit.
-      EXPECT_EQ(c, epho_ncc::CrossCoefByteNoResample(epho::VectorPath::kPortable, a.data(),
+      EXPECT_EQ(
+          c, epho::matching::CrossCoefByteNoResample(epho::VectorPath::kPortable, a.data(),
                                                      b.data(), kSize, kSize, 21, 30, 23, 29, w, h));
     }
 }

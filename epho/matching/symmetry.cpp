@@ -16,7 +16,7 @@
 
 namespace {
 
-using epho_ncc::CoefficientFromSums;
+using epho::matching::CoefficientFromSums;
 
 struct AxisPeak {
   double position;     // axis in pixel index units

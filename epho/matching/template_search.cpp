@@ -33,8 +33,8 @@ using std::ptrdiff_t;
 using std::size_t;
 
 using epho::VectorPath;
-using epho_ncc::SearchMethod;
-constexpr size_t kPad = epho_ncc::kSearchPad;
+using epho::matching::SearchMethod;
+constexpr size_t kPad = epho::matching::kSearchPad;
 constexpr uint32_t kMaxRange = 1u << 14;
 
 inline size_t RoundUp(size_t v, size_t m) { return (v + m - 1) / m * m; }
@@ -244,12 +244,15 @@ int SearchByte(VectorPath path, const uint8_t* left, const uint8_t* right, uint3
     const int32_t* prow = pairs + y * g.work_stride;
 #if EPHO_NCC_X86
     if (path == VectorPath::kAvx2)
-      epho_ncc::CrossRowByteAvx2(prow, g.work_stride, coef, g.th, npairs, g.cols_padded, cross);
+      epho::matching::CrossRowByteAvx2(prow, g.work_stride, coef, g.th, npairs, g.cols_padded,
+                                       cross);
     else if (path == VectorPath::kSse2)
-      epho_ncc::CrossRowByteSse2(prow, g.work_stride, coef, g.th, npairs, g.cols_padded, cross);
+      epho::matching::CrossRowByteSse2(prow, g.work_stride, coef, g.th, npairs, g.cols_padded,
+                                       cross);
     else
 #endif
-      epho_ncc::CrossRowBytePortable(prow, g.work_stride, coef, g.th, npairs, g.cols_padded, cross);
+      epho::matching::CrossRowBytePortable(prow, g.work_stride, coef, g.th, npairs, g.cols_padded,
+                                           cross);
     // Exact integers scaled by n: num = n*sum(TI) - sum(T)*sum(I), var = n*sum(II) - sum(I)^2.
     SlideRow(colsum, colsq, g, [&](size_t x, int64_t s, int64_t ss) {
       const int64_t num = n * static_cast<int64_t>(static_cast<uint32_t>(cross[x])) - st * s;
@@ -319,13 +322,15 @@ int SearchFloat(VectorPath path, const float* left, const float* right, uint32_t
 #if EPHO_NCC_X86
     if (path == VectorPath::kAvx2) {
       if ((y & 1) == 0 && y + 1 < g.rows)  // rows y and y + 1 in one pass
-        epho_ncc::CrossTwoRowsFloatAvx2(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded,
-                                        cross, cross + g.cols_padded);
+        epho::matching::CrossTwoRowsFloatAvx2(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded,
+                                              cross, cross + g.cols_padded);
       else if ((y & 1) == 0)
-        epho_ncc::CrossRowFloatAvx2(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded, cross);
+        epho::matching::CrossRowFloatAvx2(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded,
+                                          cross);
     } else
 #endif
-      epho_ncc::CrossRowFloatPortable(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded, cross);
+      epho::matching::CrossRowFloatPortable(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded,
+                                            cross);
     SlideRow(colsum, colsq, g, [&](size_t x, double s, double ss) {
       const double vr = ss - s * inv_n * s;
       // Relative floor: a window flat up to float rounding counts as flat.
@@ -358,7 +363,7 @@ int SearchFloat(VectorPath path, const float* left, const float* right, uint32_t
 constexpr size_t kFftMaxPoints = size_t(1) << 22;  // 32 MiB of transform planes
 
 size_t Pow2AtLeast(size_t v) {
-  size_t p = epho_ncc::kFftMaxLanes * 2;
+  size_t p = epho::matching::kFftMaxLanes * 2;
   while (p < v) p *= 2;
   return p;
 }
@@ -402,7 +407,7 @@ FftLayout MakeFftLayout(const Geometry& g) {
     l.spec_re = take(4 * l.nr * l.nc);
     l.spec_im = take(4 * l.nr * l.nc);
   }
-  l.strip = take(4 * 4 * std::max(l.nr, l.nc) * epho_ncc::kFftMaxLanes);
+  l.strip = take(4 * 4 * std::max(l.nr, l.nc) * epho::matching::kFftMaxLanes);
   l.tw_r = take(4 * l.nr);
   l.tw_c = take(4 * l.nc);
   l.neg_r = take(4 * l.nr);
@@ -619,13 +624,13 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
   Twiddles(f.nc, tw_c);
   NegatedPositions(f.nr, neg_r);
   NegatedPositions(f.nc, neg_c);
-  const epho_ncc::FftPlan plan{static_cast<int>(f.nr),
-                               static_cast<int>(f.nc),
-                               tw_r,
-                               tw_c,
-                               neg_r,
-                               neg_c,
-                               reinterpret_cast<float*>(base + f.strip)};
+  const epho::matching::FftPlan plan{static_cast<int>(f.nr),
+                                     static_cast<int>(f.nc),
+                                     tw_r,
+                                     tw_c,
+                                     neg_r,
+                                     neg_c,
+                                     reinterpret_cast<float*>(base + f.strip)};
   const double points = static_cast<double>(f.nr) * f.nc;
   // Rounding bound of the single-precision transform on one cross product:
   // a few units of rounding per level on the product of the two norms (and
@@ -664,10 +669,10 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
         im[r * f.nc + c] = static_cast<float>((static_cast<double>(t0[r * lst + c]) - mt) * gain);
 #if EPHO_NCC_X86
     if (path == VectorPath::kAvx2)
-      epho_ncc::CorrelateFftAvx2(plan, re, im);
+      epho::matching::CorrelateFftAvx2(plan, re, im);
     else
 #endif
-      epho_ncc::CorrelateFftPortable(plan, re, im);
+      epho::matching::CorrelateFftPortable(plan, re, im);
     bound = units * std::sqrt(aa * vt);
     keep_tile(0, re, static_cast<float>(1.0 / (points * gain)));
   } else {
@@ -681,10 +686,10 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
         sr[r * f.nc + c] = static_cast<float>(static_cast<double>(t0[r * lst + c]) - mt);
 #if EPHO_NCC_X86
     if (path == VectorPath::kAvx2)
-      epho_ncc::SpectrumFftAvx2(plan, sr, si);
+      epho::matching::SpectrumFftAvx2(plan, sr, si);
     else
 #endif
-      epho_ncc::SpectrumFftPortable(plan, sr, si);
+      epho::matching::SpectrumFftPortable(plan, sr, si);
     const float scale = static_cast<float>(1.0 / points);
     for (size_t k = 0; k < f.tiles; k += 2) {
       double aa = load_tile(k, re);
@@ -694,10 +699,10 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
         std::fill(im, im + f.nr * f.nc, 0.0f);
 #if EPHO_NCC_X86
       if (path == VectorPath::kAvx2)
-        epho_ncc::CorrelatePairFftAvx2(plan, re, im, sr, si);
+        epho::matching::CorrelatePairFftAvx2(plan, re, im, sr, si);
       else
 #endif
-        epho_ncc::CorrelatePairFftPortable(plan, re, im, sr, si);
+        epho::matching::CorrelatePairFftPortable(plan, re, im, sr, si);
       bound = std::max(bound, units * std::sqrt(aa * vt));
       keep_tile(k, re, scale);
       if (k + 1 < f.tiles) keep_tile(k + 1, im, scale);
@@ -835,25 +840,26 @@ bool RangeValid(uint32_t halfWidth, uint32_t halfHeight, uint32_t rangeColumns,
 
 }  // namespace
 
-size_t epho_ncc::NccSearchScratchBytes(SearchMethod method, uint32_t halfWidth, uint32_t halfHeight,
-                                       uint32_t rangeColumns, uint32_t rangeRows) {
+size_t epho::matching::NccSearchScratchBytes(SearchMethod method, uint32_t halfWidth,
+                                             uint32_t halfHeight, uint32_t rangeColumns,
+                                             uint32_t rangeRows) {
   if (!RangeValid(halfWidth, halfHeight, rangeColumns, rangeRows)) return 0;
   return ScratchBytes(method, MakeGeometry(halfWidth, halfHeight, rangeColumns, rangeRows));
 }
 
-bool epho_ncc::NccSearchUsesTransform(VectorPath path, bool bytePixels, uint32_t halfWidth,
-                                      uint32_t halfHeight, uint32_t rangeColumns,
-                                      uint32_t rangeRows) {
+bool epho::matching::NccSearchUsesTransform(VectorPath path, bool bytePixels, uint32_t halfWidth,
+                                            uint32_t halfHeight, uint32_t rangeColumns,
+                                            uint32_t rangeRows) {
   if (!RangeValid(halfWidth, halfHeight, rangeColumns, rangeRows)) return false;
   const Geometry g = MakeGeometry(halfWidth, halfHeight, rangeColumns, rangeRows);
   return TransformPays(path, g, MakeFftLayout(g), bytePixels);
 }
 
-int epho_ncc::NccSearchByte(VectorPath path, SearchMethod method, const uint8_t* left,
-                            const uint8_t* right, uint32_t leftStride, uint32_t rightStride,
-                            uint32_t lx, uint32_t ly, uint32_t halfWidth, uint32_t halfHeight,
-                            uint32_t rxMin, uint32_t ryMin, uint32_t rxMax, uint32_t ryMax,
-                            void* scratch, size_t scratchBytes, Epho_NccPeak* peak) {
+int epho::matching::NccSearchByte(VectorPath path, SearchMethod method, const uint8_t* left,
+                                  const uint8_t* right, uint32_t leftStride, uint32_t rightStride,
+                                  uint32_t lx, uint32_t ly, uint32_t halfWidth, uint32_t halfHeight,
+                                  uint32_t rxMin, uint32_t ryMin, uint32_t rxMax, uint32_t ryMax,
+                                  void* scratch, size_t scratchBytes, Epho_NccPeak* peak) {
   const int16_t w = static_cast<int16_t>(2 * halfWidth + 1),
                 h = static_cast<int16_t>(2 * halfHeight + 1);
   return RunSearch(path, method, left, right, leftStride, rightStride, lx, ly, halfWidth,
@@ -864,11 +870,12 @@ int epho_ncc::NccSearchByte(VectorPath path, SearchMethod method, const uint8_t*
                    });
 }
 
-int epho_ncc::NccSearchFloat(VectorPath path, SearchMethod method, const float* left,
-                             const float* right, uint32_t leftStride, uint32_t rightStride,
-                             uint32_t lx, uint32_t ly, uint32_t halfWidth, uint32_t halfHeight,
-                             uint32_t rxMin, uint32_t ryMin, uint32_t rxMax, uint32_t ryMax,
-                             void* scratch, size_t scratchBytes, Epho_NccPeak* peak) {
+int epho::matching::NccSearchFloat(VectorPath path, SearchMethod method, const float* left,
+                                   const float* right, uint32_t leftStride, uint32_t rightStride,
+                                   uint32_t lx, uint32_t ly, uint32_t halfWidth,
+                                   uint32_t halfHeight, uint32_t rxMin, uint32_t ryMin,
+                                   uint32_t rxMax, uint32_t ryMax, void* scratch,
+                                   size_t scratchBytes, Epho_NccPeak* peak) {
   const int16_t w = static_cast<int16_t>(2 * halfWidth + 1),
                 h = static_cast<int16_t>(2 * halfHeight + 1);
   return RunSearch(path, method, left, right, leftStride, rightStride, lx, ly, halfWidth,
@@ -883,8 +890,8 @@ extern "C" {
 
 size_t epho_NccSearchScratchBytes(uint32_t halfWidth, uint32_t halfHeight, uint32_t rangeColumns,
                                   uint32_t rangeRows) KZDV_NOEXCEPT {
-  return epho_ncc::NccSearchScratchBytes(epho_ncc::SearchMethod::kAuto, halfWidth, halfHeight,
-                                         rangeColumns, rangeRows);
+  return epho::matching::NccSearchScratchBytes(epho::matching::SearchMethod::kAuto, halfWidth,
+                                               halfHeight, rangeColumns, rangeRows);
 }
 
 int epho_NccSearchByte(const uint8_t* left, const uint8_t* right, uint32_t leftStride,
@@ -892,9 +899,10 @@ int epho_NccSearchByte(const uint8_t* left, const uint8_t* right, uint32_t leftS
                        uint32_t halfHeight, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
                        uint32_t ryMax, void* scratch, size_t scratchBytes,
                        Epho_NccPeak* peak) KZDV_NOEXCEPT {
-  return epho_ncc::NccSearchByte(epho::BestVectorPath(), epho_ncc::SearchMethod::kAuto, left, right,
-                                 leftStride, rightStride, lx, ly, halfWidth, halfHeight, rxMin,
-                                 ryMin, rxMax, ryMax, scratch, scratchBytes, peak);
+  return epho::matching::NccSearchByte(epho::BestVectorPath(), epho::matching::SearchMethod::kAuto,
+                                       left, right, leftStride, rightStride, lx, ly, halfWidth,
+                                       halfHeight, rxMin, ryMin, rxMax, ryMax, scratch,
+                                       scratchBytes, peak);
 }
 
 int epho_NccSearchFloat(const float* left, const float* right, uint32_t leftStride,
@@ -902,9 +910,10 @@ int epho_NccSearchFloat(const float* left, const float* right, uint32_t leftStri
                         uint32_t halfHeight, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax,
                         uint32_t ryMax, void* scratch, size_t scratchBytes,
                         Epho_NccPeak* peak) KZDV_NOEXCEPT {
-  return epho_ncc::NccSearchFloat(epho::BestVectorPath(), epho_ncc::SearchMethod::kAuto, left,
-                                  right, leftStride, rightStride, lx, ly, halfWidth, halfHeight,
-                                  rxMin, ryMin, rxMax, ryMax, scratch, scratchBytes, peak);
+  return epho::matching::NccSearchFloat(epho::BestVectorPath(), epho::matching::SearchMethod::kAuto,
+                                        left, right, leftStride, rightStride, lx, ly, halfWidth,
+                                        halfHeight, rxMin, ryMin, rxMax, ryMax, scratch,
+                                        scratchBytes, peak);
 }
 
 }  // extern "C"

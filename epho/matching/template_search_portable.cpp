@@ -4,7 +4,7 @@
 
 #include "epho/matching/ncc_paths_internal.h"
 
-namespace epho_ncc {
+namespace epho::matching {
 
 using std::size_t;
 
@@ -35,4 +35,4 @@ void CrossRowFloatPortable(const float* area, size_t stride, const float* templ,
     }
 }
 
-}  // namespace epho_ncc
+}  // namespace epho::matching

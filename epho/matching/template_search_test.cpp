@@ -89,18 +89,20 @@ TEST_P(TemplateSearchPaths, AgreesWithKernelAtEveryConfiguration) {
       SCOPED_TRACE(testing::Message() << "seed " << seed << " hw " << c[0] << " hh " << c[1]);
       const uint32_t hw = c[0], hh = c[1];
       const int lx = 55, ly = 50;
-      std::vector<char> scratch(epho_ncc::NccSearchScratchBytes(
-          epho_ncc::SearchMethod::kDirect, hw, hh, c[4] - c[2] + 1, c[5] - c[3] + 1));
+      std::vector<char> scratch(epho::matching::NccSearchScratchBytes(
+          epho::matching::SearchMethod::kDirect, hw, hh, c[4] - c[2] + 1, c[5] - c[3] + 1));
       ASSERT_GT(scratch.size(), 0u);
       Epho_NccPeak peak;
-      ASSERT_EQ(epho_ncc::NccSearchByte(GetParam(), epho_ncc::SearchMethod::kDirect, left8.data(),
-                                        right8.data(), W, W, lx, ly, hw, hh, c[2], c[3], c[4], c[5],
-                                        scratch.data() + 1, scratch.size() - 1, &peak),
+      ASSERT_EQ(epho::matching::NccSearchByte(GetParam(), epho::matching::SearchMethod::kDirect,
+                                              left8.data(), right8.data(), W, W, lx, ly, hw, hh,
+                                              c[2], c[3], c[4], c[5], scratch.data() + 1,
+                                              scratch.size() - 1, &peak),
                 EPHO_NCC_SEARCH_SCRATCH);  // one byte short
-      ASSERT_EQ(epho_ncc::NccSearchByte(GetParam(), epho_ncc::SearchMethod::kDirect, left8.data(),
-                                        right8.data(), W, W, lx, ly, hw, hh, c[2], c[3], c[4], c[5],
-                                        scratch.data(), scratch.size(), &peak),
-                EPHO_NCC_SEARCH_OK);
+      ASSERT_EQ(
+          epho::matching::NccSearchByte(GetParam(), epho::matching::SearchMethod::kDirect,
+                                        left8.data(), right8.data(), W, W, lx, ly, hw, hh, c[2],
+                                        c[3], c[4], c[5], scratch.data(), scratch.size(), &peak),
+          EPHO_NCC_SEARCH_OK);
       const Best b8 = BruteForce(
           [&](int x, int y) {
             return epho_CrossCoefByteNoResample(left8.data(), right8.data(), W, W, lx, ly, x, y,
@@ -111,10 +113,11 @@ TEST_P(TemplateSearchPaths, AgreesWithKernelAtEveryConfiguration) {
       EXPECT_EQ(peak.row, b8.y);
       EXPECT_EQ(peak.coefficient, b8.c);  // bit for bit the kernel's value
 
-      ASSERT_EQ(epho_ncc::NccSearchFloat(GetParam(), epho_ncc::SearchMethod::kDirect, leftf.data(),
-                                         rightf.data(), W, W, lx, ly, hw, hh, c[2], c[3], c[4],
-                                         c[5], scratch.data(), scratch.size(), &peak),
-                EPHO_NCC_SEARCH_OK);
+      ASSERT_EQ(
+          epho::matching::NccSearchFloat(GetParam(), epho::matching::SearchMethod::kDirect,
+                                         leftf.data(), rightf.data(), W, W, lx, ly, hw, hh, c[2],
+                                         c[3], c[4], c[5], scratch.data(), scratch.size(), &peak),
+          EPHO_NCC_SEARCH_OK);
       const Best bf = BruteForce(
           [&](int x, int y) {
             return epho_CrossCoefFloatNoResample(leftf.data(), rightf.data(), W, W, lx, ly, x, y,
@@ -144,7 +147,7 @@ INSTANTIATE_TEST_SUITE_P(AllPaths, TemplateSearchPaths, testing::ValuesIn(epho::
 // and on a periodic pattern (many near-equal peaks). 8-bit: the same position
 // and coefficient bit for bit; float: the coefficient to 1e-6.
 TEST_P(TemplateSearchPaths, TransformAgreesWithDirect) {
-  using epho_ncc::SearchMethod;
+  using epho::matching::SearchMethod;
   const int W = 150, H = 140;
   std::mt19937 rng(7);
   std::uniform_int_distribution<int> noise(0, 255);
@@ -165,22 +168,24 @@ TEST_P(TemplateSearchPaths, TransformAgreesWithDirect) {
       const int hh = hw == 15 ? 7 : hw;
       const int x0 = 25, y0 = 22, x1 = 125, y1 = 118, lx = 70, ly = 64;
       SCOPED_TRACE(testing::Message() << "scene " << scene << " hw " << hw << " hh " << hh);
-      std::vector<char> scratch(epho_ncc::NccSearchScratchBytes(SearchMethod::kTransform, hw, hh,
-                                                                x1 - x0 + 1, y1 - y0 + 1));
+      std::vector<char> scratch(epho::matching::NccSearchScratchBytes(
+          SearchMethod::kTransform, hw, hh, x1 - x0 + 1, y1 - y0 + 1));
       Epho_NccPeak direct, transform;
       for (SearchMethod m : {SearchMethod::kDirect, SearchMethod::kTransform})
-        ASSERT_EQ(epho_ncc::NccSearchByte(GetParam(), m, left8.data(), right8.data(), W, W, lx, ly,
+        ASSERT_EQ(
+            epho::matching::NccSearchByte(GetParam(), m, left8.data(), right8.data(), W, W, lx, ly,
                                           hw, hh, x0, y0, x1, y1, scratch.data(), scratch.size(),
                                           m == SearchMethod::kDirect ? &direct : &transform),
-                  EPHO_NCC_SEARCH_OK);
+            EPHO_NCC_SEARCH_OK);
       EXPECT_EQ(transform.column, direct.column);
       EXPECT_EQ(transform.row, direct.row);
       EXPECT_EQ(transform.coefficient, direct.coefficient);
       for (SearchMethod m : {SearchMethod::kDirect, SearchMethod::kTransform})
-        ASSERT_EQ(epho_ncc::NccSearchFloat(GetParam(), m, leftf.data(), rightf.data(), W, W, lx, ly,
+        ASSERT_EQ(
+            epho::matching::NccSearchFloat(GetParam(), m, leftf.data(), rightf.data(), W, W, lx, ly,
                                            hw, hh, x0, y0, x1, y1, scratch.data(), scratch.size(),
                                            m == SearchMethod::kDirect ? &direct : &transform),
-                  EPHO_NCC_SEARCH_OK);
+            EPHO_NCC_SEARCH_OK);
       EXPECT_NEAR(transform.coefficient, direct.coefficient, 1e-6);
       if (scene < 2) {  // the periodic scene has exact ties that float sums may order either way
         EXPECT_EQ(transform.column, direct.column);
@@ -193,7 +198,7 @@ TEST_P(TemplateSearchPaths, TransformAgreesWithDirect) {
 // Ranges larger than one transform tile (an even and an odd number of
 // tiles, which are transformed in pairs): the tiles' seams must not show.
 TEST_P(TemplateSearchPaths, TransformTilesAgreeWithDirect) {
-  using epho_ncc::SearchMethod;
+  using epho::matching::SearchMethod;
   const int W = 560, H = 340;
   Waves waves(31);
   auto left8 = Render<uint8_t>(waves, W, H, 0, 0);
@@ -205,14 +210,15 @@ TEST_P(TemplateSearchPaths, TransformTilesAgreeWithDirect) {
   for (const auto& c : configs) {
     const int hw = c[0], lx = c[1], ly = c[2], x0 = 21, y0 = 21, x1 = 538, y1 = c[3];
     SCOPED_TRACE(testing::Message() << "hw " << hw);
-    std::vector<char> scratch(epho_ncc::NccSearchScratchBytes(SearchMethod::kTransform, hw, hw,
-                                                              x1 - x0 + 1, y1 - y0 + 1));
+    std::vector<char> scratch(epho::matching::NccSearchScratchBytes(SearchMethod::kTransform, hw,
+                                                                    hw, x1 - x0 + 1, y1 - y0 + 1));
     Epho_NccPeak direct, transform;
     for (SearchMethod m : {SearchMethod::kDirect, SearchMethod::kTransform})
-      ASSERT_EQ(epho_ncc::NccSearchByte(GetParam(), m, left8.data(), right8.data(), W, W, lx, ly,
+      ASSERT_EQ(
+          epho::matching::NccSearchByte(GetParam(), m, left8.data(), right8.data(), W, W, lx, ly,
                                         hw, hw, x0, y0, x1, y1, scratch.data(), scratch.size(),
                                         m == SearchMethod::kDirect ? &direct : &transform),
-                EPHO_NCC_SEARCH_OK);
+          EPHO_NCC_SEARCH_OK);
     EXPECT_EQ(transform.column, direct.column);
     EXPECT_EQ(transform.row, direct.row);
     EXPECT_EQ(transform.coefficient, direct.coefficient);
@@ -247,9 +253,9 @@ TEST(TransformCorrelation, EveryBodyGivesTheSameBits) {
     return neg;
   };
   const std::vector<int32_t> neg_r = negated(nr), neg_c = negated(nc);
-  std::vector<float> strip(4 * 64 * epho_ncc::kFftMaxLanes);
-  const epho_ncc::FftPlan plan{nr,           nc,           tw_r.data(), tw_c.data(),
-                               neg_r.data(), neg_c.data(), strip.data()};
+  std::vector<float> strip(4 * 64 * epho::matching::kFftMaxLanes);
+  const epho::matching::FftPlan plan{nr,           nc,           tw_r.data(), tw_c.data(),
+                                     neg_r.data(), neg_c.data(), strip.data()};
   std::mt19937 rng(5);
   std::uniform_real_distribution<float> u(-1, 1);
   std::vector<float> area(nr * nc), templ(nr * nc, 0.0f);
@@ -257,8 +263,8 @@ TEST(TransformCorrelation, EveryBodyGivesTheSameBits) {
   for (int r = 0; r < th; ++r)
     for (int c = 0; c < tw; ++c) templ[r * nc + c] = u(rng);
   std::vector<float> re4 = area, im4 = templ, re8 = area, im8 = templ;
-  epho_ncc::CorrelateFftPortable(plan, re4.data(), im4.data());
-  epho_ncc::CorrelateFftAvx2(plan, re8.data(), im8.data());
+  epho::matching::CorrelateFftPortable(plan, re4.data(), im4.data());
+  epho::matching::CorrelateFftAvx2(plan, re8.data(), im8.data());
   EXPECT_EQ(std::memcmp(re4.data(), re8.data(), re4.size() * sizeof(float)), 0);
   for (int y = 0; y + th <= nr; y += 3)
     for (int x = 0; x + tw <= nc; x += 5) {
@@ -270,13 +276,13 @@ TEST(TransformCorrelation, EveryBodyGivesTheSameBits) {
     }
   // The pair form: two areas against the template's spectrum.
   std::vector<float> sr = templ, si(nr * nc, 0.0f), sr8 = templ, si8 = si;
-  epho_ncc::SpectrumFftPortable(plan, sr.data(), si.data());
-  epho_ncc::SpectrumFftAvx2(plan, sr8.data(), si8.data());
+  epho::matching::SpectrumFftPortable(plan, sr.data(), si.data());
+  epho::matching::SpectrumFftAvx2(plan, sr8.data(), si8.data());
   std::vector<float> a4 = area, b4(nr * nc), a8, b8;
   for (auto& v : b4) v = u(rng);
   a8 = a4, b8 = b4;
-  epho_ncc::CorrelatePairFftPortable(plan, a4.data(), b4.data(), sr.data(), si.data());
-  epho_ncc::CorrelatePairFftAvx2(plan, a8.data(), b8.data(), sr8.data(), si8.data());
+  epho::matching::CorrelatePairFftPortable(plan, a4.data(), b4.data(), sr.data(), si.data());
+  epho::matching::CorrelatePairFftAvx2(plan, a8.data(), b8.data(), sr8.data(), si8.data());
   EXPECT_EQ(std::memcmp(a4.data(), a8.data(), a4.size() * sizeof(float)), 0);
   EXPECT_EQ(std::memcmp(b4.data(), b8.data(), b4.size() * sizeof(float)), 0);
   EXPECT_NEAR(a4[0] / double(nr * nc), re4[0] / double(nr * nc), 1e-5);

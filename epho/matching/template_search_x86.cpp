@@ -6,7 +6,7 @@
 #if EPHO_NCC_X86
 #include <immintrin.h>
 
-namespace epho_ncc {
+namespace epho::matching {
 
 using std::size_t;
 
@@ -287,6 +287,6 @@ __attribute__((target("avx2,fma"))) void CrossTwoRowsFloatAvx2(const float* area
   }
 }
 
-}  // namespace epho_ncc
+}  // namespace epho::matching
 
 #endif  // EPHO_NCC_X86

@@ -20,7 +20,7 @@
 #include "epho/solvers.h"
 #include "epho/triangulation/reduced_system_internal.h"
 
-namespace epho::tri {
+namespace epho::triangulation {
 namespace {
 
 class DenseSystem : public ReducedSystem {
@@ -374,4 +374,4 @@ std::unique_ptr<ReducedSystem> MakeSparseSystem(const std::vector<int>& start,
   return std::make_unique<SparseSystem>(start, size, pairs);
 }
 
-}  // namespace epho::tri
+}  // namespace epho::triangulation

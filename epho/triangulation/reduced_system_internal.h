@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-namespace epho::tri {
+namespace epho::triangulation {
 
 class ReducedSystem {
  public:
@@ -40,6 +40,6 @@ std::unique_ptr<ReducedSystem> MakeSparseSystem(const std::vector<int>& start,
                                                 const std::vector<int>& size,
                                                 const std::vector<std::pair<int, int>>& pairs);
 
-}  // namespace epho::tri
+}  // namespace epho::triangulation
 
 #endif  // EPHO_TRIANGULATION_REDUCED_SYSTEM_INTERNAL_H

@@ -17,7 +17,7 @@
 #include "etxt.h"
 #include "exfr.h"
 
-namespace epho::tri::synthetic {
+namespace epho::triangulation::synthetic {
 
 // Ground to file pixels: p = M^T (X - C), x = -f p0 / p2, y = -f p1 / p2,
 // column = cx + x, row = cy - y; M = Rx(omega) Ry(phi) Rz(kappa).
@@ -276,6 +276,6 @@ inline void Build(const Options& o, Epho_TriRefineInput* in, Truth* truth) {
   }
 }
 
-}  // namespace epho::tri::synthetic
+}  // namespace epho::triangulation::synthetic
 
 #endif  // EPHO_TRIANGULATION_SYNTHETIC_BLOCK_INTERNAL_H

@@ -14,7 +14,7 @@
 #include "epho/triangulation/reduced_system_internal.h"
 #include "epho/triangulation/triangulation_internal.h"
 
-namespace epho::tri {
+namespace epho::triangulation {
 
 void PolynomialTerms(const Epho_TriImage& image, int per_axis, double x, double y, double* t) {
   const double u[6] = {1.0, x, y, x * x, x * y, y * y};
@@ -462,4 +462,4 @@ bool RunBundle(Block& b, Report& r, kzdv::ErrorFrame& frame) {
   return true;
 }
 
-}  // namespace epho::tri
+}  // namespace epho::triangulation

@@ -18,10 +18,10 @@
 
 namespace {
 
-using epho::tri::synthetic::Build;
-using epho::tri::synthetic::Options;
-using epho::tri::synthetic::Pinhole;
-using epho::tri::synthetic::Truth;
+using epho::triangulation::synthetic::Build;
+using epho::triangulation::synthetic::Options;
+using epho::triangulation::synthetic::Pinhole;
+using epho::triangulation::synthetic::Truth;
 
 // What the independent adjustment needs, copied before the run rewrites it.
 struct Measurements {

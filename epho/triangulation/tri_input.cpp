@@ -7,7 +7,7 @@
 #include "epho/planar.h"
 #include "epho/triangulation/triangulation_internal.h"
 
-namespace epho::tri {
+namespace epho::triangulation {
 
 namespace {
 
@@ -143,4 +143,4 @@ bool CheckAndWeight(Block& b, Report& r, kzdv::ErrorFrame& frame) {
   return true;
 }
 
-}  // namespace epho::tri
+}  // namespace epho::triangulation

@@ -8,7 +8,7 @@
 #include "epho/triangulation/triangulation_internal.h"
 #include "platform/estr/utf8.h"
 
-namespace epho::tri {
+namespace epho::triangulation {
 namespace {
 
 std::string Num(double v) {
@@ -240,4 +240,4 @@ bool WriteSvg(const Block& b, const std::vector<ImageResidual>& residuals, const
   return WriteText(name, s, frame, 2210, L"plot");
 }
 
-}  // namespace epho::tri
+}  // namespace epho::triangulation

@@ -9,7 +9,7 @@
 #include "epho/angles.h"
 #include "epho/triangulation/triangulation_internal.h"
 
-namespace epho::tri {
+namespace epho::triangulation {
 
 namespace {
 
@@ -343,4 +343,4 @@ bool InitialGround(Block& b, kzdv::ErrorFrame& frame) {
   return true;
 }
 
-}  // namespace epho::tri
+}  // namespace epho::triangulation

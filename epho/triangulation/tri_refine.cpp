@@ -7,7 +7,7 @@
 #include "epho/triangulation/triangulation_internal.h"
 #include "platform/eerr/error_frame.h"
 
-namespace epho::tri {
+namespace epho::triangulation {
 namespace {
 
 // Closes the report on every path.
@@ -87,12 +87,12 @@ void Run(Block& b, Report& r, kzdv::ErrorFrame& frame) {
 }
 
 }  // namespace
-}  // namespace epho::tri
+}  // namespace epho::triangulation
 
 extern "C" {
 
 int32_t epho_TriRefine(Epho_TriRefineInput* input, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
-  using namespace epho::tri;
+  using namespace epho::triangulation;
   kzdv::ErrorFrame frame(L"epho_TriRefine", err);
   if (!input || !input->reportFileName) {
     frame.Fail(kSiteReportOpen, L"Temporary file can not be opened for triangulation results");

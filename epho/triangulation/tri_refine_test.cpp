@@ -16,10 +16,10 @@
 
 namespace {
 
-using epho::tri::synthetic::Build;
-using epho::tri::synthetic::Options;
-using epho::tri::synthetic::Pinhole;
-using epho::tri::synthetic::Truth;
+using epho::triangulation::synthetic::Build;
+using epho::triangulation::synthetic::Options;
+using epho::triangulation::synthetic::Pinhole;
+using epho::triangulation::synthetic::Truth;
 
 struct Case {
   const char* name;
@@ -208,7 +208,8 @@ struct DriftingCamera {
 Emsc_Boolean DriftGroundToImage(void* model, long count, const double* g, double* xy,
                                 Eerr_ErrorReport** err) {
   auto* d = static_cast<DriftingCamera*>(model);
-  if (!epho::tri::synthetic::PinholeGroundToImage(&d->cam, count, g, xy, err)) return EMSC_FALSE;
+  if (!epho::triangulation::synthetic::PinholeGroundToImage(&d->cam, count, g, xy, err))
+    return EMSC_FALSE;
   if (count != 7) return EMSC_TRUE;
   const double a = d->drift->Amplitude();
   ++d->drift->calls;
@@ -221,13 +222,13 @@ Emsc_Boolean DriftGroundToImage(void* model, long count, const double* g, double
 }
 Emsc_Boolean DriftRay(void* model, double x, double y, double o[3], double dir[3],
                       Eerr_ErrorReport** err) {
-  return epho::tri::synthetic::PinholeRay(&static_cast<DriftingCamera*>(model)->cam, x, y, o, dir,
-                                          err);
+  return epho::triangulation::synthetic::PinholeRay(&static_cast<DriftingCamera*>(model)->cam, x, y,
+                                                    o, dir, err);
 }
 Emsc_Boolean DriftToGroundXY(void* model, long count, const double* xy, const double* z,
                              double* out, Eerr_ErrorReport** err) {
-  return epho::tri::synthetic::PinholeToGroundXY(&static_cast<DriftingCamera*>(model)->cam, count,
-                                                 xy, z, out, err);
+  return epho::triangulation::synthetic::PinholeToGroundXY(
+      &static_cast<DriftingCamera*>(model)->cam, count, xy, z, out, err);
 }
 void* DriftCopy(const void* model, Eerr_ErrorReport**) {
   return new DriftingCamera(*static_cast<const DriftingCamera*>(model));

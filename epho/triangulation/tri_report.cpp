@@ -8,7 +8,7 @@
 #include "epho/triangulation/triangulation_internal.h"
 #include "platform/estr/utf8.h"
 
-namespace epho::tri {
+namespace epho::triangulation {
 
 void Report::Printf(const Etxt_Char* format, ...) {
   va_list ap;
@@ -272,4 +272,4 @@ void WriteResults(Block& b, Report& r, const std::vector<ImageResidual>& residua
   }
 }
 
-}  // namespace epho::tri
+}  // namespace epho::triangulation

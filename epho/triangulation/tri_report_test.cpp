@@ -14,9 +14,9 @@
 
 namespace {
 
-using epho::tri::synthetic::Build;
-using epho::tri::synthetic::Options;
-using epho::tri::synthetic::Truth;
+using epho::triangulation::synthetic::Build;
+using epho::triangulation::synthetic::Options;
+using epho::triangulation::synthetic::Truth;
 
 std::string ReadFile(const std::string& path) {
   std::ifstream f(path, std::ios::binary);

@@ -5,7 +5,7 @@
 #include "epho/angles.h"
 #include "epho/triangulation/triangulation_internal.h"
 
-namespace epho::tri {
+namespace epho::triangulation {
 
 std::vector<GroundResidual> GroundResiduals(const Block& b, bool check) {
   std::vector<GroundResidual> out;
@@ -57,4 +57,4 @@ bool ImageResiduals(const Block& b, std::vector<ImageResidual>* out) {
   return ok;
 }
 
-}  // namespace epho::tri
+}  // namespace epho::triangulation

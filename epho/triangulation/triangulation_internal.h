@@ -13,7 +13,7 @@
 #include "epho/triangulation.h"
 #include "platform/eerr/error_frame.h"
 
-namespace epho::tri {
+namespace epho::triangulation {
 
 // Site numbers of the run's own failures.
 enum Site : long {
@@ -168,6 +168,6 @@ bool WriteJson(const Block& b, const std::vector<ImageResidual>& residuals, cons
 bool WriteSvg(const Block& b, const std::vector<ImageResidual>& residuals, const Etxt_Char* name,
               kzdv::ErrorFrame& frame);
 
-}  // namespace epho::tri
+}  // namespace epho::triangulation
 
 #endif  // EPHO_TRIANGULATION_TRIANGULATION_INTERNAL_H
