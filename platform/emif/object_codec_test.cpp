@@ -45,13 +45,13 @@ TEST(ObjectCodec, ElementSizesAreTheCompilersForEveryTypeAndShape) {
   };
   for (const Row& r : rows) {
     SCOPED_TRACE("code " + std::to_string(r.code));
-    Emif_FieldSpec spec{};
-    spec.code = r.code;
-    spec.name = L"f";
-    spec.fixed_count = 3;
+    Emif_FieldSpec field_spec{};
+    field_spec.code = r.code;
+    field_spec.name = L"f";
+    field_spec.fixed_count = 3;
     const int base = r.code & 0xff;
-    if (base == EMIF_T_OBJECT || base == EMIF_T_OBJECT_PTR) spec.design = sub.get();
-    DesignPtr d = Own(emif_DesignCreateFromFields(L"One", &spec, 1, nullptr));
+    if (base == EMIF_T_OBJECT || base == EMIF_T_OBJECT_PTR) field_spec.design = sub.get();
+    DesignPtr d = Own(emif_DesignCreateFromFields(L"One", &field_spec, 1, nullptr));
     ASSERT_TRUE(d);
     Emif_FieldInfo info;
     ASSERT_TRUE(emif_DesignFieldGet(d.get(), 0, &info));
