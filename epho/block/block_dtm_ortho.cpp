@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "epho/block/block_internal.h"
+#include "platform/emif/object_codec.h"
 #include "platform/ethr/lock_holder.h"
 
 using epho::block::CountedText;
@@ -256,11 +257,7 @@ unsigned long EphoBlockFile::ReadDTMListFromHFA(EdlmList& out, Ehfa_File* file) 
   epho::block::DtmListRecord rec{};
   const Emsc_Boolean present = ehfa_ObjectReadIntoIfPresent(
       file, EHFA_SEEK_BY_NAME, L":", L"DTMList", listDesign.get(), &rec, ctx.Err());
-  struct Hold {
-    const Emif_Design* d;
-    void* r;
-    ~Hold() { emif_ObjectContentsFree(d, r, nullptr); }
-  } hold{listDesign.get(), &rec};
+  kzdv::mif::ContentsHolder hold(listDesign.get(), &rec);
   ctx.Check(__LINE__);
   if (!present) return 0;
   EdlmList list(freeDtm);
@@ -357,11 +354,7 @@ void EphoBlockFile::ReadOrthoListFromHFA() {
   epho::block::OrthoListRecord rec{};
   const Emsc_Boolean present = ehfa_ObjectReadIntoIfPresent(
       file, EHFA_SEEK_BY_NAME, L":", L"OrthoImageList", listDesign.get(), &rec, ctx.Err());
-  struct Hold {
-    const Emif_Design* d;
-    void* r;
-    ~Hold() { emif_ObjectContentsFree(d, r, nullptr); }
-  } hold{listDesign.get(), &rec};
+  kzdv::mif::ContentsHolder hold(listDesign.get(), &rec);
   ctx.Check(__LINE__);
   if (!present) return;
   EdlmList list(freeOrtho);

@@ -4,6 +4,7 @@
 
 #include "epho/camera/camera_internal.h"
 #include "platform/eerr/error_frame.h"
+#include "platform/emif/object_codec.h"
 
 namespace epho::camera {
 namespace {
@@ -231,11 +232,7 @@ Epho_CameraXform* epho_CameraXformConvertFromMIFable(const Emif_Design* design, 
   CameraModelX record{};
   EERR_CHECK(emif_ObjectConvert(design, object, model_x, &record, frame.Callee()), frame, nullptr,
              L"emif_ObjectConvert failed");
-  struct RecordOwner {
-    const Emif_Design* d;
-    CameraModelX* r;
-    ~RecordOwner() { emif_ObjectContentsFree(d, r, nullptr); }
-  } record_owner{model_x, &record};
+  kzdv::mif::ContentsHolder record_owner(model_x, &record);
   EERR_FAIL_IF(!record.cameraModel, frame, nullptr, L"The object holds no camera");
   Eprj_Datum* datum_raw = nullptr;
   CameraPtr camera(CameraFromRecord(record.cameraModel, frame, &datum_raw));

@@ -109,6 +109,20 @@ class RecordView {
   void* record_;
 };
 
+// Frees what a decoded record owns (not the record itself) when the scope
+// ends, so every early return of a reader leaves nothing behind.
+class ContentsHolder {
+ public:
+  ContentsHolder(const Emif_Design* design, void* record) : design_(design), record_(record) {}
+  ~ContentsHolder() { emif_ObjectContentsFree(design_, record_, nullptr); }
+  ContentsHolder(const ContentsHolder&) = delete;
+  ContentsHolder& operator=(const ContentsHolder&) = delete;
+
+ private:
+  const Emif_Design* design_;
+  void* record_;
+};
+
 }  // namespace mif
 }  // namespace kzdv
 
