@@ -2,6 +2,7 @@
 #ifndef EPHO_EPHO_H
 #define EPHO_EPHO_H
 
+#include "epho/autotie.h"
 #include "epho/base.h"
 #include "epho/block.h"
 #include "epho/camera.h"
