@@ -217,18 +217,32 @@ void ColmapFromCamera(const Epho_Camera& c, int32_t columns, int32_t rows, Colma
                : "it applies the refraction or earth-curvature correction");
   const double f = c.coeffs[0];
   if (!(f > 0)) refuse("its focal length is not positive");
-  // Pixels to film: x = a0 col + a1 row + a2, y = a3 col + a4 row + a5; COLMAP
-  // needs film x along the columns and film y against the rows.
-  const double* a = c.forSrcAffine;
+  // Film to pixels (the side a ground-to-image projection ends on): col =
+  // a0 x + a1 y + a2, row = a3 x + a4 y + a5. COLMAP needs the columns along
+  // film x and the rows against film y; the pixels-to-film affine must be
+  // its inverse, or the camera would project one way and measure another.
+  const double* a = c.invSrcAffine;
+  const double* b = c.forSrcAffine;
   const double scale = std::max(std::fabs(a[0]), std::fabs(a[4]));
   if (!(a[0] > 0) || !(a[4] < 0) || std::fabs(a[1]) > kAxisTolerance * scale ||
       std::fabs(a[3]) > kAxisTolerance * scale)
     refuse("its pixel axes are not the film axes (x along the columns, y against the rows)");
+  {
+    // Film points of the image's corners through both affines.
+    bool inverse = true;
+    for (const double col : {0.0, double(columns)})
+      for (const double row : {0.0, double(rows)}) {
+        const double x = b[0] * col + b[1] * row + b[2], y = b[3] * col + b[4] * row + b[5];
+        const double col2 = a[0] * x + a[1] * y + a[2], row2 = a[3] * x + a[4] * y + a[5];
+        inverse = inverse && std::fabs(col2 - col) <= 1e-6 && std::fabs(row2 - row) <= 1e-6;
+      }
+    if (!inverse) refuse("its film-to-pixel affine is not the inverse of its pixel-to-film one");
+  }
   Intrinsics in;
-  in.fx = f / a[0];
-  in.fy = f / -a[4];
-  in.cx = -a[2] / a[0];
-  in.cy = -a[5] / a[4];
+  in.fx = f * a[0];
+  in.fy = -f * a[4];
+  in.cx = a[2];
+  in.cy = a[5];
 
   // Lens: a constant radial term p0 scales the focal length exactly:
   // x (1 + p0 + p1 r^2 + ...) = (1 + p0) x (1 + p1 / (1 + p0) r^2 + ...).
