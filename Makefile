@@ -7,6 +7,7 @@ DEB_PACKAGES := cmake g++ make pkg-config ccache clang-format clang-tidy python3
                 libgdal-dev gdal-bin libproj-dev proj-bin proj-data \
                 libboost-dev libeigen3-dev libgtest-dev libgmock-dev libbenchmark-dev
 BENCH_PACKAGES := libopencv-dev libceres-dev
+INTEGRATION_PACKAGES := colmap
 FUZZ_PACKAGES := clang libclang-rt-14-dev
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
@@ -21,7 +22,7 @@ define install_missing
 	fi
 endef
 
-.PHONY: all deps build demo test bench asan tsan fuzz install symbols format format-check clean
+.PHONY: all deps build demo test test-integration bench asan tsan fuzz install symbols format format-check clean
 all: build
 
 deps:
@@ -38,6 +39,12 @@ demo: build
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 1200
+
+# Exchanges with other programs, kept out of `make test` because they need
+# their packages: blocks through COLMAP's own model converter.
+test-integration: build
+	-$(call install_missing,$(INTEGRATION_PACKAGES))
+	cmake/colmap_integration.sh $(BUILD)/epho $(CURDIR)
 
 bench: deps
 	$(call install_missing,$(BENCH_PACKAGES))

@@ -1,5 +1,6 @@
 // COLMAP's text model: reading and checking the three files, writing them,
 // and converting between the model and the neutral project.
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <map>
@@ -373,13 +374,28 @@ void WriteColmapModel(const ColmapModel& model, const std::string& folder) {
   WriteFile(Path(folder, "points3D.txt"), points.str());
 }
 
+namespace {
+
+// Images and points in id order: COLMAP writes them in no particular order,
+// and the order of the 2D points of each image follows that of the points.
+template <typename T>
+std::vector<const T*> ById(const std::vector<T>& items) {
+  std::vector<const T*> out;
+  for (const T& item : items) out.push_back(&item);
+  std::sort(out.begin(), out.end(), [](const T* a, const T* b) { return a->id < b->id; });
+  return out;
+}
+
+}  // namespace
+
 Project ProjectFromColmap(const ColmapModel& model) {
   std::map<uint32_t, const ColmapCamera*> cameras;
   for (const ColmapCamera& c : model.cameras) cameras[c.id] = &c;
   std::map<uint64_t, size_t> pointIndex;
   Project project;
   double zSum = 0;
-  for (const ColmapPoint3D& p : model.points) {
+  for (const ColmapPoint3D* point : ById(model.points)) {
+    const ColmapPoint3D& p = *point;
     Point q;
     q.id = static_cast<int32_t>(p.id);
     q.usage = GCP_TIE;
@@ -391,7 +407,8 @@ Project ProjectFromColmap(const ColmapModel& model) {
     project.points.push_back(std::move(q));
   }
   const double zMean = project.points.empty() ? 0.0 : zSum / project.points.size();
-  for (const ColmapImage& im : model.images) {
+  for (const ColmapImage* image_ : ById(model.images)) {
+    const ColmapImage& im = *image_;
     const ColmapCamera& c = *cameras.at(im.camera);
     Image image;
     image.id = static_cast<int32_t>(im.id);
@@ -419,7 +436,8 @@ ColmapModel ColmapFromProject(const Project& project) {
   ColmapModel model;
   Problems problems;
   std::map<int32_t, size_t> imageIndex;
-  for (const Image& image : project.images) {
+  for (const Image* image_ : ById(project.images)) {
+    const Image& image = *image_;
     ColmapImage im;
     ColmapCamera cam;
     try {
@@ -450,7 +468,8 @@ ColmapModel ColmapFromProject(const Project& project) {
     imageIndex[image.id] = model.images.size();
     model.images.push_back(std::move(im));
   }
-  for (const Point& p : project.points) {
+  for (const Point* point : ById(project.points)) {
+    const Point& p = *point;
     if (p.observations.empty()) continue;
     if (!p.known || p.id < 1) {
       problems.Add("point " + std::to_string(p.id) +

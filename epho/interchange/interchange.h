@@ -127,15 +127,17 @@ ColmapModel ReadColmapModel(const std::string& folder);
 // one step. Numbers are written in their shortest exact decimal form.
 void WriteColmapModel(const ColmapModel& model, const std::string& folder);
 
-// The project of a model: one image per COLMAP image (its camera's intrinsics
-// copied into each frame camera, film units = pixels), one tie point per 3D
-// point with its observations; 2D points of no 3D point are not kept.
+// The project of a model, images and points in id order: one image per
+// COLMAP image (its camera's intrinsics copied into each frame camera, film
+// units = pixels), one tie point per 3D point with its observations; 2D
+// points of no 3D point are not kept.
 Project ProjectFromColmap(const ColmapModel& model);
-// The model of a project: images with equal intrinsics share a camera
-// (numbered from 1 in the order of the images), each camera in the simplest
-// model that holds it; 2D points in the order of the points; each 3D point's
-// error recomputed from its observations. Throws for a camera COLMAP cannot
-// express (see docs/interchange.md) and for points without ground coordinates.
+// The model of a project, images and points in id order: images with equal
+// intrinsics share a camera (numbered from 1 in the order of the images),
+// each camera in the simplest model that holds it; 2D points in the order of
+// the points; each 3D point's error recomputed from its observations. Throws
+// for a camera COLMAP cannot express (see docs/interchange.md) and for
+// measured points without ground coordinates.
 ColmapModel ColmapFromProject(const Project& project);
 
 // ---- camera conversions (exposed for tests and other front ends) ----------
