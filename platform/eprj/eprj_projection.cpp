@@ -40,6 +40,11 @@ struct ProjImpl {
 
 ProjImpl* Impl(const Eprj_MapProjection* p) { return static_cast<ProjImpl*>(p->impl); }
 
+}  // namespace
+
+namespace kzdv {
+namespace eprj {
+
 // PROJ string of the projection alone: the datum, grids and units of the
 // GDAL description are dropped, our spheroid and metres are imposed.
 bool ProjDefinition(const Eprj_ProParameters& p, std::string& def, std::wstring& why) {
@@ -89,6 +94,11 @@ bool ProjDefinition(const Eprj_ProParameters& p, std::string& def, std::wstring&
   def = out.str();
   return true;
 }
+
+}  // namespace eprj
+}  // namespace kzdv
+
+namespace {
 
 bool Convert(const Eprj_MapProjection* projection, Efga_Matrix* points, PJ_DIRECTION dir,
              kzdv::ErrorFrame& frame) {
@@ -169,7 +179,7 @@ Eprj_MapProjection* Init(const Eprj_ProParameters* parameters, kzdv::ErrorFrame&
   }
   std::string def;
   std::wstring why;
-  if (!ProjDefinition(*parameters, def, why)) {
+  if (!kzdv::eprj::ProjDefinition(*parameters, def, why)) {
     frame.Fail(__LINE__, L"%ls", why.c_str());
     return nullptr;
   }

@@ -59,18 +59,46 @@ const Alias kSpheroidAliases[] = {
     {L"Clarke1866", L"Clarke 1866"},
 };
 
+// Shifts to WGS 84 (position vector, arc-seconds, ppm) of the EPSG
+// transformations: ED50 1133, OSGB 1936 1314, DHDN 1777, Tokyo 1305,
+// Pulkovo 1942 5044, WGS 72 1237. NAD27 uses NADCON's grid.
 const DatumDef kDatums[] = {
-    {L"WGS 84", L"WGS 84", 4326, EPRJ_DATUM_PARAMETRIC, nullptr},
-    {L"NAD83", L"GRS 1980", 4269, EPRJ_DATUM_PARAMETRIC, nullptr},
-    {L"NAD27", L"Clarke 1866", 4267, EPRJ_DATUM_GRID, L"nadcon.dat"},
-    {L"ETRS89", L"GRS 1980", 4258, EPRJ_DATUM_PARAMETRIC, nullptr},
-    {L"GDA94", L"GRS 1980", 4283, EPRJ_DATUM_PARAMETRIC, nullptr},
-    {L"ED50", L"International 1924", 4230, EPRJ_DATUM_PARAMETRIC, nullptr},
-    {L"OSGB 1936", L"Airy 1830", 4277, EPRJ_DATUM_PARAMETRIC, nullptr},
-    {L"DHDN", L"Bessel 1841", 4314, EPRJ_DATUM_PARAMETRIC, nullptr},
-    {L"Tokyo", L"Bessel 1841", 4301, EPRJ_DATUM_PARAMETRIC, nullptr},
-    {L"Pulkovo 1942", L"Krassowsky 1940", 4284, EPRJ_DATUM_PARAMETRIC, nullptr},
-    {L"WGS 1972", L"WGS 72", 4322, EPRJ_DATUM_PARAMETRIC, nullptr},
+    {L"WGS 84", L"WGS 84", 4326, EPRJ_DATUM_PARAMETRIC, nullptr, {0, 0, 0, 0, 0, 0, 0}},
+    {L"NAD83", L"GRS 1980", 4269, EPRJ_DATUM_PARAMETRIC, nullptr, {0, 0, 0, 0, 0, 0, 0}},
+    {L"NAD27", L"Clarke 1866", 4267, EPRJ_DATUM_GRID, L"nadcon.dat", {0, 0, 0, 0, 0, 0, 0}},
+    {L"ETRS89", L"GRS 1980", 4258, EPRJ_DATUM_PARAMETRIC, nullptr, {0, 0, 0, 0, 0, 0, 0}},
+    {L"GDA94", L"GRS 1980", 4283, EPRJ_DATUM_PARAMETRIC, nullptr, {0, 0, 0, 0, 0, 0, 0}},
+    {L"ED50",
+     L"International 1924",
+     4230,
+     EPRJ_DATUM_PARAMETRIC,
+     nullptr,
+     {-87, -98, -121, 0, 0, 0, 0}},
+    {L"OSGB 1936",
+     L"Airy 1830",
+     4277,
+     EPRJ_DATUM_PARAMETRIC,
+     nullptr,
+     {446.448, -125.157, 542.06, 0.15, 0.247, 0.842, -20.489}},
+    {L"DHDN",
+     L"Bessel 1841",
+     4314,
+     EPRJ_DATUM_PARAMETRIC,
+     nullptr,
+     {598.1, 73.7, 418.2, 0.202, 0.045, -2.455, 6.7}},
+    {L"Tokyo", L"Bessel 1841", 4301, EPRJ_DATUM_PARAMETRIC, nullptr, {-147, 506, 687, 0, 0, 0, 0}},
+    {L"Pulkovo 1942",
+     L"Krassowsky 1940",
+     4284,
+     EPRJ_DATUM_PARAMETRIC,
+     nullptr,
+     {23.57, -140.95, -79.8, 0, 0.35, 0.79, -0.22}},
+    {L"WGS 1972",
+     L"WGS 72",
+     4322,
+     EPRJ_DATUM_PARAMETRIC,
+     nullptr,
+     {0, 0, 4.5, 0, 0, 0.554, 0.2263}},
 };
 const Alias kDatumAliases[] = {
     {L"WGS84", L"WGS 84"},
@@ -110,6 +138,21 @@ const DatumDef* FindDatum(const Etxt_Char* name) {
       for (const DatumDef& d : kDatums)
         if (Key(a.name) == Key(d.name)) return &d;
   return nullptr;
+}
+
+constexpr double kArcSecond = 4.84813681109536e-06;  // radians
+
+void ShiftToStored(const double surveyed[7], double stored[7]) {
+  for (int i = 0; i < 3; ++i) stored[i] = surveyed[i];
+  // HFA files keep the rotations in the coordinate frame convention.
+  for (int i = 3; i < 6; ++i) stored[i] = -surveyed[i] * kArcSecond;
+  stored[6] = surveyed[6] * 1e-6;
+}
+
+void ShiftFromStored(const double stored[7], double surveyed[7]) {
+  for (int i = 0; i < 3; ++i) surveyed[i] = stored[i];
+  for (int i = 3; i < 6; ++i) surveyed[i] = -stored[i] / kArcSecond;
+  surveyed[6] = stored[6] * 1e6;
 }
 
 bool DupText(const Etxt_Char* s, Etxt_Char** out) {
@@ -250,10 +293,10 @@ Eprj_Datum* eprj_DatumCreateByName(const Etxt_Char* name, Eerr_ErrorReport** err
   EERR_FAIL_IF(!DupText(def ? def->name : name, &d->datumname), frame, nullptr, L"Out of memory");
   d->type = def ? def->type : EPRJ_DATUM_NONE;
   if (d->type == EPRJ_DATUM_PARAMETRIC) {
-    // Shift parameters to WGS 84 are not carried by this table: zero.
     d->params.data = static_cast<double*>(emsc_HeapCalloc(7, sizeof(double)));
     EERR_FAIL_IF(!d->params.data, frame, nullptr, L"Out of memory");
     d->params.count = 7;
+    kzdv::eprj::ShiftToStored(def->shift, d->params.data);
   }
   if (def && def->grid)
     EERR_FAIL_IF(!DupText(def->grid, &d->gridname), frame, nullptr, L"Out of memory");
@@ -281,6 +324,126 @@ void eprj_DatumFree(Eprj_Datum* datum) KZDV_NOEXCEPT {
   emsc_HeapFree(datum->gridname);
   emsc_HeapFree(datum);
 }
+
+Emsc_Boolean eprj_DatumShiftGet(const Eprj_Datum* datum, Eprj_RotationConvention convention,
+                                Eprj_DatumShift* shift, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
+  static const Etxt_Char* const kFn = L"eprj_DatumShiftGet";
+  kzdv::ErrorFrame frame(kFn, err);
+  EERR_FAIL_IF_NULL(datum, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(shift, frame, EMSC_FALSE);
+  EERR_FAIL_IF(
+      convention != EPRJ_ROTATION_POSITION_VECTOR && convention != EPRJ_ROTATION_COORDINATE_FRAME,
+      frame, EMSC_FALSE, L"Unknown rotation convention %d", static_cast<int>(convention));
+  Eprj_DatumShift out{};
+  out.convention = convention;
+  const bool named_grid = datum->gridname && *datum->gridname;
+  double surveyed[7] = {0};
+  switch (datum->type) {
+    case EPRJ_DATUM_PARAMETRIC: {
+      double stored[7] = {0};
+      for (int i = 0; i < 7 && i < datum->params.count && datum->params.data; ++i)
+        stored[i] = datum->params.data[i];
+      kzdv::eprj::ShiftFromStored(stored, surveyed);
+      bool zero = true;
+      for (double v : surveyed) zero = zero && v == 0.0;
+      const kzdv::eprj::DatumDef* def = kzdv::eprj::FindDatum(datum->datumname);
+      if (zero && def && def->type == EPRJ_DATUM_PARAMETRIC)
+        for (int i = 0; i < 7; ++i) surveyed[i] = def->shift[i];
+      for (double v : surveyed)
+        EERR_FAIL_IF(!std::isfinite(v), frame, EMSC_FALSE,
+                     L"Datum \"%s\" has a shift parameter that is not a finite number",
+                     datum->datumname ? datum->datumname : L"");
+      const bool rotated =
+          surveyed[3] != 0 || surveyed[4] != 0 || surveyed[5] != 0 || surveyed[6] != 0;
+      const bool moved = surveyed[0] != 0 || surveyed[1] != 0 || surveyed[2] != 0;
+      out.kind =
+          rotated ? EPRJ_SHIFT_7_PARAMETER : (moved ? EPRJ_SHIFT_3_PARAMETER : EPRJ_SHIFT_NONE);
+      break;
+    }
+    case EPRJ_DATUM_GRID:
+      out.kind = EPRJ_SHIFT_GRID;
+      break;
+    case EPRJ_DATUM_REGRESSION:
+      out.kind = named_grid ? EPRJ_SHIFT_GRID : EPRJ_SHIFT_REGRESSION;
+      break;
+    default:
+      out.kind = EPRJ_SHIFT_UNKNOWN;
+      break;
+  }
+  if (out.kind == EPRJ_SHIFT_GRID) {
+    EERR_FAIL_IF(!named_grid, frame, EMSC_FALSE, L"Grid datum \"%s\" names no grid",
+                 datum->datumname ? datum->datumname : L"");
+    out.grids = datum->gridname;
+  }
+  const double sign = convention == EPRJ_ROTATION_COORDINATE_FRAME ? -1.0 : 1.0;
+  out.dx = surveyed[0];
+  out.dy = surveyed[1];
+  out.dz = surveyed[2];
+  out.rx = sign * surveyed[3];
+  out.ry = sign * surveyed[4];
+  out.rz = sign * surveyed[5];
+  out.scale = surveyed[6];
+  *shift = out;
+  return EMSC_TRUE;
+}
+EERR_BOUNDARY(err, EMSC_FALSE)
+
+Emsc_Boolean eprj_DatumShiftSet(Eprj_Datum* datum, const Eprj_DatumShift* shift,
+                                Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
+  static const Etxt_Char* const kFn = L"eprj_DatumShiftSet";
+  kzdv::ErrorFrame frame(kFn, err);
+  EERR_FAIL_IF_NULL(datum, frame, EMSC_FALSE);
+  EERR_FAIL_IF_NULL(shift, frame, EMSC_FALSE);
+  EERR_FAIL_IF(shift->convention != EPRJ_ROTATION_POSITION_VECTOR &&
+                   shift->convention != EPRJ_ROTATION_COORDINATE_FRAME,
+               frame, EMSC_FALSE, L"Unknown rotation convention %d",
+               static_cast<int>(shift->convention));
+  const double sign = shift->convention == EPRJ_ROTATION_COORDINATE_FRAME ? -1.0 : 1.0;
+  double surveyed[7] = {shift->dx,        shift->dy,        shift->dz,   sign * shift->rx,
+                        sign * shift->ry, sign * shift->rz, shift->scale};
+  Eprj_DatumType type = EPRJ_DATUM_PARAMETRIC;
+  switch (shift->kind) {
+    case EPRJ_SHIFT_NONE:
+      for (double& v : surveyed) v = 0.0;
+      break;
+    case EPRJ_SHIFT_3_PARAMETER:
+      for (int i = 3; i < 7; ++i) surveyed[i] = 0.0;
+      break;
+    case EPRJ_SHIFT_7_PARAMETER:
+      break;
+    case EPRJ_SHIFT_GRID:
+      type = EPRJ_DATUM_GRID;
+      EERR_FAIL_IF(!shift->grids || !*shift->grids, frame, EMSC_FALSE,
+                   L"A grid shift needs grid names");
+      break;
+    case EPRJ_SHIFT_UNKNOWN:
+      type = EPRJ_DATUM_NONE;
+      break;
+    default:
+      EERR_FAIL(frame, EMSC_FALSE, L"Datum shift kind %d cannot be set",
+                static_cast<int>(shift->kind));
+  }
+  for (double v : surveyed)
+    EERR_FAIL_IF(!std::isfinite(v), frame, EMSC_FALSE, L"A shift parameter is not a finite number");
+  Etxt_Char* grid = nullptr;
+  EERR_FAIL_IF(!DupText(type == EPRJ_DATUM_GRID ? shift->grids : nullptr, &grid), frame, EMSC_FALSE,
+               L"Out of memory");
+  double* params = nullptr;
+  if (type == EPRJ_DATUM_PARAMETRIC) {
+    params = static_cast<double*>(emsc_HeapCalloc(7, sizeof(double)));
+    if (!params) emsc_HeapFree(grid);
+    EERR_FAIL_IF(!params, frame, EMSC_FALSE, L"Out of memory");
+    kzdv::eprj::ShiftToStored(surveyed, params);
+  }
+  emsc_HeapFree(datum->params.data);
+  emsc_HeapFree(datum->gridname);
+  datum->params.data = params;
+  datum->params.count = params ? 7 : 0;
+  datum->gridname = grid;
+  datum->type = type;
+  return EMSC_TRUE;
+}
+EERR_BOUNDARY(err, EMSC_FALSE)
 
 // ------------------------------------------------------ projection parameters
 

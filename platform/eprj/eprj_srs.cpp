@@ -454,11 +454,8 @@ Eprj_ProParameters* eprj_ProParametersFromWkt(const char* wkt, Eerr_ErrorReport*
     EERR_FAIL_IF(!s->datum->params.data, frame, nullptr, L"Out of memory");
     s->datum->params.count = 7;
     if (srs.GetTOWGS84(towgs84, 7) == OGRERR_NONE) {
-      // HFA files keep rotations in radians with the opposite sign and the
-      // scale as a plain difference.
-      for (int i = 0; i < 7; ++i) s->datum->params.data[i] = towgs84[i];
-      for (int i = 3; i < 6; ++i) s->datum->params.data[i] *= -4.84813681109536e-06;
-      s->datum->params.data[6] *= 1e-6;
+      // TOWGS84 is position vector, arc-seconds and ppm.
+      kzdv::eprj::ShiftToStored(towgs84, s->datum->params.data);
       s->datum->type = EPRJ_DATUM_PARAMETRIC;
     } else if (dname == L"NAD27") {
       s->datum->type = EPRJ_DATUM_GRID;

@@ -63,14 +63,62 @@ typedef struct Eprj_DoubleArray {
   double* data;
 } Eprj_DoubleArray;
 
-/* Datum. params holds, for parametric datums, dx, dy, dz (metres), rx, ry,
- * rz (radians) and the scale difference (unitless), as HFA files store them. */
+/* Datum. params holds, for parametric datums, the shift from the datum to
+ * WGS 84 as HFA files store it: dx, dy, dz (metres), rx, ry, rz (radians, in
+ * the coordinate-frame rotation convention) and the scale difference
+ * (unitless). Read and set it in surveyors' units with eprj_DatumShiftGet /
+ * eprj_DatumShiftSet. gridname may list several grids separated by commas
+ * (PROJ's convention; a leading '@' marks a grid as optional). */
 typedef struct Eprj_Datum {
   Etxt_Char* datumname;
   Eprj_DatumType type;
   Eprj_DoubleArray params;
   Etxt_Char* gridname; /* null unless type is EPRJ_DATUM_GRID */
 } Eprj_Datum;
+
+/* How a datum reaches WGS 84 (see eprj_DatumShiftGet). */
+typedef enum {
+  EPRJ_SHIFT_NONE = 0,        /* coincides with WGS 84: zero geocentric shift */
+  EPRJ_SHIFT_3_PARAMETER = 1, /* geocentric translation dx, dy, dz */
+  EPRJ_SHIFT_7_PARAMETER = 2, /* translation, rotations and scale (Helmert) */
+  EPRJ_SHIFT_GRID = 3,        /* horizontal offset grid(s) in `grids` */
+  EPRJ_SHIFT_REGRESSION = 4,  /* polynomial regression: not converted here */
+  EPRJ_SHIFT_UNKNOWN = 5      /* no shift known: the datum cannot be left */
+} Eprj_DatumShiftKind;
+
+/* Sign convention of the three small rotations of a 7-parameter shift.
+ * Position vector (EPSG method 1033, PROJ's +convention=position_vector,
+ * the order of +towgs84): X_wgs84 = T + (1 + s) R X with R = [[1, -rz, ry],
+ * [rz, 1, -rx], [-ry, rx, 1]]. Coordinate frame (EPSG method 1032) uses the
+ * same formula with the three rotations negated. */
+typedef enum {
+  EPRJ_ROTATION_POSITION_VECTOR = 0,
+  EPRJ_ROTATION_COORDINATE_FRAME = 1
+} Eprj_RotationConvention;
+
+/* The shift of a datum TO WGS 84 in surveyors' units: translations in
+ * metres, rotations in arc-seconds in `convention`, scale in parts per
+ * million. `grids` (kind EPRJ_SHIFT_GRID) names the offset grids that take
+ * geographic coordinates of the datum to WGS 84 (or a frame that coincides
+ * with it at the metre level, such as NAD83 or ETRS89). */
+typedef struct Eprj_DatumShift {
+  Eprj_DatumShiftKind kind;
+  double dx, dy, dz;
+  double rx, ry, rz;
+  double scale;
+  Eprj_RotationConvention convention;
+  const Etxt_Char* grids; /* borrowed: from the datum on Get, copied on Set */
+} Eprj_DatumShift;
+
+/* 3D reprojection and datum shifts: opaque objects built once over a PROJ
+ * pipeline (see eprj_3DProjectionCreate). */
+typedef struct Eprj_3DProjection Eprj_3DProjection;
+typedef struct Eprj_3DDatumShift Eprj_3DDatumShift;
+
+/* The coordinates a 3D datum shift works on. Geographic: longitude, latitude
+ * in radians (as eprj_ProjectionToLL gives them), ellipsoidal height in
+ * metres. Geocentric: Earth-centred, Earth-fixed X, Y, Z in metres. */
+typedef enum { EPRJ_3D_GEOGRAPHIC = 0, EPRJ_3D_GEOCENTRIC = 1 } Eprj_3DCoordinates;
 
 /* Spheroid: semi-axes in metres, eSquared = (a² - b²) / a², radius of the
  * sphere used by spherical projections. `datum` is not part of the stored
@@ -168,6 +216,21 @@ KZDV_EXPORT Eprj_Datum* eprj_DatumCreateByName(const Etxt_Char* name,
 KZDV_EXPORT Eprj_Datum* eprj_DatumCopy(const Eprj_Datum* datum,
                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 KZDV_EXPORT void eprj_DatumFree(Eprj_Datum* datum) KZDV_NOEXCEPT;
+/* The datum's shift to WGS 84, rotations given in `convention`. Datum types
+ * map to kinds: parametric -> none, 3- or 7-parameter (3 when rotations and
+ * scale are zero); grid -> grid; regression -> grid when it names a grid,
+ * else regression; none -> unknown. A parametric record whose parameters
+ * are all zero but whose name the datum table knows with a shift (files
+ * written before records carried shifts) gives the table's shift. */
+KZDV_EXPORT Emsc_Boolean eprj_DatumShiftGet(const Eprj_Datum* datum,
+                                            Eprj_RotationConvention convention,
+                                            Eprj_DatumShift* shift,
+                                            Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+/* Stores a shift in the record (type, params and gridname replaced). Fails,
+ * leaving the record unchanged, on non-finite parameters, an unknown kind or
+ * convention, and a grid kind without grid names. */
+KZDV_EXPORT Emsc_Boolean eprj_DatumShiftSet(Eprj_Datum* datum, const Eprj_DatumShift* shift,
+                                            Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* Projection parameters from their parts (params: EPRJ_PARAMETER_COUNT
  * values or null for zeros; spheroid and datum by name, datum may be null). */
@@ -214,6 +277,69 @@ KZDV_EXPORT Emsc_Boolean eprj_ProjectionToLL(const Eprj_MapProjection* projectio
 KZDV_EXPORT Emsc_Boolean eprj_ProjectionFromLL(const Eprj_MapProjection* projection, long count,
                                                double* x, double* y,
                                                Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+
+/* ---- 3D reprojection and datum shifts.
+ *
+ * Points pass from the source system to WGS 84 and on to the target system
+ * in one PROJ pipeline: the source datum's shift (eprj_DatumShiftGet), then
+ * the inverse of the target's. Two systems on the same datum (same name,
+ * spheroid and shift) skip the datum steps. Geoid (orthometric) heights are
+ * turned into ellipsoidal heights on WGS 84, the geoid model's own frame,
+ * while the horizontal position is shifted with its height held, as PROJ
+ * does for compound systems. The library downloads nothing: a grid that is
+ * not installed fails the creation with a report naming it.
+ *
+ * Thread safety: each object owns its PROJ context; concurrent calls on one
+ * object are safe (they take turns), separate objects run in parallel. */
+
+/* Builds the reprojection from map coordinates of `source` to those of
+ * `target` (parameters with their spheroid's datum; copied). Map
+ * coordinates are metres, or longitude/latitude in radians for the
+ * geographic projection (number 0), x east and y north. Heights follow the
+ * elevation infos: null, or a datum that is not vertical, means ellipsoidal
+ * heights on the projection's datum; "EGM96" (grid us_nga_egm96_15.tif) or
+ * "EGM2008" (us_nga_egm08_25.tif) means heights above that geoid. The unit
+ * of heights is the info's elevationUnit (meters, feet, US survey feet).
+ * Fails on missing parameters or spheroids, a datum with no known shift when
+ * one is needed ("unknown datum"), regression shifts, other vertical datums,
+ * and missing grids (the report names the grid). */
+KZDV_EXPORT Eprj_3DProjection* eprj_3DProjectionCreate(const Eprj_ProParameters* source,
+                                                       const Eprj_ElevationInfo* sourceHeights,
+                                                       const Eprj_ProParameters* target,
+                                                       const Eprj_ElevationInfo* targetHeights,
+                                                       Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+/* Reprojects `count` points in place. Fails with a report naming the first
+ * point that is not finite, lies outside a projection's domain or a grid's
+ * extent, or does not come back through the inverse within 1 mm; nothing is
+ * written then. */
+KZDV_EXPORT Emsc_Boolean eprj_3DProject(const Eprj_3DProjection* projection, long count, double* x,
+                                        double* y, double* z, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+/* The same, from target to source. */
+KZDV_EXPORT Emsc_Boolean eprj_3DProjectInverse(const Eprj_3DProjection* projection, long count,
+                                               double* x, double* y, double* z,
+                                               Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+/* The PROJ pipeline the object runs (borrowed UTF-8 text), for reports. */
+KZDV_EXPORT const char* eprj_3DProjectionDefinitionGet(const Eprj_3DProjection* projection)
+    KZDV_NOEXCEPT;
+/* Null is ignored. */
+KZDV_EXPORT void eprj_3DProjectionFree(Eprj_3DProjection* projection) KZDV_NOEXCEPT;
+
+/* Builds the datum-to-datum shift between the datums of two spheroids
+ * (each with its `datum`; the spheroid's axes are the datum's ellipsoid) on
+ * geographic or geocentric coordinates. Fails as eprj_3DProjectionCreate. */
+KZDV_EXPORT Eprj_3DDatumShift* eprj_3DDatumShiftCreate(const Eprj_Spheroid* source,
+                                                       const Eprj_Spheroid* target,
+                                                       Eprj_3DCoordinates coordinates,
+                                                       Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+/* Shifts `count` points in place (x, y, z: longitude, latitude, height or
+ * X, Y, Z). Fails as eprj_3DProject, writing nothing. */
+KZDV_EXPORT Emsc_Boolean eprj_3DDatumShift(const Eprj_3DDatumShift* shift, long count, double* x,
+                                           double* y, double* z,
+                                           Eerr_ErrorReport** err) KZDV_NOEXCEPT;
+KZDV_EXPORT const char* eprj_3DDatumShiftDefinitionGet(const Eprj_3DDatumShift* shift)
+    KZDV_NOEXCEPT;
+/* Null is ignored. */
+KZDV_EXPORT void eprj_3DDatumShiftFree(Eprj_3DDatumShift* shift) KZDV_NOEXCEPT;
 
 /* ---- WKT / EPSG. */
 
