@@ -310,7 +310,7 @@ KZDV_EXPORT Eprj_3DProjection* eprj_3DProjectionCreate(const Eprj_ProParameters*
                                                        Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 /* Reprojects `count` points in place. Fails with a report naming the first
  * point that is not finite, lies outside a projection's domain or a grid's
- * extent, or does not come back through the inverse within 1 mm; nothing is
+ * extent, or does not come back through the inverse within 1 cm; nothing is
  * written then. */
 KZDV_EXPORT Emsc_Boolean eprj_3DProject(const Eprj_3DProjection* projection, long count, double* x,
                                         double* y, double* z, Eerr_ErrorReport** err) KZDV_NOEXCEPT;
