@@ -13,7 +13,7 @@
 #include "epho/camera.h"
 #include "epho/collinearity.h"
 #include "epho/reprojection.h"
-#include "test_util.h"
+#include "epho/reprojection/reprojection_testing_internal.h"
 
 namespace {
 
@@ -21,29 +21,8 @@ constexpr double kDeg = M_PI / 180.0;
 constexpr double kFocal = 152.0;  // mm
 constexpr double kPixel = 0.01;   // mm
 
-struct Report {
-  Eerr_ErrorReport* r = nullptr;
-  ~Report() { eerr_DeleteErrorReport(r); }
-  Eerr_ErrorReport** operator&() {
-    eerr_DeleteErrorReportEx(&r);
-    return &r;
-  }
-};
-
-struct Projection {
-  Eprj_MapProjection* p = nullptr;
-  Projection(long number, long zone, const wchar_t* spheroid, const wchar_t* datum) {
-    double params[EPRJ_PARAMETER_COUNT] = {0};
-    Eprj_ProParameters* pp = eprj_ProParametersCreate(
-        number, number == EPRJ_UTM ? L"UTM" : L"Geographic (Lat/Lon)", zone,
-        number == EPRJ_UTM ? params : nullptr, spheroid, datum, nullptr);
-    EXPECT_NE(pp, nullptr);
-    p = eprj_ProjectionInit(pp, nullptr);
-    EXPECT_NE(p, nullptr);
-    eprj_ProParametersFree(pp);
-  }
-  ~Projection() { eprj_ProjectionFree(p); }
-};
+using reprojtest::Projection;
+using reprojtest::Report;
 
 // PROJ pipelines as independent truth.
 struct Pipeline {
@@ -119,7 +98,7 @@ const Camera kCameras[] = {
 };
 
 TEST(ReprojectExterior, UtmToTangentPlaneAndBackIsTheSameCamera) {
-  Projection utm(EPRJ_UTM, 32, L"WGS 84", L"WGS 84");
+  Projection utm(32);
   for (const Camera& cam : kCameras) {
     SCOPED_TRACE(cam.what);
     double lon, lat;
@@ -130,7 +109,7 @@ TEST(ReprojectExterior, UtmToTangentPlaneAndBackIsTheSameCamera) {
     Report err;
     ASSERT_TRUE(
         epho_ReprojectExteriorPars(&map, &tp, cam.rotation_system, cam.exterior, there, &err))
-        << kzdv::ToUtf8(kzdv::ReportText(err.r));
+        << err.Text();
     ASSERT_TRUE(epho_ReprojectExteriorPars(&tp, &map, cam.rotation_system, there, back, &err));
     for (int k = 0; k < 3; ++k) EXPECT_NEAR(back[k], cam.exterior[k], 1e-3);
     for (int k = 3; k < 6; ++k) EXPECT_LT(AngleDiff(back[k], cam.exterior[k]), 1e-9) << k;
@@ -149,7 +128,7 @@ TEST(ReprojectExterior, UtmToTangentPlaneAndBackIsTheSameCamera) {
 // axis; its kappa turns by the meridian convergence of the map projection,
 // which PROJ gives independently.
 TEST(ReprojectExterior, KappaTurnsByTheMeridianConvergence) {
-  Projection utm(EPRJ_UTM, 32, L"WGS 84", L"WGS 84");
+  Projection utm(32);
   Pipeline proj_utm(kUtm32);
   for (double easting : {300000.0, 450000.0, 500000.0, 620000.0, 760000.0}) {
     SCOPED_TRACE(easting);
@@ -180,7 +159,7 @@ TEST(ReprojectExterior, KappaTurnsByTheMeridianConvergence) {
 // the earth's curvature: f |k - 1| d / H for a point at horizontal distance
 // d of a camera H above it, plus f d (d² / 2R) / H² for the curvature drop.
 TEST(ReprojectExterior, GroundPointsLandOnTheSameImagePositions) {
-  Projection utm(EPRJ_UTM, 32, L"WGS 84", L"WGS 84");
+  Projection utm(32);
   const Camera& cam = kCameras[1];
   const double* e = cam.exterior;
   double lon, lat;
@@ -227,8 +206,8 @@ TEST(ReprojectExterior, GroundPointsLandOnTheSameImagePositions) {
 }
 
 TEST(ReprojectExterior, DatumChangeRoundTrips) {
-  Projection ed50(EPRJ_UTM, 32, L"International 1909", L"ED50");
-  Projection wgs(EPRJ_UTM, 32, L"WGS 84", L"WGS 84");
+  Projection ed50(32, L"International 1909", L"ED50");
+  Projection wgs(32);
   const double* e = kCameras[1].exterior;
   double lon, lat;
   Geographic(e[0], e[1], &lon, &lat);
@@ -237,8 +216,7 @@ TEST(ReprojectExterior, DatumChangeRoundTrips) {
   const Epho_ExteriorSystem same_datum_map{EPHO_EXTERIOR_MAP, wgs.p, 0, 0, 0};
   double there[6], back[6], no_shift[6];
   Report err;
-  ASSERT_TRUE(epho_ReprojectExteriorPars(&map, &tp, 0, e, there, &err))
-      << kzdv::ToUtf8(kzdv::ReportText(err.r));
+  ASSERT_TRUE(epho_ReprojectExteriorPars(&map, &tp, 0, e, there, &err)) << err.Text();
   ASSERT_TRUE(epho_ReprojectExteriorPars(&tp, &map, 0, there, back, &err));
   ASSERT_TRUE(epho_ReprojectExteriorPars(&same_datum_map, &tp, 0, e, no_shift, &err));
   for (int k = 0; k < 3; ++k) EXPECT_NEAR(back[k], e[k], 1e-3);
@@ -250,9 +228,9 @@ TEST(ReprojectExterior, DatumChangeRoundTrips) {
 }
 
 TEST(ReprojectExterior, BadInputIsReported) {
-  Projection utm(EPRJ_UTM, 32, L"WGS 84", L"WGS 84");
-  Projection geo(EPRJ_LATLONG, 0, L"WGS 84", L"WGS 84");
-  Projection nowhere(EPRJ_UTM, 32, L"WGS 84", L"Nowhere 1900");
+  Projection utm(32);
+  Projection geo(0);
+  Projection nowhere(32, L"WGS 84", L"Nowhere 1900");
   const double good[6] = {501500, 5201500, 1900, 0.01, 0.02, 0.3};
   const double nan_angle[6] = {501500, 5201500, 1900, std::nan(""), 0.02, 0.3};
   const double far_away[6] = {9e7, 5201500, 1900, 0, 0, 0};
@@ -285,7 +263,7 @@ TEST(ReprojectExterior, BadInputIsReported) {
     Report err;
     EXPECT_FALSE(
         epho_ReprojectExteriorPars(&c.from, &c.to, c.rotation_system, c.exterior, out, &err));
-    EXPECT_TRUE(testutil::Mentions(err.r, c.message)) << kzdv::ToUtf8(kzdv::ReportText(err.r));
+    EXPECT_TRUE(testutil::Mentions(err.r, c.message)) << err.Text();
     for (double v : out) EXPECT_EQ(v, 42.0);
   }
 }

@@ -12,38 +12,23 @@
 #include <vector>
 
 #include "epho/reprojection.h"
+#include "epho/reprojection/reprojection_testing_internal.h"
 #include "epmg.h"
-#include "test_util.h"
 
 namespace {
 
-struct Report {
-  Eerr_ErrorReport* r = nullptr;
-  ~Report() { eerr_DeleteErrorReport(r); }
-  Eerr_ErrorReport** operator&() {
-    eerr_DeleteErrorReportEx(&r);
-    return &r;
-  }
-};
+using reprojtest::Projection;
+using reprojtest::Report;
 
 // A DEM of 1000 x 800 cells of 30 m in UTM 32N, east of its zone's centre;
 // the map system is UTM 33N, the neighbouring zone.
 const double kGeo[6] = {700000.0, 30.0, 0.0, 5300000.0, 0.0, -30.0};
 constexpr long kWidth = 1000, kHeight = 800;
 
-struct Params {
-  Eprj_ProParameters* p;
-  explicit Params(long zone) {
-    double params[EPRJ_PARAMETER_COUNT] = {0};
-    p = eprj_ProParametersCreate(EPRJ_UTM, L"UTM", zone, params, L"WGS 84", L"WGS 84", nullptr);
-  }
-  ~Params() { eprj_ProParametersFree(p); }
-};
-
 struct Fixture : testing::Test {
-  Params dem_params{32}, map_params{33};
-  Eprj_MapProjection* map = eprj_ProjectionInit(map_params.p, nullptr);
-  Epho_DemGeoreference dem{dem_params.p, {}, kWidth, kHeight};
+  Projection dem_system{32}, map_system{33};
+  const Eprj_MapProjection* map = map_system.p;
+  Epho_DemGeoreference dem{dem_system.params, {}, kWidth, kHeight};
   PJ_CONTEXT* ctx = proj_context_create();
   PJ* truth = nullptr;
   Fixture() {
@@ -57,7 +42,6 @@ struct Fixture : testing::Test {
     epmg_ClearPreferences();
     proj_destroy(truth);
     proj_context_destroy(ctx);
-    eprj_ProjectionFree(map);
   }
   // File pixel of a map point by PROJ and the inverse geotransform.
   void TruePixel(double x, double y, double* col, double* row) const {
@@ -91,6 +75,13 @@ struct Fixture : testing::Test {
 
 using MapToDem = Fixture;
 
+void SetPreferences(double max_order, double tolerance, double skip) {
+  epmg_SetDoublePreference(L"rasterprocess", L"rp_reprojmaxorder", max_order);
+  epmg_SetDoublePreference(L"rasterprocess", L"rp_reprojtolerance", tolerance);
+  epmg_SetDoublePreference(L"rasterprocess", L"rp_reprojskipx", skip);
+  epmg_SetDoublePreference(L"rasterprocess", L"rp_reprojskipy", skip);
+}
+
 TEST_F(MapToDem, ExactTransformFollowsProj) {
   long order = -1;
   Epho_FitResidual fit{1, 1, 1};
@@ -103,29 +94,16 @@ TEST_F(MapToDem, ExactTransformFollowsProj) {
   exfr_XFormFree(t);
 }
 
-TEST_F(MapToDem, DefaultPolynomialMeetsTheToleranceBetweenSamples) {
-  long order = -1;
-  Epho_FitResidual fit{};
-  Exfr_XForm* t = epho_MapToDemXFormCreate(map, nullptr, &dem, EPHO_MAP_TO_DEM_POLYNOMIAL, &order,
-                                           &fit, nullptr);
-  ASSERT_NE(t, nullptr);
-  EXPECT_GE(order, 1);
-  EXPECT_LE(order, EPHO_REPROJ_DEFAULT_MAX_ORDER);
-  // Samples every 32 pixels and the far edges: 33 columns, 26 rows.
-  EXPECT_EQ(fit.samples, 33 * 26);
-  EXPECT_LE(fit.maxError, EPHO_REPROJ_DEFAULT_TOLERANCE);
-  // A smooth mapping between samples 32 pixels apart stays near them.
-  EXPECT_LT(WorstError(t), 2 * EPHO_REPROJ_DEFAULT_TOLERANCE);
-  exfr_XFormFree(t);
-}
-
 TEST_F(MapToDem, PreferencesSteerTheOrderAndTheFallback) {
   struct Case {
     const char* what;
     double max_order, tolerance, skip;
     long min_order, max_order_expected, samples;
   } cases[] = {
-      // Over these 30 x 24 km an affine is good to about 0.07 pixels.
+      // Over these 30 x 24 km an affine is good to about 0.07 pixels. The
+      // defaults (order 0 here: none set) sample every 32 pixels and the far
+      // edges: 33 columns, 26 rows.
+      {"defaults", 0, EPHO_REPROJ_DEFAULT_TOLERANCE, 0, 1, EPHO_REPROJ_DEFAULT_MAX_ORDER, 33 * 26},
       {"loose tolerance: an affine", 3, 50.0, 32, 1, 1, 33 * 26},
       {"a twentieth of a pixel needs order 2", 3, 0.05, 32, 2, 2, 33 * 26},
       {"affine only, tight tolerance: exact", 1, 1e-4, 32, 0, 0, 0},
@@ -134,10 +112,8 @@ TEST_F(MapToDem, PreferencesSteerTheOrderAndTheFallback) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    epmg_SetDoublePreference(L"rasterprocess", L"rp_reprojmaxorder", c.max_order);
-    epmg_SetDoublePreference(L"rasterprocess", L"rp_reprojtolerance", c.tolerance);
-    epmg_SetDoublePreference(L"rasterprocess", L"rp_reprojskipx", c.skip);
-    epmg_SetDoublePreference(L"rasterprocess", L"rp_reprojskipy", c.skip);
+    epmg_ClearPreferences();
+    if (c.max_order > 0) SetPreferences(c.max_order, c.tolerance, c.skip);
     long order = -1;
     Epho_FitResidual fit{};
     Exfr_XForm* t = epho_MapToDemXFormCreate(map, nullptr, &dem, EPHO_MAP_TO_DEM_POLYNOMIAL, &order,
@@ -176,14 +152,13 @@ TEST_F(MapToDem, DemFileAndSameSystem) {
   long order = -1;
   Exfr_XForm* t = epho_MapToDemXFormCreate(map, dir.WFile("dem.tif").c_str(), nullptr,
                                            EPHO_MAP_TO_DEM_EXACT, &order, nullptr, &err);
-  ASSERT_NE(t, nullptr) << kzdv::ToUtf8(kzdv::ReportText(err.r));
+  ASSERT_NE(t, nullptr) << err.Text();
   EXPECT_LT(WorstError(t, 50), 1e-6);
   exfr_XFormFree(t);
 
   // Map coordinates already in the DEM's system: the inverse geotransform.
-  Eprj_MapProjection* own = eprj_ProjectionInit(dem_params.p, nullptr);
-  t = epho_MapToDemXFormCreate(own, nullptr, &dem, EPHO_MAP_TO_DEM_POLYNOMIAL, &order, nullptr,
-                               &err);
+  t = epho_MapToDemXFormCreate(dem_system.p, nullptr, &dem, EPHO_MAP_TO_DEM_POLYNOMIAL, &order,
+                               nullptr, &err);
   ASSERT_NE(t, nullptr);
   EXPECT_EQ(order, 1);
   double xc[3], yc[3];
@@ -193,7 +168,6 @@ TEST_F(MapToDem, DemFileAndSameSystem) {
   EXPECT_NEAR(xc[0], -700000.0 / 30.0, 1e-8);
   EXPECT_NEAR(yc[0], 5300000.0 / 30.0, 1e-8);
   exfr_XFormFree(t);
-  eprj_ProjectionFree(own);
 }
 
 TEST_F(MapToDem, BadInputIsReported) {
@@ -223,15 +197,12 @@ TEST_F(MapToDem, BadInputIsReported) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    epmg_SetDoublePreference(L"rasterprocess", L"rp_reprojmaxorder", c.max_order);
-    epmg_SetDoublePreference(L"rasterprocess", L"rp_reprojtolerance", c.tolerance);
-    epmg_SetDoublePreference(L"rasterprocess", L"rp_reprojskipx", c.skip);
-    epmg_SetDoublePreference(L"rasterprocess", L"rp_reprojskipy", c.skip);
+    SetPreferences(c.max_order, c.tolerance, c.skip);
     long order = -1;
     Report err;
     EXPECT_EQ(epho_MapToDemXFormCreate(map, c.file, c.dem, c.method, &order, nullptr, &err),
               nullptr);
-    EXPECT_TRUE(testutil::Mentions(err.r, c.message)) << kzdv::ToUtf8(kzdv::ReportText(err.r));
+    EXPECT_TRUE(testutil::Mentions(err.r, c.message)) << err.Text();
     EXPECT_EQ(order, -1);
   }
 }

@@ -30,12 +30,14 @@ Poly2 Poly2::FromCoefficients(long order, const double* coef) {
 }
 
 double Poly2::Eval(double x, double y) const {
-  // Powers built once; terms summed in term order.
-  double xp[2 * kMaxOrder * kMaxOrder + 1], yp[2 * kMaxOrder * kMaxOrder + 1];
+  // Powers once, then the terms in term order. Products inside the algebra
+  // reach order 25 (5 after 5); larger ones take the heap.
+  constexpr long kOnStack = kMaxOrder * kMaxOrder + 1;
+  double xs[kOnStack], ys[kOnStack];
   std::vector<double> xv, yv;
-  double* px = xp;
-  double* py = yp;
-  if (order > 2 * kMaxOrder * kMaxOrder) {
+  double* px = xs;
+  double* py = ys;
+  if (order >= kOnStack) {
     xv.resize(static_cast<size_t>(order + 1));
     yv.resize(static_cast<size_t>(order + 1));
     px = xv.data();
