@@ -165,6 +165,12 @@ Exfr_XForm* epho_MapToDemXFormCreate(const Eprj_MapProjection* mapProjection,
 
   // The samples in file pixels, taken rigorously to the map system: file to
   // DEM map to geographic to map.
+  const double sample_count = (std::ceil(static_cast<double>(g.width) / skip_x) + 1.0) *
+                              (std::ceil(static_cast<double>(g.height) / skip_y) + 1.0);
+  EERR_FAIL_IF(sample_count > static_cast<double>(EPHO_REPROJ_MAX_SAMPLES), frame, nullptr,
+               L"Sampling a DEM of %ld x %ld cells every %g x %g pixels takes %.0f samples, more "
+               L"than %ld",
+               g.width, g.height, skip_x, skip_y, sample_count, EPHO_REPROJ_MAX_SAMPLES);
   const std::vector<double> cols = Samples(g.width, skip_x), rows = Samples(g.height, skip_y);
   std::vector<double> pixels;
   for (double r : rows)

@@ -171,8 +171,9 @@ TEST_F(MapToDem, DemFileAndSameSystem) {
 }
 
 TEST_F(MapToDem, BadInputIsReported) {
-  Epho_DemGeoreference empty = dem, nan_geo = dem, singular = dem;
+  Epho_DemGeoreference empty = dem, nan_geo = dem, singular = dem, huge = dem;
   empty.width = 0;
+  huge.width = huge.height = 2000;  // 2001² samples at every pixel
   nan_geo.geoTransform[1] = std::nan("");
   singular.geoTransform[1] = 0.0;
   singular.geoTransform[2] = 0.0;
@@ -194,6 +195,7 @@ TEST_F(MapToDem, BadInputIsReported) {
       {"fractional order", &dem, nullptr, 1, 2.5, 0.1, 32, L"rp_reprojmaxorder (2.5)"},
       {"negative tolerance", &dem, nullptr, 1, 3, -1, 32, L"rp_reprojtolerance (-1)"},
       {"sub-pixel skip", &dem, nullptr, 1, 3, 0.1, 0.5, L"rp_reprojskipx/rp_reprojskipy"},
+      {"too many samples", &huge, nullptr, 1, 3, 0.1, 1, L"takes 4004001 samples"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);

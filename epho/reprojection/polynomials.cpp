@@ -229,9 +229,12 @@ bool BoxOk(kzdv::ErrorFrame& frame, const double* box) {
   return true;
 }
 
+// 500 x 500 nodes keep the design matrix of an order-5 fit near 40 MB.
+constexpr long kMaxGrid = 500;
+
 bool GridOk(kzdv::ErrorFrame& frame, long* grid, long order) {
   if (*grid <= 0) *grid = EPHO_POLY_DEFAULT_GRID;
-  if (*grid < 2 || *grid * *grid < TermCount(order) || *grid > 1000) {
+  if (*grid < 2 || *grid * *grid < TermCount(order) || *grid > kMaxGrid) {
     frame.Fail(__LINE__, L"A grid of %ld x %ld nodes cannot fit order %ld", *grid, *grid, order);
     return false;
   }

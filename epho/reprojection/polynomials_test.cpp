@@ -217,6 +217,7 @@ TEST(PolyBadInput, IsReportedAndLeavesOutputsAlone) {
       {"empty domain", 1, ax, ay, empty, 0, 0, L"is empty"},
       {"infinite domain", 1, ax, ay, inf_box, 0, 0, L"not finite"},
       {"grid too coarse", 1, ax, ay, kDomain, 1, 0, L"cannot fit order"},
+      {"grid too fine", 1, ax, ay, kDomain, 501, 0, L"cannot fit order"},
       {"grid too coarse for the terms", 1, ax, ay, kDomain, 3, 5, L"cannot fit order"},
       {"singular", 1, flat_x, flat_y, kDomain, 0, 0, L"singular or folds"},
       {"folding", 2, fold_x, fold_y, sym, 0, 0, L"singular or folds"},

@@ -44,7 +44,7 @@ KZDV_BEGIN_C
  * (EXFR_POLY_TERM_COUNT(inverseOrder) each).
  *
  * The domain is sampled by a grid of grid x grid nodes (grid <= 0: 21;
- * at least 2 and enough nodes for the terms); the forward transform maps them,
+ * 2..500 and enough nodes for the terms); the forward transform maps them,
  * and the inverse is fitted by least squares from the mapped nodes back to the
  * nodes, in coordinates centred on the mapped nodes' bounding box and scaled
  * by its half extent (so the normal equations stay conditioned whatever the
@@ -100,6 +100,7 @@ typedef struct Epho_DemGeoreference {
 #define EPHO_REPROJ_DEFAULT_MAX_ORDER 3   /* "rp_reprojmaxorder", 1..5 */
 #define EPHO_REPROJ_DEFAULT_TOLERANCE 0.1 /* "rp_reprojtolerance", DEM pixels, > 0 */
 #define EPHO_REPROJ_DEFAULT_SKIP 32.0     /* "rp_reprojskipx", "rp_reprojskipy", pixels, >= 1 */
+#define EPHO_REPROJ_MAX_SAMPLES 1048576L  /* the most samples one fit takes */
 
 /* The transform from map coordinates (x, y) of `mapProjection` (null: the
  * DEM's own system) to file pixels (column, row; (0, 0) the upper-left corner
@@ -123,7 +124,8 @@ typedef struct Epho_DemGeoreference {
  *
  * `fit` (may be null) gets the polynomial order returned (0 for the exact
  * transform through PROJ, 1 for an affine of identical systems) and the
- * error at the samples in pixels (0 with 0 samples when exact). */
+ * error at the samples in pixels (0 with 0 samples when exact). More than
+ * EPHO_REPROJ_MAX_SAMPLES samples (a small skip on a large DEM) is refused. */
 EPHO_EXPORT Exfr_XForm* epho_MapToDemXFormCreate(const Eprj_MapProjection* mapProjection,
                                                  const Etxt_Char* demFileName,
                                                  const Epho_DemGeoreference* dem, int32_t method,
