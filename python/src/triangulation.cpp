@@ -1,0 +1,2 @@
+#include "common.h"
+void BindTriangulation(py::module_&) {}
