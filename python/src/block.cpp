@@ -270,8 +270,9 @@ class Block {
     };
     const std::vector<int32_t> type = intColumn("type", GCP_FULL),
                                usage = intColumn("usage", GCP_TIE);
-    CArray<double> stds;
+    CArray<double> stds, residuals;
     if (d.contains("std")) stds = kzpy::Doubles(d["std"], "points['std']", {n, 3});
+    if (d.contains("residual")) residuals = kzpy::Doubles(d["residual"], "points['residual']", {n, 3});
     std::vector<std::wstring> descriptions(static_cast<size_t>(n));
     if (d.contains("description")) {
       auto list = d["description"].cast<std::vector<std::wstring>>();
@@ -280,7 +281,7 @@ class Block {
     }
     // Measurements: ground point index, image id, (x, y).
     py::array_t<int32_t, py::array::c_style | py::array::forcecast> mPoint, mImage;
-    CArray<double> mXY;
+    CArray<double> mXY, mRes;
     long m = 0;
     if (d.contains("measurements")) {
       const py::dict meas = d["measurements"].cast<py::dict>();
@@ -290,6 +291,8 @@ class Block {
         throw py::value_error("points['measurements']: 'point' and 'image' must be integer arrays of one length");
       m = static_cast<long>(mPoint.shape(0));
       mXY = kzpy::Doubles(meas["xy"], "points['measurements']['xy']", {m, 2});
+      if (meas.contains("residual"))
+        mRes = kzpy::Doubles(meas["residual"], "points['measurements']['residual']", {m, 2});
       for (long j = 0; j < m; ++j)
         if (mPoint.at(j) < 0 || mPoint.at(j) >= n)
           throw py::value_error("points['measurements']['point']: index " + std::to_string(mPoint.at(j)) + " out of range");
@@ -315,6 +318,11 @@ class Block {
         gp->stdY = static_cast<float>(stds.at(k, 1));
         gp->stdZ = static_cast<float>(stds.at(k, 2));
       }
+      if (residuals) {
+        gp->residualX = residuals.at(k, 0);
+        gp->residualY = residuals.at(k, 1);
+        gp->residualZ = residuals.at(k, 2);
+      }
       const std::wstring& text = descriptions[static_cast<size_t>(k)];
       if (!text.empty()) {
         gp->description.data = etxt_Text_strdup(text.c_str());
@@ -336,6 +344,10 @@ class Block {
       ip->imageX = mXY.at(j, 0);
       ip->imageY = mXY.at(j, 1);
       ip->xDefined = ip->yDefined = ip->pointUsed = EMSC_TRUE;
+      if (mRes) {
+        ip->residualX = mRes.at(j, 0);
+        ip->residualY = mRes.at(j, 1);
+      }
       if (!edlm_Add(gp->imagePoints, ip, nullptr)) {
         emsc_HeapFree(ip);
         throw std::bad_alloc();
@@ -392,8 +404,8 @@ void BindBlock(py::module_& m) {
            "used, gross_error).")
       .def("put_points", &Block::PutPoints, py::arg("points"),
            "Replaces the ground points by arrays as points() gives them (id and xyz\n"
-           "required; usage defaults to tie, type to full; measurements: point index,\n"
-           "image id and xy).")
+           "required; usage defaults to tie, type to full; optional std, residual,\n"
+           "description; measurements: point index, image id, xy, optional residual).")
       .def("__enter__", [](Block& b) -> Block& { return b; }, py::return_value_policy::reference)
       .def("__exit__", [](Block& b, py::args) { b.Close(); });
   KZPY_TEXT_PROPERTY(cls, "horizontal_units", GetHorizontalUnits, PutHorizontalUnits);
