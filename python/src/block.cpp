@@ -270,6 +270,9 @@ class Block {
     };
     const std::vector<int32_t> type = intColumn("type", GCP_FULL),
                                usage = intColumn("usage", GCP_TIE);
+    // A default array_t is an empty array, not a null handle: flags tell
+    // which optional columns were given.
+    const bool hasStd = d.contains("std"), hasResidual = d.contains("residual");
     CArray<double> stds, residuals;
     if (d.contains("std")) stds = kzpy::Doubles(d["std"], "points['std']", {n, 3});
     if (d.contains("residual")) residuals = kzpy::Doubles(d["residual"], "points['residual']", {n, 3});
@@ -282,6 +285,7 @@ class Block {
     // Measurements: ground point index, image id, (x, y).
     py::array_t<int32_t, py::array::c_style | py::array::forcecast> mPoint, mImage;
     CArray<double> mXY, mRes;
+    bool hasMeasResidual = false;
     long m = 0;
     if (d.contains("measurements")) {
       const py::dict meas = d["measurements"].cast<py::dict>();
@@ -291,7 +295,8 @@ class Block {
         throw py::value_error("points['measurements']: 'point' and 'image' must be integer arrays of one length");
       m = static_cast<long>(mPoint.shape(0));
       mXY = kzpy::Doubles(meas["xy"], "points['measurements']['xy']", {m, 2});
-      if (meas.contains("residual"))
+      hasMeasResidual = meas.contains("residual");
+      if (hasMeasResidual)
         mRes = kzpy::Doubles(meas["residual"], "points['measurements']['residual']", {m, 2});
       for (long j = 0; j < m; ++j)
         if (mPoint.at(j) < 0 || mPoint.at(j) >= n)
@@ -313,12 +318,12 @@ class Block {
       gp->pointType = type[static_cast<size_t>(k)];
       gp->pointUsage = usage[static_cast<size_t>(k)];
       gp->pointUsed = EMSC_TRUE;
-      if (stds) {
+      if (hasStd) {
         gp->stdX = static_cast<float>(stds.at(k, 0));
         gp->stdY = static_cast<float>(stds.at(k, 1));
         gp->stdZ = static_cast<float>(stds.at(k, 2));
       }
-      if (residuals) {
+      if (hasResidual) {
         gp->residualX = residuals.at(k, 0);
         gp->residualY = residuals.at(k, 1);
         gp->residualZ = residuals.at(k, 2);
@@ -344,7 +349,7 @@ class Block {
       ip->imageX = mXY.at(j, 0);
       ip->imageY = mXY.at(j, 1);
       ip->xDefined = ip->yDefined = ip->pointUsed = EMSC_TRUE;
-      if (mRes) {
+      if (hasMeasResidual) {
         ip->residualX = mRes.at(j, 0);
         ip->residualY = mRes.at(j, 1);
       }

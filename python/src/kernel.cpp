@@ -54,11 +54,12 @@ py::array AnglesFromRotations(const py::object& rotations, short code) {
 
 py::array ProjectionMatrix(const std::optional<py::object>& inner, const py::object& outer,
                            double focal, int32_t rotationSystem, int32_t photoDirection) {
+  const bool hasInner = inner && !inner->is_none();
   CArray<double> in;
-  if (inner && !inner->is_none()) in = kzpy::Doubles(*inner, "inner", {6});
+  if (hasInner) in = kzpy::Doubles(*inner, "inner", {6});
   auto out = kzpy::Doubles(outer, "outer", {6});
   CArray<double> matrix(12);
-  if (epho_Get3x4ParFromInnerOuter(in ? in.data() : nullptr, out.data(), focal, rotationSystem,
+  if (epho_Get3x4ParFromInnerOuter(hasInner ? in.data() : nullptr, out.data(), focal, rotationSystem,
                                    photoDirection, matrix.mutable_data()))
     throw kzpy::LibraryError(
         "epho_Get3x4ParFromInnerOuter: the inner orientation is singular (focal length " +

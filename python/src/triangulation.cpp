@@ -49,6 +49,8 @@ py::dict Run(const py::list& images, const py::dict& ground, const std::wstring&
   auto gid = Ints(ground["id"], "ground['id']", -1);
   const long ng = static_cast<long>(gid.shape(0));
   auto gxyz = kzpy::Doubles(ground["xyz"], "ground['xyz']", {ng, 3});
+  const bool hasType = ground.contains("type"), hasUsage = ground.contains("usage"),
+             hasStd = ground.contains("std");
   auto gtype = ground.contains("type") ? Ints(ground["type"], "ground['type']", ng) : IntArray();
   auto gusage = ground.contains("usage") ? Ints(ground["usage"], "ground['usage']", ng) : IntArray();
   CArray<double> gstd;
@@ -68,14 +70,14 @@ py::dict Run(const py::list& images, const py::dict& ground, const std::wstring&
   for (long k = 0; k < ng; ++k) {
     Epho_TriGroundPoint& g = in.groundPoints[k];
     g.pointID = gid.at(k);
-    g.type = gtype ? gtype.at(k) : EPHO_TRI_TYPE_FULL;
-    g.usage = gusage ? gusage.at(k) : EPHO_TRI_USAGE_CONTROL;
+    g.type = hasType ? gtype.at(k) : EPHO_TRI_TYPE_FULL;
+    g.usage = hasUsage ? gusage.at(k) : EPHO_TRI_USAGE_CONTROL;
     g.X = gxyz.at(k, 0);
     g.Y = gxyz.at(k, 1);
     g.Z = gxyz.at(k, 2);
-    g.stdX = gstd ? static_cast<float>(gstd.at(k, 0)) : 0.05f;
-    g.stdY = gstd ? static_cast<float>(gstd.at(k, 1)) : 0.05f;
-    g.stdZ = gstd ? static_cast<float>(gstd.at(k, 2)) : 0.05f;
+    g.stdX = hasStd ? static_cast<float>(gstd.at(k, 0)) : 0.05f;
+    g.stdY = hasStd ? static_cast<float>(gstd.at(k, 1)) : 0.05f;
+    g.stdZ = hasStd ? static_cast<float>(gstd.at(k, 2)) : 0.05f;
   }
   in.imageCount = static_cast<int32_t>(images.size());
   in.images = HeapArray<Epho_TriImage>(images.size());
