@@ -21,11 +21,20 @@ def demo_dir(tmp_path_factory):
 
 @pytest.fixture
 def demo_copy(demo_dir, tmp_path):
-    """A private copy of the demo's block (its cameras keep pointing at the
+    """A private copy of the demo's block and photographs: the copied block's
+    frames name the copied photographs (the cameras keep pointing at the
     session's DEM, which nobody changes)."""
+    import kzdvpholibu as k
+
     for name in os.listdir(demo_dir):
         if name.endswith((".blk", ".tif", ".txt")):
             shutil.copy(demo_dir / name, tmp_path / name)
+    with k.Block.open(str(tmp_path / "demo.blk")) as b:
+        frames = b.images()
+        for f in frames:
+            f["image"] = str(tmp_path / os.path.basename(f["image"]))
+        b.put_images(frames)
+        b.save()
     return tmp_path
 
 
