@@ -8,6 +8,7 @@ Usage: dask_bench.py [--images 8] [--size 4000] [--workers 2] [--workdir DIR]
 (the package must be importable: PYTHONPATH=build/python)
 """
 import argparse
+import importlib
 import os
 import shutil
 import subprocess
@@ -71,7 +72,8 @@ def main():
         t_serial = time.perf_counter() - start
         with LocalCluster(n_workers=args.workers, threads_per_worker=1, processes=True,
                           dashboard_address=None) as cluster, Client(cluster) as client:
-            client.submit(k.pyramid_level_count, 1, 1).result()  # workers up and importing
+            client.wait_for_workers(args.workers)
+            client.run(importlib.import_module, "kzdvpholibu.dask_block")  # imported everywhere
             start = time.perf_counter()
             client.gather(client.map(dask_block.build_pyramid, parallel, pure=False))
             t_parallel = time.perf_counter() - start

@@ -11,10 +11,11 @@ real cluster). Results do not depend on where or in which order the tasks
 ran: ``run_block(path)`` without a client gives the same tie points and
 pyramid levels as with any cluster.
 
-The pair step predicts each left grid point in the right image through the
-two frame cameras (the left ray cut at the ground height, from the camera's
-DEM or its mean height), searches the NCC peak around the prediction and
-refines it by least-squares matching.
+The pair step is the library's pair measurement (``auto_tie_pair``: a left
+grid predicted through both frame cameras, NCC in the epipolar band,
+least-squares refinement). ``engine="python"`` composes the same steps from
+the wrapped primitives instead (prediction at the mean ground height, NCC
+search around it, least-squares matching), for images other than 8-bit.
 """
 
 import math
@@ -81,7 +82,7 @@ def build_pyramid(image):
     return [tuple(s) for s in _core.layer_info(image)["level_sizes"]]
 
 
-def match_pair(block_path, i, j, settings=None):
+def match_pair(block_path, i, j, settings=None, engine="library"):
     """Task: tie points between frames i and j of the block.
 
     Returns an (n, 7) float64 array: left column, row, right column, row
@@ -95,16 +96,39 @@ def match_pair(block_path, i, j, settings=None):
     left, right = frames[i], frames[j]
     limg = _core.read_layer(left["image"])
     rimg = _core.read_layer(right["image"])
-    if limg.dtype != np.uint8 or rimg.dtype != np.uint8:
+    if limg.dtype != rimg.dtype or limg.dtype != np.uint8:
         limg, rimg = limg.astype(np.float32), rimg.astype(np.float32)
     linv, lfwd, height = _cameras(left)
     _, rfwd, _ = _cameras(right)
+    if engine == "library" and limg.dtype == np.uint8:
+        found = _library_pair(lfwd, limg, rfwd, rimg, s)
+    elif engine in ("library", "python"):
+        found = _python_pair(linv, rfwd, height, limg, rimg, s)
+    else:
+        raise ValueError("engine: 'library' or 'python'")
+    if len(found) == 0:
+        return np.zeros((0, 7))
+    xyz = _core.CameraXform.pair_to_3d(lfwd, rfwd, np.ascontiguousarray(found[:, :2]),
+                                       np.ascontiguousarray(found[:, 2:4]))
+    return np.column_stack([found, xyz])
+
+
+def _library_pair(lfwd, limg, rfwd, rimg, s):
+    r = _core.auto_tie_pair(lfwd, limg, rfwd, rimg, grid_spacing=s["spacing"],
+                            template_half=s["half"], search_radius=s["radius"],
+                            min_coefficient=s["min_coefficient"],
+                            lsc_max_iterations=s["max_iterations"],
+                            lsc_convergence=s["convergence"], lsc_max_shift=s["max_shift"])
+    return np.column_stack([r["left"], r["right"]])
+
+
+def _python_pair(linv, rfwd, height, limg, rimg, s):
     half, radius, margin, step = s["half"], s["radius"], s["margin"], s["spacing"]
     rows, cols = limg.shape
     grid = np.array([(x, y) for y in range(margin, rows - margin + 1, step)
                      for x in range(margin, cols - margin + 1, step)], dtype=np.float64)
     if len(grid) == 0:
-        return np.zeros((0, 7))
+        return np.zeros((0, 4))
     # Prediction: the left ray at the ground height, into the right image.
     ground = linv.transform(grid + 0.5)
     heights = np.full(len(grid), height)
@@ -141,15 +165,11 @@ def match_pair(block_path, i, j, settings=None):
                 continue
             rx, ry = rx2 + ox, ry2 + oy
         found.append((lx + 0.5, ly + 0.5, rx, ry))
-    if not found:
-        return np.zeros((0, 7))
-    found = np.array(found, dtype=np.float64)
-    xyz = _core.CameraXform.pair_to_3d(lfwd, rfwd, np.ascontiguousarray(found[:, :2]),
-                                       np.ascontiguousarray(found[:, 2:4]))
-    return np.column_stack([found, xyz])
+    return np.array(found, dtype=np.float64).reshape(-1, 4)
 
 
-def run_block(block_path, client=None, settings=None, pyramids=True, write=True):
+def run_block(block_path, client=None, settings=None, pyramids=True, write=True,
+              engine="library"):
     """Pyramids of every image and tie points of every overlapping pair.
 
     With a ``distributed.Client`` the steps run as tasks on its workers
@@ -169,10 +189,10 @@ def run_block(block_path, client=None, settings=None, pyramids=True, write=True)
     pairs = overlapping_pairs(frames)
     if client is None:
         levels = [build_pyramid(im) for im in images] if pyramids else []
-        ties = [match_pair(block_path, i, j, settings) for i, j in pairs]
+        ties = [match_pair(block_path, i, j, settings, engine) for i, j in pairs]
     else:
         level_futures = client.map(build_pyramid, images, pure=False) if pyramids else []
-        tie_futures = [client.submit(match_pair, block_path, i, j, settings, pure=False)
+        tie_futures = [client.submit(match_pair, block_path, i, j, settings, engine, pure=False)
                        for i, j in pairs]
         levels = client.gather(level_futures)
         ties = client.gather(tie_futures)

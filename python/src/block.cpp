@@ -1,5 +1,7 @@
 // The block file: open or create, images (frames with their frame cameras),
 // ground points with their image measurements, save.
+#include "epho/block.h"
+
 #include <cstring>
 #include <memory>
 #include <string>
@@ -7,13 +9,12 @@
 
 #include "camera_binding.h"
 #include "common.h"
-#include "epho/block.h"
 #include "epho/camera.h"
 
 namespace {
 
-using kzpy::CArray;
 using kzpy::Camera;
+using kzpy::CArray;
 
 // Runs class code of the block and turns its exception into Error.
 template <typename F>
@@ -120,8 +121,7 @@ class Block {
       f["columns"] = rec.columns;
       f["rows"] = rec.rows;
       Epho_CameraXform* xform =
-          rec.camera ? epho_CameraXformConvertFromMIFable(cameraDesign, rec.camera, &err)
-                     : nullptr;
+          rec.camera ? epho_CameraXformConvertFromMIFable(cameraDesign, rec.camera, &err) : nullptr;
       emif_ObjectContentsFree(ours.get(), &rec, nullptr);
       Epho_Camera* camera = xform ? epho_CameraCopy(xform->camera, &err) : nullptr;
       epho_CameraXformDelete(xform);
@@ -147,7 +147,8 @@ class Block {
     for (const py::handle& h : frames) {
       const py::dict f = py::reinterpret_borrow<py::dict>(h);
       for (const char* key : {"image", "id", "columns", "rows", "camera"})
-        if (!f.contains(key)) throw py::value_error(std::string("frame: missing key '") + key + "'");
+        if (!f.contains(key))
+          throw py::value_error(std::string("frame: missing key '") + key + "'");
       const auto& camera = f["camera"].cast<const Camera&>();
       const std::wstring name = f["image"].cast<std::wstring>();
       Epho_CameraXform* xform =
@@ -216,7 +217,7 @@ class Block {
         defined.mutable_at(k, a) = d[a] != 0;
       }
       descriptions.append(gp->description.data ? std::wstring(gp->description.data)
-                                                : std::wstring());
+                                               : std::wstring());
       const long c = gp->imagePoints ? edlm_CountList(gp->imagePoints) : 0;
       for (long i = 0; i < c; ++i, ++j) {
         auto* ip = static_cast<Epho_ImagePoint*>(edlm_GetAddr(gp->imagePoints, i, nullptr));
@@ -264,7 +265,8 @@ class Block {
       if (!d.contains(key)) return v;
       auto a = py::array_t<int32_t, py::array::c_style | py::array::forcecast>::ensure(d[key]);
       if (!a || a.ndim() != 1 || a.shape(0) != n)
-        throw py::value_error(std::string("points['") + key + "']: expected " + std::to_string(n) + " integers");
+        throw py::value_error(std::string("points['") + key + "']: expected " + std::to_string(n) +
+                              " integers");
       std::memcpy(v.data(), a.data(), sizeof(int32_t) * static_cast<size_t>(n));
       return v;
     };
@@ -275,11 +277,13 @@ class Block {
     const bool hasStd = d.contains("std"), hasResidual = d.contains("residual");
     CArray<double> stds, residuals;
     if (d.contains("std")) stds = kzpy::Doubles(d["std"], "points['std']", {n, 3});
-    if (d.contains("residual")) residuals = kzpy::Doubles(d["residual"], "points['residual']", {n, 3});
+    if (d.contains("residual"))
+      residuals = kzpy::Doubles(d["residual"], "points['residual']", {n, 3});
     std::vector<std::wstring> descriptions(static_cast<size_t>(n));
     if (d.contains("description")) {
       auto list = d["description"].cast<std::vector<std::wstring>>();
-      if (static_cast<long>(list.size()) != n) throw py::value_error("points['description']: one text per point");
+      if (static_cast<long>(list.size()) != n)
+        throw py::value_error("points['description']: one text per point");
       descriptions = list;
     }
     // Measurements: ground point index, image id, (x, y).
@@ -291,8 +295,10 @@ class Block {
       const py::dict meas = d["measurements"].cast<py::dict>();
       mPoint = decltype(mPoint)::ensure(meas["point"]);
       mImage = decltype(mImage)::ensure(meas["image"]);
-      if (!mPoint || !mImage || mPoint.ndim() != 1 || mImage.ndim() != 1 || mImage.shape(0) != mPoint.shape(0))
-        throw py::value_error("points['measurements']: 'point' and 'image' must be integer arrays of one length");
+      if (!mPoint || !mImage || mPoint.ndim() != 1 || mImage.ndim() != 1 ||
+          mImage.shape(0) != mPoint.shape(0))
+        throw py::value_error(
+            "points['measurements']: 'point' and 'image' must be integer arrays of one length");
       m = static_cast<long>(mPoint.shape(0));
       mXY = kzpy::Doubles(meas["xy"], "points['measurements']['xy']", {m, 2});
       hasMeasResidual = meas.contains("residual");
@@ -300,7 +306,8 @@ class Block {
         mRes = kzpy::Doubles(meas["residual"], "points['measurements']['residual']", {m, 2});
       for (long j = 0; j < m; ++j)
         if (mPoint.at(j) < 0 || mPoint.at(j) >= n)
-          throw py::value_error("points['measurements']['point']: index " + std::to_string(mPoint.at(j)) + " out of range");
+          throw py::value_error("points['measurements']['point']: index " +
+                                std::to_string(mPoint.at(j)) + " out of range");
     }
     EdlmList list(EphoBlockFile::freeGroundPoint);
     list.Reset(edlm_InitList(sizeof(void*), n, EphoBlockFile::freeGroundPoint,
@@ -367,17 +374,17 @@ class Block {
   EphoBlockFile* b_ = nullptr;
 };
 
-#define KZPY_TEXT_PROPERTY(cls, pyname, getter, putter)            \
-  cls.def_property(                                                \
-      pyname,                                                      \
-      [](Block& self) {                                            \
-        EtxtTextU v;                                               \
-        Guard([&] { self.Get()->getter(v); });                     \
-        return std::wstring(v);                                    \
-      },                                                           \
-      [](Block& self, const std::wstring& value) {                 \
-        EtxtTextU v(value);                                        \
-        Guard([&] { self.Get()->putter(v); });                     \
+#define KZPY_TEXT_PROPERTY(cls, pyname, getter, putter) \
+  cls.def_property(                                     \
+      pyname,                                           \
+      [](Block& self) {                                 \
+        EtxtTextU v;                                    \
+        Guard([&] { self.Get()->getter(v); });          \
+        return std::wstring(v);                         \
+      },                                                \
+      [](Block& self, const std::wstring& value) {      \
+        EtxtTextU v(value);                             \
+        Guard([&] { self.Get()->putter(v); });          \
       })
 
 }  // namespace
@@ -392,7 +399,8 @@ void BindBlock(py::module_& m) {
       .def("close", &Block::Close, "Gives the block back (unsaved changes are lost).")
       .def("save", &Block::Save, "Writes the block, replacing the file in one step.")
       .def("save_as", &Block::SaveAs, py::arg("path"))
-      .def_property_readonly("dirty", [](Block& b) { return Guard([&] { return b.Get()->IsDirty(); }); })
+      .def_property_readonly("dirty",
+                             [](Block& b) { return Guard([&] { return b.Get()->IsDirty(); }); })
       .def_property_readonly("file_name",
                              [](Block& b) {
                                EtxtTextU v;
@@ -411,7 +419,8 @@ void BindBlock(py::module_& m) {
            "Replaces the ground points by arrays as points() gives them (id and xyz\n"
            "required; usage defaults to tie, type to full; optional std, residual,\n"
            "description; measurements: point index, image id, xy, optional residual).")
-      .def("__enter__", [](Block& b) -> Block& { return b; }, py::return_value_policy::reference)
+      .def(
+          "__enter__", [](Block& b) -> Block& { return b; }, py::return_value_policy::reference)
       .def("__exit__", [](Block& b, py::args) { b.Close(); });
   KZPY_TEXT_PROPERTY(cls, "horizontal_units", GetHorizontalUnits, PutHorizontalUnits);
   KZPY_TEXT_PROPERTY(cls, "vertical_units", GetVerticalUnits, PutVerticalUnits);

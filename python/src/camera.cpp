@@ -182,26 +182,29 @@ CArray<double> PairTo3D(Xform& left, Xform& right, const py::object& lpObj,
   bool ok;
   {
     py::gil_scoped_release release;
-    ok = epho_CameraXformTransform2DPairTo3D(left.ptr_, right.ptr_,
-                                             static_cast<long>(lp.shape(0)), lp.data(),
-                                             rp.data(), out.mutable_data(), &err);
+    ok = epho_CameraXformTransform2DPairTo3D(left.ptr_, right.ptr_, static_cast<long>(lp.shape(0)),
+                                             lp.data(), rp.data(), out.mutable_data(), &err);
   }
   if (!ok) kzpy::RaiseReport(err, "epho_CameraXformTransform2DPairTo3D failed");
   return out;
 }
 
-CArray<double> EpipolarLine(Xform& left, Xform& right, double x, double y, double zmin,
-                            double zmax, int32_t count) {
+CArray<double> EpipolarLine(Xform& left, Xform& right, double x, double y, double zmin, double zmax,
+                            int32_t count) {
   if (count < 2) throw py::value_error("count: at least 2 points");
   CArray<double> out({py::ssize_t{count}, py::ssize_t{2}});
   Eerr_ErrorReport* err = nullptr;
-  if (!epho_AutoEpipoLine(left.ptr_, right.ptr_, x, y, zmin, zmax, count, out.mutable_data(),
-                          &err))
+  if (!epho_AutoEpipoLine(left.ptr_, right.ptr_, x, y, zmin, zmax, count, out.mutable_data(), &err))
     kzpy::RaiseReport(err, "epho_AutoEpipoLine failed");
   return out;
 }
 
 }  // namespace
+
+Epho_CameraXform* XformHandle(const py::object& xform) {
+  if (!py::isinstance<Xform>(xform)) throw py::type_error("expected a CameraXform");
+  return xform.cast<Xform&>().ptr_;
+}
 
 void BindCamera(py::module_& m) {
   py::class_<Camera, std::shared_ptr<Camera>> cam(
@@ -210,12 +213,13 @@ void BindCamera(py::module_& m) {
       "file pixels and film, lens records and the height source.");
   cam.def(py::init<>(), "A camera with the library's defaults.")
       .def("copy", [](const Camera& c) { return std::make_shared<Camera>(c.Copy()); })
-      .def("same_as",
-           [](const Camera& a, const Camera& b) { return epho_CamerasAreSame(a.ptr, b.ptr) != 0; },
-           "True when both describe the same sensor model (doubles within 1e-10).")
-#define KZPY_INT_FIELD(pyname, field)                                        \
-  .def_property(                                                             \
-      pyname, [](const Camera& c) { return c.ptr->field; },                  \
+      .def(
+          "same_as",
+          [](const Camera& a, const Camera& b) { return epho_CamerasAreSame(a.ptr, b.ptr) != 0; },
+          "True when both describe the same sensor model (doubles within 1e-10).")
+#define KZPY_INT_FIELD(pyname, field)                       \
+  .def_property(                                            \
+      pyname, [](const Camera& c) { return c.ptr->field; }, \
       [](Camera& c, int32_t v) { c.ptr->field = v; })
           KZPY_INT_FIELD("direction", direction) KZPY_INT_FIELD("ref_type", refType)
               KZPY_INT_FIELD("dem_source", demsource)
@@ -232,10 +236,10 @@ void BindCamera(py::module_& m) {
           "coeffs", [](const Camera& c) { return FixedGet(c.ptr->coeffs); },
           [](Camera& c, const py::object& v) { FixedSet(c.ptr->coeffs, v, "coeffs"); },
           "Nine coefficients: focal, 0, 0, X0, Y0, Z0, three angles (radians).")
-#define KZPY_AFFINE(pyname, field)                                                     \
-  .def_property(                                                                       \
-      pyname, [](const Camera& c) { return FixedGet(c.ptr->field); },                  \
-      [](Camera& c, const py::object& v) { FixedSet(c.ptr->field, v, pyname); },       \
+#define KZPY_AFFINE(pyname, field)                                               \
+  .def_property(                                                                 \
+      pyname, [](const Camera& c) { return FixedGet(c.ptr->field); },            \
+      [](Camera& c, const py::object& v) { FixedSet(c.ptr->field, v, pyname); }, \
       "Affine x' = c0 x + c1 y + c2, y' = c3 x + c4 y + c5 (identity 1,0,0,0,1,0).")
           KZPY_AFFINE("for_src_affine", forSrcAffine) KZPY_AFFINE("for_dst_affine", forDstAffine)
               KZPY_AFFINE("inv_src_affine", invSrcAffine)
@@ -258,8 +262,8 @@ void BindCamera(py::module_& m) {
           [](Camera& c, const std::wstring& v) { TextSet(c.ptr->demfilename, v); })
       .def("__repr__", [](const Camera& c) {
         return "<kzdvpholibu.Camera focal=" + std::to_string(c.ptr->coeffs[0]) + " centre=(" +
-               std::to_string(c.ptr->coeffs[3]) + ", " + std::to_string(c.ptr->coeffs[4]) +
-               ", " + std::to_string(c.ptr->coeffs[5]) + ")>";
+               std::to_string(c.ptr->coeffs[3]) + ", " + std::to_string(c.ptr->coeffs[4]) + ", " +
+               std::to_string(c.ptr->coeffs[5]) + ")>";
       });
   m.attr("FORWARD") = EMOD_FORWARD;
   m.attr("INVERSE") = EMOD_INVERSE;

@@ -1,10 +1,11 @@
 // The camera calibration file: read into a dict, written from one.
+#include "epho/camerafile.h"
+
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "common.h"
-#include "epho/camerafile.h"
 
 namespace {
 
@@ -18,7 +19,8 @@ struct InfoHolder {
 py::object Values(const double* data, int32_t count, long columns) {
   if (!data || count <= 0) return CArray<double>(std::vector<py::ssize_t>{0, columns});
   CArray<double> out(std::vector<py::ssize_t>{count / columns, columns});
-  std::memcpy(out.mutable_data(), data, sizeof(double) * static_cast<size_t>(count / columns * columns));
+  std::memcpy(out.mutable_data(), data,
+              sizeof(double) * static_cast<size_t>(count / columns * columns));
   return std::move(out);
 }
 
@@ -71,7 +73,8 @@ void Write(const std::wstring& path, const py::dict& d) {
     if (!p) throw std::bad_alloc();
     return p;
   };
-  if (!d.contains("focal_length_mm")) throw py::value_error("camera: 'focal_length_mm' is required");
+  if (!d.contains("focal_length_mm"))
+    throw py::value_error("camera: 'focal_length_mm' is required");
   c.cameraName = text("name");
   c.cameraDescription = text("description");
   c.focalLength_mm = d["focal_length_mm"].cast<double>();
@@ -95,11 +98,13 @@ void Write(const std::wstring& path, const py::dict& d) {
   if (d.contains("extended_parameters") && !d["extended_parameters"].is_none()) {
     const int n = epho_ExtendedLensModelValueCount(c.extendedModel);
     auto ext = kzpy::Doubles(d["extended_parameters"], "extended_parameters", {n});
-    c.extendedParameters = static_cast<double*>(emsc_HeapMalloc(sizeof(double) * static_cast<size_t>(n > 0 ? n : 1)));
+    c.extendedParameters =
+        static_cast<double*>(emsc_HeapMalloc(sizeof(double) * static_cast<size_t>(n > 0 ? n : 1)));
     if (!c.extendedParameters) throw std::bad_alloc();
     std::memcpy(c.extendedParameters, ext.data(), sizeof(double) * static_cast<size_t>(n));
   }
-  if (!CameraInfoFileWrite(path.c_str(), &c, &err)) kzpy::RaiseReport(err, "CameraInfoFileWrite failed");
+  if (!CameraInfoFileWrite(path.c_str(), &c, &err))
+    kzpy::RaiseReport(err, "CameraInfoFileWrite failed");
 }
 
 }  // namespace

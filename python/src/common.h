@@ -68,7 +68,6 @@ CArray<T> Strict(const py::handle& obj, const char* name, std::initializer_list<
 // coordinate arrays where a conversion costs nothing.
 CArray<double> Doubles(const py::handle& obj, const char* name, std::initializer_list<long> shape);
 
-
 }  // namespace kzpy
 
 // One registration function per area.
@@ -79,5 +78,6 @@ void BindImage(py::module_& m);
 void BindCameraFile(py::module_& m);
 void BindBlock(py::module_& m);
 void BindTriangulation(py::module_& m);
+void BindAutoTie(py::module_& m);
 
 #endif  // KZDVPHOLIBU_PYTHON_COMMON_H

@@ -50,8 +50,7 @@ py::dtype DtypeOf(Egda_PixelType type) {
 }
 
 Egda_PixelType MemoryType(Egda_PixelType type) {
-  return type == EGDA_TYPE_U1 || type == EGDA_TYPE_U2 || type == EGDA_TYPE_U4 ? EGDA_TYPE_U8
-                                                                              : type;
+  return type == EGDA_TYPE_U1 || type == EGDA_TYPE_U2 || type == EGDA_TYPE_U4 ? EGDA_TYPE_U8 : type;
 }
 
 // The whole layer (or one pyramid level of it) as a new array, read by the
@@ -64,8 +63,7 @@ py::array ReadLayer(const std::wstring& name, long level) {
   Eerr_ErrorReport* err = nullptr;
   if (level > 0) {
     levelLayer.layer = eimg_LayerPyramidLevelOpen(base.layer, level, &err);
-    if (!levelLayer.layer)
-      kzpy::RaiseReport(err, "no pyramid level " + std::to_string(level));
+    if (!levelLayer.layer) kzpy::RaiseReport(err, "no pyramid level " + std::to_string(level));
     layer = levelLayer.layer;
   }
   const Egda_PixelType type = MemoryType(layer->pixelType);
@@ -131,9 +129,8 @@ void BindImage(py::module_& m) {
       "pyramids_check",
       [](const std::wstring& file, bool allowOther) {
         Eerr_ErrorReport* err = nullptr;
-        const Emsc_Boolean ok = allowOther
-                                    ? epho_PyramidLayersCheckAllowRSETS(file.c_str(), &err)
-                                    : epho_PyramidLayersCheck(file.c_str(), &err);
+        const Emsc_Boolean ok = allowOther ? epho_PyramidLayersCheckAllowRSETS(file.c_str(), &err)
+                                           : epho_PyramidLayersCheck(file.c_str(), &err);
         kzpy::Check(err, "cannot check the pyramid levels");
         return ok != 0;
       },

@@ -1,11 +1,12 @@
 // Angles, rotation matrices, collinearity and lens distortion.
+#include "epho/kernel.h"
+
 #include <cmath>
 #include <optional>
 #include <vector>
 
 #include "common.h"
 #include "epho/camera.h"
-#include "epho/kernel.h"
 
 namespace {
 
@@ -59,8 +60,8 @@ py::array ProjectionMatrix(const std::optional<py::object>& inner, const py::obj
   if (hasInner) in = kzpy::Doubles(*inner, "inner", {6});
   auto out = kzpy::Doubles(outer, "outer", {6});
   CArray<double> matrix(12);
-  if (epho_Get3x4ParFromInnerOuter(hasInner ? in.data() : nullptr, out.data(), focal, rotationSystem,
-                                   photoDirection, matrix.mutable_data()))
+  if (epho_Get3x4ParFromInnerOuter(hasInner ? in.data() : nullptr, out.data(), focal,
+                                   rotationSystem, photoDirection, matrix.mutable_data()))
     throw kzpy::LibraryError(
         "epho_Get3x4ParFromInnerOuter: the inner orientation is singular (focal length " +
         std::to_string(focal) + ")");
@@ -112,9 +113,8 @@ py::tuple ObjectToImage(const py::object& matrixObj, const py::object& X, const 
   return py::make_tuple(fx, fy, failed);
 }
 
-py::tuple ImageAndZToXY(const py::object& matrixObj, const py::object& xObj,
-                        const py::object& yObj, const py::object& hObj,
-                        const std::optional<py::object>& lensObj,
+py::tuple ImageAndZToXY(const py::object& matrixObj, const py::object& xObj, const py::object& yObj,
+                        const py::object& hObj, const std::optional<py::object>& lensObj,
                         const std::optional<py::object>& additionalObj, int32_t mode,
                         int32_t correction, double flyingHeight, double focal) {
   auto matrix = kzpy::Doubles(matrixObj, "matrix", {12});
@@ -205,18 +205,16 @@ void BindKernel(py::module_& m) {
          const std::optional<py::object>& additional) {
         return Distortion(x, y, lens, additional, false, 0.0);
       },
-      py::arg("x"), py::arg("y"), py::arg("lens") = py::none(),
-      py::arg("additional") = py::none(),
+      py::arg("x"), py::arg("y"), py::arg("lens") = py::none(), py::arg("additional") = py::none(),
       "Lens distortion (dx, dy) at film points; lens and additional are the camera's counted\n"
       "records as 1-D arrays (p[0] the model code, p[1] the scale).");
   m.def(
       "distortion_iterative",
       [](const py::object& x, const py::object& y, const std::optional<py::object>& lens,
-         const std::optional<py::object>& additional, double bound) {
-        return Distortion(x, y, lens, additional, true, bound);
-      },
-      py::arg("x"), py::arg("y"), py::arg("lens") = py::none(),
-      py::arg("additional") = py::none(), py::arg("divergence_bound") = 1.0,
+         const std::optional<py::object>& additional,
+         double bound) { return Distortion(x, y, lens, additional, true, bound); },
+      py::arg("x"), py::arg("y"), py::arg("lens") = py::none(), py::arg("additional") = py::none(),
+      py::arg("divergence_bound") = 1.0,
       "Distortion at the distorted position of ideal film points (fixed-point iteration).");
   m.def("intersect", &Intersect, py::arg("matrix_a"), py::arg("matrix_b"), py::arg("film_a"),
         py::arg("film_b"),

@@ -2,13 +2,14 @@
 // least-squares matching. The library's matching kernels read the buffers
 // without bounds checks; every window is checked here against the arrays
 // before the call, so a position too near the border raises ValueError.
+#include "epho/matching.h"
+
 #include <cmath>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "common.h"
-#include "epho/matching.h"
 
 namespace {
 
@@ -23,26 +24,40 @@ struct Image {
 };
 
 Image TakeImage(const py::handle& obj, const char* name, const char* accepted) {
-  if (!py::isinstance<py::array>(obj)) throw py::type_error(std::string(name) + ": expected a numpy array");
+  if (!py::isinstance<py::array>(obj))
+    throw py::type_error(std::string(name) + ": expected a numpy array");
   py::array a = py::reinterpret_borrow<py::array>(obj);
   char kind = 0;
   const py::dtype dt = a.dtype();
-  if (dt.equal(py::dtype::of<uint8_t>())) kind = 'B';
-  else if (dt.equal(py::dtype::of<uint16_t>())) kind = 'H';
-  else if (dt.equal(py::dtype::of<uint32_t>())) kind = 'I';
-  else if (dt.equal(py::dtype::of<float>())) kind = 'f';
-  else if (dt.equal(py::dtype::of<double>())) kind = 'd';
+  if (dt.equal(py::dtype::of<uint8_t>()))
+    kind = 'B';
+  else if (dt.equal(py::dtype::of<uint16_t>()))
+    kind = 'H';
+  else if (dt.equal(py::dtype::of<uint32_t>()))
+    kind = 'I';
+  else if (dt.equal(py::dtype::of<float>()))
+    kind = 'f';
+  else if (dt.equal(py::dtype::of<double>()))
+    kind = 'd';
   if (!kind || !std::strchr(accepted, kind)) {
     std::string list;
     for (const char* c = accepted; *c; ++c) {
       if (!list.empty()) list += ", ";
-      list += *c == 'B' ? "uint8" : *c == 'H' ? "uint16" : *c == 'I' ? "uint32" : *c == 'f' ? "float32" : "float64";
+      list += *c == 'B'   ? "uint8"
+              : *c == 'H' ? "uint16"
+              : *c == 'I' ? "uint32"
+              : *c == 'f' ? "float32"
+                          : "float64";
     }
-    throw py::type_error(std::string(name) + ": expected dtype " + list + ", got " + kzpy::DtypeName(dt));
+    throw py::type_error(std::string(name) + ": expected dtype " + list + ", got " +
+                         kzpy::DtypeName(dt));
   }
-  if (a.ndim() != 2) throw py::value_error(std::string(name) + ": expected a 2-D image (rows, columns)");
-  if (!(a.flags() & py::array::c_style)) throw py::value_error(std::string(name) + ": the array must be C-contiguous");
-  if (a.shape(1) > UINT32_MAX / 2 || a.shape(0) > UINT32_MAX / 2) throw py::value_error(std::string(name) + ": too large");
+  if (a.ndim() != 2)
+    throw py::value_error(std::string(name) + ": expected a 2-D image (rows, columns)");
+  if (!(a.flags() & py::array::c_style))
+    throw py::value_error(std::string(name) + ": the array must be C-contiguous");
+  if (a.shape(1) > UINT32_MAX / 2 || a.shape(0) > UINT32_MAX / 2)
+    throw py::value_error(std::string(name) + ": too large");
   return Image{a, kind, static_cast<long>(a.shape(1)), static_cast<long>(a.shape(0))};
 }
 
@@ -64,7 +79,9 @@ void CheckSize(long w, long h) {
 }
 
 template <typename T>
-const T* P(const Image& im) { return static_cast<const T*>(im.data()); }
+const T* P(const Image& im) {
+  return static_cast<const T*>(im.data());
+}
 
 double NccWhole(const py::object& l, const py::object& r, long lx, long ly, long rx, long ry,
                 long w, long h) {
@@ -75,14 +92,20 @@ double NccWhole(const py::object& l, const py::object& r, long lx, long ly, long
   Inside(L, "left", lx - hw, ly - hh, lx + hw, ly + hh);
   Inside(R, "right", rx - hw, ry - hh, rx + hw, ry + hh);
   const auto ls = static_cast<uint32_t>(L.width), rs = static_cast<uint32_t>(R.width);
-  const auto a = static_cast<uint32_t>(lx), b = static_cast<uint32_t>(ly), c = static_cast<uint32_t>(rx), d = static_cast<uint32_t>(ry);
+  const auto a = static_cast<uint32_t>(lx), b = static_cast<uint32_t>(ly),
+             c = static_cast<uint32_t>(rx), d = static_cast<uint32_t>(ry);
   const auto W = static_cast<int16_t>(w), H = static_cast<int16_t>(h);
   switch (L.kind) {
-    case 'B': return epho_CrossCoefByteNoResample(P<uint8_t>(L), P<uint8_t>(R), ls, rs, a, b, c, d, W, H);
-    case 'H': return epho_CrossCoefU16NoResample(P<uint16_t>(L), P<uint16_t>(R), ls, rs, a, b, c, d, W, H);
-    case 'I': return epho_CrossCoefU32NoResample(P<uint32_t>(L), P<uint32_t>(R), ls, rs, a, b, c, d, W, H);
-    case 'f': return epho_CrossCoefFloatNoResample(P<float>(L), P<float>(R), ls, rs, a, b, c, d, W, H);
-    default: return epho_CrossCoefDoubleNoResample(P<double>(L), P<double>(R), ls, rs, a, b, c, d, W, H);
+    case 'B':
+      return epho_CrossCoefByteNoResample(P<uint8_t>(L), P<uint8_t>(R), ls, rs, a, b, c, d, W, H);
+    case 'H':
+      return epho_CrossCoefU16NoResample(P<uint16_t>(L), P<uint16_t>(R), ls, rs, a, b, c, d, W, H);
+    case 'I':
+      return epho_CrossCoefU32NoResample(P<uint32_t>(L), P<uint32_t>(R), ls, rs, a, b, c, d, W, H);
+    case 'f':
+      return epho_CrossCoefFloatNoResample(P<float>(L), P<float>(R), ls, rs, a, b, c, d, W, H);
+    default:
+      return epho_CrossCoefDoubleNoResample(P<double>(L), P<double>(R), ls, rs, a, b, c, d, W, H);
   }
 }
 
@@ -102,10 +125,14 @@ double NccSubpixel(const py::object& l, const py::object& r, double lx, double l
   const auto W = static_cast<int16_t>(w), H = static_cast<int16_t>(h);
   const bool turned = leftAngle != 0.0 || rightAngle != 0.0;
   if (L.kind == 'B')
-    return turned ? epho_CrossCoefByteBothResample(P<uint8_t>(L), P<uint8_t>(R), ls, rs, leftAngle, rightAngle, lx, ly, rx, ry, W, H)
-                  : epho_CrossCoefByteNoRotation(P<uint8_t>(L), P<uint8_t>(R), ls, rs, lx, ly, rx, ry, W, H);
-  return turned ? epho_CrossCoefDoubleBothResample(P<double>(L), P<double>(R), ls, rs, leftAngle, rightAngle, lx, ly, rx, ry, W, H)
-                : epho_CrossCoefDoubleNoRotation(P<double>(L), P<double>(R), ls, rs, lx, ly, rx, ry, W, H);
+    return turned ? epho_CrossCoefByteBothResample(P<uint8_t>(L), P<uint8_t>(R), ls, rs, leftAngle,
+                                                   rightAngle, lx, ly, rx, ry, W, H)
+                  : epho_CrossCoefByteNoRotation(P<uint8_t>(L), P<uint8_t>(R), ls, rs, lx, ly, rx,
+                                                 ry, W, H);
+  return turned ? epho_CrossCoefDoubleBothResample(P<double>(L), P<double>(R), ls, rs, leftAngle,
+                                                   rightAngle, lx, ly, rx, ry, W, H)
+                : epho_CrossCoefDoubleNoRotation(P<double>(L), P<double>(R), ls, rs, lx, ly, rx, ry,
+                                                 W, H);
 }
 
 py::object NccSearch(const py::object& l, const py::object& r, long lx, long ly, long hw, long hh,
@@ -117,9 +144,9 @@ py::object NccSearch(const py::object& l, const py::object& r, long lx, long ly,
   if (rxMin > rxMax || ryMin > ryMax) throw py::value_error("search range: empty");
   Inside(L, "left", lx - hw, ly - hh, lx + hw, ly + hh);
   Inside(R, "right (search range)", rxMin - hw, ryMin - hh, rxMax + hw, ryMax + hh);
-  const size_t bytes = epho_NccSearchScratchBytes(static_cast<uint32_t>(hw), static_cast<uint32_t>(hh),
-                                                  static_cast<uint32_t>(rxMax - rxMin + 1),
-                                                  static_cast<uint32_t>(ryMax - ryMin + 1));
+  const size_t bytes = epho_NccSearchScratchBytes(
+      static_cast<uint32_t>(hw), static_cast<uint32_t>(hh),
+      static_cast<uint32_t>(rxMax - rxMin + 1), static_cast<uint32_t>(ryMax - ryMin + 1));
   if (bytes == 0) throw py::value_error("search range: too large for the search");
   std::vector<unsigned char> scratch(bytes);
   Epho_NccPeak peak{};
@@ -140,7 +167,8 @@ py::object NccSearch(const py::object& l, const py::object& r, long lx, long ly,
   }
   if (rc == EPHO_NCC_SEARCH_FLAT) return py::none();
   if (rc != EPHO_NCC_SEARCH_OK)
-    throw kzpy::LibraryError("epho_NccSearch: refused its arguments (code " + std::to_string(rc) + ")");
+    throw kzpy::LibraryError("epho_NccSearch: refused its arguments (code " + std::to_string(rc) +
+                             ")");
   py::dict d;
   d["column"] = peak.column;
   d["row"] = peak.row;
@@ -205,13 +233,15 @@ py::tuple LsmHalf(const py::object& l, const py::object& r, long lx, long ly, do
     py::gil_scoped_release release;
     const auto M = static_cast<int16_t>(maxIterations);
     code = L.kind == 'B'
-               ? epho_OnePtLSCByteHalf(P<uint8_t>(L), static_cast<int32_t>(L.width), static_cast<int32_t>(lx),
-                                       static_cast<int32_t>(ly), P<uint8_t>(R), static_cast<int32_t>(R.width),
-                                       &rx, &ry, static_cast<uint32_t>(hw), static_cast<uint32_t>(hh), M,
-                                       static_cast<float>(convergence), static_cast<float>(maxShift))
-               : epho_OnePtLSCU32(P<uint32_t>(L), static_cast<int32_t>(L.width), static_cast<int32_t>(lx),
-                                  static_cast<int32_t>(ly), P<uint32_t>(R), static_cast<int32_t>(R.width),
-                                  &rx, &ry, static_cast<uint32_t>(hw), static_cast<uint32_t>(hh), M,
+               ? epho_OnePtLSCByteHalf(
+                     P<uint8_t>(L), static_cast<int32_t>(L.width), static_cast<int32_t>(lx),
+                     static_cast<int32_t>(ly), P<uint8_t>(R), static_cast<int32_t>(R.width), &rx,
+                     &ry, static_cast<uint32_t>(hw), static_cast<uint32_t>(hh), M,
+                     static_cast<float>(convergence), static_cast<float>(maxShift))
+               : epho_OnePtLSCU32(P<uint32_t>(L), static_cast<int32_t>(L.width),
+                                  static_cast<int32_t>(lx), static_cast<int32_t>(ly),
+                                  P<uint32_t>(R), static_cast<int32_t>(R.width), &rx, &ry,
+                                  static_cast<uint32_t>(hw), static_cast<uint32_t>(hh), M,
                                   static_cast<float>(convergence), static_cast<float>(maxShift));
   }
   return py::make_tuple(code, rx, ry);
@@ -222,11 +252,14 @@ py::object GradientAngle(const py::object& img, long x, long y, long hw, long hh
   if (hw < 0 || hh < 0 || hw > 16383 || hh > 16383) throw py::value_error("half sizes: 0 to 16383");
   Inside(I, "image", x - hw - 1, y - hh - 1, x + hw + 1, y + hh + 1);
   double angle = 0;
-  const int rc = I.kind == 'B'
-                     ? epho_GradiAngleByte(P<uint8_t>(I), static_cast<uint32_t>(I.width), static_cast<int32_t>(x),
-                                           static_cast<int32_t>(y), static_cast<uint32_t>(hw), static_cast<uint32_t>(hh), &angle)
-                     : epho_GradiAngleDouble(P<double>(I), static_cast<uint32_t>(I.width), static_cast<int32_t>(x),
-                                             static_cast<int32_t>(y), static_cast<uint32_t>(hw), static_cast<uint32_t>(hh), &angle);
+  const int rc =
+      I.kind == 'B'
+          ? epho_GradiAngleByte(P<uint8_t>(I), static_cast<uint32_t>(I.width),
+                                static_cast<int32_t>(x), static_cast<int32_t>(y),
+                                static_cast<uint32_t>(hw), static_cast<uint32_t>(hh), &angle)
+          : epho_GradiAngleDouble(P<double>(I), static_cast<uint32_t>(I.width),
+                                  static_cast<int32_t>(x), static_cast<int32_t>(y),
+                                  static_cast<uint32_t>(hw), static_cast<uint32_t>(hh), &angle);
   if (rc != 0) return py::none();
   return py::float_(angle);
 }
@@ -244,25 +277,24 @@ void BindMatching(py::module_& m) {
         py::arg("left_angle") = 0.0, py::arg("right_angle") = 0.0,
         "NCC of two windows at sub-pixel positions (pixel k spans k..k+1), each turned by\n"
         "its angle (radians); uint8 or float64 images.");
-  m.def("ncc_search", &NccSearch, py::arg("left"), py::arg("right"), py::arg("lx"),
-        py::arg("ly"), py::arg("half_width"), py::arg("half_height"), py::arg("rx_min"),
-        py::arg("ry_min"), py::arg("rx_max"), py::arg("ry_max"),
+  m.def("ncc_search", &NccSearch, py::arg("left"), py::arg("right"), py::arg("lx"), py::arg("ly"),
+        py::arg("half_width"), py::arg("half_height"), py::arg("rx_min"), py::arg("ry_min"),
+        py::arg("rx_max"), py::arg("ry_max"),
         "Best NCC position of the left template (centre lx, ly) over right centres in\n"
         "[rx_min, rx_max] x [ry_min, ry_max]; uint8 or float32 images. Returns a dict\n"
         "(column, row, coefficient, subpixel_column, subpixel_row, on_border) or None when\n"
         "every coefficient is 0 (flat template or area). The GIL is released.");
-  m.def("lsm", &Lsm, py::arg("left"), py::arg("right"), py::arg("lx"), py::arg("ly"),
-        py::arg("rx"), py::arg("ry"), py::arg("width"), py::arg("height"),
-        py::arg("left_angle") = 0.0, py::arg("right_angle") = 0.0, py::arg("max_iterations") = 10,
-        py::arg("convergence") = 0.01, py::arg("max_shift") = 2.0,
+  m.def("lsm", &Lsm, py::arg("left"), py::arg("right"), py::arg("lx"), py::arg("ly"), py::arg("rx"),
+        py::arg("ry"), py::arg("width"), py::arg("height"), py::arg("left_angle") = 0.0,
+        py::arg("right_angle") = 0.0, py::arg("max_iterations") = 10, py::arg("convergence") = 0.01,
+        py::arg("max_shift") = 2.0,
         "Least-squares matching of a resampled template at (lx, ly) in a right search patch\n"
         "starting at (rx, ry) (half-pixel centres). Returns (code, rx, ry, message): code < 0\n"
         "converged after -code iterations; max_iterations + 1 the limit was reached;\n"
         "2 * max_iterations failed (message: the library's report, if any).");
   m.def("lsm_half", &LsmHalf, py::arg("left"), py::arg("right"), py::arg("lx"), py::arg("ly"),
         py::arg("rx"), py::arg("ry"), py::arg("half_width"), py::arg("half_height"),
-        py::arg("max_iterations") = 10, py::arg("convergence") = 0.002,
-        py::arg("max_shift") = 2.0,
+        py::arg("max_iterations") = 10, py::arg("convergence") = 0.002, py::arg("max_shift") = 2.0,
         "Least-squares matching with the template at whole left pixel (lx, ly) and a square\n"
         "right patch (uint8 or uint32). Returns (code, rx, ry) with the codes of lsm().");
   m.def("gradient_angle", &GradientAngle, py::arg("image"), py::arg("x"), py::arg("y"),

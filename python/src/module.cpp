@@ -31,7 +31,9 @@ void RaiseReport(Eerr_ErrorReport* report, const std::string& fallback) {
   throw LibraryError(TakeReportText(report));
 }
 
-std::string DtypeName(const py::dtype& dt) { return py::str(static_cast<const py::handle&>(dt)).cast<std::string>(); }
+std::string DtypeName(const py::dtype& dt) {
+  return py::str(static_cast<const py::handle&>(dt)).cast<std::string>();
+}
 
 void CheckShape(const py::array& a, const char* name, std::initializer_list<long> shape) {
   bool ok = a.ndim() == static_cast<py::ssize_t>(shape.size());
@@ -87,4 +89,5 @@ PYBIND11_MODULE(_core, m) {
   BindCameraFile(m);
   BindBlock(m);
   BindTriangulation(m);
+  BindAutoTie(m);
 }

@@ -1,5 +1,7 @@
 // The triangulation refinement: input from arrays and dicts, results back as
 // arrays and a dict.
+#include "epho/triangulation.h"
+
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -7,13 +9,12 @@
 
 #include "camera_binding.h"
 #include "common.h"
-#include "epho/triangulation.h"
 #include "etxt.h"
 
 namespace {
 
-using kzpy::CArray;
 using kzpy::Camera;
+using kzpy::CArray;
 
 struct InputHolder {
   Epho_TriRefineInput in{};
@@ -52,7 +53,8 @@ py::dict Run(const py::list& images, const py::dict& ground, const std::wstring&
   const bool hasType = ground.contains("type"), hasUsage = ground.contains("usage"),
              hasStd = ground.contains("std");
   auto gtype = ground.contains("type") ? Ints(ground["type"], "ground['type']", ng) : IntArray();
-  auto gusage = ground.contains("usage") ? Ints(ground["usage"], "ground['usage']", ng) : IntArray();
+  auto gusage =
+      ground.contains("usage") ? Ints(ground["usage"], "ground['usage']", ng) : IntArray();
   CArray<double> gstd;
   if (ground.contains("std")) gstd = kzpy::Doubles(ground["std"], "ground['std']", {ng, 3});
 
@@ -119,7 +121,8 @@ py::dict Run(const py::list& images, const py::dict& ground, const std::wstring&
     auto pid = Ints(d["point_id"], "image['point_id']", -1);
     const long np = static_cast<long>(pid.shape(0));
     auto xy = kzpy::Doubles(d["xy"], "image['xy']", {np, 2});
-    if (np == 0) throw py::value_error("image " + std::to_string(im.imageID) + " has no measured point");
+    if (np == 0)
+      throw py::value_error("image " + std::to_string(im.imageID) + " has no measured point");
     im.imagePointCount = static_cast<int32_t>(np);
     im.imagePoints = HeapArray<Epho_TriImagePoint>(static_cast<size_t>(np));
     for (long k = 0; k < np; ++k) {
@@ -162,12 +165,12 @@ py::dict Run(const py::list& images, const py::dict& ground, const std::wstring&
   out["iterations"] = in.iterations;
   out["s0"] = in.unitWeightStdError;
   out["points"] = points;
-  out["control_residual_count"] =
-      py::make_tuple(in.controlResidualCount[0], in.controlResidualCount[1], in.controlResidualCount[2]);
-  out["control_rmse"] =
-      py::make_tuple(in.controlResidualRmse[0], in.controlResidualRmse[1], in.controlResidualRmse[2]);
-  out["control_mean"] =
-      py::make_tuple(in.controlResidualMean[0], in.controlResidualMean[1], in.controlResidualMean[2]);
+  out["control_residual_count"] = py::make_tuple(
+      in.controlResidualCount[0], in.controlResidualCount[1], in.controlResidualCount[2]);
+  out["control_rmse"] = py::make_tuple(in.controlResidualRmse[0], in.controlResidualRmse[1],
+                                       in.controlResidualRmse[2]);
+  out["control_mean"] = py::make_tuple(in.controlResidualMean[0], in.controlResidualMean[1],
+                                       in.controlResidualMean[2]);
   return out;
 }
 
@@ -175,10 +178,10 @@ py::dict Run(const py::list& images, const py::dict& ground, const std::wstring&
 
 void BindTriangulation(py::module_& m) {
   m.def("tri_refine", &Run, py::arg("images"), py::arg("ground"), py::arg("report"),
-        py::arg("json") = py::none(), py::arg("plot") = py::none(),
-        py::arg("max_iterations") = 10, py::arg("image_std") = 1.0,
-        py::arg("convergence") = 1e-3, py::arg("weighted_control") = false,
-        py::arg("solver") = 0, py::arg("xy_units") = L"meters", py::arg("z_units") = L"meters",
+        py::arg("json") = py::none(), py::arg("plot") = py::none(), py::arg("max_iterations") = 10,
+        py::arg("image_std") = 1.0, py::arg("convergence") = 1e-3,
+        py::arg("weighted_control") = false, py::arg("solver") = 0, py::arg("xy_units") = L"meters",
+        py::arg("z_units") = L"meters",
         "The triangulation refinement of images oriented by their frame cameras.\n"
         "images: list of dicts (id, columns, rows, camera, point_id (n,), xy (n, 2) pixels;\n"
         "optional affine (offset first, default the camera's pixel-to-film affine), terms\n"

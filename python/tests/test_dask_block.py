@@ -24,10 +24,41 @@ def test_serial_pair_matching_equals_the_demo_matcher(demo_dir):
     with k.Block.open(str(demo_dir / "demo.blk")) as b:
         frames = b.images()
     assert (0, 1) in dask_block.overlapping_pairs(frames)
-    ties = dask_block.match_pair(str(demo_dir / "demo.blk"), 0, 1)
+    ties = dask_block.match_pair(str(demo_dir / "demo.blk"), 0, 1, engine="python")
     if ref.shape[1] != 8 or len(ref) != len(ties):
         pytest.skip("the demo's tie file is not of the two-photograph layout")
     np.testing.assert_allclose(ties[:, :4], ref[:, 1:5], atol=1e-3)
+
+
+def test_library_pair_measurement_agrees_with_the_composed_one(demo_dir):
+    # On one grid (first candidate at half + 1) both find the same matches to
+    # a small fraction of a pixel where both accept the candidate.
+    block = str(demo_dir / "demo.blk")
+    settings = dict(dask_block.DEFAULTS, margin=dask_block.DEFAULTS["half"] + 1)
+    lib = dask_block.match_pair(block, 0, 1, settings, engine="library")
+    py = dask_block.match_pair(block, 0, 1, settings, engine="python")
+    assert len(lib) > 20 and len(py) > 20
+    common = {tuple(r[:2]): r for r in py}
+    pairs = [(r, common[tuple(r[:2])]) for r in lib if tuple(r[:2]) in common]
+    assert len(pairs) >= 0.8 * min(len(lib), len(py))
+    diff = np.array([a[2:4] - b[2:4] for a, b in pairs])
+    assert np.abs(diff).max() < 0.05
+    # Rays of accepted points meet near the ground: both give the same XYZ.
+    np.testing.assert_allclose(np.array([a[4:] for a, _ in pairs]),
+                               np.array([b[4:] for _, b in pairs]), atol=0.5)
+
+
+def test_auto_tie_pair_refuses_bad_input(demo_dir):
+    with k.Block.open(str(demo_dir / "demo.blk")) as b:
+        frames = b.images()
+    lx, rx = k.CameraXform(frames[0]["camera"]), k.CameraXform(frames[1]["camera"])
+    img = k.read_layer(frames[0]["image"])
+    with pytest.raises(TypeError):
+        k.auto_tie_pair(lx, img.astype(np.float32), rx, img)
+    with pytest.raises(ValueError, match="unknown setting"):
+        k.auto_tie_pair(lx, img, rx, img, spacing=3)
+    with pytest.raises(k.Error):
+        k.auto_tie_pair(lx, img, rx, img, grid_spacing=0)
 
 
 def test_local_cluster_gives_the_serial_results(demo_copy, tmp_path_factory):

