@@ -92,3 +92,15 @@ def test_camera_errors_carry_the_library_report():
         good.transform_3d_to_2d(np.zeros((3, 2)))
     with pytest.raises(TypeError):
         good.transform(np.zeros((3, 2), dtype=np.float32))
+
+
+def test_inverse_cartesian_undoes_forward_cartesian():
+    x = k.CameraXform(make_camera())
+    x.fill()
+    rng = np.random.default_rng(4)
+    ground = np.column_stack([rng.uniform(900, 1100, 20), rng.uniform(1900, 2100, 20)])
+    heights = rng.uniform(0, 200, 20)
+    film = x.forward_cartesian(ground, heights)
+    np.testing.assert_allclose(x.inverse_cartesian(film, heights), ground, atol=1e-6)
+    with pytest.raises(ValueError):
+        x.inverse_cartesian(film, heights[:5])

@@ -75,3 +75,30 @@ def test_bad_windows_and_arrays_raise(call, error):
     R = texture((60, 60), seed=4).astype(np.uint8)
     with pytest.raises(error):
         call(L, R)
+
+
+@pytest.mark.parametrize("dtype", [np.uint8, np.float64])
+def test_subpixel_ncc_at_pixel_centres_equals_whole_pixel_ncc(dtype):
+    left = texture((60, 60), seed=11).astype(dtype)
+    right = texture((60, 60), seed=12).astype(dtype)
+    whole = k.ncc(left, right, 20, 22, 30, 31, 9, 9)
+    # position k + 0.5 reads pixel k exactly (half-pixel centres)
+    assert k.ncc_subpixel(left, right, 20.5, 22.5, 30.5, 31.5, 9, 9) == pytest.approx(whole,
+                                                                                      abs=1e-9)
+    # both windows turned by the same angle: a window matched with itself stays 1
+    assert k.ncc_subpixel(left, left, 30.5, 30.5, 30.5, 30.5, 9, 9, 0.3, 0.3) == pytest.approx(1.0)
+    # a half-pixel position averages neighbours: not the whole-pixel value
+    assert k.ncc_subpixel(left, right, 20.0, 22.0, 30.5, 31.5, 9, 9) != pytest.approx(whole,
+                                                                                     abs=1e-6)
+
+
+@pytest.mark.parametrize("direction,angle", [((1, 0), 0.0), ((0, 1), np.pi / 2),
+                                             ((-1, 0), np.pi), ((1, 1), np.pi / 4)])
+def test_gradient_angle_of_ramps(direction, angle):
+    yy, xx = np.mgrid[0:40, 0:40].astype(float)
+    ramp = 100 + 2.0 * (direction[0] * xx + direction[1] * yy)
+    got = k.gradient_angle(ramp, 20, 20, 6, 6)
+    assert abs(np.angle(np.exp(1j * (got - angle)))) < 0.02
+    assert k.gradient_angle(np.full((40, 40), 7.0), 20, 20, 6, 6) is None
+    with pytest.raises(ValueError):
+        k.gradient_angle(ramp, 3, 20, 6, 6)
