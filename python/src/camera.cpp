@@ -116,6 +116,7 @@ class Xform {
   CArray<double> Transform(const py::object& pointsObj) {
     auto points = kzpy::Strict<double>(pointsObj, "points", {-1, 2});
     CArray<double> out({points.shape(0), py::ssize_t{2}});
+    if (points.shape(0) == 0) return out;
     Eerr_ErrorReport* err = nullptr;
     bool ok;
     {
@@ -133,6 +134,7 @@ class Xform {
     // the caller's array stays as it was.
     CArray<double> work(py::array(points).attr("copy")());
     CArray<double> out({points.shape(0), py::ssize_t{2}});
+    if (points.shape(0) == 0) return out;
     Eerr_ErrorReport* err = nullptr;
     bool ok;
     {
@@ -178,6 +180,7 @@ CArray<double> PairTo3D(Xform& left, Xform& right, const py::object& lpObj,
   auto lp = kzpy::Strict<double>(lpObj, "left_points", {-1, 2});
   auto rp = kzpy::Strict<double>(rpObj, "right_points", {lp.shape(0), 2});
   CArray<double> out({lp.shape(0), py::ssize_t{3}});
+  if (lp.shape(0) == 0) return out;
   Eerr_ErrorReport* err = nullptr;
   bool ok;
   {

@@ -104,3 +104,7 @@ def test_inverse_cartesian_undoes_forward_cartesian():
     np.testing.assert_allclose(x.inverse_cartesian(film, heights), ground, atol=1e-6)
     with pytest.raises(ValueError):
         x.inverse_cartesian(film, heights[:5])
+    # no points: empty results, not a failure
+    assert x.transform(np.zeros((0, 2))).shape == (0, 2)
+    assert x.transform_3d_to_2d(np.zeros((0, 3))).shape == (0, 2)
+    assert k.CameraXform.pair_to_3d(x, x, np.zeros((0, 2)), np.zeros((0, 2))).shape == (0, 3)
