@@ -5,7 +5,8 @@ JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS ?=
 DEB_PACKAGES := cmake g++ make pkg-config ccache clang-format clang-tidy python3 libcli11-dev \
                 libgdal-dev gdal-bin libproj-dev proj-bin proj-data \
-                libboost-dev libeigen3-dev libgtest-dev libgmock-dev libbenchmark-dev
+                libboost-dev libeigen3-dev libgtest-dev libgmock-dev libbenchmark-dev \
+                pybind11-dev python3-dev python3-numpy python3-pytest python3-dask python3-distributed
 BENCH_PACKAGES := libopencv-dev libceres-dev
 INTEGRATION_PACKAGES := colmap
 FUZZ_PACKAGES := clang libclang-rt-14-dev

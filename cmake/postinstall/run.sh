@@ -19,3 +19,20 @@ libdir=$(ls -d "$prefix"/lib*/pkgconfig | head -n1)
 PKG_CONFIG_PATH="$libdir" c++ -std=c++17 "$src/cmake/postinstall/consumer.cpp" \
   -o "$build/postinstall/consumer_pc" $(PKG_CONFIG_PATH="$libdir" pkg-config --define-prefix --cflags --libs kzdvpholibu)
 LD_LIBRARY_PATH="$(dirname "$libdir")" "$build/postinstall/consumer_pc"
+# The Python package, when it was built: imported from the installed tree
+# alone (its RPATH finds the installed libraries, no LD_LIBRARY_PATH).
+pkg="$prefix/lib/python3/dist-packages"
+if [ -d "$pkg/kzdvpholibu" ]; then
+  env -u LD_LIBRARY_PATH PYTHONPATH="$pkg" /usr/bin/python3 -c '
+import os, sys, numpy as np, kzdvpholibu as k
+assert k.__file__.startswith(sys.argv[1]), k.__file__
+r = k.rotation_matrix(np.zeros(3))
+assert np.array_equal(r, np.eye(3)), r
+try:
+    k.read_camera_file("/nonexistent/camera.cam")
+except k.Error:
+    pass
+else:
+    raise SystemExit("no error raised")
+' "$pkg"
+fi
