@@ -14,6 +14,7 @@
 #include "epho/matching.h"
 #include "epho/orientation.h"
 #include "epho/pyramid.h"
+#include "epho/sensors.h"
 #include "epho/triangulation.h"
 
 #endif /* EPHO_EPHO_H */
