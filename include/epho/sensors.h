@@ -66,10 +66,11 @@ typedef struct Epho_RpcEntryPoints {
 } Epho_RpcEntryPoints;
 
 /* Limits of the built-in image-to-ground: Newton on the forward functions
- * stops when the step is below EPHO_RPC_INVERSE_TOLERANCE_PX pixels and fails
- * after EPHO_RPC_INVERSE_MAX_ITERATIONS steps. With a DEM the height is
- * iterated until it changes by less than EPHO_RPC_HEIGHT_TOLERANCE_M metres,
- * failing after EPHO_RPC_HEIGHT_MAX_ITERATIONS steps. */
+ * (normalised coordinates, from the model's centre) stops when both image
+ * residuals are below EPHO_RPC_INVERSE_TOLERANCE_PX pixels and fails after
+ * EPHO_RPC_INVERSE_MAX_ITERATIONS steps. On the surface the height is iterated
+ * until it changes by less than EPHO_RPC_HEIGHT_TOLERANCE_M metres, failing
+ * after EPHO_RPC_HEIGHT_MAX_ITERATIONS steps. */
 #define EPHO_RPC_INVERSE_TOLERANCE_PX 1e-9
 #define EPHO_RPC_INVERSE_MAX_ITERATIONS 30
 #define EPHO_RPC_HEIGHT_TOLERANCE_M 1e-3
