@@ -15,9 +15,11 @@ namespace {
 // can run several points per vector register.
 constexpr long kBlock = 64;
 
+// c[0] + c[1] t[1] + ... + c[19] t[19] in that order (t[0] is 1); the
+// vector bodies add in the same order.
 inline double Dot20(const double* c, const double* t) {
-  double s = 0;
-  for (int k = 0; k < 20; ++k) s += c[k] * t[k];
+  double s = c[0];
+  for (int k = 1; k < 20; ++k) s += c[k] * t[k];
   return s;
 }
 
@@ -31,8 +33,11 @@ void CubicWithGradient(const double* c, double l, double p, double h, double* va
                          p * h, 3 * l * l, p * p, h * h, 2 * l * p, 0, 0, 2 * l * h, 0, 0};
   const double gp[20] = {0,     0, 1,         0, l,     0,         h,     0, 2 * p,     0,
                          l * h, 0, 2 * l * p, 0, l * l, 3 * p * p, h * h, 0, 2 * p * h, 0};
-  *dl = Dot20(c, gl);
-  *dp = Dot20(c, gp);
+  *dl = *dp = 0;
+  for (int k = 1; k < 20; ++k) {
+    *dl += c[k] * gl[k];
+    *dp += c[k] * gp[k];
+  }
 }
 
 }  // namespace
@@ -60,27 +65,38 @@ void RpcTerms(double l, double p, double h, double t[20]) {
   t[19] = h * t[9];
 }
 
-bool RpcForwardBatch(const double* rpc, long count, const double* ground_xyz, double* image_xy) {
-  const double* ln = rpc + EPHO_RPC_LINE_NUM;
-  const double* ld = rpc + EPHO_RPC_LINE_DEN;
-  const double* sn = rpc + EPHO_RPC_SAMP_NUM;
-  const double* sd = rpc + EPHO_RPC_SAMP_DEN;
-  const double lon_off = rpc[EPHO_RPC_LONG_OFF], lat_off = rpc[EPHO_RPC_LAT_OFF],
-               h_off = rpc[EPHO_RPC_HEIGHT_OFF];
-  const double lon_k = 1.0 / rpc[EPHO_RPC_LONG_SCALE], lat_k = 1.0 / rpc[EPHO_RPC_LAT_SCALE],
-               h_k = 1.0 / rpc[EPHO_RPC_HEIGHT_SCALE];
-  // Line and sample count from the centre of the first pixel.
-  const double line_off = rpc[EPHO_RPC_LINE_OFF] + 0.5, samp_off = rpc[EPHO_RPC_SAMP_OFF] + 0.5;
-  const double line_scale = rpc[EPHO_RPC_LINE_SCALE], samp_scale = rpc[EPHO_RPC_SAMP_SCALE];
-  bool all_finite = true;
-  for (long start = 0; start < count; start += kBlock) {
+RpcForward::RpcForward(const double* rpc)
+    : coef(rpc + EPHO_RPC_LINE_NUM),
+      lon_off(rpc[EPHO_RPC_LONG_OFF]),
+      lat_off(rpc[EPHO_RPC_LAT_OFF]),
+      h_off(rpc[EPHO_RPC_HEIGHT_OFF]),
+      lon_k(1.0 / rpc[EPHO_RPC_LONG_SCALE]),
+      lat_k(1.0 / rpc[EPHO_RPC_LAT_SCALE]),
+      h_k(1.0 / rpc[EPHO_RPC_HEIGHT_SCALE]),
+      // Line and sample count from the centre of the first pixel.
+      line_off(rpc[EPHO_RPC_LINE_OFF] + 0.5),
+      samp_off(rpc[EPHO_RPC_SAMP_OFF] + 0.5),
+      line_scale(rpc[EPHO_RPC_LINE_SCALE]),
+      samp_scale(rpc[EPHO_RPC_SAMP_SCALE]) {}
+
+bool RpcForwardBatch(const double* rpc, long count, const double* ground_xyz, double* image_xy,
+                     VectorPath path) {
+  const RpcForward f(rpc);
+  const double* ln = f.coef;
+  const double* ld = f.coef + 20;
+  const double* sn = f.coef + 40;
+  const double* sd = f.coef + 60;
+  const long done = path == VectorPath::kAvx2 && VectorPathRuns(VectorPath::kAvx2)
+                        ? RpcForwardAvx2(f, count, ground_xyz, image_xy)
+                        : 0;
+  for (long start = done; start < count; start += kBlock) {
     const long n = std::min(kBlock, count - start);
     const double* g = ground_xyz + 3 * start;
     double vl[kBlock], vp[kBlock], vh[kBlock];
     for (long i = 0; i < n; ++i) {
-      vl[i] = (g[3 * i] - lon_off) * lon_k;
-      vp[i] = (g[3 * i + 1] - lat_off) * lat_k;
-      vh[i] = (g[3 * i + 2] - h_off) * h_k;
+      vl[i] = (g[3 * i] - f.lon_off) * f.lon_k;
+      vp[i] = (g[3 * i + 1] - f.lat_off) * f.lat_k;
+      vh[i] = (g[3 * i + 2] - f.h_off) * f.h_k;
     }
     double a[kBlock], b[kBlock], c[kBlock], d[kBlock];
     for (long i = 0; i < n; ++i) {
@@ -96,12 +112,12 @@ bool RpcForwardBatch(const double* rpc, long count, const double* ground_xyz, do
     }
     double* out = image_xy + 2 * start;
     for (long i = 0; i < n; ++i) {
-      out[2 * i] = c[i] / d[i] * samp_scale + samp_off;
-      out[2 * i + 1] = a[i] / b[i] * line_scale + line_off;
+      out[2 * i] = c[i] / d[i] * f.samp_scale + f.samp_off;
+      out[2 * i + 1] = a[i] / b[i] * f.line_scale + f.line_off;
     }
-    for (long i = 0; i < n; ++i)
-      if (!std::isfinite(out[2 * i]) || !std::isfinite(out[2 * i + 1])) all_finite = false;
   }
+  bool all_finite = true;
+  for (long i = 0; i < 2 * count; ++i) all_finite = all_finite && std::isfinite(image_xy[i]);
   return all_finite;
 }
 

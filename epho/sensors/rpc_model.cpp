@@ -28,7 +28,7 @@ Emsc_Boolean BuiltinGroundToImage(const double* rpc, long count, const double* g
                                   double* image_xy, Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"epho_RpcGroundToImage";
   kzdv::ErrorFrame frame(kFn, err);
-  if (RpcForwardBatch(rpc, count, ground_xyz, image_xy)) return EMSC_TRUE;
+  if (RpcForwardBatch(rpc, count, ground_xyz, image_xy, BestVectorPath())) return EMSC_TRUE;
   for (long i = 0; i < count; ++i)
     EERR_FAIL_IF(!std::isfinite(image_xy[2 * i]) || !std::isfinite(image_xy[2 * i + 1]), frame,
                  EMSC_FALSE, L"Ground point %ld does not project into the image", i);

@@ -149,6 +149,15 @@ TEST(RpcModel, GroundToImageEqualsGdalsTransformer) {
         epho_RpcGroundToImage(m.get(), long(ours.size() / 2), ground.data(), ours.data(), &err))
         << err.Text();
     EXPECT_LT(WorstPixelDifference(ours, GdalGroundToImage(n, ground)), 1e-6);
+    // Every vector path gives the same bits (243 points: a partial group too).
+    for (epho::VectorPath path : epho::kAllVectorPaths) {
+      if (!epho::VectorPathRuns(path)) continue;
+      SCOPED_TRACE(epho::VectorPathName(path));
+      std::vector<double> on_path(ours.size());
+      ASSERT_TRUE(epho::sensors::RpcForwardBatch(n.data(), long(on_path.size() / 2), ground.data(),
+                                                 on_path.data(), path));
+      EXPECT_EQ(on_path, ours);
+    }
   }
 }
 

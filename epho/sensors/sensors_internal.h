@@ -7,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+#include "epho/kernel/vector_path.h"
 #include "epho/sensors.h"
 
 namespace epho::sensors {
@@ -23,11 +24,24 @@ using ExfrPtr = Owned<Exfr_XForm, exfr_XFormFree>;
 
 // The 20 cubic monomials in RPC order of normalised (L, P, H).
 void RpcTerms(double l, double p, double h, double t[20]);
-// Ground (lon, lat, h) triples to image (x, y) pairs, blocks of points at a
-// time with the monomials shared by the four polynomials; no allocation.
-// Writes NaN for a point whose denominator vanishes; returns false if any
-// result is not finite.
-bool RpcForwardBatch(const double* rpc, long count, const double* ground_xyz, double* image_xy);
+// Constants of the forward functions, gathered once per batch.
+struct RpcForward {
+  explicit RpcForward(const double* rpc);
+  const double* coef;  // the four cubics: line num, line den, samp num, samp den
+  double lon_off, lat_off, h_off, lon_k, lat_k, h_k;  // normalisation (k = 1 / scale)
+  double line_off, samp_off, line_scale, samp_scale;  // offsets include the half pixel
+};
+// Ground (lon, lat, h) triples to image (x, y) pairs with the monomials
+// shared by the four polynomials; no allocation. Every path does the same
+// operations in the same order in each lane (no fused multiply-add), so the
+// results are bit-identical across paths; kSse2 runs the portable body.
+// Writes NaN or infinity for a point whose denominator vanishes; returns
+// false if any result is not finite.
+bool RpcForwardBatch(const double* rpc, long count, const double* ground_xyz, double* image_xy,
+                     VectorPath path);
+// The 256-bit body on whole groups of four points; returns the points done.
+long RpcForwardAvx2(const RpcForward& f, long count, const double* ground_xyz, double* image_xy);
+
 // Image (x, y) at height h to (lon, lat) by Newton on the forward functions.
 // Returns false (outputs unspecified) when it does not converge.
 bool RpcInverseAt(const double* rpc, double image_x, double image_y, double h, double* lon,
