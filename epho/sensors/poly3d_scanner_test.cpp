@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <random>
@@ -38,9 +39,8 @@ std::vector<double> Control(int count, unsigned seed) {
   return g;
 }
 
-// Image of a ground point by raw monomials of kilometre offsets, written
-// out term by term here: an independent statement of the model's order of
-// terms.
+// Image of a ground point by monomials of kilometre offsets, written out
+// term by term.
 void Truth(long order, const double* g, double* image) {
   const double u = (g[0] - 514000) / 1000, v = (g[1] - 5124500) / 1000, w = (g[2] - 500) / 1000;
   image[0] = 6000 + 1500 * u + 12 * v + 80 * w;
@@ -94,6 +94,34 @@ TEST(Poly3DModel, EachOrderRecoversItsPolynomialAndInvertsAtAHeight) {
     std::vector<double> again(50);
     ASSERT_TRUE(epho_Poly3DGroundToImage(rebuilt.get(), 25, check.data(), again.data(), &err));
     EXPECT_EQ(again, got);
+  }
+}
+
+TEST(Poly3DModel, CoefficientsFollowTheDocumentedTermOrder) {
+  // Truth's coefficients listed in the header's order: 1; u, v, w; u², uv,
+  // uw, v², vw, w²; u³, u²v, u²w, uv², uvw, uw², v³, v²w, vw², w³.
+  Epho_Poly3DCoefficients c{};
+  c.order = 3;
+  const double offset[3] = {514000, 5124500, 500};
+  for (int k = 0; k < 3; ++k) c.groundOffset[k] = offset[k], c.groundScale[k] = 1000;
+  c.imageScale[0] = c.imageScale[1] = 1;
+  const double x[20] = {6000, 1500, 12,  80,  3,    -2,  5,    1.5, -4,   6,
+                        0.4,  -0.3, 0.2, 0.5, -0.6, 0.7, -0.8, 0.9, -1.1, 1.2};
+  const double y[20] = {5000, -9,  -1490, 35,   -1,  2.5,  -3,  2,    7,   -5,
+                        -0.5, 0.6, -0.2,  -0.4, 0.3, -0.9, 0.8, -0.7, 1.0, -1.3};
+  std::copy(x, x + 20, c.xcoef);
+  std::copy(y, y + 20, c.ycoef);
+  ErrSlot err;
+  PolyPtr m(epho_Poly3DModelCreate(&c, &err));
+  ASSERT_TRUE(m) << err.Text();
+  const std::vector<double> ground = Control(30, 9);
+  std::vector<double> got(60);
+  ASSERT_TRUE(epho_Poly3DGroundToImage(m.get(), 30, ground.data(), got.data(), &err));
+  for (int i = 0; i < 30; ++i) {
+    double want[2];
+    Truth(3, &ground[3 * i], want);
+    EXPECT_NEAR(got[2 * i], want[0], 1e-9);
+    EXPECT_NEAR(got[2 * i + 1], want[1], 1e-9);
   }
 }
 
@@ -271,9 +299,22 @@ TEST(ScannerModel, ComposesWithAFilmSensorModel) {
     EXPECT_NEAR(on_ray[2 * k + 1], pixels[1], 1e-6);
   }
   EXPECT_GT(std::fabs(dir[2]), 0);
+  // exfr_Transform: plan positions to pixels at the film model's mean height.
+  Epho_Poly3DCoefficients c;
+  ASSERT_TRUE(epho_Poly3DModelCoefficientsGet(poly.get(), &c, &err));
+  const double at_mean[3] = {ground[0], ground[1], c.groundOffset[2]};
+  double want[2];
+  ASSERT_TRUE(exfr_GroundToImage(scanner.get(), 1, at_mean, want, &err));
+  Efga_Matrix* pts = efga_MatrixCreate(2, 1, &err);
+  ASSERT_TRUE(pts) << err.Text();
+  pts->data[0] = ground[0], pts->data[1] = ground[1];
+  EXPECT_TRUE(exfr_Transform(scanner.get(), pts, pts, &err)) << err.Text();
+  EXPECT_NEAR(pts->data[0], want[0], 1e-9);
+  EXPECT_NEAR(pts->data[1], want[1], 1e-9);
+  efga_MatrixFree(pts);
   // A transform that is no sensor model is refused.
-  const double c[6] = {1, 0, 0, 0, 1, 0};
-  ExfrPtr plain(exfr_AffineXFormCreate(c, &err));
+  const double unit[6] = {1, 0, 0, 0, 1, 0};
+  ExfrPtr plain(exfr_AffineXFormCreate(unit, &err));
   EXPECT_FALSE(epho_ScannerXformCreate(&affine, plain.get(), &err));
   EXPECT_TRUE(err.Mentions(L"not a sensor model")) << err.Text();
 }
