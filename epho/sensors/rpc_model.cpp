@@ -162,9 +162,10 @@ bool OntoSurface(const Epho_RpcModel* m, const Epho_RpcEntryPoints* table, doubl
     double g[2], s;
     EERR_CHECK(table->imageToGround(m->numbers, 1, xy, &h, g, frame.Callee()), frame, false,
                L"Image point %ld: imageToGround failed", index);
-    EERR_FAIL_IF(!SurfaceHeight(m, g[0], g[1], &s), frame, false,
-                 L"Image point %ld reaches the ground outside the DEM (lon %f, lat %f)", index,
-                 g[0], g[1]);
+    EERR_FAIL_IF(
+        !SurfaceHeight(m, g[0], g[1], &s), frame, false,
+        L"Image point %ld: no DEM height at lon %f, lat %f (outside the DEM or a null cell)", index,
+        g[0], g[1]);
     f = s - h;
     if (std::fabs(f) < EPHO_RPC_HEIGHT_TOLERANCE_M) {
       ground[0] = g[0];
@@ -230,7 +231,8 @@ Emsc_Boolean OpsTransform2D(void* model, Efga_Matrix* points, Eerr_ErrorReport**
     ground[3 * i] = points->data[2 * i];
     ground[3 * i + 1] = points->data[2 * i + 1];
     EERR_FAIL_IF(!SurfaceHeight(m, ground[3 * i], ground[3 * i + 1], &ground[3 * i + 2]), frame,
-                 EMSC_FALSE, L"Ground point %ld lies outside the DEM", i);
+                 EMSC_FALSE, L"Ground point %ld: no DEM height (outside the DEM or a null cell)",
+                 i);
   }
   std::vector<double> image(2 * size_t(n));
   EERR_CHECK(epho_RpcGroundToImage(m, n, ground.data(), image.data(), frame.Callee()), frame,

@@ -8,12 +8,14 @@
 #include <ogr_srs_api.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <limits>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "epho/sensors/rpc_testing_internal.h"
@@ -425,7 +427,19 @@ TEST(RpcModel, BadInputIsReportedNeverCrashes) {
   ASSERT_TRUE(epho_RpcModelHeightSourceSet(m.get(), kzdv::FromUtf8(small).c_str(), 0, &err));
   const double centre[2] = {6000.5, 5000.5};
   EXPECT_FALSE(epho_RpcImageToGroundOnSurface(m.get(), 1, centre, out, &err));
-  EXPECT_TRUE(err.Mentions(L"outside the DEM")) << err.Text();
+  EXPECT_TRUE(err.Mentions(L"no DEM height")) << err.Text();
+  // A DEM whose cells under the scene are all null.
+  const std::string holes = dir.File("holes.tif");
+  const double cover_gt[6] = {7.2, 0.002, 0, 45.3, 0, -0.002};
+  WriteGeographicRaster(holes, 100, 100, cover_gt, [](double, double) { return -9999.0; });
+  GDALDatasetH ds = GDALOpen(holes.c_str(), GA_Update);
+  ASSERT_TRUE(ds);
+  GDALSetRasterNoDataValue(GDALGetRasterBand(ds, 1), -9999.0);
+  GDALClose(ds);
+  ASSERT_TRUE(epho_RpcModelHeightSourceSet(m.get(), kzdv::FromUtf8(holes).c_str(), 0, &err))
+      << err.Text();
+  EXPECT_FALSE(epho_RpcImageToGroundOnSurface(m.get(), 1, centre, out, &err));
+  EXPECT_TRUE(err.Mentions(L"no DEM height")) << err.Text();
 }
 
 // An application's routines: the sample model shifted by a known offset, so
@@ -477,6 +491,42 @@ TEST(RpcModel, ApplicationRoutinesReplaceTheBuiltInOnes) {
   EXPECT_EQ(epho_RpcEntryPointsGet(), epho_RpcBuiltinEntryPoints());
   ASSERT_TRUE(epho_RpcGroundToImage(m.get(), 1, g, after, &err));
   EXPECT_EQ(after[0], before[0]);
+}
+
+// Delegates to the built-in routines unchanged.
+Emsc_Boolean SameGroundToImage(const double* rpc, long count, const double* ground_xyz,
+                               double* image_xy, Eerr_ErrorReport** err) {
+  return epho_RpcBuiltinEntryPoints()->groundToImage(rpc, count, ground_xyz, image_xy, err);
+}
+
+TEST(RpcModel, ThreadsEvaluateWhileTheTableIsReplaced) {
+  static const Epho_RpcEntryPoints same = {SameGroundToImage,
+                                           epho_RpcBuiltinEntryPoints()->imageToGround};
+  const Numbers n = SampleRpc();
+  ModelPtr m = Model(n);
+  const std::vector<double> ground = GroundCube(n, 5);
+  const long count = long(ground.size() / 3);
+  std::vector<double> want(2 * count);
+  ASSERT_TRUE(epho_RpcGroundToImage(m.get(), count, ground.data(), want.data(), nullptr));
+  std::atomic<bool> stop{false};
+  std::atomic<int> mismatches{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t)
+    threads.emplace_back([&] {
+      std::vector<double> got(2 * count);
+      for (int i = 0; i < 200 && !stop; ++i) {
+        Eerr_ErrorReport* err = nullptr;
+        if (!epho_RpcGroundToImage(m.get(), count, ground.data(), got.data(), &err) || got != want)
+          ++mismatches;
+        eerr_DeleteErrorReport(err);
+      }
+    });
+  for (int i = 0; i < 200; ++i)
+    EXPECT_TRUE(epho_RpcEntryPointsSet(i % 2 ? &same : nullptr, nullptr));
+  stop = true;
+  for (auto& t : threads) t.join();
+  ASSERT_TRUE(epho_RpcEntryPointsSet(nullptr, nullptr));
+  EXPECT_EQ(mismatches, 0);
 }
 
 }  // namespace

@@ -136,7 +136,8 @@ EPHO_EXPORT Emsc_Boolean epho_RpcImageToGround(const Epho_RpcModel* model, long 
 /* `count` image pairs to ground (lon, lat, h) triples on the height source:
  * the ray is intersected at a height, the DEM read there, and the height
  * iterated (secant steps on DEM(h) - h) to the limits above. Fails, naming
- * the point, when the ground point leaves the DEM or does not converge. */
+ * the point, when the ground point leaves the DEM, meets a null cell (the
+ * layer's no-data value) or does not converge. */
 EPHO_EXPORT Emsc_Boolean epho_RpcImageToGroundOnSurface(const Epho_RpcModel* model, long count,
                                                         const double* image_xy, double* ground_xyz,
                                                         Eerr_ErrorReport** err) KZDV_NOEXCEPT;
