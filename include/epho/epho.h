@@ -15,6 +15,7 @@
 #include "epho/orientation.h"
 #include "epho/pyramid.h"
 #include "epho/reprojection.h"
+#include "epho/sensors.h"
 #include "epho/triangulation.h"
 
 #endif /* EPHO_EPHO_H */
