@@ -772,6 +772,13 @@ TEST(EhfaFile, DeepFamiliesAreReadOnFirstUseAndReleasedAfter) {
   EXPECT_TRUE(seek_err.Mentions(L"outside the file")) << seek_err.Text();
   ehfa_FileClose(f, nullptr);
   EXPECT_FALSE(ReadsCompletely(bad));
+  // So is a write into it.
+  f = ehfa_FileOpen(bad.c_str(), "r+b", nullptr, &err);
+  ASSERT_TRUE(f);
+  ErrGuard write_err;
+  EXPECT_FALSE(ehfa_ObjectWrite(f, L":A:G9", L"L9", EHFA_WRITE_REPLACE, d.get(), &v, &write_err));
+  EXPECT_TRUE(write_err.Mentions(L"outside the file")) << write_err.Text();
+  ehfa_FileClose(f, nullptr);
 }
 
 }  // namespace

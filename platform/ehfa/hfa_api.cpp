@@ -104,6 +104,12 @@ int DoSeek(ErrorFrame& frame, Ehfa_File* f, Ehfa_SeekMethod method, const Etxt_C
 
 bool AfterWrite(ErrorFrame& frame, Ehfa_File* f) {
   std::string error;
+  if (!f->family_error.empty()) {
+    // The write reached a damaged family: say so rather than go on quietly.
+    error.swap(f->family_error);
+    frame.Fail(__LINE__, L"Cannot write %s: %s", f->name.c_str(), KZDV_W(error));
+    return false;
+  }
   if (!f->Flush(false, &error)) {
     frame.Fail(__LINE__, L"Cannot write %s: %s", f->name.c_str(), KZDV_W(error));
     return false;
