@@ -1,7 +1,8 @@
 // Block file: saving and reopening a block of 100,000 ground points with four
 // image points each (target: under 1 s each), against writing and reading
 // the same records as one flat binary file with stdio; and the memory that
-// reading the points takes (target: within 2x of the records' own size).
+// reopening the block and copying its points out takes (target: within 2x
+// of the records' own size).
 //
 // The machine's cores may be shared with other programs, so beside the wall
 // time each case prints the processor time (user and system) it took; the
@@ -95,24 +96,27 @@ long KiB(const char* key) {
   return 0;
 }
 
-// In a new process: the growth of the peak resident size while the block is
-// opened and its points are read into the block's cache and copied once to
-// the caller.
+// In a new process that does only this: the growth of the peak resident
+// size over the process's own start, once the block is open (its entry tree
+// and property) and once its points were copied out to the caller, which
+// is what a reader of a large block pays.
 int ReopenMemory(const char* file) {
   const long base = KiB("VmRSS:");
+  auto grownMiB = [base] { return (KiB("VmHWM:") - base) / 1024.0; };
   EtxtTextU n(kzdv::FromUtf8(file));
   EphoBlockFile* b = EphoBlockFile::Open(n, false);
   double lo, hi;
   b->GetMinMaxZ(&lo, &hi);
+  const double opened = grownMiB();
   {
     EdlmList copy(EphoBlockFile::freeGroundPoint);
-    b->GetObjectPointsListCopy(copy);
+    if (b->GetObjectPointsListCopy(copy) != static_cast<unsigned long>(kPoints)) std::abort();
   }
-  const double grown = (KiB("VmHWM:") - base) / 1024.0, own = RecordsMiB();
-  std::printf(
-      "%-48s %.1f MiB for %.1f MiB of records: x%.2f (cache and one copy: target x%.0f %s)\n",
-      "block reopen, peak memory growth", grown, own, grown / own, 2.0 * 2,
-      grown <= 2 * 2 * own ? "met" : "MISSED");
+  const double grown = grownMiB(), own = RecordsMiB();
+  std::printf("%-48s %.1f MiB\n", "block open, peak memory growth", opened);
+  std::printf("%-48s %.1f MiB for %.1f MiB of records: x%.2f (target x2: %s)\n",
+              "block reopen and copy, peak memory growth", grown, own, grown / own,
+              grown <= 2 * own ? "met" : "MISSED");
   b->Close();
   return 0;
 }

@@ -1,9 +1,8 @@
 // Internals shared by the block file's sources: the node registry entry, the
-// stored records in design layout, the designs and the atomic file writer.
+// stored records in design layout and the designs.
 #ifndef EPHO_BLOCK_BLOCK_INTERNAL_H
 #define EPHO_BLOCK_BLOCK_INTERNAL_H
 
-#include <functional>
 #include <memory>
 #include <string>
 
@@ -136,19 +135,6 @@ std::wstring CountedText(const Emif_CountedString& s);
 // The block whose save runs on this thread (the copy callbacks find their
 // block here instead of taking the class mutex under the object's mutex).
 EphoBlockFile*& SavingBlock();
-
-// Writes a new version of `target` and replaces the old one in one step.
-// `write` is called with the name of a fresh, empty temporary file in the
-// target's folder (an unnamed file reached through /proc where the file
-// system allows it); it writes the whole new content there and throws on
-// failure. The temporary is then flushed to disk and renamed over `target`
-// (keeping the target's permission bits). On any failure the old file is
-// left as it was, the temporary is gone, and the failure is thrown under
-// `context`. A file size limit shows as a write error: SIGXFSZ is ignored
-// when it has its default action.
-void WriteFileAtomically(const std::wstring& target,
-                         const std::function<void(const std::wstring& temporary)>& write,
-                         const char* context);
 
 }  // namespace epho::block
 

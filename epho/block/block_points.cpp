@@ -109,25 +109,26 @@ _edlm_list* EphoBlockFile::CopyList(_edlm_list* list, void* (*copy)(void*, Eerr_
   return out.Release();
 }
 
-void EphoBlockFile::LoadObjectPoints() {
-  if (m_ObjectPointsInMemory || !m_ObjectPointList.Get() || m_ObjectPointList.Count() > 0 ||
-      m_StoredPointCount <= 0 || !m_HFAFile.Get() || m_NewFile)
-    return;
+_edlm_list* EphoBlockFile::ReadStoredPoints() {
   // Files written before versions were stored may hold their point nodes in
   // any order: only files with a version are read in one forward pass.
   EtxtTextU version;
   GetVersion(version);
-  if (version.empty())
-    ReadPointsBySeeking();
-  else
-    ReadPointsSequentially();
+  return version.empty() ? ReadPointsBySeeking(true) : ReadPointsSequentially();
 }
 
 unsigned long EphoBlockFile::GetObjectPointsListCopy(EdlmList& out) {
   EerrException ctx(kSource, "EphoBlockFile::GetObjectPointsListCopy");
   EthrLockHolder lock(m_Mutex);
-  LoadObjectPoints();
   if (!m_ObjectPointList.Get()) return 0;
+  if (!m_ObjectPointsInMemory && m_ObjectPointList.Count() == 0 && m_StoredPointCount > 0 &&
+      m_HFAFile.Get() && !m_NewFile) {
+    // Points that only the file holds are decoded straight into the
+    // caller's list: the block keeps no decoded copy of its own, which
+    // would double the memory of a large block for every reader.
+    out.Reset(ReadStoredPoints());
+    return static_cast<unsigned long>(out.Count());
+  }
   out.Reset(CopyList(m_ObjectPointList.Get(), copyGroundPoint));
   return static_cast<unsigned long>(m_ObjectPointList.Count());
 }
@@ -221,12 +222,8 @@ static Epho_GroundPoint* ReadOnePoint(Ehfa_File* file, long i, bool sequential,
   return gp;
 }
 
-void EphoBlockFile::ReadPointsSequentially() {
+_edlm_list* EphoBlockFile::ReadPointsSequentially() {
   EerrException ctx(kSource, "EphoBlockFile::ReadPointsSequentially");
-  if (!m_ObjectPointList.Get() || m_ObjectPointList.Count() > 0 || m_ObjectPointsInMemory) return;
-  double minZ, maxZ;
-  GetMinMaxZ(&minZ, &maxZ);
-  if (m_ObjectPointList.Count() > 0) return;  // the Z range needed a full read
   Ehfa_File* file = m_HFAFile.Get();
   Emif_Dictionary* dict = ehfa_FileDictionaryGet(file);
   if (!emif_FindDesignByName(dict, L"GroundPoint") || !emif_FindDesignByName(dict, L"ImagePoint"))
@@ -236,8 +233,7 @@ void EphoBlockFile::ReadPointsSequentially() {
   DesignPtr ipDesign = epho::block::ImagePointDesign(ctx);
   CheckPrefix(gpDesign.get(), offsetof(Epho_GroundPoint, imagePoints), ctx);
   CheckPrefix(ipDesign.get(), sizeof(Epho_ImagePoint), ctx);
-  // Points are built into a list of their own, which replaces the block's
-  // only when every point was read.
+  // The list is handed over only when every point was read.
   const PointReader reader = MakePointReader(file, gpDesign.get(), ipDesign.get());
   EdlmList points(freeGroundPoint);
   points.Reset(edlm_InitList(sizeof(void*), m_StoredPointCount, freeGroundPoint, copyGroundPoint,
@@ -248,28 +244,32 @@ void EphoBlockFile::ReadPointsSequentially() {
     if (!edlm_Add(points.Get(), gp, ctx.Err())) freeGroundPoint(gp);
     ctx.Check(__LINE__);
   }
-  m_ObjectPointList.Reset(points.Release());
+  return points.Release();
 }
 
-void EphoBlockFile::ReadPointsBySeeking() {
+_edlm_list* EphoBlockFile::ReadPointsBySeeking(bool keep) {
   EerrException ctx(kSource, "EphoBlockFile::ReadPointsBySeeking");
-  if (!m_ObjectPointList.Get() || m_ObjectPointList.Count() > 0 || m_ObjectPointsInMemory) return;
   Ehfa_File* file = m_HFAFile.Get();
-  if (!file) return;
   DesignPtr gpDesign = epho::block::GroundPointDesign(ctx);
   DesignPtr ipDesign = epho::block::ImagePointDesign(ctx);
   CheckPrefix(gpDesign.get(), offsetof(Epho_GroundPoint, imagePoints), ctx);
   CheckPrefix(ipDesign.get(), sizeof(Epho_ImagePoint), ctx);
   const PointReader reader = MakePointReader(file, gpDesign.get(), ipDesign.get());
   EdlmList points(freeGroundPoint);
-  points.Reset(edlm_InitList(sizeof(void*), m_StoredPointCount, freeGroundPoint, copyGroundPoint,
-                             ctx.Err()));
-  ctx.Check(__LINE__);
+  if (keep) {
+    points.Reset(edlm_InitList(sizeof(void*), m_StoredPointCount, freeGroundPoint, copyGroundPoint,
+                               ctx.Err()));
+    ctx.Check(__LINE__);
+  }
   double minZ = std::numeric_limits<double>::quiet_NaN(), maxZ = minZ;
   for (long i = 0; i < m_StoredPointCount; ++i) {
     Epho_GroundPoint* gp = ReadOnePoint(file, i, false, reader, ctx);
     const double z = gp->groundZ;
-    if (!edlm_Add(points.Get(), gp, ctx.Err())) freeGroundPoint(gp);
+    if (!keep) {
+      freeGroundPoint(gp);
+    } else if (!edlm_Add(points.Get(), gp, ctx.Err())) {
+      freeGroundPoint(gp);
+    }
     ctx.Check(__LINE__);
     if (i == 0) {
       minZ = maxZ = z;
@@ -278,9 +278,9 @@ void EphoBlockFile::ReadPointsBySeeking() {
       if (z > maxZ) maxZ = z;
     }
   }
-  m_ObjectPointList.Reset(points.Release());
   m_MinZ = minZ;
   m_MaxZ = maxZ;
+  return points.Release();
 }
 
 void EphoBlockFile::ObjectPointListWrite(Ehfa_File* file) {
@@ -359,8 +359,9 @@ void EphoBlockFile::GetMinMaxZ(double* minZ, double* maxZ) {
       ctx.Check(__LINE__);
       m_MaxZ = rec.MaximumZ;
       m_MinZ = rec.MinimumZ;
-    } else if (file && !m_NewFile) {
-      ReadPointsBySeeking();
+    } else if (file && !m_NewFile && m_StoredPointCount > 0) {
+      // No statistics node: the points are scanned one at a time.
+      ReadPointsBySeeking(false);
     }
   }
   if (!std::isnan(m_MinZ) && !std::isnan(m_MaxZ) && m_ObjectPointsInMemory) ScanMinMaxZ();

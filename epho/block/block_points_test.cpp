@@ -2,6 +2,7 @@
 // readers (in file order for files with a version, by name for older files
 // whose nodes may lie in any order) and empty lists.
 #include <cmath>
+#include <functional>
 
 #include "epho/block/block_internal.h"
 #include "epho/block/block_test_support_internal.h"
@@ -214,5 +215,74 @@ TEST(BlockPoints, FilesWithoutAVersionAreReadByNameInAnyNodeOrder) {
     ADD_FAILURE() << "points out of order were read in file order";
   } catch (const EerrException& e) {
     EXPECT_TRUE(blocktest::ReportMentions(e, L"EphoBlockFile::ReadPointsSequentially"));
+  }
+}
+
+// Every copy is the caller's, whether the points come from the file (decoded
+// straight into the copy, enough of them that the file gives families back
+// while they are read) or from a put: changing or freeing one copy changes
+// neither the next copy nor what a save writes, and a put replaces what the
+// file held.
+TEST(BlockPoints, CopiesAreTheCallersWhereverThePointsComeFrom) {
+  testutil::ScratchDir dir("pts");
+  const std::wstring name = dir.WFile("c.blk");
+  const long kPoints = 400, kImages = 4;
+  {
+    BlockRef b(name, true);
+    EdlmList points(EphoBlockFile::freeGroundPoint);
+    blocktest::MakePoints(points, kPoints, kImages);
+    b->PutObjectPointsList(points);
+    b->Save();
+  }
+  // Spoils a copy: another height, a lost image point, another text.
+  auto spoil = [](EdlmList& copy) {
+    auto* gp = static_cast<Epho_GroundPoint*>(edlm_GetAddr(copy.Get(), 1, nullptr));
+    gp->groundZ = -1.0;
+    EphoBlockFile::freeImagePoint(edlm_Remove(gp->imagePoints, 0, nullptr));
+    gp->description.data[0] = L'X';
+  };
+  auto expectOriginal = [&](EphoBlockFile* b, long n) {
+    EdlmList copy(EphoBlockFile::freeGroundPoint);
+    ASSERT_EQ(b->GetObjectPointsListCopy(copy), static_cast<unsigned long>(n));
+    ASSERT_EQ(copy.Count(), n);
+    for (long i = 0; i < n; ++i) {
+      Epho_GroundPoint* want = blocktest::MakePoint(i, kImages);
+      EXPECT_EQ(blocktest::ComparePoints(
+                    *want, *static_cast<Epho_GroundPoint*>(edlm_GetAddr(copy.Get(), i, nullptr))),
+                "")
+          << i;
+      EphoBlockFile::freeGroundPoint(want);
+    }
+  };
+  struct Case {
+    const char* what;
+    std::function<void(EphoBlockFile*)> prepare;
+    long count;
+  } cases[] = {
+      {"points only in the file", [](EphoBlockFile*) {}, kPoints},
+      {"points put in memory",
+       [&](EphoBlockFile* b) {
+         EdlmList fewer(EphoBlockFile::freeGroundPoint);
+         blocktest::MakePoints(fewer, 7, kImages);
+         b->PutObjectPointsList(fewer);
+       },
+       7},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    {
+      BlockRef b(name, false);
+      c.prepare(b.get());
+      {
+        EdlmList first(EphoBlockFile::freeGroundPoint);
+        ASSERT_EQ(b->GetObjectPointsListCopy(first), static_cast<unsigned long>(c.count));
+        spoil(first);
+      }
+      expectOriginal(b.get(), c.count);
+      b->Save();
+      expectOriginal(b.get(), c.count);
+    }
+    BlockRef again(name, false);
+    expectOriginal(again.get(), c.count);
   }
 }

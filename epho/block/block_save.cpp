@@ -2,10 +2,14 @@
 // node registry says, the registered writers, queued objects and application
 // functions add what changed, and the new file replaces the old one at once.
 #include <cstring>
+#include <exception>
+#include <string>
 
 #include "efio.h"
 #include "eint.h"
 #include "epho/block/block_internal.h"
+#include "platform/efio/atomic_file.h"
+#include "platform/estr/utf8.h"
 #include "platform/ethr/lock_holder.h"
 
 using epho::block::kSource;
@@ -65,10 +69,27 @@ void EphoBlockFile::SaveAs(EtxtTextU& name) {
     InternalClose();
     try {
       SavingScope saving(this);
-      epho::block::WriteFileAtomically(
-          name,
-          [&](const std::wstring& temporary) { WriteDataToFile(temporary.c_str(), table.data()); },
-          "EphoBlockFile::SaveAs");
+      // The new file is an unnamed file beside the old one, named and
+      // renamed over it only once it is complete and on disk.
+      std::exception_ptr writeFailure;
+      std::wstring why;
+      const bool saved = kzdv::efio::ReplaceFile(
+          kzdv::ToUtf8(name),
+          [&](const std::string& temporary, std::wstring*) {
+            try {
+              WriteDataToFile(kzdv::FromUtf8(temporary).c_str(), table.data());
+              return true;
+            } catch (...) {
+              // The half-written file is closed here, while a file size
+              // limit still cannot raise SIGXFSZ: closing flushes.
+              writeFailure = std::current_exception();
+              InternalClose();
+              return false;
+            }
+          },
+          &why, kzdv::efio::TempKind::kUnnamed);
+      if (writeFailure) std::rethrow_exception(writeFailure);
+      if (!saved) ctx.Throw(__LINE__, L"%s", why.c_str());
     } catch (...) {
       // The old file is untouched: continue with it.
       InternalClose();

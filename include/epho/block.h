@@ -22,8 +22,9 @@
  *    to disk, and renamed over the target. A failed save (a write error, a
  *    full disk, a file size limit, a failing application write function, a
  *    killed process) leaves the old file byte-identical and no temporary
- *    behind. While saving, SIGXFSZ is ignored if nobody handles it, so a file
- *    size limit becomes a write error (EFBIG) instead of killing the process.
+ *    behind. While saving, SIGXFSZ is blocked in the saving thread, so a
+ *    file size limit becomes a write error (EFBIG) instead of killing the
+ *    process; the process's signal handlers are left as they are.
  *  - Frames are read back by name ("Frame%d") in every file, so frame nodes
  *    written in any order by another program are found.
  *
@@ -349,7 +350,11 @@ class EPHO_EXPORT EphoBlockFile {
   /* ---- object points ---- */
 
   /* Replaces `out`'s contents by a deep copy of the ground points; 0 (and
-   * `out` untouched) when the block has no point list. */
+   * `out` untouched) when the block has no point list. Points that only the
+   * file holds (none were put since the block was opened or saved) are
+   * decoded from the file on every call, straight into `out`: the block
+   * keeps no decoded copy of its own, so a large block costs its readers
+   * one copy each, not two. Points put in memory are copied from there. */
   unsigned long GetObjectPointsListCopy(EdlmList& out);
   void PutObjectPointsList(EdlmList& list);
   void GetMinMaxZ(double* minZ, double* maxZ);
@@ -433,9 +438,9 @@ class EPHO_EXPORT EphoBlockFile {
   void SensorInfoWrite(Ehfa_File* file);
   void ReadImagesFromFile();
 
-  void LoadObjectPoints();
-  void ReadPointsBySeeking();
-  void ReadPointsSequentially();
+  _edlm_list* ReadStoredPoints();
+  _edlm_list* ReadPointsBySeeking(bool keep);
+  _edlm_list* ReadPointsSequentially();
   void ObjectPointListWrite(Ehfa_File* file);
   void ScanMinMaxZ();
 

@@ -10,17 +10,24 @@
 //   }, &why);
 //
 // ReplaceFile makes an empty temporary in the target's folder (so the final
-// rename never crosses file systems) with the target's permissions, lets the
-// callback write it, then flushes it to disk (fsync), renames it over the
-// target and syncs the folder. If anything fails (the callback, a write, the
+// rename never crosses file systems), lets the callback write it, then
+// flushes it to disk (fsync), gives it the target's permissions, renames it
+// over the target and syncs the folder. The temporary is a hidden named file
+// by default; with TempKind::kUnnamed it is an unnamed file (O_TMPFILE),
+// which the callback reaches as "/proc/self/fd/N" and which is linked under
+// a name only for the rename, so that even a process killed while writing
+// leaves nothing behind (file systems without unnamed files, or a process
+// without /proc, get the named one). If anything fails (the callback, a write, the
 // close, the sync, the rename) the temporary is removed and the target stays
 // byte-identical. While it runs, SIGXFSZ cannot kill the process: a file
 // size limit makes write() fail with EFBIG (see FileSizeSignalGuard); the
 // callback must check every write and its close (efio_Close and
 // std::fclose report such failures). The new file keeps the target's
 // permission bits (and owner where permitted); other hard links of the target
-// keep the old contents, as with any rename. The callback may also create sidecars named after
-// `temp` (temp + ".aux.xml"); moving those is the caller's business.
+// keep the old contents, as with any rename. With a named temporary the callback may
+// also create sidecars named after `temp` (temp + ".aux.xml"); moving those
+// is the caller's business. An unnamed temporary has no folder of its own to
+// put sidecars in, nor an extension to detect a format by.
 //
 // One writer per file:
 //
@@ -127,35 +134,94 @@ class FileSizeSignalGuard {
 // Writes the temporary (named by its path); false with *message set on failure.
 using TempWriter = std::function<bool(const std::string& temp_path, std::wstring* message)>;
 
-// Name of a temporary for `target`: in the same folder, hidden, unique, and
-// ending with the target's extension so that format detection by name still
-// works ("dir/.name.tmpXXXXXX.ext"). The file is created (empty, exclusively)
-// with `mode`; empty string with *message set on failure.
-inline std::string MakeTempBeside(const std::string& target, unsigned mode, std::wstring* message) {
-  using namespace atomic_file_detail;
+namespace atomic_file_detail {
+
+// Gives a fresh name beside `target` ("dir/.name.tmpXXXXXX.ext") to
+// `make`, which returns 0 once it made the file under that name, or the
+// errno of its failure; names already taken (EEXIST) are tried again. The
+// path made, or empty with *error set.
+inline std::string NameBeside(const std::string& target,
+                              const std::function<int(const char*)>& make, int* error) {
   const std::filesystem::path t(target);
   const std::filesystem::path dir = t.parent_path();
   const std::string stem = t.stem().string(), ext = t.extension().string();
   static thread_local std::mt19937_64 rng(std::random_device{}() ^
                                           static_cast<uint64_t>(::getpid()));
   static const char kChars[] = "abcdefghijklmnopqrstuvwxyz0123456789";
-  int last = 0;
-  for (int attempt = 0; attempt < 100; ++attempt) {
+  *error = EEXIST;
+  for (int attempt = 0; attempt < 100 && *error == EEXIST; ++attempt) {
     std::string name = "." + stem + ".tmp";
     for (int i = 0; i < 6; ++i) name += kChars[rng() % 36];
     name += ext;
     const std::string path = (dir / name).string();
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-    if (fd >= 0) {
-      ::close(fd);
-      return path;
-    }
-    last = errno;
-    if (last != EEXIST) break;
+    *error = make(path.c_str());
+    if (*error == 0) return path;
   }
-  if (message)
-    *message = L"Cannot create a temporary file beside " + Wide(target) + L": " + Errno(last);
   return std::string();
+}
+
+// An unnamed file in the folder of `target`, and the name by which the
+// writer reaches it. Closing the descriptor before the file was linked
+// makes it vanish.
+struct UnnamedFile {
+  int fd = -1;
+  std::string path;  // "/proc/self/fd/N"
+  ~UnnamedFile() {
+    if (fd >= 0) ::close(fd);
+  }
+};
+
+// Opens an unnamed file beside `target`. False with *error = 0 where the
+// file system (or a process without /proc) cannot give one: the caller
+// then makes a named file. False with the errno otherwise (a folder that
+// is missing, read-only, full or not ours): no temporary can be made.
+inline bool OpenUnnamedBeside(const std::string& target, UnnamedFile* out, int* error) {
+  *error = 0;
+#ifdef O_TMPFILE
+  std::filesystem::path dir = std::filesystem::path(target).parent_path();
+  if (dir.empty()) dir = ".";
+  const int fd = ::open(dir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0666);
+  if (fd < 0) {
+    // Kernels and file systems without unnamed files answer one of these.
+    if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) *error = errno;
+    return false;
+  }
+  out->fd = fd;
+  out->path = "/proc/self/fd/" + std::to_string(fd);
+  if (::access(out->path.c_str(), F_OK) != 0) {
+    ::close(fd);
+    out->fd = -1;
+    return false;
+  }
+  return true;
+#else
+  (void)target;
+  (void)out;
+  return false;
+#endif
+}
+
+}  // namespace atomic_file_detail
+
+// Name of a temporary for `target`: in the same folder, hidden, unique, and
+// ending with the target's extension so that format detection by name still
+// works ("dir/.name.tmpXXXXXX.ext"). The file is created (empty, exclusively)
+// with `mode`; empty string with *message set on failure.
+inline std::string MakeTempBeside(const std::string& target, unsigned mode, std::wstring* message) {
+  using namespace atomic_file_detail;
+  int error = 0;
+  const std::string path = NameBeside(
+      target,
+      [mode](const char* name) {
+        const int fd = ::open(name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+        if (fd < 0) return errno;
+        ::close(fd);
+        return 0;
+      },
+      &error);
+  if (path.empty() && message)
+    *message = L"Cannot create a temporary file beside " + Wide(target) + L": " + Errno(error);
+  return path;
 }
 
 // Copies the bytes of `from` over `to` (created or truncated), keeping the
@@ -237,11 +303,17 @@ inline bool SyncFile(const std::string& path, std::wstring* message) {
   return true;
 }
 
+// Where ReplaceFile writes the new content (see the top of this file).
+enum class TempKind {
+  kNamed,    // a hidden file beside the target, with its extension
+  kUnnamed,  // an unnamed file in the target's folder where possible
+};
+
 // Replaces `target` (UTF-8 path; need not exist yet) with what `write`
 // produces. True on success; false with *message (naming the target) set,
 // the target unchanged and no temporary left behind.
 inline bool ReplaceFile(const std::string& target_name, const TempWriter& write,
-                        std::wstring* message) {
+                        std::wstring* message, TempKind kind = TempKind::kNamed) {
   using namespace atomic_file_detail;
   std::wstring local;
   if (!message) message = &local;
@@ -257,31 +329,65 @@ inline bool ReplaceFile(const std::string& target_name, const TempWriter& write,
     *message = Wide(target_name) + L" is not a regular file";
     return false;
   }
-  const std::string temp = MakeTempBeside(target, 0666, message);
-  if (temp.empty()) return false;
+  UnnamedFile unnamed;
+  if (kind == TempKind::kUnnamed) {
+    int error = 0;
+    if (!OpenUnnamedBeside(target, &unnamed, &error) && error != 0) {
+      *message = L"Cannot create a temporary file beside " + Wide(target_name) + L": " +
+                 Errno(error) + L" (the file is unchanged)";
+      return false;
+    }
+  }
+  // The named temporary, removed unless the rename took it.
+  std::string temp;
+  if (unnamed.fd < 0) {
+    temp = MakeTempBeside(target, 0666, message);
+    if (temp.empty()) return false;
+  }
   auto fail = [&](const std::wstring& why) {
-    std::remove(temp.c_str());
+    if (!temp.empty()) std::remove(temp.c_str());
     *message = why;
     return false;
   };
   std::wstring why;
   bool ok = false;
   try {
-    ok = write(temp, &why);
+    ok = write(unnamed.fd >= 0 ? unnamed.path : temp, &why);
   } catch (const std::exception& e) {
     why = Wide(e.what());
   }
   if (!ok)
     return fail(L"Cannot write " + Wide(target_name) + (why.empty() ? L"" : L": " + why) +
                 L" (the file is unchanged)");
-  if (!SyncFile(temp, &why)) return fail(why + L" (" + Wide(target_name) + L" is unchanged)");
+  if (unnamed.fd >= 0 ? ::fsync(unnamed.fd) != 0 : !SyncFile(temp, &why)) {
+    if (unnamed.fd >= 0) why = L"Cannot flush " + Wide(target_name) + L" to disk: " + Errno(errno);
+    return fail(why + L" (" + Wide(target_name) + L" is unchanged)");
+  }
   if (existed) {
     // The owner is kept where the process may set it (a run by root on a
     // user's file); otherwise the file becomes the writer's, as any new file.
-    if (::chown(temp.c_str(), st.st_uid, st.st_gid) != 0) {
-    }
-    if (::chmod(temp.c_str(), st.st_mode & 07777) != 0)
+    const bool owned = unnamed.fd >= 0 ? ::fchown(unnamed.fd, st.st_uid, st.st_gid) == 0
+                                       : ::chown(temp.c_str(), st.st_uid, st.st_gid) == 0;
+    (void)owned;
+    const bool moded = unnamed.fd >= 0 ? ::fchmod(unnamed.fd, st.st_mode & 07777) == 0
+                                       : ::chmod(temp.c_str(), st.st_mode & 07777) == 0;
+    if (!moded)
       return fail(L"Cannot set the permissions of " + Wide(target_name) + L": " + Errno(errno));
+  }
+  if (unnamed.fd >= 0) {
+    // The unnamed file gets a name beside the target only now, for the rename.
+    int error = 0;
+    temp = NameBeside(
+        target,
+        [&](const char* name) {
+          return ::linkat(AT_FDCWD, unnamed.path.c_str(), AT_FDCWD, name, AT_SYMLINK_FOLLOW) == 0
+                     ? 0
+                     : errno;
+        },
+        &error);
+    if (temp.empty())
+      return fail(L"Cannot name the new content of " + Wide(target_name) + L": " + Errno(error) +
+                  L" (the file is unchanged)");
   }
   if (::rename(temp.c_str(), target.c_str()) != 0)
     return fail(L"Cannot replace " + Wide(target_name) + L": " + Errno(errno) +
@@ -294,7 +400,7 @@ inline bool ReplaceFile(const std::string& target_name, const TempWriter& write,
 // stream is closed and checked by ReplaceFile (the callback must not close it).
 inline bool ReplaceFileWithStream(
     const std::string& target, const std::function<bool(FILE* out, std::wstring* message)>& write,
-    std::wstring* message) {
+    std::wstring* message, TempKind kind = TempKind::kNamed) {
   using namespace atomic_file_detail;
   return ReplaceFile(
       target,
@@ -317,7 +423,7 @@ inline bool ReplaceFileWithStream(
         }
         return ok;
       },
-      message);
+      message, kind);
 }
 
 enum class LockMode {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <atomic>
 #include <chrono>
@@ -20,6 +21,7 @@ namespace {
 namespace fs = std::filesystem;
 using kzdv::efio::FileLock;
 using kzdv::efio::LockMode;
+using kzdv::efio::TempKind;
 
 std::string Slurp(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -38,8 +40,7 @@ std::set<std::string> FilesIn(const fs::path& dir) {
   return names;
 }
 
-// Every way a rewrite can fail leaves the target as it was and nothing else.
-TEST(ReplaceFile, FailuresLeaveTargetAndNoTemporary) {
+void FailuresLeaveTargetAndNoTemporary(TempKind kind) {
   testutil::ScratchDir dir("atomic");
   const std::string target = dir.File("t.txt");
   Spit(target, "old contents\n");
@@ -53,14 +54,14 @@ TEST(ReplaceFile, FailuresLeaveTargetAndNoTemporary) {
         *m = L"gave up";
         return false;
       },
-      &why));
+      &why, kind));
   EXPECT_NE(why.find(L"gave up"), std::wstring::npos);
   EXPECT_NE(why.find(kzdv::FromUtf8(target)), std::wstring::npos) << why;
 
   // The writer throws.
   EXPECT_FALSE(kzdv::efio::ReplaceFile(
       target, [](const std::string&, std::wstring*) -> bool { throw std::runtime_error("boom"); },
-      &why));
+      &why, kind));
   EXPECT_NE(why.find(L"boom"), std::wstring::npos);
 
   // A write beyond the file size limit fails with EFBIG instead of a signal.
@@ -77,7 +78,7 @@ TEST(ReplaceFile, FailuresLeaveTargetAndNoTemporary) {
           for (int i = 0; i < 10; ++i) std::fwrite(block.data(), 1, block.size(), out);
           return true;  // the stream's error is found at the flush and close
         },
-        &why);
+        &why, kind);
     setrlimit(RLIMIT_FSIZE, &old);
     EXPECT_FALSE(ok);
     EXPECT_NE(why.find(L"too large"), std::wstring::npos) << why;
@@ -91,7 +92,8 @@ TEST(ReplaceFile, FailuresLeaveTargetAndNoTemporary) {
 
   // The target's folder cannot take a temporary.
   EXPECT_FALSE(kzdv::efio::ReplaceFile(
-      dir.File("missing/t.txt"), [](const std::string&, std::wstring*) { return true; }, &why));
+      dir.File("missing/t.txt"), [](const std::string&, std::wstring*) { return true; }, &why,
+      kind));
   EXPECT_NE(why.find(L"missing/t.txt"), std::wstring::npos) << why;
 
   EXPECT_EQ(Slurp(target), "old contents\n");
@@ -102,7 +104,7 @@ TEST(ReplaceFile, FailuresLeaveTargetAndNoTemporary) {
   fs::create_symlink(target, dir.File("link.txt"));
   ASSERT_TRUE(kzdv::efio::ReplaceFileWithStream(
       dir.File("link.txt"), [](FILE* out, std::wstring*) { return std::fputs("new\n", out) >= 0; },
-      &why))
+      &why, kind))
       << kzdv::ToUtf8(why);
   EXPECT_EQ(Slurp(target), "new\n");
   EXPECT_TRUE(fs::is_symlink(dir.File("link.txt")));
@@ -112,8 +114,64 @@ TEST(ReplaceFile, FailuresLeaveTargetAndNoTemporary) {
   // A target that does not exist yet is created.
   ASSERT_TRUE(kzdv::efio::ReplaceFileWithStream(
       dir.File("fresh.txt"), [](FILE* out, std::wstring*) { return std::fputs("x", out) >= 0; },
-      &why));
+      &why, kind));
   EXPECT_EQ(Slurp(dir.File("fresh.txt")), "x");
+}
+
+// Every way a rewrite can fail leaves the target as it was and nothing else,
+// with either kind of temporary.
+TEST(ReplaceFile, FailuresLeaveTargetAndNoTemporary) {
+  for (const TempKind kind : {TempKind::kNamed, TempKind::kUnnamed}) {
+    SCOPED_TRACE(kind == TempKind::kNamed ? "named temporary" : "unnamed temporary");
+    FailuresLeaveTargetAndNoTemporary(kind);
+  }
+}
+
+// An unnamed temporary has no name in the folder while it is written, so a
+// writer killed half-way leaves nothing behind; it gets one only for the
+// rename. The new file keeps the old one's permission bits.
+TEST(ReplaceFile, AnUnnamedTemporaryLeavesNothingWhenTheWriterIsKilled) {
+  testutil::ScratchDir dir("atomic_unnamed");
+  const std::string target = dir.File("block.blk");
+  Spit(target, "old");
+  fs::permissions(target, fs::perms(0640));
+  std::wstring why;
+  std::set<std::string> seenWhileWriting;
+  std::string written;
+  ASSERT_TRUE(kzdv::efio::ReplaceFile(
+      target,
+      [&](const std::string& temp, std::wstring*) {
+        written = temp;
+        Spit(temp, "new");
+        seenWhileWriting = FilesIn(dir.path());
+        return true;
+      },
+      &why, TempKind::kUnnamed))
+      << kzdv::ToUtf8(why);
+  EXPECT_EQ(written.rfind("/proc/self/fd/", 0), 0u) << written;
+  EXPECT_EQ(seenWhileWriting, std::set<std::string>{"block.blk"});
+  EXPECT_EQ(Slurp(target), "new");
+  EXPECT_EQ(fs::status(target).permissions(), fs::perms(0640));
+  EXPECT_EQ(FilesIn(dir.path()), std::set<std::string>{"block.blk"});
+
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    kzdv::efio::ReplaceFile(
+        target,
+        [](const std::string& temp, std::wstring*) {
+          Spit(temp, std::string(1 << 16, 'z'));
+          kill(getpid(), SIGKILL);
+          return true;
+        },
+        nullptr, TempKind::kUnnamed);
+    _exit(3);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  EXPECT_EQ(Slurp(target), "new");
+  EXPECT_EQ(FilesIn(dir.path()), std::set<std::string>{"block.blk"});
 }
 
 // Temporaries keep the target's extension, live beside it and never clash.

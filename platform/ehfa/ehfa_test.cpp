@@ -653,4 +653,132 @@ TEST(EhfaFile, DamagedFilesAreReportedNeverFollowed) {
   }
 }
 
+// ---- families read on first use ---------------------------------------------
+
+// Entries in memory: the tree's slots less the released ones.
+size_t LiveEntries(const Ehfa_File* f) { return f->nodes.size() - f->free_nodes.size(); }
+
+// Entries of a whole file, in file order.
+long CountEntries(const std::wstring& path) {
+  ErrGuard err;
+  Ehfa_File* f = ehfa_FileOpen(path.c_str(), "r", nullptr, &err);
+  if (!f) return -1;
+  long n = 1;
+  while (ehfa_EntrySeekIfPresent(f, EHFA_SEEK_NEXT_IN_FILE, nullptr, nullptr, &err)) ++n;
+  ehfa_FileClose(f, nullptr);
+  return err.e ? -1 : n;
+}
+
+// Families below the second level (a block's image points) stay on disk
+// until used and are given back after; whatever reaches them (sequential
+// and named reads, writes into them or onto their parents, copies) sees
+// them whole, and damage inside one is reported when it is reached.
+TEST(EhfaFile, DeepFamiliesAreReadOnFirstUseAndReleasedAfter) {
+  testutil::ScratchDir dir("ehfa_deep");
+  const std::wstring path = dir.WFile("deep.hfa");
+  ErrGuard err;
+  DesignPtr d = Own(emif_DesignCreate(L"Value", 0xc, L"v", 0, &err));
+  constexpr int kFamilies = 300, kLeaves = 3;
+  {
+    Ehfa_File* f = ehfa_FileCreate(path.c_str(), nullptr, &err);
+    ASSERT_TRUE(f) << err.Text();
+    int32_t v = 0;
+    ASSERT_TRUE(ehfa_ObjectWrite(f, L":", L"A", EHFA_WRITE_FIRST_CHILD, d.get(), &v, &err));
+    for (int i = 0; i < kFamilies; ++i) {
+      const std::wstring g = L"G" + std::to_wstring(i);
+      v = i;
+      ASSERT_TRUE(ehfa_ObjectWrite(f, L":A", g.c_str(), EHFA_WRITE_REPLACE, d.get(), &v, &err));
+      for (int j = 0; j < kLeaves; ++j) {
+        v = 10 * i + j;
+        ASSERT_TRUE(ehfa_ObjectWrite(f, (L":A:" + g).c_str(), (L"L" + std::to_wstring(j)).c_str(),
+                                     EHFA_WRITE_REPLACE, d.get(), &v, &err));
+      }
+    }
+    v = -1;
+    ASSERT_TRUE(ehfa_ObjectWrite(f, L":A:G0:L0", L"Deep", EHFA_WRITE_REPLACE, d.get(), &v, &err));
+    ASSERT_TRUE(ehfa_FileClose(f, &err)) << err.Text();
+  }
+  const long all = 2 + kFamilies * (1 + kLeaves) + 1;
+  ASSERT_EQ(CountEntries(path), all);
+
+  Ehfa_File* f = ehfa_FileOpen(path.c_str(), "r", nullptr, &err);
+  ASSERT_TRUE(f) << err.Text();
+  EXPECT_EQ(LiveEntries(f), 2u + kFamilies) << "only the root, A and its children";
+  // In file order: every value, with a bounded number of families in memory.
+  size_t most = 0;
+  int32_t v = 0;
+  ASSERT_TRUE(ehfa_EntrySeek(f, EHFA_SEEK_INTO, L":A", nullptr, &err));
+  for (int i = 0; i < kFamilies; ++i) {
+    ASSERT_TRUE(ehfa_ObjectReadInto(f, EHFA_SEEK_NEXT_IN_FILE, nullptr,
+                                    (L"G" + std::to_wstring(i)).c_str(), d.get(), &v, &err))
+        << err.Text();
+    EXPECT_EQ(v, i);
+    for (int j = 0; j < kLeaves; ++j) {
+      ASSERT_TRUE(ehfa_ObjectReadInto(f, EHFA_SEEK_NEXT_IN_FILE, nullptr,
+                                      (L"L" + std::to_wstring(j)).c_str(), d.get(), &v, &err))
+          << err.Text();
+      EXPECT_EQ(v, 10 * i + j);
+      if (i == 0 && j == 0) {
+        ASSERT_TRUE(
+            ehfa_ObjectReadInto(f, EHFA_SEEK_NEXT_IN_FILE, nullptr, L"Deep", d.get(), &v, &err));
+        EXPECT_EQ(v, -1);
+      }
+    }
+    most = std::max(most, LiveEntries(f));
+  }
+  EXPECT_LT(most, static_cast<size_t>(all) * 2 / 3) << "families read long ago are given back";
+  // Released families are read again by name, down to the deepest entry.
+  ASSERT_TRUE(ehfa_ObjectReadInto(f, EHFA_SEEK_BY_NAME, L":A:G0:L0", L"Deep", d.get(), &v, &err))
+      << err.Text();
+  EXPECT_EQ(v, -1);
+  ASSERT_TRUE(ehfa_EntrySeek(f, EHFA_SEEK_INTO, L":A:G1", nullptr, &err));
+  Ehfa_EntryInfo info;
+  ASSERT_TRUE(ehfa_EntryInfoGet(f, &info, &err));
+  EXPECT_EQ(info.child_count, kLeaves);
+  ASSERT_TRUE(ehfa_FileClose(f, &err));
+
+  // A copy holds every entry.
+  const std::wstring copy = dir.WFile("copy.hfa");
+  Ehfa_CEFRecord table[1] = {};
+  ASSERT_TRUE(ehfa_FileCopy(path.c_str(), copy.c_str(), table, nullptr, &err)) << err.Text();
+  EXPECT_EQ(CountEntries(copy), all);
+
+  // A new leaf in a family still on disk, and new data for an entry whose
+  // family is still on disk: both families keep every child.
+  f = ehfa_FileOpen(path.c_str(), "r+b", nullptr, &err);
+  ASSERT_TRUE(f) << err.Text();
+  v = 7;
+  ASSERT_TRUE(ehfa_ObjectWrite(f, L":A:G5", L"L3", EHFA_WRITE_REPLACE, d.get(), &v, &err));
+  ASSERT_TRUE(ehfa_ObjectWrite(f, L":A", L"G7", EHFA_WRITE_REPLACE, d.get(), &v, &err));
+  ASSERT_TRUE(ehfa_FileClose(f, &err)) << err.Text();
+  EXPECT_EQ(ChildrenOnDisk(path, L":A:G5"), (std::vector<std::string>{"L0", "L1", "L2", "L3"}));
+  EXPECT_EQ(ChildrenOnDisk(path, L":A:G7"), (std::vector<std::string>{"L0", "L1", "L2"}));
+  EXPECT_EQ(CountEntries(path), all + 1);
+
+  // Damage inside a family: the file opens, reaching the family fails.
+  f = ehfa_FileOpen(path.c_str(), "r", nullptr, &err);
+  ASSERT_TRUE(ehfa_EntrySeek(f, EHFA_SEEK_INTO, L":A:G9:L1", nullptr, &err));
+  ASSERT_TRUE(ehfa_EntryInfoGet(f, &info, &err));
+  ehfa_FileClose(f, nullptr);
+  std::vector<char> bytes = Slurp(path);
+  Put32(&bytes, info.file_offset, 0x7ffffff0u);
+  const std::wstring bad = dir.WFile("bad.hfa");
+  Spit(bad, bytes);
+  EXPECT_EQ(OpenError(bad), L"");
+  f = ehfa_FileOpen(bad.c_str(), "r", nullptr, &err);
+  ASSERT_TRUE(f);
+  ErrGuard seek_err;
+  EXPECT_FALSE(ehfa_EntrySeek(f, EHFA_SEEK_INTO, L":A:G9:L2", nullptr, &seek_err));
+  EXPECT_TRUE(seek_err.Mentions(L"outside the file")) << seek_err.Text();
+  ehfa_FileClose(f, nullptr);
+  EXPECT_FALSE(ReadsCompletely(bad));
+  // So is a write into it.
+  f = ehfa_FileOpen(bad.c_str(), "r+b", nullptr, &err);
+  ASSERT_TRUE(f);
+  ErrGuard write_err;
+  EXPECT_FALSE(ehfa_ObjectWrite(f, L":A:G9", L"L9", EHFA_WRITE_REPLACE, d.get(), &v, &write_err));
+  EXPECT_TRUE(write_err.Mentions(L"outside the file")) << write_err.Text();
+  ehfa_FileClose(f, nullptr);
+}
+
 }  // namespace

@@ -27,6 +27,7 @@ Node* SeekTarget(Ehfa_File* f, Ehfa_SeekMethod method, const Etxt_Char* path, co
     case EHFA_SEEK_ROOT:
       return f->root;
     case EHFA_SEEK_FIRST_CHILD:
+      f->EnsureChildren(cur);
       if (!cur->child) *missing = "first child of " + f->PathOf(cur);
       return cur->child;
     case EHFA_SEEK_NEXT_SIBLING:
@@ -58,6 +59,7 @@ Node* SeekTarget(Ehfa_File* f, Ehfa_SeekMethod method, const Etxt_Char* path, co
       return n;
     }
     case EHFA_SEEK_NEXT_IN_FILE: {
+      f->EnsureChildren(cur);
       Node* n = cur->child;
       for (Node* up = cur; !n && up; up = up->parent) n = up->next;
       if (!n) {
@@ -79,7 +81,12 @@ Node* SeekTarget(Ehfa_File* f, Ehfa_SeekMethod method, const Etxt_Char* path, co
 int DoSeek(ErrorFrame& frame, Ehfa_File* f, Ehfa_SeekMethod method, const Etxt_Char* path,
            const Etxt_Char* name, bool missing_is_error) {
   std::string missing, error;
+  f->ReleaseFamilies();
   Node* n = SeekTarget(f, method, path, name, &missing, &error);
+  if (error.empty() && !f->family_error.empty()) {
+    // A family read on the way (a damaged file) is reported once.
+    error.swap(f->family_error);
+  }
   if (!error.empty()) {
     frame.Fail(__LINE__, L"%s", KZDV_W(error));
     return -1;
@@ -97,6 +104,12 @@ int DoSeek(ErrorFrame& frame, Ehfa_File* f, Ehfa_SeekMethod method, const Etxt_C
 
 bool AfterWrite(ErrorFrame& frame, Ehfa_File* f) {
   std::string error;
+  if (!f->family_error.empty()) {
+    // The write reached a damaged family: say so rather than go on quietly.
+    error.swap(f->family_error);
+    frame.Fail(__LINE__, L"Cannot write %s: %s", f->name.c_str(), KZDV_W(error));
+    return false;
+  }
   if (!f->Flush(false, &error)) {
     frame.Fail(__LINE__, L"Cannot write %s: %s", f->name.c_str(), KZDV_W(error));
     return false;
@@ -299,7 +312,8 @@ Emsc_Boolean ehfa_EntryInfoGet(Ehfa_File* file, Ehfa_EntryInfo* info,
   ErrorFrame frame(L"ehfa_EntryInfoGet", err);
   EERR_FAIL_IF_NULL(file, frame, EMSC_FALSE);
   EERR_FAIL_IF_NULL(info, frame, EMSC_FALSE);
-  const Node* n = file->current;
+  Node* n = file->current;
+  EERR_FAIL_IF(!file->EnsureChildren(n), frame, EMSC_FALSE, L"%s", KZDV_W(file->family_error));
   file->info_name = n->name();
   file->info_type = n->type();
   info->name = file->info_name.c_str();

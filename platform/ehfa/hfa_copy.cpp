@@ -244,6 +244,8 @@ Emsc_Boolean ehfa_FileCopy(const Etxt_Char* source_name, const Etxt_Char* target
     for (const auto& d : mif::Designs(*s->dict)) mif::AddDesign(t->dict.get(), d);
     mif::SetChanged(t->dict.get(), true);
     ++t->bulk_depth;
+    // The walk holds source entries on its stack: none is released meanwhile.
+    s->hold_families = true;
     std::vector<std::pair<Node*, Node*>> stack;  // (source node, target parent)
     for (Node* c = s->root->last; c; c = c->prev) stack.emplace_back(c, t->root);
     while (ok && !stack.empty()) {
@@ -274,6 +276,10 @@ Emsc_Boolean ehfa_FileCopy(const Etxt_Char* source_name, const Etxt_Char* target
       } else {
         tn = CopyNode(s, t, sn, tp, &error);
         if (!tn) ok = false;
+      }
+      if (ok && !s->EnsureChildren(sn)) {
+        ok = false;
+        error = s->family_error;
       }
       if (ok) {
         for (Node* c = sn->last; c; c = c->prev) stack.emplace_back(c, tn);

@@ -289,6 +289,89 @@ bool Ehfa_File::InitNew(std::string* error) {
   return Flush(true, error);
 }
 
+// Reads the entry header at `pos` into a new node (its links into *next and
+// *child). Every entry is read once; a link to an entry already seen (a
+// cycle or a shared child) or out of the file is an error. Entries are 128
+// bytes and never overlap, so one bit per 64 bytes of file tells them apart.
+static Node* ReadEntry(Ehfa_File* f, uint32_t pos, Node* parent, uint32_t* next, uint32_t* child,
+                       std::string* error) {
+  if (pos < 20 || static_cast<uint64_t>(pos) + kEntryUsed > f->io.size()) {
+    *error = "entry offset " + std::to_string(pos) + " lies outside the file" +
+             (parent ? " (a child of " + f->PathOf(parent) + ")" : " (the root)");
+    return nullptr;
+  }
+  const size_t word_index = (pos >> 6) / 64;
+  if (word_index >= f->seen.size()) f->seen.resize(word_index + 1, 0);
+  uint64_t& word = f->seen[word_index];
+  const uint64_t bit = uint64_t{1} << ((pos >> 6) % 64);
+  if (word & bit) {
+    *error = "entry at offset " + std::to_string(pos) +
+             " is linked twice or overlaps another entry" +
+             (parent ? " (under " + f->PathOf(parent) + "): a cycle or a shared entry" : "");
+    return nullptr;
+  }
+  word |= bit;
+  uint8_t h[kEntryUsed];
+  if (!f->io.Read(pos, sizeof h, h, error)) return nullptr;
+  Node* n;
+  if (!f->free_nodes.empty()) {
+    n = f->free_nodes.back();
+    f->free_nodes.pop_back();
+  } else {
+    f->nodes.emplace_back();
+    n = &f->nodes.back();
+  }
+  n->pos = pos;
+  *next = LoadLe32(h);
+  *child = LoadLe32(h + 12);
+  n->data_pos = LoadLe32(h + 16);
+  n->data_size = LoadLe32(h + 20);
+  // A field filled to its end without a terminating zero is kept whole
+  // here (a rewrite of the header stores it cut by one byte).
+  f->SetName(n, FixedText(h + 24, kNameSize), kNameSize);
+  f->SetType(n, FixedText(h + 88, kTypeSize), kTypeSize);
+  n->mtime = LoadLe32(h + 120);
+  return n;
+}
+
+// Reads the children of `parent` (at `depth` below the root), starting with
+// the entry at `first`, and their descendants down to the second level;
+// deeper families are marked to be read on first use.
+static bool ReadFamily(Ehfa_File* f, Node* parent, uint32_t first, int depth, std::string* error) {
+  // Pending links: (entry position, parent, depth of the parent). Children
+  // are taken before the sibling that was pushed earlier.
+  struct Pending {
+    uint32_t pos;
+    Node* parent;
+    int depth;
+  };
+  std::vector<Pending> stack{{first, parent, depth}};
+  while (!stack.empty()) {
+    const Pending p = stack.back();
+    stack.pop_back();
+    if (p.pos == 0) continue;
+    uint32_t next = 0, child = 0;
+    Node* n = ReadEntry(f, p.pos, p.parent, &next, &child, error);
+    if (!n) return false;
+    n->parent = p.parent;
+    n->prev = p.parent->last;
+    if (p.parent->last) {
+      p.parent->last->next = n;
+    } else {
+      p.parent->child = n;
+    }
+    p.parent->last = n;
+    ++p.parent->children;
+    stack.push_back({next, p.parent, p.depth});
+    if (child != 0 && p.depth + 1 >= 2) {
+      n->deferred = 1;
+    } else {
+      stack.push_back({child, n, p.depth + 1});
+    }
+  }
+  return true;
+}
+
 bool Ehfa_File::Load(std::string* error) {
   uint8_t head[20];
   if (io.size() < 20 || !io.Read(0, 20, head, error) || std::memcmp(head, kTag, 16) != 0) {
@@ -326,72 +409,58 @@ bool Ehfa_File::Load(std::string* error) {
 
   // Entry headers in file order: an entry, its children, then its next
   // sibling, which is the order writers lay them out, so the reads run
-  // forward through the read window. Every entry is read once; a link to an
-  // entry already seen (a cycle or a shared child) or out of the file is an
-  // error. Entries are 128 bytes and never overlap, so one bit per 64 bytes
-  // of file tells them apart.
-  std::vector<uint64_t> seen(static_cast<size_t>((io.size() >> 6) / 64 + 1), 0);
-  auto read_entry = [&](uint32_t pos, Node* parent, uint32_t* next, uint32_t* child) -> Node* {
-    if (pos < 20 || static_cast<uint64_t>(pos) + kEntryUsed > io.size()) {
-      *error = "entry offset " + std::to_string(pos) + " lies outside the file" +
-               (parent ? " (a child of " + PathOf(parent) + ")" : " (the root)");
-      return nullptr;
-    }
-    uint64_t& word = seen[(pos >> 6) / 64];
-    const uint64_t bit = uint64_t{1} << ((pos >> 6) % 64);
-    if (word & bit) {
-      *error = "entry at offset " + std::to_string(pos) +
-               " is linked twice or overlaps another entry" +
-               (parent ? " (under " + PathOf(parent) + "): a cycle or a shared entry" : "");
-      return nullptr;
-    }
-    word |= bit;
-    uint8_t h[kEntryUsed];
-    if (!io.Read(pos, sizeof h, h, error)) return nullptr;
-    nodes.emplace_back();
-    Node* n = &nodes.back();
-    n->pos = pos;
-    *next = LoadLe32(h);
-    *child = LoadLe32(h + 12);
-    n->data_pos = LoadLe32(h + 16);
-    n->data_size = LoadLe32(h + 20);
-    // A field filled to its end without a terminating zero is kept whole
-    // here (a rewrite of the header stores it cut by one byte).
-    SetName(n, FixedText(h + 24, kNameSize), kNameSize);
-    SetType(n, FixedText(h + 88, kTypeSize), kTypeSize);
-    n->mtime = LoadLe32(h + 120);
-    return n;
-  };
+  // forward through the read window. Families below the second level (the
+  // image points of a block's ground points: most of a large block's
+  // entries) are read on first use, not here.
+  seen.assign(static_cast<size_t>((io.size() >> 6) / 64 + 1), 0);
   uint32_t root_next = 0, root_child = 0;
-  root = current = read_entry(root_pos, nullptr, &root_next, &root_child);
+  root = current = ReadEntry(this, root_pos, nullptr, &root_next, &root_child, error);
   if (!root) return false;
-  // Pending links: (entry position, parent). Children are taken before the
-  // sibling that was pushed earlier.
-  std::vector<std::pair<uint32_t, Node*>> stack{{root_child, root}};
-  while (!stack.empty()) {
-    const auto [pos, parent] = stack.back();
-    stack.pop_back();
-    if (pos == 0) continue;
-    uint32_t next = 0, child = 0;
-    Node* n = read_entry(pos, parent, &next, &child);
-    if (!n) return false;
-    n->parent = parent;
-    n->prev = parent->last;
-    if (parent->last) {
-      parent->last->next = n;
-    } else {
-      parent->child = n;
-    }
-    parent->last = n;
-    ++parent->children;
-    stack.emplace_back(next, parent);
-    stack.emplace_back(child, n);
+  return ReadFamily(this, root, root_child, 0, error);
+}
+
+bool Ehfa_File::EnsureChildren(Node* n) {
+  if (!n || !n->deferred) return true;
+  n->deferred = 0;
+  std::string error;
+  uint8_t h[16];
+  int depth = 0;
+  for (const Node* up = n; up != root && up; up = up->parent) ++depth;
+  if (!io.Read(n->pos, sizeof h, h, &error) ||
+      !ReadFamily(this, n, LoadLe32(h + 12), depth, &error)) {
+    if (family_error.empty()) family_error = "the children of " + PathOf(n) + ": " + error;
+    return false;
   }
+  families.push_back(n);
   return true;
+}
+
+void Ehfa_File::ReleaseFamilies() {
+  constexpr size_t kKept = 64;
+  if (hold_families || families.size() <= 2 * kKept) return;
+  while (families.size() > kKept) {
+    Node* f = families.front();
+    families.pop_front();
+    bool releasable = f->alive && !f->dirty && !f->deferred && indexes.count(f) == 0;
+    for (Node* c = f->child; releasable && c; c = c->next)
+      releasable = !c->dirty && !c->child && c != current;
+    if (!releasable) continue;
+    for (Node* c = f->child; c;) {
+      Node* next = c->next;
+      seen[(c->pos >> 6) / 64] &= ~(uint64_t{1} << ((c->pos >> 6) % 64));
+      *c = Node();
+      free_nodes.push_back(c);
+      c = next;
+    }
+    f->child = f->last = nullptr;
+    f->children = 0;
+    f->deferred = 1;
+  }
 }
 
 Node* Ehfa_File::FindChild(Node* parent, std::string_view name) const {
   if (!parent) return nullptr;
+  const_cast<Ehfa_File*>(this)->EnsureChildren(parent);
   // A few lookups scan; many lookups in a large family pay for an index.
   if (parent->children < 16) {
     for (Node* c = parent->child; c; c = c->next) {
@@ -460,6 +529,8 @@ void Ehfa_File::SetType(Node* n, std::string_view type, size_t limit) {
 }
 
 void Ehfa_File::MarkDirty(Node* n) {
+  // A header written anew links the first child: the children must be known.
+  EnsureChildren(n);
   if (n && !n->dirty) {
     n->dirty = true;
     dirty.push_back(n);
@@ -479,6 +550,7 @@ static void IndexAdd(Ehfa_File* f, Node* parent, Node* n, bool at_end) {
 }
 
 void Ehfa_File::LinkFirst(Node* parent, Node* n) {
+  EnsureChildren(parent);
   n->parent = parent;
   n->prev = nullptr;
   n->next = parent->child;
@@ -496,6 +568,7 @@ void Ehfa_File::LinkFirst(Node* parent, Node* n) {
 }
 
 void Ehfa_File::LinkLast(Node* parent, Node* n) {
+  EnsureChildren(parent);
   if (!parent->last) {
     LinkFirst(parent, n);
     return;

@@ -1,5 +1,6 @@
-// The in-memory side of an open hierarchical file: the entry tree (read whole
-// at open, headers only), positioned I/O with a read window and an append
+// The in-memory side of an open hierarchical file: the entry tree (headers
+// only; read at open down to the entries two levels below the root, deeper
+// families on first use), positioned I/O with a read window and an append
 // buffer, and the write bookkeeping (dirty entry headers, bulk writes).
 #ifndef PLATFORM_EHFA_HFA_INTERNAL_H_
 #define PLATFORM_EHFA_HFA_INTERNAL_H_
@@ -37,7 +38,9 @@ struct Node {
   uint8_t name_len = 0;
   uint8_t type_len = 0;
   bool dirty = false;
-  bool alive = true;
+  uint8_t alive : 1;
+  // The children are still only on disk: EnsureChildren reads them.
+  uint8_t deferred : 1;
   const char* name_text = "";  // UTF-8, in the name store
   const char* type_text = "";
   Node* parent = nullptr;
@@ -45,6 +48,7 @@ struct Node {
   Node* last = nullptr;  // last child
   Node* next = nullptr;
   Node* prev = nullptr;
+  Node() : alive(1), deferred(0) {}
   std::string_view name() const { return {name_text, name_len}; }
   std::string_view type() const { return {type_text, type_len}; }
 };
@@ -129,6 +133,16 @@ struct Ehfa_File {
   mutable std::unordered_map<const kzdv::hfa::Node*, kzdv::hfa::ChildIndex> indexes;
   // Scratch for Ehfa_EntryInfo strings.
   std::string info_name, info_type;
+  // Families read on first use: the entries read so far (one bit per 64
+  // bytes of file, to refuse cycles and shared entries), the families read
+  // since the open in that order, the slots of released entries, whether
+  // families may be released (not while a copy walks the tree), and the
+  // first failure to read one (reported by the next seek).
+  std::vector<uint64_t> seen;
+  std::deque<kzdv::hfa::Node*> families;
+  std::vector<kzdv::hfa::Node*> free_nodes;
+  bool hold_families = false;
+  std::string family_error;
 
   // Tree and I/O helpers (hfa_file.cpp). Each returns false with *error.
   bool Load(std::string* error);
@@ -137,6 +151,13 @@ struct Ehfa_File {
   kzdv::hfa::Node* FindChild(kzdv::hfa::Node* parent, std::string_view name) const;
   std::string PathOf(const kzdv::hfa::Node* n) const;
   kzdv::hfa::Node* NewNode(std::string_view name, std::string_view type);
+  // Reads the children of `n` if they are still on disk. False (and
+  // family_error set) when they cannot be read.
+  bool EnsureChildren(kzdv::hfa::Node* n);
+  // Gives back the memory of families read long ago that nothing refers to
+  // (clean leaves, the current entry not among them); they are read again
+  // when needed. Called between calls, where no entry is held.
+  void ReleaseFamilies();
   // Names and types longer than `limit` (by default what an entry header
   // holds with its terminating zero) are cut to fit.
   void SetName(kzdv::hfa::Node* n, std::string_view name, size_t limit = kzdv::hfa::kNameSize - 1);
