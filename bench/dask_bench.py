@@ -1,10 +1,11 @@
 """Pyramids of a set of images: serial against a local Dask cluster.
 
 Prints the time of each, the speed-up (target: 1.6x on two workers for 8
-images of 4000 x 4000), whether both runs made identical levels, and the
+images of 8000 x 8000, the size of the pyramid bench), whether both runs
+made identical levels, and the
 machine's load average (the speed-up means little on a busy machine).
 
-Usage: dask_bench.py [--images 8] [--size 4000] [--workers 2] [--workdir DIR]
+Usage: dask_bench.py [--images 8] [--size 8000] [--workers 2] [--workdir DIR]
 (the package must be importable: PYTHONPATH=build/python)
 """
 import argparse
@@ -51,7 +52,7 @@ def digest(paths):
 def main():
     ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     ap.add_argument("--images", type=int, default=8)
-    ap.add_argument("--size", type=int, default=4000)
+    ap.add_argument("--size", type=int, default=8000)
     ap.add_argument("--workers", type=int, default=2)
     ap.add_argument("--workdir")
     args = ap.parse_args()
