@@ -2,8 +2,8 @@
 
 Prints the time of each, the speed-up (target: 1.6x on two workers for 8
 images of 8000 x 8000, the size of the pyramid bench), whether both runs
-made identical levels, and the
-machine's load average (the speed-up means little on a busy machine).
+made identical levels, and the machine's load average (the speed-up means
+little on a busy machine).
 
 Usage: dask_bench.py [--images 8] [--size 8000] [--workers 2] [--workdir DIR]
 (the package must be importable: PYTHONPATH=build/python)
