@@ -80,7 +80,7 @@ int main() {
     ground[3 * i + 1] = kY0 + uni(rng);
     ground[3 * i + 2] = 400.0 + 0.05 * uni(rng);
   }
-  const double t_ours = bench::BestSeconds(5, [&] {
+  const double t_ours = bench::BestThreadSeconds(5, [&] {
     epho_CameraXformTransform3DTo2D(forward, kPoints, ground.data(), ours.data(), nullptr);
   });
   const double ours_others = bench::LastOthers();
@@ -103,7 +103,7 @@ int main() {
   const cv::Mat obj(int(kPoints), 1, CV_64FC3, local.data());
   std::vector<cv::Point2d> theirs;
   const double t_cv =
-      bench::BestSeconds(5, [&] { cv::projectPoints(obj, rvec, tvec, K, dist, theirs); });
+      bench::BestThreadSeconds(5, [&] { cv::projectPoints(obj, rvec, tvec, K, dist, theirs); });
   double max_diff = 0;
   for (long i = 0; i < kPoints; ++i) {
     max_diff = std::fmax(max_diff, std::fabs(theirs[i].x - ours[2 * i]));
