@@ -514,43 +514,61 @@ FftLayout MakeFftLayout(const Geometry& g) {
   return l;
 }
 
-// Measured cost model (bench/matching_bench.cpp prints the same figures in
-// its "switch point" rows): the direct search's time per candidate and
-// template pixel, and the transform's per point and level of one packed
-// correlation (n log2 n for an n-point tile; several tiles cost half a
-// correlation each, plus half for the template's spectrum), in
-// nanoseconds, per path. Fitted on windows of 64 to 1024 pixels and
-// templates of 11 to 41 on one AMD EPYC core, in processor time so that a
-// shared machine does not skew them: the AVX2 figures from the optimised
-// (-O3) build of `make bench`, the others from the -O2 build; the direct
-// figures are the mean over templates of 21 and more, where the choice is
-// made.
+// Measured cost model, in nanoseconds of processor time per path:
+//  - direct search: per candidate, a fixed part (window statistics,
+//    ranking) plus a part per template pixel (the cross products), over the
+//    candidate rows rounded up to whole blocks of kSearchBlock columns (the
+//    vector body's unit of work);
+//  - transform: per point and level of one packed correlation (n log2 n for
+//    an n-point tile; several tiles cost half a correlation each, plus half
+//    for the template's spectrum, at a figure of their own), plus a part per
+//    candidate (window statistics, bounds).
+// The AVX2 figures were fitted by least squares to the "switch point" rows
+// of bench/matching_bench.cpp (`matching_bench switch`, which prints the
+// measured times beside this model's) on one AMD EPYC (Zen 5) core of the
+// optimised (-O3) build, windows of 64 to 1024 pixels, templates of 11 to
+// 41, the best of several runs in processor time so that a shared machine
+// does not skew them. The other paths keep figures per template pixel only,
+// from the -O2 build.
 struct CostModel {
-  double direct_byte, direct_float, transform;
+  double direct_byte_candidate, direct_byte_pixel, direct_float_candidate, direct_float_pixel,
+      transform, transform_tiled, transform_candidate;
 };
 
 CostModel Costs(VectorPath path) {
   switch (path) {
     case VectorPath::kAvx2:  // the optimised (-O3) build's figures
-      return {0.024, 0.034, 0.45};
+      return {3.3, 0.0139, 3.1, 0.0256, 0.38, 0.44, 0.85};
     case VectorPath::kSse2:
-      return {0.036, 0.29, 0.75};
+      return {0.0, 0.036, 0.0, 0.29, 0.75, 0.75, 0.0};
     case VectorPath::kPortable:
       break;
   }
-  return {0.37, 0.29, 0.75};
+  return {0.0, 0.37, 0.0, 0.29, 0.75, 0.75, 0.0};
 }
 
-bool TransformPays(VectorPath path, const Geometry& g, const FftLayout& f, bool byte) {
-  if (!f.ok) return false;
+// The model's time of both methods, nanoseconds.
+void ModelCosts(VectorPath path, const Geometry& g, const FftLayout& f, bool byte, double* direct,
+                double* transform) {
   const CostModel c = Costs(path);
-  const double direct =
-      static_cast<double>(g.cols) * g.rows * g.tw * g.th * (byte ? c.direct_byte : c.direct_float);
+  const double candidates = static_cast<double>(g.cols) * g.rows;
+  const double blocks = static_cast<double>(RoundUp(g.cols, epho::matching::kSearchBlock)) * g.rows;
+  const double pixels = static_cast<double>(g.tw) * g.th;
+  *direct = blocks * (byte ? c.direct_byte_candidate + pixels * c.direct_byte_pixel
+                           : c.direct_float_candidate + pixels * c.direct_float_pixel);
   const double points = static_cast<double>(f.nr) * f.nc;
   // One packed correlation per tile, or for several tiles one per pair plus
   // half of one for the template's spectrum.
   const double units = f.tiles == 1 ? 1.0 : 0.5 + static_cast<double>((f.tiles + 1) / 2);
-  const double transform = units * points * std::log2(points) * c.transform;
+  *transform =
+      units * points * std::log2(points) * (f.tiles == 1 ? c.transform : c.transform_tiled) +
+      candidates * c.transform_candidate;
+}
+
+bool TransformPays(VectorPath path, const Geometry& g, const FftLayout& f, bool byte) {
+  if (!f.ok) return false;
+  double direct, transform;
+  ModelCosts(path, g, f, byte, &direct, &transform);
   return transform < direct;
 }
 
@@ -940,6 +958,16 @@ size_t epho::matching::NccSearchScratchBytes(SearchMethod method, uint32_t halfW
                                              uint32_t rangeRows) {
   if (!RangeValid(halfWidth, halfHeight, rangeColumns, rangeRows)) return 0;
   return ScratchBytes(method, MakeGeometry(halfWidth, halfHeight, rangeColumns, rangeRows));
+}
+
+void epho::matching::NccSearchModelCosts(VectorPath path, bool bytePixels, uint32_t halfWidth,
+                                         uint32_t halfHeight, uint32_t rangeColumns,
+                                         uint32_t rangeRows, double* directNs,
+                                         double* transformNs) {
+  *directNs = *transformNs = 0.0;
+  if (!RangeValid(halfWidth, halfHeight, rangeColumns, rangeRows)) return;
+  const Geometry g = MakeGeometry(halfWidth, halfHeight, rangeColumns, rangeRows);
+  ModelCosts(path, g, MakeFftLayout(g), bytePixels, directNs, transformNs);
 }
 
 bool epho::matching::NccSearchUsesTransform(VectorPath path, bool bytePixels, uint32_t halfWidth,
