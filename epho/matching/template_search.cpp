@@ -143,8 +143,11 @@ void VisitInSlideOrder(const Geometry& g, Visit visit) {
 // that order for every column. In double: exact for 8-bit pixels (integers
 // far below 2^53); the arrays never overlap, so the loop runs on vector lanes.
 template <typename P, class Value>
-void StepColumns(double* __restrict colsum, double* __restrict colsq, const P* __restrict leave,
-                 const P* __restrict enter, size_t w, Value value) {
+inline __attribute__((always_inline)) void StepColumns(double* __restrict colsum,
+                                                       double* __restrict colsq,
+                                                       const P* __restrict leave,
+                                                       const P* __restrict enter, size_t w,
+                                                       Value value) {
   if (leave)
     for (size_t c = 0; c < w; ++c) {
       const double v = value(leave[c]);
@@ -161,9 +164,9 @@ void StepColumns(double* __restrict colsum, double* __restrict colsq, const P* _
 // running sums are formed in four runs side by side (four independent
 // chains of additions), each then raised by the total of the runs before
 // it; the differences have no dependences between columns.
-void WindowRow(const double* colsum, const double* colsq, const Geometry& g,
-               double* __restrict run_s, double* __restrict run_q, double* __restrict s,
-               double* __restrict ss) {
+inline __attribute__((always_inline)) void WindowRowBody(
+    const double* colsum, const double* colsq, const Geometry& g, double* __restrict run_s,
+    double* __restrict run_q, double* __restrict s, double* __restrict ss) {
   constexpr size_t kRuns = 4;
   const size_t w = g.area_w, len = (w + kRuns - 1) / kRuns;
   double a[kRuns] = {0, 0, 0, 0}, b[kRuns] = {0, 0, 0, 0};
@@ -186,6 +189,55 @@ void WindowRow(const double* colsum, const double* colsq, const Geometry& g,
     s[x] = run_s[x + tw] - run_s[x];
     ss[x] = run_q[x + tw] - run_q[x];
   }
+}
+
+// The per-candidate loops above and RowBounds below are compiled twice: for
+// the baseline and, taken on the AVX2 path, for AVX2 (four double lanes).
+// Neither fuses a multiply and an add, so both give the same bits.
+#if EPHO_NCC_X86
+#define EPHO_TS_AVX2 __attribute__((target("avx2")))
+#endif
+
+void WindowRowBase(const double* colsum, const double* colsq, const Geometry& g, double* run_s,
+                   double* run_q, double* s, double* ss) {
+  WindowRowBody(colsum, colsq, g, run_s, run_q, s, ss);
+}
+#if EPHO_NCC_X86
+EPHO_TS_AVX2 void WindowRowAvx2(const double* colsum, const double* colsq, const Geometry& g,
+                                double* run_s, double* run_q, double* s, double* ss) {
+  WindowRowBody(colsum, colsq, g, run_s, run_q, s, ss);
+}
+#endif
+void WindowRow(VectorPath path, const double* colsum, const double* colsq, const Geometry& g,
+               double* run_s, double* run_q, double* s, double* ss) {
+#if EPHO_NCC_X86
+  if (path == VectorPath::kAvx2) return WindowRowAvx2(colsum, colsq, g, run_s, run_q, s, ss);
+#endif
+  (void)path;
+  WindowRowBase(colsum, colsq, g, run_s, run_q, s, ss);
+}
+
+// StepColumns on the given path.
+template <typename P, class Value>
+void StepColumnsBase(double* colsum, double* colsq, const P* leave, const P* enter, size_t w,
+                     Value value) {
+  StepColumns(colsum, colsq, leave, enter, w, value);
+}
+#if EPHO_NCC_X86
+template <typename P, class Value>
+EPHO_TS_AVX2 void StepColumnsAvx2(double* colsum, double* colsq, const P* leave, const P* enter,
+                                  size_t w, Value value) {
+  StepColumns(colsum, colsq, leave, enter, w, value);
+}
+#endif
+template <typename P, class Value>
+void StepColumns(VectorPath path, double* colsum, double* colsq, const P* leave, const P* enter,
+                 size_t w, Value value) {
+#if EPHO_NCC_X86
+  if (path == VectorPath::kAvx2) return StepColumnsAvx2(colsum, colsq, leave, enter, w, value);
+#endif
+  (void)path;
+  StepColumnsBase(colsum, colsq, leave, enter, w, value);
 }
 
 // Keeps the position of the largest coefficient seen. Coefficients are
@@ -315,7 +367,8 @@ int SearchByte(VectorPath path, const uint8_t* left, const uint8_t* right, uint3
   std::fill(colsum, colsum + g.area_w, 0.0);
   std::fill(colsq, colsq + g.area_w, 0.0);
   for (int r = 0; r < g.th - 1; ++r)
-    StepColumns(colsum, colsq, static_cast<const uint8_t*>(nullptr), a0 + r * rs, g.area_w, pixel);
+    StepColumns(path, colsum, colsq, static_cast<const uint8_t*>(nullptr), a0 + r * rs, g.area_w,
+                pixel);
 
   const int64_t n = static_cast<int64_t>(g.tw) * g.th;
   BestTracker best;
@@ -325,7 +378,7 @@ int SearchByte(VectorPath path, const uint8_t* left, const uint8_t* right, uint3
   }
   for (size_t y = 0; y < g.rows; ++y) {
     // Column sums over rows y .. y+th-1.
-    StepColumns(colsum, colsq, y > 0 ? a0 + (y - 1) * rs : nullptr, a0 + (y + g.th - 1) * rs,
+    StepColumns(path, colsum, colsq, y > 0 ? a0 + (y - 1) * rs : nullptr, a0 + (y + g.th - 1) * rs,
                 g.area_w, pixel);
     const int32_t* prow = pairs + y * g.work_stride;
 #if EPHO_NCC_X86
@@ -341,7 +394,7 @@ int SearchByte(VectorPath path, const uint8_t* left, const uint8_t* right, uint3
                                            cross);
     // Exact integers scaled by n: num = n*sum(TI) - sum(T)*sum(I), var = n*sum(II) - sum(I)^2.
     // Every term an integer below 2^53: exact in double.
-    WindowRow(colsum, colsq, g, run_s, run_q, row_num, row_var);
+    WindowRow(path, colsum, colsq, g, run_s, run_q, row_num, row_var);
     const double dn = static_cast<double>(n), dst = static_cast<double>(st);
     for (size_t x = 0; x < g.cols; ++x) {
       const double ws = row_num[x], wss = row_var[x];
@@ -396,7 +449,7 @@ int SearchFloat(VectorPath path, const float* left, const float* right, uint32_t
   std::fill(colsum, colsum + g.area_w, 0.0);
   std::fill(colsq, colsq + g.area_w, 0.0);
   for (int r = 0; r < g.th - 1; ++r)
-    StepColumns(colsum, colsq, static_cast<const float*>(nullptr), area + r * g.work_stride,
+    StepColumns(path, colsum, colsq, static_cast<const float*>(nullptr), area + r * g.work_stride,
                 g.area_w, widen);
 
   const double inv_n = 1.0 / (static_cast<double>(g.tw) * g.th);
@@ -406,7 +459,7 @@ int SearchFloat(VectorPath path, const float* left, const float* right, uint32_t
     return EPHO_NCC_SEARCH_OK;
   }
   for (size_t y = 0; y < g.rows; ++y) {
-    StepColumns(colsum, colsq, y > 0 ? area + (y - 1) * g.work_stride : nullptr,
+    StepColumns(path, colsum, colsq, y > 0 ? area + (y - 1) * g.work_stride : nullptr,
                 area + (y + g.th - 1) * g.work_stride, g.area_w, widen);
     const float* arow = area + y * g.work_stride;
     float* cross = cross_rows + (y & 1) * g.cols_padded;
@@ -422,7 +475,7 @@ int SearchFloat(VectorPath path, const float* left, const float* right, uint32_t
 #endif
       epho::matching::CrossRowFloatPortable(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded,
                                             cross);
-    WindowRow(colsum, colsq, g, run_s, run_q, row_num, row_var);
+    WindowRow(path, colsum, colsq, g, run_s, run_q, row_num, row_var);
     for (size_t x = 0; x < g.cols; ++x) {
       const double ws = row_num[x], wss = row_var[x];
       const double vr = wss - ws * inv_n * ws;
@@ -610,8 +663,10 @@ void NegatedPositions(size_t n, int32_t* neg) {
 // products, the window variances (0: flat, coefficient exactly 0) and the
 // rounding bound, as signed squares c |c| (monotone in c, and free of square
 // roots); the upper bounds go to `high`.
-void RowBounds(const float* num_row, double* var_low, size_t cols, double scale, double bound,
-               double vt, float* high, double* best_low, bool* nonzero, float* top_high) {
+inline __attribute__((always_inline)) void RowBoundsBody(const float* num_row, double* var_low,
+                                                         size_t cols, double scale, double bound,
+                                                         double vt, float* high, double* best_low,
+                                                         bool* nonzero, float* top_high) {
   // Branch-free, so that the loop runs on vector lanes; var_low's variances
   // become the lower bounds.
   for (size_t x = 0; x < cols; ++x) {
@@ -644,6 +699,29 @@ void RowBounds(const float* num_row, double* var_low, size_t cols, double scale,
   *best_low = std::max(std::max(best[0], best[1]), std::max(best[2], best[3]));
   const float low_high = std::min(std::min(least[0], least[1]), std::min(least[2], least[3]));
   *nonzero = *nonzero || *best_low > 0.0 || low_high < 0.0f;
+}
+
+void RowBoundsBase(const float* num_row, double* var_low, size_t cols, double scale, double bound,
+                   double vt, float* high, double* best_low, bool* nonzero, float* top_high) {
+  RowBoundsBody(num_row, var_low, cols, scale, bound, vt, high, best_low, nonzero, top_high);
+}
+#if EPHO_NCC_X86
+EPHO_TS_AVX2 void RowBoundsAvx2(const float* num_row, double* var_low, size_t cols, double scale,
+                                double bound, double vt, float* high, double* best_low,
+                                bool* nonzero, float* top_high) {
+  RowBoundsBody(num_row, var_low, cols, scale, bound, vt, high, best_low, nonzero, top_high);
+}
+#endif
+void RowBounds(VectorPath path, const float* num_row, double* var_low, size_t cols, double scale,
+               double bound, double vt, float* high, double* best_low, bool* nonzero,
+               float* top_high) {
+#if EPHO_NCC_X86
+  if (path == VectorPath::kAvx2)
+    return RowBoundsAvx2(num_row, var_low, cols, scale, bound, vt, high, best_low, nonzero,
+                         top_high);
+#endif
+  (void)path;
+  RowBoundsBase(num_row, var_low, cols, scale, bound, vt, high, best_low, nonzero, top_high);
 }
 
 // Sum of a block of pixels (exact integers for 8-bit pixels).
@@ -842,16 +920,16 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
   // Window statistics in double: exact integers for 8-bit pixels.
   auto value = [mt](P v) { return kByte ? static_cast<double>(v) : static_cast<double>(v) - mt; };
   for (int r = 0; r < g.th - 1; ++r)
-    StepColumns(colsum, colsq, static_cast<const P*>(nullptr), a0 + r * rst, g.area_w, value);
+    StepColumns(path, colsum, colsq, static_cast<const P*>(nullptr), a0 + r * rst, g.area_w, value);
   const double inv_n = 1.0 / static_cast<double>(n), dn = static_cast<double>(n);
   double best_low = -std::numeric_limits<double>::infinity();
   bool nonzero = false;  // some coefficient is certainly not 0
   for (size_t y = 0; y < g.rows; ++y) {
-    StepColumns(colsum, colsq, y > 0 ? a0 + (y - 1) * rst : nullptr, a0 + (y + g.th - 1) * rst,
-                g.area_w, value);
+    StepColumns(path, colsum, colsq, y > 0 ? a0 + (y - 1) * rst : nullptr,
+                a0 + (y + g.th - 1) * rst, g.area_w, value);
     // Window variances of the row, then the bounds of its coefficients.
     float* row_high = cross + y * g.cols;
-    WindowRow(colsum, colsq, g, run_s, run_q, row_s, row_var);
+    WindowRow(path, colsum, colsq, g, run_s, run_q, row_s, row_var);
     for (size_t x = 0; x < g.cols; ++x) {
       const double ws = row_s[x], wss = row_var[x];
       if (kByte) {
@@ -861,7 +939,7 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
         row_var[x] = vr > 1e-9 * wss ? vr : 0.0;
       }
     }
-    RowBounds(row_high, row_var, g.cols, scale, bound, vt, row_high, &best_low, &nonzero,
+    RowBounds(path, row_high, row_var, g.cols, scale, bound, vt, row_high, &best_low, &nonzero,
               &row_top[y]);
   }
   // Pass 2: exact values of the candidates that may be best, offered in the
