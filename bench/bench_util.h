@@ -12,6 +12,7 @@
 #define EPHO_BENCH_UTIL_H
 
 #include <sys/resource.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -48,17 +49,26 @@ inline double OwnSeconds() {
   return s;
 }
 
-// Share of one processor that other processes used while f ran.
+// Processor time of the calling thread, in seconds.
+inline double ThreadSeconds() {
+  timespec t{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
+// Elapsed and own-thread processor time of one run, and the share of one
+// processor that other processes used while it ran.
 struct Sample {
-  double seconds = 0, others = 0;
+  double seconds = 0, thread = 0, others = 0;
 };
 
 inline Sample Measure(const std::function<void()>& f) {
-  const double busy0 = MachineBusySeconds(), own0 = OwnSeconds();
+  const double busy0 = MachineBusySeconds(), own0 = OwnSeconds(), thread0 = ThreadSeconds();
   const auto t0 = std::chrono::steady_clock::now();
   f();
   Sample s;
   s.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  s.thread = ThreadSeconds() - thread0;
   const double others = (MachineBusySeconds() - busy0) - (OwnSeconds() - own0);
   // /proc/stat counts in clock ticks: below ~50 ms the share is noise.
   s.others = s.seconds > 0.05 ? std::max(0.0, others / s.seconds) : 0.0;
@@ -92,6 +102,21 @@ inline double BestSeconds(int repeats, const std::function<void()>& f) {
   }
   LastOthers() = best.others;
   return best.seconds;
+}
+
+// Best of `repeats` runs in processor time of the calling thread: what a
+// single-threaded computation costs, which other processes on a shared
+// machine inflate far less than its elapsed time (both sides of a
+// comparison must then run on the calling thread).
+inline double BestThreadSeconds(int repeats, const std::function<void()>& f) {
+  WaitForIdle();
+  Sample best{0, std::numeric_limits<double>::infinity(), 0};
+  for (int i = 0; i < repeats; ++i) {
+    const Sample s = Measure(f);
+    if (s.thread < best.thread) best = s;
+  }
+  LastOthers() = best.others;
+  return best.thread;
 }
 
 // "busy" note for a row whose two timings shared the processors.

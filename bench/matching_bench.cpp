@@ -67,15 +67,16 @@ double PlainScalarByte(const uint8_t* l, const uint8_t* r, uint32_t ls, uint32_t
 }
 
 // Runs `call(k)` for k = 0..calls-1 (k varies the position) and returns the
-// best-of-5 time per call.
+// best-of-5 processor time of this thread per call (OpenCV runs on this
+// thread too: one thread).
 template <class F>
 double PerCall(int calls, F call) {
-  return bench::BestSeconds(5,
-                            [&] {
-                              double s = 0;
-                              for (int k = 0; k < calls; ++k) s += call(k);
-                              g_sink = g_sink + s;
-                            }) /
+  return bench::BestThreadSeconds(5,
+                                  [&] {
+                                    double s = 0;
+                                    for (int k = 0; k < calls; ++k) s += call(k);
+                                    g_sink = g_sink + s;
+                                  }) /
          calls;
 }
 
@@ -202,14 +203,15 @@ double BestCpuSeconds(int repeats, const std::function<void()>& f) {
 }
 
 // The direct and the transform-domain search on the best vector path over
-// the sizes the cost model of template_search.cpp was fitted to: time per
-// candidate and template pixel (direct) and per transform point and level.
+// the sizes the cost model of template_search.cpp was fitted to, each
+// beside the model's time, and the method the model chooses: the
+// calibration of the switch point (refit the model's figures when the
+// measured and modelled columns part).
 void SwitchPoint() {
   using epho::matching::SearchMethod;
   const epho::VectorPath path = epho::BestVectorPath();
   std::printf(
-      "-- switch point of the template search (%s path, processor time): direct ns per "
-      "candidate*pixel, transform ns per correlation point*log2(points)\n",
+      "-- switch point of the template search (%s path, processor time, ms): measured (model)\n",
       epho::VectorPathName(path));
   const int W = 1100;
   auto img8 = Texture(21, W);
@@ -220,7 +222,7 @@ void SwitchPoint() {
       std::vector<char> scratch(
           epho::matching::NccSearchScratchBytes(SearchMethod::kTransform, h, h, cand, cand));
       Epho_NccPeak peak{};
-      double tm[2][2];
+      double tm[2][2], model[2][2];
       for (int m = 0; m < 2; ++m)
         for (int type = 0; type < 2; ++type) {
           const SearchMethod method = m == 0 ? SearchMethod::kDirect : SearchMethod::kTransform;
@@ -235,18 +237,14 @@ void SwitchPoint() {
                                              scratch.data(), scratch.size(), &peak);
           });
         }
-      // The transform's tiles as template_search.cpp cuts them.
-      int n = 16;
-      while (n < s && n < std::max(256, 4 * t)) n *= 2;
-      const double per_tile = n - t + 1, tiles = std::pow(std::ceil(cand / per_tile), 2);
-      const double units = tiles == 1 ? 1.0 : 0.5 + std::ceil(tiles / 2);
-      const double macs = double(cand) * cand * t * t,
-                   pts = units * double(n) * n * std::log2(double(n) * n);
+      for (int type = 0; type < 2; ++type)
+        epho::matching::NccSearchModelCosts(path, type == 0, h, h, cand, cand, &model[0][type],
+                                            &model[1][type]);
       std::printf(
-          "  window %4d template %2d: direct u8 %8.3f ms (%.4f) f32 %8.3f ms (%.4f)  "
-          "transform u8 %8.3f ms (%.3f) f32 %8.3f ms  chosen: u8 %s, f32 %s\n",
-          s, t, tm[0][0] * 1e3, tm[0][0] / macs * 1e9, tm[0][1] * 1e3, tm[0][1] / macs * 1e9,
-          tm[1][0] * 1e3, tm[1][0] / pts * 1e9, tm[1][1] * 1e3,
+          "  window %4d template %2d: direct u8 %7.3f (%7.3f) f32 %7.3f (%7.3f)  transform u8 "
+          "%7.3f (%7.3f) f32 %7.3f (%7.3f)  chosen: u8 %s, f32 %s\n",
+          s, t, tm[0][0] * 1e3, model[0][0] * 1e-6, tm[0][1] * 1e3, model[0][1] * 1e-6,
+          tm[1][0] * 1e3, model[1][0] * 1e-6, tm[1][1] * 1e3, model[1][1] * 1e-6,
           epho::matching::NccSearchUsesTransform(path, true, h, h, cand, cand) ? "transform"
                                                                                : "direct",
           epho::matching::NccSearchUsesTransform(path, false, h, h, cand, cand) ? "transform"
@@ -346,12 +344,20 @@ void Search() {
 
 }  // namespace
 
-int main() {
-  Kernels();
-  LeastSquares();
-  SwitchPoint();
+// Without arguments every part; otherwise only the parts named
+// ("kernels", "lsc", "switch", "search").
+int main(int argc, char** argv) {
+  auto wanted = [&](const char* part) {
+    if (argc < 2) return true;
+    for (int i = 1; i < argc; ++i)
+      if (std::string(argv[i]) == part) return true;
+    return false;
+  };
+  if (wanted("kernels")) Kernels();
+  if (wanted("lsc")) LeastSquares();
+  if (wanted("switch")) SwitchPoint();
 #ifdef EPHO_HAVE_OPENCV
-  Search();
+  if (wanted("search")) Search();
 #else
   std::printf("OpenCV not found: search comparison skipped\n");
 #endif

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "epho/camera/camera_internal.h"
+#include "epho/kernel/collinearity_batch.h"
 #include "platform/eerr/error_frame.h"
 #include "platform/emsc/heap_ptr.h"
 
@@ -66,17 +67,11 @@ Emsc_Boolean ImageToGroundRay(void* model, double image_x, double image_y, doubl
   const Epho_Camera* cam = xform->camera;
   EERR_FAIL_IF(cam->refType != EMOD_CARTESIAN, frame, EMSC_FALSE,
                L"Rays are given in the Cartesian reference only");
-  double x, y;
-  Affine(cam->forSrcAffine, image_x, image_y, &x, &y);
-  if (FlagsOf(cam).distortion) {
-    double dx, dy;
-    epho_CameraAwayDistortion(&cam->LensDistortion, &cam->AdditionalParameters, x, y, &dx, &dy);
-    x -= dx;
-    y -= dy;
-  }
-  if (FlagsOf(cam).correction)
-    epho_CameraAwayCorrection(cam->PhotoDirection, cam->coeffs[5], cam->z_mean, cam->coeffs[0], &x,
-                              &y, 1);
+  double fx, fy, x, y;
+  Affine(cam->forSrcAffine, image_x, image_y, &fx, &fy);
+  // The ideal film point as the batch inverse forms it, at the mean height.
+  epho::kernel::FilmToIdealBatch(epho::BestVectorPath(), ProjectionOf(xform), 1, &fx, &fy,
+                                 &cam->z_mean, &x, &y);
   double d[3];
   EERR_FAIL_IF(epho_CameraImageToRay(xform->orientation, x, y, d), frame, EMSC_FALSE,
                L"The image point has no ray");

@@ -137,12 +137,11 @@ namespace epho::camera {
 bool DemHeightAt(const Epho_CameraXform* xform, Efga_Matrix* one, Eimg_PixelRect* cell,
                  double map_x, double map_y, double* z, Eerr_ErrorReport** err);
 
-// Fills the four shared steps of the batch transforms.
-struct CameraFlags {
-  bool distortion;
-  bool correction;
-};
-CameraFlags FlagsOf(const Epho_Camera* camera);
+// The camera's orientation, correction and lens records as the batch
+// collinearity ("epho/kernel/collinearity_batch.h") applies them: the photo
+// direction names both the correction (2 to 4) and the height mode of the
+// intersection (1). Every transform of the camera goes through it.
+Epho_FilmProjection ProjectionOf(const Epho_CameraXform* xform);
 
 // Ground (x, y, z) triples to image pairs of a Cartesian camera in one pass:
 // input affine, collinearity with correction and distortion, output affine.

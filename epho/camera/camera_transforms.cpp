@@ -6,13 +6,16 @@
 
 #include "emod.h"
 #include "epho/camera/camera_internal.h"
+#include "epho/kernel/collinearity_batch.h"
 #include "platform/eerr/error_frame.h"
 
 namespace epho::camera {
 
-CameraFlags FlagsOf(const Epho_Camera* camera) {
-  return {camera->LensDistortion.count > 0 || camera->AdditionalParameters.count > 0,
-          camera->PhotoDirection > 1};
+Epho_FilmProjection ProjectionOf(const Epho_CameraXform* xform) {
+  const Epho_Camera* cam = xform->camera;
+  return {xform->orientation,  &cam->LensDistortion, &cam->AdditionalParameters,
+          cam->PhotoDirection, cam->PhotoDirection,  cam->coeffs[5],
+          cam->coeffs[0]};
 }
 
 bool DemHeightAt(const Epho_CameraXform* xform, Efga_Matrix* one, Eimg_PixelRect* cell,
@@ -62,44 +65,9 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 long PointCount(const Efga_Matrix* m) { return m ? (m->numrows * m->numcolumns) / 2 : 0; }
 
-// Ground (X, Y, Z) in the photogrammetric frame to film, with the refraction
-// and curvature correction and the lens distortion when the camera has them.
-inline void GroundToFilm(const Epho_CameraXform* xform, const CameraFlags& flags, double X,
-                         double Y, double Z, double* x, double* y) {
-  const Epho_Camera* cam = xform->camera;
-  // The collinearity kernel's arithmetic, inline.
-  const double* m = xform->orientation;
-  const double w = m[0] + m[1] * X + m[2] * Y + m[3] * Z;
-  if (w == 0.0) {
-    *x = *y = kNaN;  // the point lies in the plane of the perspective centre
-    return;
-  }
-  *x = (m[4] + m[5] * X + m[6] * Y + m[7] * Z) / w;
-  *y = (m[8] + m[9] * X + m[10] * Y + m[11] * Z) / w;
-  if (flags.correction)
-    epho_CameraAwayCorrection(cam->PhotoDirection, cam->coeffs[5], Z, cam->coeffs[0], x, y, 0);
-  if (flags.distortion) {
-    double dx, dy;
-    epho_CameraAwayDistortion(&cam->LensDistortion, &cam->AdditionalParameters, *x, *y, &dx, &dy);
-    *x += dx;
-    *y += dy;
-  }
-}
-
-// Film to the ideal film point of the collinearity: distortion removed (one
-// step) and the correction undone.
-inline void FilmToIdeal(const Epho_CameraXform* xform, const CameraFlags& flags, double Z,
-                        double* x, double* y) {
-  const Epho_Camera* cam = xform->camera;
-  if (flags.distortion) {
-    double dx, dy;
-    epho_CameraAwayDistortion(&cam->LensDistortion, &cam->AdditionalParameters, *x, *y, &dx, &dy);
-    *x -= dx;
-    *y -= dy;
-  }
-  if (flags.correction)
-    epho_CameraAwayCorrection(cam->PhotoDirection, cam->coeffs[5], Z, cam->coeffs[0], x, y, 1);
-}
+// Points go through the batch collinearity in blocks that stay in the
+// caches, staged as separate coordinate arrays.
+constexpr long kStep = 256;
 
 void SpheroidOf(const Epho_CameraXform* xform, double* a, double* e2) {
   const Eprj_Spheroid* s = xform->camera->obsoletePlaceHolder0->proSpheroid;
@@ -164,45 +132,25 @@ bool TangentInverseOnce(const Epho_CameraXform* xform, double x, double y, doubl
 
 void ForwardCartesianTriples(const Epho_CameraXform* xform, long count, const double* xyz,
                              const double* in_affine, const double* out_affine, double* out_xy) {
-  const Epho_Camera* cam = xform->camera;
-  const CameraFlags flags = FlagsOf(cam);
+  const Epho_FilmProjection projection = ProjectionOf(xform);
+  const epho::VectorPath path = epho::BestVectorPath();
   const double* a = in_affine;
   const double* b = out_affine;
-  const double* m = xform->orientation;
-  // Blocks of points: first the collinearity of the whole block in a loop
-  // the compiler can vectorise, then the lens and the output affine.
-  constexpr long kStep = 256;
-  double fx[kStep], fy[kStep], fz[kStep];
+  double X[kStep], Y[kStep], Z[kStep], fx[kStep], fy[kStep];
   for (long first = 0; first < count; first += kStep) {
-    const long n = std::min(kStep, count - first);
+    const int32_t n = static_cast<int32_t>(std::min(kStep, count - first));
     const double* p = xyz + 3 * first;
-    for (long i = 0; i < n; ++i) {
-      const double X = a[0] * p[3 * i] + a[1] * p[3 * i + 1] + a[2];
-      const double Y = a[3] * p[3 * i] + a[4] * p[3 * i + 1] + a[5];
-      const double Z = p[3 * i + 2];
-      const double w = m[0] + m[1] * X + m[2] * Y + m[3] * Z;
-      fx[i] = (m[4] + m[5] * X + m[6] * Y + m[7] * Z) / w;
-      fy[i] = (m[8] + m[9] * X + m[10] * Y + m[11] * Z) / w;
-      fz[i] = w == 0.0 ? kNaN : Z;  // a point in the plane of the centre projects nowhere
+    for (int32_t i = 0; i < n; ++i) {
+      X[i] = a[0] * p[3 * i] + a[1] * p[3 * i + 1] + a[2];
+      Y[i] = a[3] * p[3 * i] + a[4] * p[3 * i + 1] + a[5];
+      Z[i] = p[3 * i + 2];
     }
+    // A point in the plane of the centre comes back NaN and stays NaN.
+    epho::kernel::ObjectToImageBatch(path, projection, n, X, Y, Z, fx, fy, nullptr);
     double* o = out_xy + 2 * first;
-    for (long i = 0; i < n; ++i) {
-      double x = fx[i], y = fy[i];
-      if (std::isnan(fz[i])) {
-        o[2 * i] = o[2 * i + 1] = kNaN;
-        continue;
-      }
-      if (flags.correction)
-        epho_CameraAwayCorrection(cam->PhotoDirection, cam->coeffs[5], fz[i], cam->coeffs[0], &x,
-                                  &y, 0);
-      if (flags.distortion) {
-        double dx, dy;
-        epho_CameraAwayDistortion(&cam->LensDistortion, &cam->AdditionalParameters, x, y, &dx, &dy);
-        x += dx;
-        y += dy;
-      }
-      o[2 * i] = b[0] * x + b[1] * y + b[2];
-      o[2 * i + 1] = b[3] * x + b[4] * y + b[5];
+    for (int32_t i = 0; i < n; ++i) {
+      o[2 * i] = b[0] * fx[i] + b[1] * fy[i] + b[2];
+      o[2 * i + 1] = b[3] * fx[i] + b[4] * fy[i] + b[5];
     }
   }
 }
@@ -231,32 +179,17 @@ Emsc_Boolean epho_CameraForTransCartesian(const Epho_CameraXform* xform, double*
   EERR_FAIL_IF_NULL(in, frame, EMSC_FALSE);
   EERR_FAIL_IF_NULL(out, frame, EMSC_FALSE);
   EERR_FAIL_IF_NULL(heights, frame, EMSC_FALSE);
-  const CameraFlags flags = FlagsOf(xform->camera);
+  const Epho_FilmProjection projection = ProjectionOf(xform);
+  const epho::VectorPath path = epho::BestVectorPath();
   const long n = PointCount(in);
   const double* src = in->data;
   double* dst = out->data;
-  if (!flags.distortion && !flags.correction) {
-    // Fast loop: collinearity alone.
-    const double* m = xform->orientation;
-    for (long i = 0; i < n; ++i) {
-      const double X = src[2 * i], Y = src[2 * i + 1], Z = heights[i];
-      const double w = m[0] + m[1] * X + m[2] * Y + m[3] * Z;
-      if (w == 0.0) {
-        dst[2 * i] = dst[2 * i + 1] = kNaN;
-        continue;
-      }
-      const double u = m[4] + m[5] * X + m[6] * Y + m[7] * Z;
-      const double v = m[8] + m[9] * X + m[10] * Y + m[11] * Z;
-      dst[2 * i] = u / w;
-      dst[2 * i + 1] = v / w;
-    }
-    return EMSC_TRUE;
-  }
-  for (long i = 0; i < n; ++i) {
-    double x, y;
-    GroundToFilm(xform, flags, src[2 * i], src[2 * i + 1], heights[i], &x, &y);
-    dst[2 * i] = x;
-    dst[2 * i + 1] = y;
+  double X[kStep], Y[kStep], fx[kStep], fy[kStep];
+  for (long first = 0; first < n; first += kStep) {
+    const int32_t k = static_cast<int32_t>(std::min(kStep, n - first));
+    for (int32_t i = 0; i < k; ++i) X[i] = src[2 * (first + i)], Y[i] = src[2 * (first + i) + 1];
+    epho::kernel::ObjectToImageBatch(path, projection, k, X, Y, heights + first, fx, fy, nullptr);
+    for (int32_t i = 0; i < k; ++i) dst[2 * (first + i)] = fx[i], dst[2 * (first + i) + 1] = fy[i];
   }
   return EMSC_TRUE;
 }
@@ -275,22 +208,34 @@ Emsc_Boolean epho_CameraForTransTangent(const Epho_CameraXform* xform, double* h
   EERR_FAIL_IF(!xform->camera->obsoletePlaceHolder0 ||
                    !xform->camera->obsoletePlaceHolder0->proSpheroid || !xform->tangentFrame,
                frame, EMSC_FALSE, L"The camera has no projection parameters for a tangent plane");
-  const CameraFlags flags = FlagsOf(xform->camera);
+  const Epho_FilmProjection projection = ProjectionOf(xform);
+  const epho::VectorPath path = epho::BestVectorPath();
   double a, e2;
   SpheroidOf(xform, &a, &e2);
   const long n = PointCount(in);
-  for (long i = 0; i < n; ++i) {
-    const double lon = in->data[2 * i], lat = in->data[2 * i + 1];
-    // The shifted height goes back to the caller on purpose: it is the
-    // ellipsoidal height the photogrammetry used.
-    const double s = epho_CalculateZShift(xform->projectionDatum, xform->elevationDatum, lon, lat);
-    heights[i] -= s;
-    double Xg, Yg, Zg, Xt, Yt, Zt, x = kNaN, y = kNaN;
-    if (emod_GeographicToGeocentric(lon, lat, heights[i], &Xg, &Yg, &Zg, e2, a) &&
-        emod_GeocentricToTangentPlane(Xg, Yg, Zg, &Xt, &Yt, &Zt, xform->tangentFrame))
-      GroundToFilm(xform, flags, Xt, Yt, Zt, &x, &y);
-    out->data[2 * i] = x;
-    out->data[2 * i + 1] = y;
+  double Xt[kStep], Yt[kStep], Zt[kStep], fx[kStep], fy[kStep];
+  bool placed[kStep];
+  for (long first = 0; first < n; first += kStep) {
+    const int32_t k = static_cast<int32_t>(std::min(kStep, n - first));
+    for (int32_t i = 0; i < k; ++i) {
+      const long j = first + i;
+      const double lon = in->data[2 * j], lat = in->data[2 * j + 1];
+      // The shifted height goes back to the caller on purpose: it is the
+      // ellipsoidal height the photogrammetry used.
+      const double s =
+          epho_CalculateZShift(xform->projectionDatum, xform->elevationDatum, lon, lat);
+      heights[j] -= s;
+      double Xg, Yg, Zg;
+      placed[i] =
+          emod_GeographicToGeocentric(lon, lat, heights[j], &Xg, &Yg, &Zg, e2, a) &&
+          emod_GeocentricToTangentPlane(Xg, Yg, Zg, &Xt[i], &Yt[i], &Zt[i], xform->tangentFrame);
+      if (!placed[i]) Xt[i] = Yt[i] = Zt[i] = 0.0;  // any finite point; its result is dropped
+    }
+    epho::kernel::ObjectToImageBatch(path, projection, k, Xt, Yt, Zt, fx, fy, nullptr);
+    for (int32_t i = 0; i < k; ++i) {
+      out->data[2 * (first + i)] = placed[i] ? fx[i] : kNaN;
+      out->data[2 * (first + i) + 1] = placed[i] ? fy[i] : kNaN;
+    }
   }
   return EMSC_TRUE;
 }
@@ -313,33 +258,44 @@ Emsc_Boolean InvTransCartesianImpl(const Epho_CameraXform* xform, double* height
   const Epho_Camera* cam = xform->camera;
   DemBuffers buffers;
   if (use_dem && !MakeDemBuffers(frame, &buffers)) return EMSC_FALSE;
-  const CameraFlags flags = FlagsOf(cam);
+  const Epho_FilmProjection projection = ProjectionOf(xform);
+  const epho::VectorPath path = epho::BestVectorPath();
   const long n = PointCount(in);
-  for (long i = 0; i < n; ++i) {
-    double x = in->data[2 * i], y = in->data[2 * i + 1];
-    double Z = heights[i];
-    FilmToIdeal(xform, flags, Z, &x, &y);
-    double X = kNaN, Y = kNaN;
-    if (epho_CameraImageAndZToXY(xform->orientation, cam->PhotoDirection, x, y, Z, &X, &Y)) {
-      out->data[2 * i] = out->data[2 * i + 1] = kNaN;
-      continue;
-    }
-    if (use_dem) {
-      for (int k = 0; k < kMaxDemReads; ++k) {
-        const double Zn = IterationHeight(xform, buffers, X, Y, Z);
-        double Xn, Yn;
-        if (!epho_CameraImageAndZToXY(xform->orientation, cam->PhotoDirection, x, y, Zn, &Xn,
-                                      &Yn)) {
-          X = Xn;
-          Y = Yn;
-        }
-        const bool settled = std::fabs(Zn - Z) <= kHeightSettled;
-        Z = Zn;
-        if (settled) break;
+  double fx[kStep], fy[kStep], ix[kStep], iy[kStep], gx[kStep], gy[kStep];
+  uint8_t failed[kStep];
+  for (long first = 0; first < n; first += kStep) {
+    const int32_t k = static_cast<int32_t>(std::min(kStep, n - first));
+    for (int32_t i = 0; i < k; ++i)
+      fx[i] = in->data[2 * (first + i)], fy[i] = in->data[2 * (first + i) + 1];
+    epho::kernel::FilmToIdealBatch(path, projection, k, fx, fy, heights + first, ix, iy);
+    std::copy(ix, ix + k, gx);
+    std::copy(iy, iy + k, gy);
+    epho::kernel::IdealToGroundBatch(path, projection.matrix, projection.mode, k, heights + first,
+                                     gx, gy, failed);
+    for (int32_t i = 0; i < k; ++i) {
+      const long j = first + i;
+      double X = gx[i], Y = gy[i], Z = heights[j];
+      if (failed[i]) {
+        out->data[2 * j] = out->data[2 * j + 1] = kNaN;
+        continue;
       }
+      if (use_dem) {
+        for (int r = 0; r < kMaxDemReads; ++r) {
+          const double Zn = IterationHeight(xform, buffers, X, Y, Z);
+          double Xn, Yn;
+          if (!epho_CameraImageAndZToXY(xform->orientation, cam->PhotoDirection, ix[i], iy[i], Zn,
+                                        &Xn, &Yn)) {
+            X = Xn;
+            Y = Yn;
+          }
+          const bool settled = std::fabs(Zn - Z) <= kHeightSettled;
+          Z = Zn;
+          if (settled) break;
+        }
+      }
+      out->data[2 * j] = X;
+      out->data[2 * j + 1] = Y;
     }
-    out->data[2 * i] = X;
-    out->data[2 * i + 1] = Y;
   }
   return EMSC_TRUE;
 }
@@ -360,43 +316,50 @@ Emsc_Boolean InvTransTangentImpl(const Epho_CameraXform* xform, double* heights,
       frame, EMSC_FALSE, L"The camera has no projection parameters for a tangent plane");
   DemBuffers buffers;
   if (use_dem && !MakeDemBuffers(frame, &buffers)) return EMSC_FALSE;
-  const CameraFlags flags = FlagsOf(cam);
+  const Epho_FilmProjection projection = ProjectionOf(xform);
+  const epho::VectorPath path = epho::BestVectorPath();
   double a, e2;
   SpheroidOf(xform, &a, &e2);
   const Eprj_MapProjection* proj = xform->projection;
   const long n = PointCount(in);
-  for (long i = 0; i < n; ++i) {
-    double x = in->data[2 * i], y = in->data[2 * i + 1];
-    double Z = heights[i];
-    FilmToIdeal(xform, flags, Z, &x, &y);
-    double lon = kNaN, lat = kNaN;
-    if (!TangentInverseOnce(xform, x, y, Z, a, e2, &lon, &lat)) {
-      out->data[2 * i] = out->data[2 * i + 1] = kNaN;
-      continue;
-    }
-    if (use_dem) {
-      for (int k = 0; k < kMaxDemReads; ++k) {
-        double mx = lon, my = lat;
-        if (proj && proj->fromLL) {
-          Eerr_ErrorReport* report = nullptr;
-          if (!eprj_ProjectionFromLL(proj, 1, &mx, &my, &report) && report) {
-            eerr_PrintErrorReport(report, nullptr, 0);
-          }
-          eerr_DeleteErrorReport(report);
-        }
-        const double Zn = IterationHeight(xform, buffers, mx, my, Z);
-        double ln, lt;
-        if (TangentInverseOnce(xform, x, y, Zn, a, e2, &ln, &lt)) {
-          lon = ln;
-          lat = lt;
-        }
-        const bool settled = std::fabs(Zn - Z) <= kHeightSettled;
-        Z = Zn;
-        if (settled) break;
+  double fx[kStep], fy[kStep], ix[kStep], iy[kStep];
+  for (long first = 0; first < n; first += kStep) {
+    const int32_t block = static_cast<int32_t>(std::min(kStep, n - first));
+    for (int32_t j = 0; j < block; ++j)
+      fx[j] = in->data[2 * (first + j)], fy[j] = in->data[2 * (first + j) + 1];
+    epho::kernel::FilmToIdealBatch(path, projection, block, fx, fy, heights + first, ix, iy);
+    for (long i = first; i < first + block; ++i) {
+      const double x = ix[i - first], y = iy[i - first];
+      double Z = heights[i];
+      double lon = kNaN, lat = kNaN;
+      if (!TangentInverseOnce(xform, x, y, Z, a, e2, &lon, &lat)) {
+        out->data[2 * i] = out->data[2 * i + 1] = kNaN;
+        continue;
       }
+      if (use_dem) {
+        for (int k = 0; k < kMaxDemReads; ++k) {
+          double mx = lon, my = lat;
+          if (proj && proj->fromLL) {
+            Eerr_ErrorReport* report = nullptr;
+            if (!eprj_ProjectionFromLL(proj, 1, &mx, &my, &report) && report) {
+              eerr_PrintErrorReport(report, nullptr, 0);
+            }
+            eerr_DeleteErrorReport(report);
+          }
+          const double Zn = IterationHeight(xform, buffers, mx, my, Z);
+          double ln, lt;
+          if (TangentInverseOnce(xform, x, y, Zn, a, e2, &ln, &lt)) {
+            lon = ln;
+            lat = lt;
+          }
+          const bool settled = std::fabs(Zn - Z) <= kHeightSettled;
+          Z = Zn;
+          if (settled) break;
+        }
+      }
+      out->data[2 * i] = lon;
+      out->data[2 * i + 1] = lat;
     }
-    out->data[2 * i] = lon;
-    out->data[2 * i + 1] = lat;
   }
   return EMSC_TRUE;
 }

@@ -22,6 +22,12 @@
 //  - The transform-domain (FFT) search does the same single-precision
 //    operations in every lane on every path (no fused multiply-add), so its
 //    spectra are bit-identical across paths; only the lane count differs.
+//  - The template search's window statistics and coefficient bounds have a
+//    baseline and an AVX2 build of one body (double precision, nothing
+//    fused): identical on every path.
+//  - The batch collinearity has two-lane (kPortable, kSse2) and four-lane
+//    (kAvx2) bodies doing the per-point functions' operations in their
+//    order: bit-identical on every path.
 //  - The symmetric solvers use two-lane double vectors on every path
 //    (baseline SSE2 on x86-64), with the scalar operation order: they have a
 //    single body and are not switched.

@@ -115,6 +115,11 @@ std::size_t NccSearchScratchBytes(SearchMethod method, uint32_t halfWidth, uint3
 // Whether kAuto takes the transform for these sizes on this path.
 bool NccSearchUsesTransform(epho::VectorPath path, bool bytePixels, uint32_t halfWidth,
                             uint32_t halfHeight, uint32_t rangeColumns, uint32_t rangeRows);
+// The cost model's times of the two methods (nanoseconds), for the
+// calibration bench.
+void NccSearchModelCosts(epho::VectorPath path, bool bytePixels, uint32_t halfWidth,
+                         uint32_t halfHeight, uint32_t rangeColumns, uint32_t rangeRows,
+                         double* directNs, double* transformNs);
 
 }  // namespace epho::matching
 

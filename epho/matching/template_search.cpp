@@ -66,7 +66,7 @@ Geometry MakeGeometry(uint32_t hw, uint32_t hh, uint32_t cols, uint32_t rows) {
 // Scratch carve-up; each part aligned to 64 bytes. Both pixel types use 4
 // bytes per stored search-area element and per template element.
 struct Layout {
-  size_t area, templ, cross, colsum, colsq, total;
+  size_t area, templ, cross, colsum, colsq, run_s, run_q, num, var, score, total;
 };
 
 Layout MakeLayout(const Geometry& g) {
@@ -82,6 +82,11 @@ Layout MakeLayout(const Geometry& g) {
   l.cross = take(8 * g.cols_padded);  // two rows of results
   l.colsum = take(8 * g.area_w);
   l.colsq = take(8 * g.area_w);
+  l.run_s = take(8 * (g.area_w + 1));
+  l.run_q = take(8 * (g.area_w + 1));
+  l.num = take(8 * g.cols);
+  l.var = take(8 * g.cols);
+  l.score = take(8 * g.cols);
   l.total = off + 64;  // room to align the block's start
   return l;
 }
@@ -133,6 +138,108 @@ void VisitInSlideOrder(const Geometry& g, Visit visit) {
     }
 }
 
+// Column sums (and sums of squares) of the window rows, moved down one row:
+// row `leave` (null for the first window) leaves, row `enter` enters, in
+// that order for every column. In double: exact for 8-bit pixels (integers
+// far below 2^53); the arrays never overlap, so the loop runs on vector lanes.
+template <typename P, class Value>
+inline __attribute__((always_inline)) void StepColumns(double* __restrict colsum,
+                                                       double* __restrict colsq,
+                                                       const P* __restrict leave,
+                                                       const P* __restrict enter, size_t w,
+                                                       Value value) {
+  if (leave)
+    for (size_t c = 0; c < w; ++c) {
+      const double v = value(leave[c]);
+      colsum[c] -= v, colsq[c] -= v * v;
+    }
+  for (size_t c = 0; c < w; ++c) {
+    const double v = value(enter[c]);
+    colsum[c] += v, colsq[c] += v * v;
+  }
+}
+
+// Window sums s[x] and ss[x] (x < cols) of a row of column sums, as
+// differences of running sums along the row (exact for 8-bit pixels). The
+// running sums are formed in four runs side by side (four independent
+// chains of additions), each then raised by the total of the runs before
+// it; the differences have no dependences between columns.
+inline __attribute__((always_inline)) void WindowRowBody(
+    const double* colsum, const double* colsq, const Geometry& g, double* __restrict run_s,
+    double* __restrict run_q, double* __restrict s, double* __restrict ss) {
+  constexpr size_t kRuns = 4;
+  const size_t w = g.area_w, len = (w + kRuns - 1) / kRuns;
+  double a[kRuns] = {0, 0, 0, 0}, b[kRuns] = {0, 0, 0, 0};
+  run_s[0] = run_q[0] = 0.0;
+  for (size_t i = 0; i < len; ++i)
+    for (size_t k = 0; k < kRuns; ++k) {
+      const size_t c = k * len + i;
+      if (c >= w) continue;
+      a[k] += colsum[c], b[k] += colsq[c];
+      run_s[c + 1] = a[k], run_q[c + 1] = b[k];
+    }
+  double off_s = 0.0, off_q = 0.0;
+  for (size_t k = 1; k < kRuns && k * len < w; ++k) {
+    off_s += a[k - 1], off_q += b[k - 1];
+    const size_t end = std::min(w, (k + 1) * len);
+    for (size_t c = k * len; c < end; ++c) run_s[c + 1] += off_s, run_q[c + 1] += off_q;
+  }
+  const size_t tw = static_cast<size_t>(g.tw);
+  for (size_t x = 0; x < g.cols; ++x) {
+    s[x] = run_s[x + tw] - run_s[x];
+    ss[x] = run_q[x + tw] - run_q[x];
+  }
+}
+
+// The per-candidate loops above and RowBounds below are compiled twice: for
+// the baseline and, taken on the AVX2 path, for AVX2 (four double lanes).
+// Neither fuses a multiply and an add, so both give the same bits.
+#if EPHO_NCC_X86
+#define EPHO_TS_AVX2 __attribute__((target("avx2")))
+#endif
+
+void WindowRowBase(const double* colsum, const double* colsq, const Geometry& g, double* run_s,
+                   double* run_q, double* s, double* ss) {
+  WindowRowBody(colsum, colsq, g, run_s, run_q, s, ss);
+}
+#if EPHO_NCC_X86
+EPHO_TS_AVX2 void WindowRowAvx2(const double* colsum, const double* colsq, const Geometry& g,
+                                double* run_s, double* run_q, double* s, double* ss) {
+  WindowRowBody(colsum, colsq, g, run_s, run_q, s, ss);
+}
+#endif
+void WindowRow(VectorPath path, const double* colsum, const double* colsq, const Geometry& g,
+               double* run_s, double* run_q, double* s, double* ss) {
+#if EPHO_NCC_X86
+  if (path == VectorPath::kAvx2) return WindowRowAvx2(colsum, colsq, g, run_s, run_q, s, ss);
+#endif
+  (void)path;
+  WindowRowBase(colsum, colsq, g, run_s, run_q, s, ss);
+}
+
+// StepColumns on the given path.
+template <typename P, class Value>
+void StepColumnsBase(double* colsum, double* colsq, const P* leave, const P* enter, size_t w,
+                     Value value) {
+  StepColumns(colsum, colsq, leave, enter, w, value);
+}
+#if EPHO_NCC_X86
+template <typename P, class Value>
+EPHO_TS_AVX2 void StepColumnsAvx2(double* colsum, double* colsq, const P* leave, const P* enter,
+                                  size_t w, Value value) {
+  StepColumns(colsum, colsq, leave, enter, w, value);
+}
+#endif
+template <typename P, class Value>
+void StepColumns(VectorPath path, double* colsum, double* colsq, const P* leave, const P* enter,
+                 size_t w, Value value) {
+#if EPHO_NCC_X86
+  if (path == VectorPath::kAvx2) return StepColumnsAvx2(colsum, colsq, leave, enter, w, value);
+#endif
+  (void)path;
+  StepColumnsBase(colsum, colsq, leave, enter, w, value);
+}
+
 // Keeps the position of the largest coefficient seen. Coefficients are
 // compared through score = num * |num| / var (a monotone function of the
 // coefficient for a fixed template), kept as a fraction so that a candidate
@@ -155,6 +262,51 @@ struct BestTracker {
       a = sa, b = sb, x = cx, y = cy;
   }
 };
+
+// Offers one candidate row to `best` given each candidate's (num, var) as
+// BestTracker reads them. The row is first compared with the best so far in
+// a loop without branches or divisions (vector lanes), by the same two
+// products as BestTracker; only the candidates that come within a margin far
+// above their rounding are offered, in the order of the running sums: the
+// others would lose every comparison, so the result is the one of offering
+// them all.
+void OfferRow(const double* num, const double* var, double* gap, const Geometry& g, size_t y,
+              BestTracker* best) {
+  const double a = best->a, b = best->b;
+  const bool first = a == -std::numeric_limits<double>::infinity();
+  // Two candidates per step on explicit vectors (the compiler keeps the
+  // selects of a scalar loop as branches); each lane does the scalar
+  // operations. A flat candidate (var <= 0) is the fraction 0 / 1.
+  typedef double V2 __attribute__((vector_size(16)));
+  const V2 zero = {0.0, 0.0}, one = {1.0, 1.0};
+  V2 most = {-std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity()};
+  size_t x = 0;
+  for (; x + 2 <= g.cols; x += 2) {
+    V2 n, v;
+    std::memcpy(&n, num + x, sizeof n);
+    std::memcpy(&v, var + x, sizeof v);
+    const auto counts = (v > zero) & (n != zero);
+    const V2 an = n < zero ? -n : n;
+    const V2 sa = counts ? n * an : zero, sb = counts ? v : one;
+    const V2 rhs = a * sb;
+    const V2 arhs = rhs < zero ? -rhs : rhs;
+    const V2 d = sa * b - (rhs - 1e-12 * arhs);
+    std::memcpy(gap + x, &d, sizeof d);
+    most = most > d ? most : d;
+  }
+  bool any = most[0] >= 0.0 || most[1] >= 0.0;
+  for (; x < g.cols; ++x) {
+    const bool counts = var[x] > 0.0 && num[x] != 0.0;
+    const double sa = counts ? num[x] * std::fabs(num[x]) : 0.0, sb = counts ? var[x] : 1.0;
+    const double rhs = a * sb;
+    gap[x] = sa * b - (rhs - 1e-12 * std::fabs(rhs));
+    any = any || gap[x] >= 0.0;
+  }
+  if (!any && !first) return;
+  VisitInSlideOrder(g, [&](size_t x) {
+    if (gap[x] >= 0.0 || first) best->Offer(num[x], var[x], x, y);
+  });
+}
 
 // Sub-pixel peak along one axis from three coefficients; 0 unless the middle
 // one is a strict maximum of a downward parabola.
@@ -197,8 +349,13 @@ int SearchByte(VectorPath path, const uint8_t* left, const uint8_t* right, uint3
   int32_t* pairs = reinterpret_cast<int32_t*>(base + lay.area);
   int32_t* coef = reinterpret_cast<int32_t*>(base + lay.templ);
   int32_t* cross = reinterpret_cast<int32_t*>(base + lay.cross);
-  int64_t* colsum = reinterpret_cast<int64_t*>(base + lay.colsum);
-  int64_t* colsq = reinterpret_cast<int64_t*>(base + lay.colsq);
+  double* colsum = reinterpret_cast<double*>(base + lay.colsum);
+  double* colsq = reinterpret_cast<double*>(base + lay.colsq);
+  double* run_s = reinterpret_cast<double*>(base + lay.run_s);
+  double* run_q = reinterpret_cast<double*>(base + lay.run_q);
+  double* row_num = reinterpret_cast<double*>(base + lay.num);
+  double* row_var = reinterpret_cast<double*>(base + lay.var);
+  double* row_score = reinterpret_cast<double*>(base + lay.score);
   const int npairs = (g.tw + 1) / 2;
 
   // Template: packed pairs and its sums.
@@ -223,13 +380,12 @@ int SearchByte(VectorPath path, const uint8_t* left, const uint8_t* right, uint3
     }
     std::fill(out + g.area_w, out + g.work_stride, 0);
   }
-  std::fill(colsum, colsum + g.area_w, 0);
-  std::fill(colsq, colsq + g.area_w, 0);
+  auto pixel = [](uint8_t v) { return static_cast<double>(v); };
+  std::fill(colsum, colsum + g.area_w, 0.0);
+  std::fill(colsq, colsq + g.area_w, 0.0);
   for (int r = 0; r < g.th - 1; ++r)
-    for (size_t c = 0; c < g.area_w; ++c) {
-      const int64_t v = a0[r * rs + c];
-      colsum[c] += v, colsq[c] += v * v;
-    }
+    StepColumns(path, colsum, colsq, static_cast<const uint8_t*>(nullptr), a0 + r * rs, g.area_w,
+                pixel);
 
   const int64_t n = static_cast<int64_t>(g.tw) * g.th;
   BestTracker best;
@@ -239,8 +395,8 @@ int SearchByte(VectorPath path, const uint8_t* left, const uint8_t* right, uint3
   }
   for (size_t y = 0; y < g.rows; ++y) {
     // Column sums over rows y .. y+th-1.
-    const uint8_t* add = a0 + (y + g.th - 1) * rs;
-    for (size_t c = 0; c < g.area_w; ++c) colsum[c] += add[c], colsq[c] += add[c] * add[c];
+    StepColumns(path, colsum, colsq, y > 0 ? a0 + (y - 1) * rs : nullptr, a0 + (y + g.th - 1) * rs,
+                g.area_w, pixel);
     const int32_t* prow = pairs + y * g.work_stride;
 #if EPHO_NCC_X86
     if (path == VectorPath::kAvx2)
@@ -254,12 +410,15 @@ int SearchByte(VectorPath path, const uint8_t* left, const uint8_t* right, uint3
       epho::matching::CrossRowBytePortable(prow, g.work_stride, coef, g.th, npairs, g.cols_padded,
                                            cross);
     // Exact integers scaled by n: num = n*sum(TI) - sum(T)*sum(I), var = n*sum(II) - sum(I)^2.
-    SlideRow(colsum, colsq, g, [&](size_t x, int64_t s, int64_t ss) {
-      const int64_t num = n * static_cast<int64_t>(static_cast<uint32_t>(cross[x])) - st * s;
-      best.Offer(static_cast<double>(num), static_cast<double>(n * ss - s * s), x, y);
-    });
-    const uint8_t* sub = a0 + y * rs;
-    for (size_t c = 0; c < g.area_w; ++c) colsum[c] -= sub[c], colsq[c] -= sub[c] * sub[c];
+    // Every term an integer below 2^53: exact in double.
+    WindowRow(path, colsum, colsq, g, run_s, run_q, row_num, row_var);
+    const double dn = static_cast<double>(n), dst = static_cast<double>(st);
+    for (size_t x = 0; x < g.cols; ++x) {
+      const double ws = row_num[x], wss = row_var[x];
+      row_num[x] = dn * static_cast<double>(static_cast<uint32_t>(cross[x])) - dst * ws;
+      row_var[x] = dn * wss - ws * ws;
+    }
+    OfferRow(row_num, row_var, row_score, g, y, &best);
   }
   *best_x = static_cast<int32_t>(rxMin + best.x);
   *best_y = static_cast<int32_t>(ryMin + best.y);
@@ -275,6 +434,11 @@ int SearchFloat(VectorPath path, const float* left, const float* right, uint32_t
   float* cross_rows = reinterpret_cast<float*>(base + lay.cross);
   double* colsum = reinterpret_cast<double*>(base + lay.colsum);
   double* colsq = reinterpret_cast<double*>(base + lay.colsq);
+  double* run_s = reinterpret_cast<double*>(base + lay.run_s);
+  double* run_q = reinterpret_cast<double*>(base + lay.run_q);
+  double* row_num = reinterpret_cast<double*>(base + lay.num);
+  double* row_var = reinterpret_cast<double*>(base + lay.var);
+  double* row_score = reinterpret_cast<double*>(base + lay.score);
 
   // Zero-mean template; its variance in double.
   const float* t0 = left + (static_cast<ptrdiff_t>(ly) - g.hh) * ls + (lx - g.hw);
@@ -293,17 +457,17 @@ int SearchFloat(VectorPath path, const float* left, const float* right, uint32_t
   const float* a0 = right + (static_cast<ptrdiff_t>(ryMin) - g.hh) * rs + (rxMin - g.hw);
   const double ma = mt;  // the template's mean is close enough to the area's level
   for (size_t r = 0; r < g.area_h; ++r) {
-    float* out = area + r * g.work_stride;
-    for (size_t c = 0; c < g.area_w; ++c) out[c] = static_cast<float>(a0[r * rs + c] - ma);
+    float* __restrict out = area + r * g.work_stride;
+    const float* __restrict in = a0 + r * rs;
+    for (size_t c = 0; c < g.area_w; ++c) out[c] = static_cast<float>(in[c] - ma);
     std::fill(out + g.area_w, out + g.work_stride, 0.0f);
   }
+  auto widen = [](float v) { return static_cast<double>(v); };
   std::fill(colsum, colsum + g.area_w, 0.0);
   std::fill(colsq, colsq + g.area_w, 0.0);
   for (int r = 0; r < g.th - 1; ++r)
-    for (size_t c = 0; c < g.area_w; ++c) {
-      const double v = area[r * g.work_stride + c];
-      colsum[c] += v, colsq[c] += v * v;
-    }
+    StepColumns(path, colsum, colsq, static_cast<const float*>(nullptr), area + r * g.work_stride,
+                g.area_w, widen);
 
   const double inv_n = 1.0 / (static_cast<double>(g.tw) * g.th);
   BestTracker best;
@@ -312,11 +476,8 @@ int SearchFloat(VectorPath path, const float* left, const float* right, uint32_t
     return EPHO_NCC_SEARCH_OK;
   }
   for (size_t y = 0; y < g.rows; ++y) {
-    const float* add = area + (y + g.th - 1) * g.work_stride;
-    for (size_t c = 0; c < g.area_w; ++c) {
-      const double v = add[c];
-      colsum[c] += v, colsq[c] += v * v;
-    }
+    StepColumns(path, colsum, colsq, y > 0 ? area + (y - 1) * g.work_stride : nullptr,
+                area + (y + g.th - 1) * g.work_stride, g.area_w, widen);
     const float* arow = area + y * g.work_stride;
     float* cross = cross_rows + (y & 1) * g.cols_padded;
 #if EPHO_NCC_X86
@@ -331,16 +492,15 @@ int SearchFloat(VectorPath path, const float* left, const float* right, uint32_t
 #endif
       epho::matching::CrossRowFloatPortable(arow, g.work_stride, templ, g.th, g.tw, g.cols_padded,
                                             cross);
-    SlideRow(colsum, colsq, g, [&](size_t x, double s, double ss) {
-      const double vr = ss - s * inv_n * s;
+    WindowRow(path, colsum, colsq, g, run_s, run_q, row_num, row_var);
+    for (size_t x = 0; x < g.cols; ++x) {
+      const double ws = row_num[x], wss = row_var[x];
+      const double vr = wss - ws * inv_n * ws;
       // Relative floor: a window flat up to float rounding counts as flat.
-      best.Offer(cross[x], vr > 1e-9 * ss ? vr : 0.0, x, y);
-    });
-    const float* sub = area + y * g.work_stride;
-    for (size_t c = 0; c < g.area_w; ++c) {
-      const double v = sub[c];
-      colsum[c] -= v, colsq[c] -= v * v;
+      row_num[x] = cross[x];
+      row_var[x] = vr > 1e-9 * wss ? vr : 0.0;
     }
+    OfferRow(row_num, row_var, row_score, g, y, &best);
   }
   *best_x = static_cast<int32_t>(rxMin + best.x);
   *best_y = static_cast<int32_t>(ryMin + best.y);
@@ -376,8 +536,8 @@ struct FftLayout {
   size_t nr, nc;          // transform (tile) size
   size_t step_r, step_c;  // candidates per tile
   size_t tiles;           // tiles over the candidate range
-  size_t re, im, spec_re, spec_im, strip, tw_r, tw_c, neg_r, neg_c, cross, colsum, colsq, row_var,
-      total;
+  size_t re, im, spec_re, spec_im, strip, tw_r, tw_c, neg_r, neg_c, cross, colsum, colsq, run_s,
+      run_q, row_s, row_var, row_top, total;
   bool ok;  // the candidate range fits the size limit
 };
 
@@ -415,48 +575,70 @@ FftLayout MakeFftLayout(const Geometry& g) {
   l.cross = take(4 * g.rows * g.cols);
   l.colsum = take(8 * g.area_w);
   l.colsq = take(8 * g.area_w);
+  l.run_s = take(8 * (g.area_w + 1));
+  l.run_q = take(8 * (g.area_w + 1));
+  l.row_s = take(8 * g.cols);
   l.row_var = take(8 * g.cols);
+  l.row_top = take(4 * g.rows);
   l.total = off + 64;
   return l;
 }
 
-// Measured cost model (bench/matching_bench.cpp prints the same figures in
-// its "switch point" rows): the direct search's time per candidate and
-// template pixel, and the transform's per point and level of one packed
-// correlation (n log2 n for an n-point tile; several tiles cost half a
-// correlation each, plus half for the template's spectrum), in
-// nanoseconds, per path. Fitted on windows of 64 to 1024 pixels and
-// templates of 11 to 41 on one AMD EPYC core, in processor time so that a
-// shared machine does not skew them: the AVX2 figures from the optimised
-// (-O3) build of `make bench`, the others from the -O2 build; the direct
-// figures are the mean over templates of 21 and more, where the choice is
-// made.
+// Measured cost model, in nanoseconds of processor time per path:
+//  - direct search: per candidate, a fixed part (window statistics,
+//    ranking) plus a part per template pixel (the cross products), over the
+//    candidate rows rounded up to whole blocks of kSearchBlock columns (the
+//    vector body's unit of work);
+//  - transform: per point and level of one packed correlation (n log2 n for
+//    an n-point tile; several tiles cost half a correlation each, plus half
+//    for the template's spectrum, at a figure of their own), plus a part per
+//    candidate (window statistics, bounds).
+// The AVX2 figures were fitted by least squares to the "switch point" rows
+// of bench/matching_bench.cpp (`matching_bench switch`, which prints the
+// measured times beside this model's) on one AMD EPYC (Zen 5) core of the
+// optimised (-O3) build, windows of 64 to 1024 pixels, templates of 11 to
+// 41, the best of several runs in processor time so that a shared machine
+// does not skew them. The other paths keep figures per template pixel only,
+// from the -O2 build.
 struct CostModel {
-  double direct_byte, direct_float, transform;
+  double direct_byte_candidate, direct_byte_pixel, direct_float_candidate, direct_float_pixel,
+      transform, transform_tiled, transform_candidate;
 };
 
 CostModel Costs(VectorPath path) {
   switch (path) {
     case VectorPath::kAvx2:  // the optimised (-O3) build's figures
-      return {0.024, 0.034, 0.45};
+      return {3.3, 0.0139, 3.1, 0.0256, 0.38, 0.44, 0.85};
     case VectorPath::kSse2:
-      return {0.036, 0.29, 0.75};
+      return {0.0, 0.036, 0.0, 0.29, 0.75, 0.75, 0.0};
     case VectorPath::kPortable:
       break;
   }
-  return {0.37, 0.29, 0.75};
+  return {0.0, 0.37, 0.0, 0.29, 0.75, 0.75, 0.0};
 }
 
-bool TransformPays(VectorPath path, const Geometry& g, const FftLayout& f, bool byte) {
-  if (!f.ok) return false;
+// The model's time of both methods, nanoseconds.
+void ModelCosts(VectorPath path, const Geometry& g, const FftLayout& f, bool byte, double* direct,
+                double* transform) {
   const CostModel c = Costs(path);
-  const double direct =
-      static_cast<double>(g.cols) * g.rows * g.tw * g.th * (byte ? c.direct_byte : c.direct_float);
+  const double candidates = static_cast<double>(g.cols) * g.rows;
+  const double blocks = static_cast<double>(RoundUp(g.cols, epho::matching::kSearchBlock)) * g.rows;
+  const double pixels = static_cast<double>(g.tw) * g.th;
+  *direct = blocks * (byte ? c.direct_byte_candidate + pixels * c.direct_byte_pixel
+                           : c.direct_float_candidate + pixels * c.direct_float_pixel);
   const double points = static_cast<double>(f.nr) * f.nc;
   // One packed correlation per tile, or for several tiles one per pair plus
   // half of one for the template's spectrum.
   const double units = f.tiles == 1 ? 1.0 : 0.5 + static_cast<double>((f.tiles + 1) / 2);
-  const double transform = units * points * std::log2(points) * c.transform;
+  *transform =
+      units * points * std::log2(points) * (f.tiles == 1 ? c.transform : c.transform_tiled) +
+      candidates * c.transform_candidate;
+}
+
+bool TransformPays(VectorPath path, const Geometry& g, const FftLayout& f, bool byte) {
+  if (!f.ok) return false;
+  double direct, transform;
+  ModelCosts(path, g, f, byte, &direct, &transform);
   return transform < direct;
 }
 
@@ -479,24 +661,29 @@ void Twiddles(size_t n, float* w) {
   }
 }
 
-// Position of frequency -k in bit-reversed order, for every position.
+// Position of frequency -k in bit-reversed order, for every position (n is
+// a power of two of at most kMaxTileSide).
+constexpr size_t kMaxTileSide = 1024;
 void NegatedPositions(size_t n, int32_t* neg) {
   int bits = 0;
   while ((size_t(1) << bits) < n) ++bits;
-  auto reverse = [bits](size_t v) {
-    size_t r = 0;
-    for (int b = 0; b < bits; ++b) r |= ((v >> b) & 1) << (bits - 1 - b);
-    return r;
-  };
-  for (size_t p = 0; p < n; ++p) neg[p] = static_cast<int32_t>(reverse((n - reverse(p)) & (n - 1)));
+  int32_t reversed[kMaxTileSide];
+  reversed[0] = 0;
+  for (size_t p = 1; p < n; ++p)
+    reversed[p] = static_cast<int32_t>((static_cast<size_t>(reversed[p >> 1]) >> 1) |
+                                       ((p & 1) << (bits - 1)));
+  for (size_t p = 0; p < n; ++p)
+    neg[p] = reversed[(n - static_cast<size_t>(reversed[p])) & (n - 1)];
 }
 
 // Bounds of the coefficients of one candidate row from the transform's cross
 // products, the window variances (0: flat, coefficient exactly 0) and the
 // rounding bound, as signed squares c |c| (monotone in c, and free of square
 // roots); the upper bounds go to `high`.
-void RowBounds(const float* num_row, double* var_low, size_t cols, double scale, double bound,
-               double vt, float* high, double* best_low, bool* nonzero) {
+inline __attribute__((always_inline)) void RowBoundsBody(const float* num_row, double* var_low,
+                                                         size_t cols, double scale, double bound,
+                                                         double vt, float* high, double* best_low,
+                                                         bool* nonzero, float* top_high) {
   // Branch-free, so that the loop runs on vector lanes; var_low's variances
   // become the lower bounds.
   for (size_t x = 0; x < cols; ++x) {
@@ -511,19 +698,47 @@ void RowBounds(const float* num_row, double* var_low, size_t cols, double scale,
   // Largest lower and smallest upper bound, four chains.
   double best[4] = {*best_low, *best_low, *best_low, *best_low};
   float least[4] = {1.0f, 1.0f, 1.0f, 1.0f};
+  const float none = -std::numeric_limits<float>::infinity();
+  float most[4] = {none, none, none, none};
   size_t x = 0;
   for (; x + 4 <= cols; x += 4)
     for (int k = 0; k < 4; ++k) {
       best[k] = best[k] > var_low[x + k] ? best[k] : var_low[x + k];
       least[k] = least[k] < high[x + k] ? least[k] : high[x + k];
+      most[k] = most[k] > high[x + k] ? most[k] : high[x + k];
     }
   for (; x < cols; ++x) {
     best[0] = best[0] > var_low[x] ? best[0] : var_low[x];
     least[0] = least[0] < high[x] ? least[0] : high[x];
+    most[0] = most[0] > high[x] ? most[0] : high[x];
   }
+  *top_high = std::max(std::max(most[0], most[1]), std::max(most[2], most[3]));
   *best_low = std::max(std::max(best[0], best[1]), std::max(best[2], best[3]));
   const float low_high = std::min(std::min(least[0], least[1]), std::min(least[2], least[3]));
   *nonzero = *nonzero || *best_low > 0.0 || low_high < 0.0f;
+}
+
+void RowBoundsBase(const float* num_row, double* var_low, size_t cols, double scale, double bound,
+                   double vt, float* high, double* best_low, bool* nonzero, float* top_high) {
+  RowBoundsBody(num_row, var_low, cols, scale, bound, vt, high, best_low, nonzero, top_high);
+}
+#if EPHO_NCC_X86
+EPHO_TS_AVX2 void RowBoundsAvx2(const float* num_row, double* var_low, size_t cols, double scale,
+                                double bound, double vt, float* high, double* best_low,
+                                bool* nonzero, float* top_high) {
+  RowBoundsBody(num_row, var_low, cols, scale, bound, vt, high, best_low, nonzero, top_high);
+}
+#endif
+void RowBounds(VectorPath path, const float* num_row, double* var_low, size_t cols, double scale,
+               double bound, double vt, float* high, double* best_low, bool* nonzero,
+               float* top_high) {
+#if EPHO_NCC_X86
+  if (path == VectorPath::kAvx2)
+    return RowBoundsAvx2(num_row, var_low, cols, scale, bound, vt, high, best_low, nonzero,
+                         top_high);
+#endif
+  (void)path;
+  RowBoundsBase(num_row, var_low, cols, scale, bound, vt, high, best_low, nonzero, top_high);
 }
 
 // Sum of a block of pixels (exact integers for 8-bit pixels).
@@ -580,9 +795,13 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
   using Sum = typename std::conditional<kByte, int64_t, double>::type;
   float* re = reinterpret_cast<float*>(base + f.re);
   float* im = reinterpret_cast<float*>(base + f.im);
-  Sum* colsum = reinterpret_cast<Sum*>(base + f.colsum);
-  Sum* colsq = reinterpret_cast<Sum*>(base + f.colsq);
+  double* colsum = reinterpret_cast<double*>(base + f.colsum);
+  double* colsq = reinterpret_cast<double*>(base + f.colsq);
+  double* run_s = reinterpret_cast<double*>(base + f.run_s);
+  double* run_q = reinterpret_cast<double*>(base + f.run_q);
+  double* row_s = reinterpret_cast<double*>(base + f.row_s);
   double* row_var = reinterpret_cast<double*>(base + f.row_var);
+  float* row_top = reinterpret_cast<float*>(base + f.row_top);
   const ptrdiff_t lst = ls, rst = rs;
   const P* t0 = left + (static_cast<ptrdiff_t>(ly) - g.hh) * lst + (lx - g.hw);
   const P* a0 = right + (static_cast<ptrdiff_t>(ryMin) - g.hh) * rst + (rxMin - g.hw);
@@ -713,41 +932,32 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
 
   // Pass 1: bounds of every coefficient; the upper one replaces the cross
   // product in `cross`.
-  std::fill(colsum, colsum + g.area_w, Sum(0));
-  std::fill(colsq, colsq + g.area_w, Sum(0));
-  auto value = [&](size_t r, size_t c) -> Sum {
-    return kByte ? static_cast<Sum>(a0[r * rst + c])
-                 : static_cast<Sum>(static_cast<double>(a0[r * rst + c]) - mt);
-  };
+  std::fill(colsum, colsum + g.area_w, 0.0);
+  std::fill(colsq, colsq + g.area_w, 0.0);
+  // Window statistics in double: exact integers for 8-bit pixels.
+  auto value = [mt](P v) { return kByte ? static_cast<double>(v) : static_cast<double>(v) - mt; };
   for (int r = 0; r < g.th - 1; ++r)
-    for (size_t c = 0; c < g.area_w; ++c) {
-      const Sum v = value(r, c);
-      colsum[c] += v, colsq[c] += v * v;
-    }
-  const double inv_n = 1.0 / static_cast<double>(n);
+    StepColumns(path, colsum, colsq, static_cast<const P*>(nullptr), a0 + r * rst, g.area_w, value);
+  const double inv_n = 1.0 / static_cast<double>(n), dn = static_cast<double>(n);
   double best_low = -std::numeric_limits<double>::infinity();
   bool nonzero = false;  // some coefficient is certainly not 0
   for (size_t y = 0; y < g.rows; ++y) {
-    for (size_t c = 0; c < g.area_w; ++c) {
-      const Sum v = value(y + g.th - 1, c);
-      colsum[c] += v, colsq[c] += v * v;
-    }
+    StepColumns(path, colsum, colsq, y > 0 ? a0 + (y - 1) * rst : nullptr,
+                a0 + (y + g.th - 1) * rst, g.area_w, value);
     // Window variances of the row, then the bounds of its coefficients.
     float* row_high = cross + y * g.cols;
-    double* var_row = row_var;
-    SlideRow(colsum, colsq, g, [&](size_t x, Sum s, Sum ss) {
+    WindowRow(path, colsum, colsq, g, run_s, run_q, row_s, row_var);
+    for (size_t x = 0; x < g.cols; ++x) {
+      const double ws = row_s[x], wss = row_var[x];
       if (kByte) {
-        var_row[x] = static_cast<double>(n * ss - s * s) * inv_n;
+        row_var[x] = (dn * wss - ws * ws) * inv_n;
       } else {
-        const double vr = static_cast<double>(ss) - static_cast<double>(s) * inv_n * s;
-        var_row[x] = vr > 1e-9 * static_cast<double>(ss) ? vr : 0.0;
+        const double vr = wss - ws * inv_n * ws;
+        row_var[x] = vr > 1e-9 * wss ? vr : 0.0;
       }
-    });
-    RowBounds(row_high, var_row, g.cols, scale, bound, vt, row_high, &best_low, &nonzero);
-    for (size_t c = 0; c < g.area_w; ++c) {
-      const Sum v = value(y, c);
-      colsum[c] -= v, colsq[c] -= v * v;
     }
+    RowBounds(path, row_high, row_var, g.cols, scale, bound, vt, row_high, &best_low, &nonzero,
+              &row_top[y]);
   }
   // Pass 2: exact values of the candidates that may be best, offered in the
   // direct search's visiting order so that rounding in the comparison of
@@ -757,9 +967,7 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
   BestTracker best;
   for (size_t y = 0; y < g.rows; ++y) {
     const float* row_high = cross + y * g.cols;
-    bool row_has = false;
-    for (size_t x = 0; x < g.cols; ++x) row_has |= row_high[x] >= threshold;
-    if (!row_has) continue;
+    if (!(row_top[y] >= threshold)) continue;
     VisitInSlideOrder(g, [&](size_t x) {
       if (!(row_high[x] >= threshold)) return;
       const P* w = a0 + y * rst + x;
@@ -845,6 +1053,16 @@ size_t epho::matching::NccSearchScratchBytes(SearchMethod method, uint32_t halfW
                                              uint32_t rangeRows) {
   if (!RangeValid(halfWidth, halfHeight, rangeColumns, rangeRows)) return 0;
   return ScratchBytes(method, MakeGeometry(halfWidth, halfHeight, rangeColumns, rangeRows));
+}
+
+void epho::matching::NccSearchModelCosts(VectorPath path, bool bytePixels, uint32_t halfWidth,
+                                         uint32_t halfHeight, uint32_t rangeColumns,
+                                         uint32_t rangeRows, double* directNs,
+                                         double* transformNs) {
+  *directNs = *transformNs = 0.0;
+  if (!RangeValid(halfWidth, halfHeight, rangeColumns, rangeRows)) return;
+  const Geometry g = MakeGeometry(halfWidth, halfHeight, rangeColumns, rangeRows);
+  ModelCosts(path, g, MakeFftLayout(g), bytePixels, directNs, transformNs);
 }
 
 bool epho::matching::NccSearchUsesTransform(VectorPath path, bool bytePixels, uint32_t halfWidth,

@@ -195,6 +195,58 @@ TEST_P(TemplateSearchPaths, TransformAgreesWithDirect) {
   }
 }
 
+// Exact copies of the template at several places of the search area (two
+// in one row, one in an earlier and one in a later row): for 8-bit pixels
+// every method on every path reports the first copy in raster order, as the
+// kernel called at every candidate does, whatever order the rows and
+// columns are ranked in; for float pixels one of the copies.
+TEST_P(TemplateSearchPaths, ExactTiesGoToTheFirstInRasterOrder) {
+  using epho::matching::SearchMethod;
+  const int W = 160, H = 150, hw = 10, hh = 10, t = 2 * hw + 1;
+  std::mt19937 rng(11);
+  std::uniform_int_distribution<int> noise(0, 255);
+  std::vector<uint8_t> left(W * H), right(W * H);
+  for (auto& v : left) v = uint8_t(noise(rng));
+  for (auto& v : right) v = uint8_t(noise(rng));
+  const int lx = 40, ly = 40;
+  const int copies[4][2] = {{120, 90}, {60, 90}, {100, 50}, {130, 120}};  // centres
+  for (const auto& c : copies)
+    for (int r = -hh; r <= hh; ++r)
+      for (int k = -hw; k <= hw; ++k)
+        right[(c[1] + r) * W + c[0] + k] = left[(ly + r) * W + lx + k];
+  std::vector<float> leftf(left.begin(), left.end()), rightf(right.begin(), right.end());
+  for (int x0 : {hw, 35})  // two ranges: all four copies, and the first row's one left out
+    for (SearchMethod m : {SearchMethod::kDirect, SearchMethod::kTransform}) {
+      const int y0 = x0 == hw ? hh : 60, x1 = W - hw - 1, y1 = H - hh - 1;
+      SCOPED_TRACE(testing::Message() << "x0 " << x0 << " method " << int(m));
+      const Best want = BruteForce(
+          [&](int x, int y) {
+            return epho_CrossCoefByteNoResample(left.data(), right.data(), W, W, lx, ly, x, y, t,
+                                                t);
+          },
+          x0, y0, x1, y1);
+      ASSERT_EQ(want.c, 1.0);
+      std::vector<char> scratch(epho::matching::NccSearchScratchBytes(
+          SearchMethod::kTransform, hw, hh, x1 - x0 + 1, y1 - y0 + 1));
+      Epho_NccPeak peak;
+      ASSERT_EQ(
+          epho::matching::NccSearchByte(GetParam(), m, left.data(), right.data(), W, W, lx, ly, hw,
+                                        hh, x0, y0, x1, y1, scratch.data(), scratch.size(), &peak),
+          EPHO_NCC_SEARCH_OK);
+      EXPECT_EQ(peak.column, want.x);
+      EXPECT_EQ(peak.row, want.y);
+      ASSERT_EQ(epho::matching::NccSearchFloat(GetParam(), m, leftf.data(), rightf.data(), W, W, lx,
+                                               ly, hw, hh, x0, y0, x1, y1, scratch.data(),
+                                               scratch.size(), &peak),
+                EPHO_NCC_SEARCH_OK);
+      // Single-precision sums may round the copies' ties apart: one of them.
+      bool at_copy = false;
+      for (const auto& c : copies) at_copy |= peak.column == c[0] && peak.row == c[1];
+      EXPECT_TRUE(at_copy) << peak.column << " " << peak.row;
+      EXPECT_NEAR(peak.coefficient, 1.0, 1e-9);
+    }
+}
+
 // Ranges larger than one transform tile (an even and an odd number of
 // tiles, which are transformed in pairs): the tiles' seams must not show.
 TEST_P(TemplateSearchPaths, TransformTilesAgreeWithDirect) {

@@ -107,10 +107,11 @@ EPHO_EXPORT Emsc_Boolean epho_CameraImageToRay(const double* matrix, double x, d
  * Each point's result equals, bit for bit, the per-point functions called in
  * that order: the batch uses the same operations in the same order (the
  * library is built without fused multiply-adds), so vector lanes cannot
- * change a result. The plain collinearity and the radial lens models (count
- * 3, and count 5 with code 0) run as tight loops; the other models evaluate
- * the per-point distortion inside the same pass. Nothing is allocated; the
- * arrays must not overlap the outputs. */
+ * change a result. The collinearity, the intersection and the lens models
+ * radial (count 3, and count 5 with code 0) and decentring (count 11, code 2)
+ * run on vector lanes (four with AVX2, two otherwise); the correction and the
+ * other models are evaluated point by point after the collinearity. Nothing
+ * is allocated; the arrays must not overlap the outputs. */
 typedef struct Epho_FilmProjection {
   const double* matrix;                  /* 12 doubles, see epho_Get3x4ParFromInnerOuter */
   const Epho_CountedDoubles* lens;       /* lens distortion, may be null */
