@@ -46,6 +46,27 @@ void KeepOneMeasurement(Epho_TriRefineInput& in, int32_t id) {
       }
 }
 
+// Runs the refinement with its report in a scratch folder; returns the
+// report's text (read after the run, so the run must have closed it).
+std::string RunWithReport(Epho_TriRefineInput& in, Eerr_ErrorReport** err) {
+  testutil::ScratchDir dir("trirun");
+  const std::wstring report = dir.WFile("report.txt");
+  in.reportFileName = const_cast<Etxt_Char*>(report.c_str());
+  EXPECT_EQ(epho_TriRefine(&in, err), 1);
+  in.reportFileName = nullptr;
+  std::ifstream f(kzdv::ToUtf8(report));
+  return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+}
+
+// How many images measure each point.
+std::map<int32_t, int> ImagesPerPoint(const Epho_TriRefineInput& in) {
+  std::map<int32_t, int> seen;
+  for (int i = 0; i < in.imageCount; ++i)
+    for (int k = 0; k < in.images[i].imagePointCount; ++k)
+      ++seen[in.images[i].imagePoints[k].pointID];
+  return seen;
+}
+
 const Case kCases[] = {
     {"ZeroImageStdDev", [](Epho_TriRefineInput& in) { in.imageStdY = 0.0f; },
      L"The image standard deviation is not valid\n", 147, nullptr},
@@ -124,11 +145,8 @@ TEST_P(TriRefineCases, ReportsOrRuns) {
   Build(o, &in, &truth);
   const int image_count = in.imageCount;
   c.change(in);
-  testutil::ScratchDir dir("tricase");
-  const std::wstring report = dir.WFile("report.txt");
-  in.reportFileName = const_cast<Etxt_Char*>(report.c_str());
   Eerr_ErrorReport* err = nullptr;
-  EXPECT_EQ(epho_TriRefine(&in, &err), 1);
+  const std::string text = RunWithReport(in, &err);
   in.imageCount = image_count;  // so that everything is freed
   if (c.message) {
     ASSERT_NE(err, nullptr);
@@ -141,8 +159,6 @@ TEST_P(TriRefineCases, ReportsOrRuns) {
     EXPECT_NE(in.resultPoints, nullptr);
   }
   // The report is closed: it can be read whole, header first.
-  std::ifstream f(kzdv::ToUtf8(report));
-  const std::string text((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
   EXPECT_EQ(text.rfind("              Triangulation Report With OVT\n\n", 0), 0u);
   if (c.report_line) {
     EXPECT_NE(text.find(c.report_line), std::string::npos) << c.report_line;
@@ -261,23 +277,14 @@ TEST_P(Divergence, GrowthOfTwentyThenTenPercentStopsTheRun) {
   Drift drift;
   drift.growth = c.growth;
   // Every point measured on two or more images is a ray of each of them.
-  std::map<int32_t, int> seen;
-  for (int i = 0; i < in.imageCount; ++i)
-    for (int k = 0; k < in.images[i].imagePointCount; ++k)
-      ++seen[in.images[i].imagePoints[k].pointID];
-  for (const auto& [id, n] : seen) drift.rays += n >= 2 ? n : 0;
+  for (const auto& [id, n] : ImagesPerPoint(in)) drift.rays += n >= 2 ? n : 0;
   for (int i = 0; i < in.imageCount; ++i) {
     exfr_XFormFree(in.images[i].xform);
     in.images[i].xform = exfr_SensorModelXFormCreate(
         &kDriftOps, new DriftingCamera{truth.cameras[i], i, &drift}, nullptr);
   }
-  testutil::ScratchDir dir("tridiv");
-  const std::wstring report = dir.WFile("report.txt");
-  in.reportFileName = const_cast<Etxt_Char*>(report.c_str());
   Eerr_ErrorReport* err = nullptr;
-  EXPECT_EQ(epho_TriRefine(&in, &err), 1);
-  std::ifstream f(kzdv::ToUtf8(report));
-  const std::string text((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+  const std::string text = RunWithReport(in, &err);
   // Every iteration made one derivative pass.
   EXPECT_EQ(drift.calls, drift.rays * in.iterations) << text;
   const char* line =
@@ -338,12 +345,8 @@ TEST_P(TooFewObservations, SevenControlCoordinatesKeepTheRunGoing) {
   Epho_TriRefineInput in{};
   Truth truth;
   Build(o, &in, &truth);
-  std::map<int32_t, int> seen;
-  for (int i = 0; i < in.imageCount; ++i)
-    for (int k = 0; k < in.images[i].imagePointCount; ++k)
-      ++seen[in.images[i].imagePoints[k].pointID];
   std::vector<int32_t> both;
-  for (const auto& [id, n] : seen)
+  for (const auto& [id, n] : ImagesPerPoint(in))
     if (n == 2) both.push_back(id);
   ASSERT_EQ(both.size(), 15u);
   emsc_HeapFree(in.groundPoints);
@@ -364,13 +367,8 @@ TEST_P(TooFewObservations, SevenControlCoordinatesKeepTheRunGoing) {
     g.Z = t(2);
     g.stdX = g.stdY = g.stdZ = 0.05f;
   }
-  testutil::ScratchDir dir("trifew");
-  const std::wstring report = dir.WFile("report.txt");
-  in.reportFileName = const_cast<Etxt_Char*>(report.c_str());
   Eerr_ErrorReport* err = nullptr;
-  EXPECT_EQ(epho_TriRefine(&in, &err), 1);
-  std::ifstream f(kzdv::ToUtf8(report));
-  const std::string text((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+  const std::string text = RunWithReport(in, &err);
   EXPECT_NE(text.find("\n      Error: Unknowns are more than observations !"), std::string::npos)
       << text;
   if (c.runs) {
