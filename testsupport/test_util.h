@@ -1,6 +1,6 @@
-// Helpers for tests: a scratch folder removed at the end of the test, and a
-// capture of the error reports that library functions print when the caller
-// passes no report pointer.
+// Helpers for tests: a scratch folder removed at the end of the test, whole
+// files as bytes, and a capture of the error reports that library functions
+// print when the caller passes no report pointer.
 #ifndef EPHO_TEST_UTIL_H
 #define EPHO_TEST_UTIL_H
 
@@ -9,6 +9,9 @@
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -51,6 +54,27 @@ class ScratchDir {
  private:
   std::filesystem::path path_;
 };
+
+// A whole file's bytes ("" when it cannot be read).
+inline std::string Slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+// Writes `bytes` as the whole file.
+inline void Spit(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+// Names of the entries of a folder.
+inline std::set<std::string> FilesIn(const std::filesystem::path& dir) {
+  std::set<std::string> names;
+  for (const auto& e : std::filesystem::directory_iterator(dir))
+    names.insert(e.path().filename().string());
+  return names;
+}
 
 // True when some link of the report chain mentions `text` (a substring of
 // its text, where kzdv::ReportContains wants a whole message).

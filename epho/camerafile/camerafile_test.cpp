@@ -24,6 +24,10 @@
 
 namespace {
 
+using testutil::FilesIn;
+using testutil::Slurp;
+using testutil::Spit;
+
 struct CameraDeleter {
   void operator()(Epho_CameraFrameInfo* c) const { epho_CameraFrameInfoDelete(c); }
 };
@@ -100,18 +104,6 @@ void ExpectSameCamera(const Epho_CameraFrameInfo& a, const Epho_CameraFrameInfo&
 // True when some link of the report chain holds `text`.
 bool ReportHas(const Eerr_ErrorReport* err, const std::wstring& text) {
   return kzdv::ReportText(err).find(text) != std::wstring::npos;
-}
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
-void Spit(const std::string& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary);
-  out << bytes;
 }
 
 // The current layout of a four-fiducial field-angle camera, written out by
@@ -599,14 +591,6 @@ TEST(CameraFile, RecordsCreateEmpty) {
 }
 
 namespace {
-
-// Files of a folder, by name.
-std::set<std::string> FilesIn(const std::filesystem::path& dir) {
-  std::set<std::string> names;
-  for (const auto& e : std::filesystem::directory_iterator(dir))
-    names.insert(e.path().filename().string());
-  return names;
-}
 
 // A camera whose file is several kilobytes.
 CameraPtr BigCamera() {

@@ -21,22 +21,13 @@
 
 namespace {
 
+using testutil::Slurp;
+using testutil::Spit;
+
 namespace ix = epho::interchange;
 namespace fs = std::filesystem;
 
 const std::string kData = std::string(EPHO_SOURCE_DIR) + "/testdata/interchange";
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-void Spit(const std::string& path, const std::string& text) {
-  std::ofstream out(path, std::ios::binary);
-  out << text;
-}
 
 // `text` with line `line` (1-based) replaced.
 std::string ReplaceLine(const std::string& text, int line, const std::string& by) {

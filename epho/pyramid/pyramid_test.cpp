@@ -25,6 +25,8 @@
 
 namespace {
 
+using testutil::Slurp;
+
 using Plane = std::vector<double>;  // row-major pixel values
 
 struct Raster {
@@ -161,13 +163,6 @@ Raster RandomRaster(long w, long h, int bands, GDALDataType t, unsigned seed) {
   return r;
 }
 
-std::string FileBytes(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
-
 TEST(PyramidLayers, EveryPixelTypeMatchesBinomialReferenceEdgesIncluded) {
   testutil::ScratchDir dir("pyr_types");
   // Odd sizes, so the last column and row of each level lean on the border.
@@ -290,10 +285,10 @@ TEST(PyramidLayers, CancelReportsAndLeavesTheImageAsItWas) {
     int f[] = {2, 4};
     ASSERT_EQ(GDALBuildOverviews(ds, "AVERAGE", 2, f, 0, nullptr, nullptr, nullptr), CE_None);
     GDALClose(ds);
-    const std::string before = FileBytes(path);
+    const std::string before = Slurp(path);
     const long files_before = FilesIn(dir);
     RunCancelled(path, c.at, c.message);
-    EXPECT_TRUE(FileBytes(path) == before) << "the image changed";
+    EXPECT_TRUE(Slurp(path) == before) << "the image changed";
     EXPECT_EQ(FilesIn(dir), files_before);
     ds = GDALOpen(path.c_str(), GA_ReadOnly);
     EXPECT_EQ(GDALGetOverviewCount(GDALGetRasterBand(ds, 1)), 2);
@@ -314,14 +309,14 @@ TEST(PyramidLayers, CancelReportsAndLeavesTheImageAsItWas) {
   GDALClose(ds);
   struct stat before {};
   ASSERT_EQ(::stat(sparse.c_str(), &before), 0);
-  const std::string bytes = FileBytes(sparse);
+  const std::string bytes = Slurp(sparse);
   const long files_before = FilesIn(dir);
   RunCancelled(sparse, CancelAt{L"pyramid layer 1 of", 3.0}, L"Pyramid generaton is canceled!");
   struct stat after {};
   ASSERT_EQ(::stat(sparse.c_str(), &after), 0);
   EXPECT_EQ(after.st_size, before.st_size);
   EXPECT_LE(after.st_blocks, before.st_blocks + before.st_blocks / 20 + 8);
-  EXPECT_TRUE(FileBytes(sparse) == bytes);
+  EXPECT_TRUE(Slurp(sparse) == bytes);
   EXPECT_EQ(FilesIn(dir), files_before);
 }
 
@@ -423,14 +418,14 @@ TEST(PyramidLayers, RefusedFilesAreLeftUntouched) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.path);
-    std::string before = FileBytes(c.path);
+    std::string before = Slurp(c.path);
     const long files_before = FilesIn(dir);
     Eerr_ErrorReport* err = nullptr;
     epho_ComputePyramidLayers3x3(kzdv::FromUtf8(c.path).c_str(), nullptr, &err);
     ASSERT_NE(err, nullptr);
     EXPECT_TRUE(kzdv::ReportContains(err, c.message)) << kzdv::ReportText(err);
     eerr_DeleteErrorReportEx(&err);
-    EXPECT_EQ(FileBytes(c.path), before);
+    EXPECT_EQ(Slurp(c.path), before);
     EXPECT_EQ(FilesIn(dir), files_before);
     if (c.check_message.empty()) continue;
     EXPECT_FALSE(epho_PyramidLayersCheck(kzdv::FromUtf8(c.path).c_str(), &err));

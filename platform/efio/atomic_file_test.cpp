@@ -18,27 +18,14 @@
 
 namespace {
 
+using testutil::FilesIn;
+using testutil::Slurp;
+using testutil::Spit;
+
 namespace fs = std::filesystem;
 using kzdv::efio::FileLock;
 using kzdv::efio::LockMode;
 using kzdv::efio::TempKind;
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-void Spit(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
-}
-
-std::set<std::string> FilesIn(const fs::path& dir) {
-  std::set<std::string> names;
-  for (const auto& e : fs::directory_iterator(dir)) names.insert(e.path().filename().string());
-  return names;
-}
 
 void FailuresLeaveTargetAndNoTemporary(TempKind kind) {
   testutil::ScratchDir dir("atomic");
