@@ -131,10 +131,12 @@ TEST(ResectionTest, DegenerateInputIsReported) {
 
   // An approximation turned half a revolution about X puts the points behind
   // the camera: reported, and the approximation is not overwritten.
+  const Scene eight(0, 8);
   double upside_down[6] = {5200.0, 3100.0, 1620.0, 3.0, 0.0, 0.0};
-  EXPECT_FALSE(epho_Resection(s.film.data(), s.ground.data(), s.count(), s.focal, 0, EMSC_TRUE,
+  EXPECT_FALSE(epho_Resection(eight.film.data(), eight.ground.data(), 8, eight.focal, 0, EMSC_TRUE,
                               upside_down, nullptr, nullptr, &err));
-  EXPECT_NE(err, nullptr);
+  EXPECT_TRUE(kzdv::ReportContains(err, L"The solution places control points behind the camera"))
+      << kzdv::ReportText(err);
   EXPECT_EQ(upside_down[3], 3.0);
   eerr_DeleteErrorReportEx(&err);
 }

@@ -370,7 +370,8 @@ INSTANTIATE_TEST_SUITE_P(Blocks, DenseAndSparse,
 // rays as measured, and ground residuals of control and check points as
 // given minus adjusted.
 TEST(TriRefine, JsonHoldsTheResultsOfTheRun) {
-  if (std::system("python3 -c 'import json' > /dev/null 2>&1") != 0) GTEST_SKIP() << "no python3";
+  if (std::system("/usr/bin/python3 -c 'import json' > /dev/null 2>&1") != 0)
+    GTEST_SKIP() << "no python3";
   Options o;
   o.fix_control = 1;  // weighted control: its residuals are not zero
   o.noise_pixels = 0.3;
@@ -396,8 +397,10 @@ for k in ("control", "check"):
 for im in d["images"]:
     print("image", im["id"], len(im["a"]), len(im["b"]), len(im["sigma_a"]), len(im["sigma_b"]))
 )";
-  ASSERT_EQ(std::system(("python3 " + script + " " + kzdv::ToUtf8(run.json) + " > " + out).c_str()),
-            0);
+  ASSERT_EQ(
+      std::system(
+          ("/usr/bin/python3 " + script + " " + kzdv::ToUtf8(run.json) + " > " + out).c_str()),
+      0);
   std::map<int32_t, int> rays;
   for (const auto& obs : run.m.per_image)
     for (const auto& ob : obs) ++rays[ob.id];
