@@ -1,12 +1,9 @@
 // Exterior orientation carried from one ground system to another: the
-// perspective centre through PROJ, the rotation through the local rotation
-// between the two ground frames at the centre.
-#include <proj.h>
-#include <proj_experimental.h>
-
+// perspective centre through the toolkit's 3D reprojection (datum shifts and
+// geoid heights included), the rotation through the local rotation between
+// the two ground frames at the centre.
 #include <Eigen/Dense>
 #include <cmath>
-#include <cwctype>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,7 +13,6 @@
 #include "epho/camera.h"
 #include "epho/reprojection.h"
 #include "platform/eerr/error_frame.h"
-#include "platform/emsc/heap_ptr.h"
 
 namespace epho::reprojection {
 namespace {
@@ -27,29 +23,26 @@ namespace {
 // a few nanometres of PROJ's arithmetic over 200 m, is of the same order.
 constexpr double kStep = 100.0;
 
-struct PjDeleter {
-  void operator()(PJ* p) const { proj_destroy(p); }
+template <typename T, void (*Free)(T*)>
+struct FnDeleter {
+  void operator()(T* p) const { Free(p); }
 };
-using PjPtr = std::unique_ptr<PJ, PjDeleter>;
-struct CtxDeleter {
-  void operator()(PJ_CONTEXT* c) const { proj_context_destroy(c); }
-};
-using CtxPtr = std::unique_ptr<PJ_CONTEXT, CtxDeleter>;
+using ParamsPtr =
+    std::unique_ptr<Eprj_ProParameters, FnDeleter<Eprj_ProParameters, eprj_ProParametersFree>>;
+using HeightsPtr =
+    std::unique_ptr<Eprj_ElevationInfo, FnDeleter<Eprj_ElevationInfo, eprj_ElevationInfoFree>>;
+using Projection3DPtr =
+    std::unique_ptr<Eprj_3DProjection, FnDeleter<Eprj_3DProjection, eprj_3DProjectionFree>>;
 
-bool EqualIgnoringCase(const Etxt_Char* a, const Etxt_Char* b) {
-  if (!a || !b) return a == b;
-  for (; *a && *b; ++a, ++b)
-    if (std::towlower(static_cast<wint_t>(*a)) != std::towlower(static_cast<wint_t>(*b)))
-      return false;
-  return *a == *b;
-}
-
-// One ground system, ready to convert points to and from geographic
-// coordinates (radians, ellipsoidal height) on its own datum.
+// One ground system: its end of the 3D reprojection (a map system with its
+// heights, or the geographic system of a tangent plane's datum with
+// ellipsoidal heights) and, for a tangent plane, its frame.
 struct System {
   const Epho_ExteriorSystem* def = nullptr;
   double a = 0.0, e2 = 0.0;
   double frame[EMOD_TANGENT_FRAME_SIZE] = {};
+  ParamsPtr geographic;    // tangent plane only
+  HeightsPtr ellipsoidal;  // map heights with the same unit, on the ellipsoid
 
   bool Init(const Epho_ExteriorSystem* s, const wchar_t* which, kzdv::ErrorFrame& f) {
     def = s;
@@ -64,18 +57,7 @@ struct System {
     }
     a = p->proSpheroid->a;
     e2 = p->proSpheroid->eSquared;
-    if (s->kind == EPHO_EXTERIOR_TANGENT_PLANE) {
-      if (!std::isfinite(s->lat0) || !std::isfinite(s->lon0) || !std::isfinite(s->h0) ||
-          std::fabs(s->lat0) > M_PI / 2) {
-        f.Fail(__LINE__, L"The %s tangent-plane origin is not a geographic position", which);
-        return false;
-      }
-      if (!emod_DeriveTp2GcTransform(s->lat0, s->lon0, s->h0, a, e2, frame)) {
-        f.Fail(__LINE__, L"emod_DeriveTp2GcTransform failed for the %s system", which);
-        return false;
-      }
-      return true;
-    }
+    if (s->kind == EPHO_EXTERIOR_TANGENT_PLANE) return InitTangentPlane(s, p, which, f);
     if (s->kind != EPHO_EXTERIOR_MAP) {
       f.Fail(__LINE__, L"The %s system kind %d is unknown", which, static_cast<int>(s->kind));
       return false;
@@ -85,26 +67,60 @@ struct System {
              which);
       return false;
     }
-    if (!s->projection->toLL || !s->projection->fromLL) {
-      f.Fail(__LINE__, L"The %s projection cannot convert through geographic coordinates", which);
+    if (s->heights && eprj_IsDatumVertical(s->heights->datumName)) {
+      const Eprj_ElevationInfo* h = s->heights;
+      ellipsoidal.reset(eprj_ElevationInfoCreateByName(h->spheroidName, nullptr, h->elevationUnit,
+                                                       h->elevationType, f.Callee()));
+      if (!ellipsoidal) {
+        f.Fail(__LINE__, L"eprj_ElevationInfoCreateByName failed");
+        return false;
+      }
+    }
+    return true;
+  }
+
+  bool InitTangentPlane(const Epho_ExteriorSystem* s, const Eprj_ProParameters* p,
+                        const wchar_t* which, kzdv::ErrorFrame& f) {
+    if (!std::isfinite(s->lat0) || !std::isfinite(s->lon0) || !std::isfinite(s->h0) ||
+        std::fabs(s->lat0) > M_PI / 2) {
+      f.Fail(__LINE__, L"The %s tangent-plane origin is not a geographic position", which);
+      return false;
+    }
+    if (s->heights) {
+      f.Fail(__LINE__,
+             L"The %s system is a tangent plane: its z is Cartesian and takes no elevation info",
+             which);
+      return false;
+    }
+    if (!emod_DeriveTp2GcTransform(s->lat0, s->lon0, s->h0, a, e2, frame)) {
+      f.Fail(__LINE__, L"emod_DeriveTp2GcTransform failed for the %s system", which);
+      return false;
+    }
+    geographic.reset(eprj_ProParametersCreate(EPRJ_LATLONG, L"Geographic (Lat/Lon)", 0, nullptr,
+                                              nullptr, nullptr, f.Callee()));
+    if (geographic) geographic->proSpheroid = eprj_SpheroidCopy(p->proSpheroid, f.Callee());
+    if (!geographic || !geographic->proSpheroid) {
+      f.Fail(__LINE__, L"The geographic system of the %s tangent plane cannot be made", which);
       return false;
     }
     return true;
   }
 
-  // x, y, z arrays in place: system to longitude, latitude (radians), height.
-  bool ToGeographic(std::vector<double>& x, std::vector<double>& y, std::vector<double>& z,
-                    kzdv::ErrorFrame& f) const {
-    const long n = static_cast<long>(x.size());
-    if (def->kind == EPHO_EXTERIOR_MAP) {
-      if (!eprj_ProjectionToLL(def->projection, n, x.data(), y.data(), f.Callee()) ||
-          f.CalleeFailed()) {
-        f.Fail(__LINE__, L"eprj_ProjectionToLL failed");
-        return false;
-      }
-      return true;
-    }
-    for (long i = 0; i < n; ++i) {
+  // The end of the 3D reprojection and its heights; `frame_heights` asks
+  // for ellipsoidal heights in place of geoid heights.
+  const Eprj_ProParameters* End() const {
+    return geographic ? geographic.get() : def->projection->proParameters;
+  }
+  const Eprj_ElevationInfo* Heights(bool frame_heights) const {
+    if (geographic) return nullptr;
+    return frame_heights && ellipsoidal ? ellipsoidal.get() : def->heights;
+  }
+
+  // Tangent plane to longitude, latitude (radians), ellipsoidal height, in
+  // place; map systems are left as they are.
+  bool TangentToGeographic(std::vector<double>& x, std::vector<double>& y, std::vector<double>& z,
+                           kzdv::ErrorFrame& f) const {
+    for (size_t i = 0; geographic && i < x.size(); ++i) {
       double X, Y, Z;
       if (!emod_TangentPlaneToGeocentric(x[i], y[i], z[i], &X, &Y, &Z, frame) ||
           !emod_GeocentricToGeographic(X, Y, Z, &x[i], &y[i], &z[i], e2, a)) {
@@ -116,18 +132,9 @@ struct System {
     return true;
   }
 
-  bool FromGeographic(std::vector<double>& x, std::vector<double>& y, std::vector<double>& z,
-                      kzdv::ErrorFrame& f) const {
-    const long n = static_cast<long>(x.size());
-    if (def->kind == EPHO_EXTERIOR_MAP) {
-      if (!eprj_ProjectionFromLL(def->projection, n, x.data(), y.data(), f.Callee()) ||
-          f.CalleeFailed()) {
-        f.Fail(__LINE__, L"eprj_ProjectionFromLL failed");
-        return false;
-      }
-      return true;
-    }
-    for (long i = 0; i < n; ++i) {
+  bool GeographicToTangent(std::vector<double>& x, std::vector<double>& y, std::vector<double>& z,
+                           kzdv::ErrorFrame& f) const {
+    for (size_t i = 0; geographic && i < x.size(); ++i) {
       double X, Y, Z;
       if (!emod_GeographicToGeocentric(x[i], y[i], z[i], &X, &Y, &Z, e2, a) ||
           !emod_GeocentricToTangentPlane(X, Y, Z, &x[i], &y[i], &z[i], frame)) {
@@ -140,76 +147,30 @@ struct System {
   }
 };
 
-// The geographic 3D system of a projection's datum, as PROJ knows it.
-PJ* Geographic3D(PJ_CONTEXT* ctx, const Eprj_ProParameters* p, kzdv::ErrorFrame& f) {
-  kzdv::HeapPtr<char> wkt(eprj_ProParametersToWkt(p, f.Callee()));
-  if (!wkt || f.CalleeFailed()) {
-    f.Fail(__LINE__, L"eprj_ProParametersToWkt failed");
-    return nullptr;
-  }
-  PjPtr crs(proj_create(ctx, wkt.get()));
-  PjPtr geod(crs ? proj_crs_get_geodetic_crs(ctx, crs.get()) : nullptr);
-  PJ* g3 = geod ? proj_crs_promote_to_3D(ctx, nullptr, geod.get()) : nullptr;
-  if (!g3) f.Fail(__LINE__, L"PROJ cannot read the geographic system of the projection");
-  return g3;
-}
-
-// Transformation between the geographic systems of two datums (lon, lat in
-// degrees, ellipsoidal heights), or null when the datums are the same.
-bool DatumShift(PJ_CONTEXT* ctx, const Eprj_ProParameters* from, const Eprj_ProParameters* to,
-                PjPtr* op, kzdv::ErrorFrame& f) {
-  const Eprj_Datum* d1 = from->proSpheroid->datum;
-  const Eprj_Datum* d2 = to->proSpheroid->datum;
-  const bool same_axes = std::fabs(from->proSpheroid->a - to->proSpheroid->a) < 1e-6 &&
-                         std::fabs(from->proSpheroid->b - to->proSpheroid->b) < 1e-6;
-  if (!d1 && !d2 && same_axes) return true;
-  if (d1 && d2 && EqualIgnoringCase(d1->datumname, d2->datumname) && same_axes) return true;
-  for (const Eprj_Datum* d : {d1, d2}) {
-    if (!d || d->type == EPRJ_DATUM_NONE) {
-      f.Fail(__LINE__, L"The datum \"%ls\" is unknown: no transformation to the other system",
-             d && d->datumname ? d->datumname : L"(none)");
-      return false;
-    }
-  }
-  PjPtr g1(Geographic3D(ctx, from, f));
-  if (!g1) return false;
-  PjPtr g2(Geographic3D(ctx, to, f));
-  if (!g2) return false;
-  PjPtr raw(proj_create_crs_to_crs_from_pj(ctx, g1.get(), g2.get(), nullptr, nullptr));
-  PjPtr norm(raw ? proj_normalize_for_visualization(ctx, raw.get()) : nullptr);
-  if (!norm || proj_coordoperation_has_ballpark_transformation(ctx, norm.get())) {
-    f.Fail(__LINE__, L"PROJ knows no transformation from datum \"%ls\" to \"%ls\"",
-           d1->datumname ? d1->datumname : L"", d2->datumname ? d2->datumname : L"");
-    return false;
-  }
-  *op = std::move(norm);
-  return true;
-}
-
-// The point mapping of the whole chain, in place.
+// The point mapping of the whole chain, in place: tangent plane to
+// geographic, the 3D reprojection between the two ends, geographic to
+// tangent plane.
 struct Mapping {
   System from, to;
-  PJ* shift = nullptr;
 
-  bool Apply(std::vector<double>& x, std::vector<double>& y, std::vector<double>& z,
-             kzdv::ErrorFrame& f) const {
-    if (!from.ToGeographic(x, y, z, f)) return false;
-    if (shift) {
-      for (size_t i = 0; i < x.size(); ++i) {
-        PJ_COORD c = proj_coord(x[i] * 180.0 / M_PI, y[i] * 180.0 / M_PI, z[i], 0.0);
-        c = proj_trans(shift, PJ_FWD, c);
-        if (!std::isfinite(c.xyz.x) || !std::isfinite(c.xyz.y) || !std::isfinite(c.xyz.z) ||
-            c.xyz.x == HUGE_VAL) {
-          f.Fail(__LINE__, L"The datum transformation failed at the perspective centre");
-          return false;
-        }
-        x[i] = c.xyz.x * M_PI / 180.0;
-        y[i] = c.xyz.y * M_PI / 180.0;
-        z[i] = c.xyz.z;
-      }
-    }
-    return to.FromGeographic(x, y, z, f);
+  Projection3DPtr Create(bool frame_heights, kzdv::ErrorFrame& f) const {
+    Projection3DPtr p(eprj_3DProjectionCreate(from.End(), from.Heights(frame_heights), to.End(),
+                                              to.Heights(frame_heights), f.Callee()));
+    if (!p) f.Fail(__LINE__, L"The two ground systems cannot be related");
+    return p;
   }
+
+  bool Apply(const Eprj_3DProjection* p, std::vector<double>& x, std::vector<double>& y,
+             std::vector<double>& z, kzdv::ErrorFrame& f) const {
+    if (!from.TangentToGeographic(x, y, z, f)) return false;
+    if (!eprj_3DProject(p, static_cast<long>(x.size()), x.data(), y.data(), z.data(), f.Callee())) {
+      f.Fail(__LINE__, L"The perspective centre cannot be carried to the target system");
+      return false;
+    }
+    return to.GeographicToTangent(x, y, z, f);
+  }
+
+  bool NeedsFrameHeights() const { return from.ellipsoidal || to.ellipsoidal; }
 };
 
 // The rotation code of epho_RotateAll for a camera's rotation system, as the
@@ -246,14 +207,15 @@ Emsc_Boolean epho_ReprojectExteriorPars(const Epho_ExteriorSystem* from,
 
   Mapping m;
   if (!m.from.Init(from, L"source", frame) || !m.to.Init(to, L"target", frame)) return EMSC_FALSE;
-  CtxPtr ctx(proj_context_create());
-  EERR_FAIL_IF(!ctx, frame, EMSC_FALSE, L"proj_context_create failed");
-  proj_log_level(ctx.get(), PJ_LOG_NONE);
-  PjPtr shift;
-  if (!DatumShift(ctx.get(), from->projection->proParameters, to->projection->proParameters, &shift,
-                  frame))
-    return EMSC_FALSE;
-  m.shift = shift.get();
+  // The centre goes through the heights' own kinds. The rotation is that of
+  // the ellipsoidal frames: a geoid's slope (a few arc-seconds) is the
+  // deflection of the plumb line, not a turn of the map frame, so it must not
+  // tilt the camera.
+  Projection3DPtr centre = m.Create(false, frame);
+  if (!centre) return EMSC_FALSE;
+  Projection3DPtr ellipsoidal = m.NeedsFrameHeights() ? m.Create(true, frame) : nullptr;
+  if (m.NeedsFrameHeights() && !ellipsoidal) return EMSC_FALSE;
+  const Eprj_3DProjection* rotation = ellipsoidal ? ellipsoidal.get() : centre.get();
 
   // The centre and its six neighbours at +-kStep along each axis.
   const double* c = exteriorIn;
@@ -263,7 +225,12 @@ Emsc_Boolean epho_ReprojectExteriorPars(const Epho_ExteriorSystem* from,
     axis[static_cast<size_t>(1 + 2 * k)] += kStep;
     axis[static_cast<size_t>(2 + 2 * k)] -= kStep;
   }
-  if (!m.Apply(x, y, z, frame)) return EMSC_FALSE;
+  if (!m.Apply(rotation, x, y, z, frame)) return EMSC_FALSE;
+  std::vector<double> cx(1, x[0]), cy(1, y[0]), cz(1, z[0]);
+  if (ellipsoidal) {
+    cx[0] = c[0], cy[0] = c[1], cz[0] = c[2];
+    if (!m.Apply(centre.get(), cx, cy, cz, frame)) return EMSC_FALSE;
+  }
 
   Eigen::Matrix3d J;
   for (int k = 0; k < 3; ++k) {
@@ -283,7 +250,7 @@ Emsc_Boolean epho_ReprojectExteriorPars(const Epho_ExteriorSystem* from,
   epho_RotateAll(c + 3, r, code);
   const Eigen::Matrix3d R = Eigen::Map<Eigen::Matrix<double, 3, 3, Eigen::RowMajor>>(r);
   Eigen::Matrix<double, 3, 3, Eigen::RowMajor> R2 = Q * R;
-  double out[6] = {x[0], y[0], z[0], 0.0, 0.0, 0.0};
+  double out[6] = {cx[0], cy[0], cz[0], 0.0, 0.0, 0.0};
   epho_GetAngleFromRotMatrix(out + 3, R2.data(), code);
   for (double v : out)
     EERR_FAIL_IF(!std::isfinite(v), frame, EMSC_FALSE,

@@ -103,8 +103,8 @@ TEST(ReprojectExterior, UtmToTangentPlaneAndBackIsTheSameCamera) {
     SCOPED_TRACE(cam.what);
     double lon, lat;
     Geographic(cam.exterior[0] + 1000.0, cam.exterior[1] - 2000.0, &lon, &lat);
-    const Epho_ExteriorSystem map{EPHO_EXTERIOR_MAP, utm.p, 0, 0, 0};
-    const Epho_ExteriorSystem tp{EPHO_EXTERIOR_TANGENT_PLANE, utm.p, lat, lon, 350.0};
+    const Epho_ExteriorSystem map{EPHO_EXTERIOR_MAP, utm.p, 0, 0, 0, nullptr};
+    const Epho_ExteriorSystem tp{EPHO_EXTERIOR_TANGENT_PLANE, utm.p, lat, lon, 350.0, nullptr};
     double there[6], back[6];
     Report err;
     ASSERT_TRUE(
@@ -135,8 +135,8 @@ TEST(ReprojectExterior, KappaTurnsByTheMeridianConvergence) {
     const double exterior[6] = {easting, 5250000.0, 2000.0, 0.0, 0.0, 0.4};
     double lon, lat;
     Geographic(easting, 5250000.0, &lon, &lat);
-    const Epho_ExteriorSystem map{EPHO_EXTERIOR_MAP, utm.p, 0, 0, 0};
-    const Epho_ExteriorSystem tp{EPHO_EXTERIOR_TANGENT_PLANE, utm.p, lat, lon, 0.0};
+    const Epho_ExteriorSystem map{EPHO_EXTERIOR_MAP, utm.p, 0, 0, 0, nullptr};
+    const Epho_ExteriorSystem tp{EPHO_EXTERIOR_TANGENT_PLANE, utm.p, lat, lon, 0.0, nullptr};
     double there[6];
     ASSERT_TRUE(
         epho_ReprojectExteriorPars(&map, &tp, EPHO_OMEGA_PHI_KAPPA, exterior, there, nullptr));
@@ -183,9 +183,9 @@ TEST(ReprojectExterior, GroundPointsLandOnTheSameImagePositions) {
     ground_a.insert(ground_a.end(), {a.xyz.x, a.xyz.y, a.xyz.z});
     ground_b.insert(ground_b.end(), {b.xyz.x, b.xyz.y, b.xyz.z});
   }
-  const Epho_ExteriorSystem map{EPHO_EXTERIOR_MAP, utm.p, 0, 0, 0};
-  const Epho_ExteriorSystem tp_a{EPHO_EXTERIOR_TANGENT_PLANE, utm.p, lat, lon, 300.0};
-  const Epho_ExteriorSystem tp_b{EPHO_EXTERIOR_TANGENT_PLANE, utm.p, lat_b, lon_b, 100.0};
+  const Epho_ExteriorSystem map{EPHO_EXTERIOR_MAP, utm.p, 0, 0, 0, nullptr};
+  const Epho_ExteriorSystem tp_a{EPHO_EXTERIOR_TANGENT_PLANE, utm.p, lat, lon, 300.0, nullptr};
+  const Epho_ExteriorSystem tp_b{EPHO_EXTERIOR_TANGENT_PLANE, utm.p, lat_b, lon_b, 100.0, nullptr};
   double in_a[6], in_b[6];
   ASSERT_TRUE(epho_ReprojectExteriorPars(&map, &tp_a, cam.rotation_system, e, in_a, nullptr));
   ASSERT_TRUE(epho_ReprojectExteriorPars(&tp_a, &tp_b, cam.rotation_system, in_a, in_b, nullptr));
@@ -211,9 +211,9 @@ TEST(ReprojectExterior, DatumChangeRoundTrips) {
   const double* e = kCameras[1].exterior;
   double lon, lat;
   Geographic(e[0], e[1], &lon, &lat);
-  const Epho_ExteriorSystem map{EPHO_EXTERIOR_MAP, ed50.p, 0, 0, 0};
-  const Epho_ExteriorSystem tp{EPHO_EXTERIOR_TANGENT_PLANE, wgs.p, lat, lon, 0.0};
-  const Epho_ExteriorSystem same_datum_map{EPHO_EXTERIOR_MAP, wgs.p, 0, 0, 0};
+  const Epho_ExteriorSystem map{EPHO_EXTERIOR_MAP, ed50.p, 0, 0, 0, nullptr};
+  const Epho_ExteriorSystem tp{EPHO_EXTERIOR_TANGENT_PLANE, wgs.p, lat, lon, 0.0, nullptr};
+  const Epho_ExteriorSystem same_datum_map{EPHO_EXTERIOR_MAP, wgs.p, 0, 0, 0, nullptr};
   double there[6], back[6], no_shift[6];
   Report err;
   ASSERT_TRUE(epho_ReprojectExteriorPars(&map, &tp, 0, e, there, &err)) << err.Text();
@@ -227,15 +227,71 @@ TEST(ReprojectExterior, DatumChangeRoundTrips) {
   EXPECT_LT(shift, 400.0);
 }
 
+// Heights above the EGM96 geoid: the centre's height changes by the geoid
+// undulation (PROJ's own vertical grid shift is the truth), its position and
+// the rotation correction stay what they are for ellipsoidal heights.
+TEST(ReprojectExterior, GeoidHeightsMoveTheCentreNotTheRotation) {
+  Projection utm(32);
+  Eprj_ElevationInfo* egm96 =
+      eprj_ElevationInfoCreateByName(L"WGS 84", L"EGM96", L"meters", L"height", nullptr);
+  ASSERT_NE(egm96, nullptr);
+  Pipeline undulation("+proj=vgridshift +grids=egm96_15.gtx +multiplier=1");
+  ASSERT_NE(undulation.pj, nullptr);
+  const Epho_ExteriorSystem geoid{EPHO_EXTERIOR_MAP, utm.p, 0, 0, 0, egm96};
+  const Epho_ExteriorSystem ellipsoid{EPHO_EXTERIOR_MAP, utm.p, 0, 0, 0, nullptr};
+  for (const Camera& cam : kCameras) {
+    SCOPED_TRACE(cam.what);
+    const double* e = cam.exterior;
+    double lon, lat;
+    Geographic(e[0], e[1], &lon, &lat);
+    const double n = undulation.Fwd(lon, lat, 0.0).xyz.z;
+    ASSERT_TRUE(std::isfinite(n));
+    ASSERT_GT(std::fabs(n), 1.0);  // central Europe: some 45 m
+    Report err;
+    double lifted[6];
+    ASSERT_TRUE(
+        epho_ReprojectExteriorPars(&geoid, &ellipsoid, cam.rotation_system, e, lifted, &err))
+        << err.Text();
+    EXPECT_NEAR(lifted[0], e[0], 1e-6);
+    EXPECT_NEAR(lifted[1], e[1], 1e-6);
+    EXPECT_NEAR(lifted[2], e[2] + n, 1e-3);
+    for (int k = 3; k < 6; ++k) EXPECT_LT(AngleDiff(lifted[k], e[k]), 1e-12) << k;
+
+    // Into a tangent plane: the same camera as from its ellipsoidal height.
+    const Epho_ExteriorSystem tp{EPHO_EXTERIOR_TANGENT_PLANE, utm.p, lat, lon, 200.0, nullptr};
+    double from_geoid[6], from_ellipsoid[6], back[6];
+    ASSERT_TRUE(epho_ReprojectExteriorPars(&geoid, &tp, cam.rotation_system, e, from_geoid, &err))
+        << err.Text();
+    ASSERT_TRUE(epho_ReprojectExteriorPars(&ellipsoid, &tp, cam.rotation_system, lifted,
+                                           from_ellipsoid, &err));
+    for (int k = 0; k < 3; ++k) EXPECT_NEAR(from_geoid[k], from_ellipsoid[k], 1e-3) << k;
+    for (int k = 3; k < 6; ++k) EXPECT_LT(AngleDiff(from_geoid[k], from_ellipsoid[k]), 1e-9) << k;
+    ASSERT_TRUE(
+        epho_ReprojectExteriorPars(&tp, &geoid, cam.rotation_system, from_geoid, back, &err));
+    for (int k = 0; k < 3; ++k) EXPECT_NEAR(back[k], e[k], 1e-3) << k;
+    for (int k = 3; k < 6; ++k) EXPECT_LT(AngleDiff(back[k], e[k]), 1e-9) << k;
+  }
+  eprj_ElevationInfoFree(egm96);
+}
+
 TEST(ReprojectExterior, BadInputIsReported) {
   Projection utm(32);
   Projection geo(0);
   Projection nowhere(32, L"WGS 84", L"Nowhere 1900");
+  // A datum whose shift grid is not installed, heights of an unknown geoid.
+  Projection gridded(32, L"GRS 1980", L"Gridded 2000");
+  Eprj_DatumShift by_grid{};
+  by_grid.kind = EPRJ_SHIFT_GRID;
+  by_grid.grids = L"no_such_shift_grid.tif";
+  // The exterior orientation reads the projection's own parameters.
+  ASSERT_TRUE(eprj_DatumShiftSet(gridded.p->proParameters->proSpheroid->datum, &by_grid, nullptr));
+  Eprj_ElevationInfo* navd =
+      eprj_ElevationInfoCreateByName(L"GRS 1980", L"NAVD88", L"meters", L"height", nullptr);
   const double good[6] = {501500, 5201500, 1900, 0.01, 0.02, 0.3};
   const double nan_angle[6] = {501500, 5201500, 1900, std::nan(""), 0.02, 0.3};
   const double far_away[6] = {9e7, 5201500, 1900, 0, 0, 0};
-  const Epho_ExteriorSystem map{EPHO_EXTERIOR_MAP, utm.p, 0, 0, 0};
-  const Epho_ExteriorSystem tp{EPHO_EXTERIOR_TANGENT_PLANE, utm.p, 47 * kDeg, 9 * kDeg, 0};
+  const Epho_ExteriorSystem map{EPHO_EXTERIOR_MAP, utm.p, 0, 0, 0, nullptr};
+  const Epho_ExteriorSystem tp{EPHO_EXTERIOR_TANGENT_PLANE, utm.p, 47 * kDeg, 9 * kDeg, 0, nullptr};
   struct Case {
     const char* what;
     Epho_ExteriorSystem from, to;
@@ -243,19 +299,47 @@ TEST(ReprojectExterior, BadInputIsReported) {
     const double* exterior;
     const wchar_t* message;
   } cases[] = {
-      {"geographic source", {EPHO_EXTERIOR_MAP, geo.p, 0, 0, 0}, tp, 0, good, L"is geographic"},
-      {"unknown datum", {EPHO_EXTERIOR_MAP, nowhere.p, 0, 0, 0}, tp, 0, good, L"is unknown"},
-      {"no projection", {EPHO_EXTERIOR_MAP, nullptr, 0, 0, 0}, tp, 0, good, L"no projection"},
-      {"unknown kind", {7, utm.p, 0, 0, 0}, tp, 0, good, L"kind 7 is unknown"},
+      {"geographic source",
+       {EPHO_EXTERIOR_MAP, geo.p, 0, 0, 0, nullptr},
+       tp,
+       0,
+       good,
+       L"is geographic"},
+      {"unknown datum",
+       {EPHO_EXTERIOR_MAP, nowhere.p, 0, 0, 0, nullptr},
+       tp,
+       0,
+       good,
+       L"Unknown datum \"Nowhere 1900\""},
+      {"no projection",
+       {EPHO_EXTERIOR_MAP, nullptr, 0, 0, 0, nullptr},
+       tp,
+       0,
+       good,
+       L"no projection"},
+      {"unknown kind", {7, utm.p, 0, 0, 0, nullptr}, tp, 0, good, L"kind 7 is unknown"},
       {"origin beyond the pole",
        map,
-       {EPHO_EXTERIOR_TANGENT_PLANE, utm.p, 2.0, 0, 0},
+       {EPHO_EXTERIOR_TANGENT_PLANE, utm.p, 2.0, 0, 0, nullptr},
        0,
        good,
        L"not a geographic position"},
       {"rotation system", map, tp, 5, good, L"rotation system 5 is unknown"},
       {"NaN angle", map, tp, 0, nan_angle, L"not finite"},
-      {"outside the projection", map, tp, 0, far_away, L"eprj_ProjectionToLL failed"},
+      {"missing shift grid",
+       {EPHO_EXTERIOR_MAP, gridded.p, 0, 0, 0, nullptr},
+       tp,
+       0,
+       good,
+       L"Grid \"no_such_shift_grid.tif\" of the datum \"Gridded 2000\" is not installed"},
+      {"geoid with no model", {EPHO_EXTERIOR_MAP, utm.p, 0, 0, 0, navd}, tp, 0, good, L"NAVD88"},
+      {"tangent plane with heights",
+       map,
+       {EPHO_EXTERIOR_TANGENT_PLANE, utm.p, 47 * kDeg, 9 * kDeg, 0, navd},
+       0,
+       good,
+       L"takes no elevation info"},
+      {"outside the projection", map, tp, 0, far_away, L"cannot be converted"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -266,6 +350,7 @@ TEST(ReprojectExterior, BadInputIsReported) {
     EXPECT_TRUE(testutil::Mentions(err.r, c.message)) << err.Text();
     for (double v : out) EXPECT_EQ(v, 42.0);
   }
+  eprj_ElevationInfoFree(navd);
 }
 
 }  // namespace

@@ -135,39 +135,49 @@ EPHO_EXPORT Exfr_XForm* epho_MapToDemXFormCreate(const Eprj_MapProjection* mapPr
 /* ---- exterior orientation between systems ----------------------------------- */
 
 /* Kinds of Epho_ExteriorSystem. */
-#define EPHO_EXTERIOR_MAP 0           /* projected map coordinates, ellipsoidal heights */
+#define EPHO_EXTERIOR_MAP 0           /* projected map coordinates and heights */
 #define EPHO_EXTERIOR_TANGENT_PLANE 1 /* local east-north-up Cartesian frame */
 
 /* A ground system of exterior orientation. Map: x, y of `projection` (metres;
  * geographic systems are refused: they have no Cartesian frame), z the height
- * above its spheroid. Tangent plane: x east, y north, z up from the point
- * (lat0, lon0 in radians, h0 metres above the spheroid) of the spheroid and
- * datum of `projection` (whose map kind does not matter). */
+ * that `heights` describes: null (or a datum that is not vertical) means
+ * metres above the projection's spheroid; "EGM96" or "EGM2008" means heights
+ * above that geoid (see eprj_3DProjectionCreate, which also reads the unit).
+ * Tangent plane: x east, y north, z up from the point (lat0, lon0 in radians,
+ * h0 metres above the spheroid) of the spheroid and datum of `projection`
+ * (whose map kind does not matter); its z is Cartesian, so `heights` must be
+ * null. Initialisers that stop before `heights` leave it null. */
 typedef struct Epho_ExteriorSystem {
   int32_t kind;
   const Eprj_MapProjection* projection;
   double lat0;
   double lon0;
   double h0;
+  const Eprj_ElevationInfo* heights;
 } Epho_ExteriorSystem;
 
 /* Carries an exterior orientation (perspective centre X, Y, Z then the three
  * angles in radians of the camera's `rotationSystem`: EPHO_OMEGA_PHI_KAPPA,
  * EPHO_PHIPLUS_OMEGA_KAPPA or EPHO_PHIMINUS_OMEGA_KAPPA of camera.h, the
  * rotation taking camera axes to ground axes of a Z-direction photograph)
- * from system `from` to system `to`: the centre rigorously (through PROJ,
- * heights ellipsoidal; a datum change through PROJ's transformation between
- * the two geographic 3D systems), the rotation by the local rotation between
- * the two ground frames at the centre: the nearest rotation to the Jacobian
- * of the point mapping there (central differences of 100 m), which removes
- * the meridian convergence and the tilt of the local vertical (earth
- * curvature). Between tangent planes this is exact; a map projection is not
- * conformal in 3D (horizontal scale k, vertical 1), so image positions of
- * the same ground point differ by about f·|k - 1|·tan(off-nadir angle) plus
- * the curvature drop d²/2R seen at distance d. Writes exteriorOut (may be
- * exteriorIn) only on success; fails on a geographic map system, points
- * outside a projection's domain, datums PROJ cannot relate (an unknown
- * datum), and a mapping that reverses handedness. */
+ * from system `from` to system `to`: the centre rigorously through the
+ * toolkit's 3D reprojection (eprj_3DProjectionCreate: each datum's shift to
+ * WGS 84, geoid heights through their geoid model), the rotation by the local
+ * rotation between the two ground frames at the centre: the nearest rotation
+ * to the Jacobian of the point mapping there (central differences of 100 m),
+ * which removes the meridian convergence and the tilt of the local vertical
+ * (earth curvature). The frames are the ellipsoidal ones: geoid heights move
+ * the centre by the undulation but leave the rotation as it is (the geoid's
+ * slope is a deflection of the plumb line, not a turn of the map frame).
+ * Between tangent planes this is exact; a map projection is not conformal in
+ * 3D (horizontal scale k, vertical 1), so image positions of the same ground
+ * point differ by about f·|k - 1|·tan(off-nadir angle) plus the curvature
+ * drop d²/2R seen at distance d. Writes exteriorOut (may be exteriorIn) only
+ * on success; fails on a geographic map system, points outside a
+ * projection's domain or a grid's extent, datums with no known shift to WGS
+ * 84 ("Unknown datum"), polynomial regression shifts, a grid or geoid model
+ * that is not installed (the report names the grid file), and a mapping that
+ * reverses handedness. */
 EPHO_EXPORT Emsc_Boolean epho_ReprojectExteriorPars(
     const Epho_ExteriorSystem* from, const Epho_ExteriorSystem* to, int32_t rotationSystem,
     const double exteriorIn[6], double exteriorOut[6], Eerr_ErrorReport** err) KZDV_NOEXCEPT;
