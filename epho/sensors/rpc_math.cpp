@@ -178,9 +178,9 @@ std::wstring RpcNumbersProblem(const double* rpc) {
   return L"";
 }
 
-bool DemGrid::HeightAt(double lon, double lat, double* h) const {
-  const double fx = to_file[0] + to_file[1] * lon + to_file[2] * lat;
-  const double fy = to_file[3] + to_file[4] * lon + to_file[5] * lat;
+bool DemGrid::HeightAt(double x, double y, double* h) const {
+  const double fx = to_file[0] + to_file[1] * x + to_file[2] * y;
+  const double fy = to_file[3] + to_file[4] * x + to_file[5] * y;
   if (!(fx >= 0 && fx <= width && fy >= 0 && fy <= height)) return false;
   // Between cell centres; the outer half cells take their edge values.
   const double cx = std::clamp(fx - 0.5, 0.0, double(width - 1));
@@ -194,6 +194,21 @@ bool DemGrid::HeightAt(double lon, double lat, double* h) const {
   for (double z : {z00, z01, z10, z11})
     if (!std::isfinite(z) || (has_null && z == null_value)) return false;
   *h = (z00 * (1 - tx) + z01 * tx) * (1 - ty) + (z10 * (1 - tx) + z11 * tx) * ty;
+  return true;
+}
+
+// Into the DEM's system at the ellipsoid, read the DEM there, and the height
+// read (of the DEM's kind and unit) back to an ellipsoidal height in metres.
+bool DemGrid::EllipsoidalHeightAt(double lon, double lat, double* h) const {
+  if (!from_wgs84) return HeightAt(lon, lat, h);
+  constexpr double kRad = M_PI / 180.0;
+  double x = lon * kRad, y = lat * kRad, z = 0.0;
+  if (!eprj_3DProject(from_wgs84.get(), 1, &x, &y, &z, nullptr)) return false;
+  const double scale = degrees ? 1.0 / kRad : 1.0;
+  double height = 0.0;
+  if (!HeightAt(x * scale, y * scale, &height)) return false;
+  if (!eprj_3DProjectInverse(from_wgs84.get(), 1, &x, &y, &height, nullptr)) return false;
+  *h = height;
   return true;
 }
 

@@ -1,9 +1,9 @@
 // The rational-function model: creation from numbers or from an image's RPC
 // metadata through GDAL, the routine table bound at run time, the height
-// source and the iteration onto it, and the exfr registration.
+// source (a DEM in any system related to WGS 84, or a constant) and the
+// iteration onto it, and the exfr registration.
 #include <cpl_error.h>
 #include <gdal.h>
-#include <ogr_srs_api.h>
 
 #include <atomic>
 #include <cmath>
@@ -14,6 +14,7 @@
 #include "eimg.h"
 #include "eint.h"
 #include "epho/sensors/sensors_internal.h"
+#include "eprj.h"
 #include "platform/eerr/error_frame.h"
 #include "platform/emsc/heap_ptr.h"
 #include "platform/estr/utf8.h"
@@ -86,12 +87,34 @@ using DatasetPtr = Owned<void, CloseDataset>;
 void CloseLayer(Eimg_Layer* layer) { eimg_LayerClose(layer, nullptr); }
 using LayerPtr = Owned<Eimg_Layer, CloseLayer>;
 
-bool IsGeographicWkt(const std::string& wkt) {
-  OGRSpatialReferenceH srs = OSRNewSpatialReference(nullptr);
-  char* text = const_cast<char*>(wkt.c_str());
-  const bool geographic = OSRImportFromWkt(srs, &text) == OGRERR_NONE && OSRIsGeographic(srs);
-  OSRDestroySpatialReference(srs);
-  return geographic;
+void FreeParams(Eprj_ProParameters* p) { eprj_ProParametersFree(p); }
+using ParamsPtr = Owned<Eprj_ProParameters, FreeParams>;
+void FreeHeights(Eprj_ElevationInfo* e) { eprj_ElevationInfoFree(e); }
+using HeightsPtr = Owned<Eprj_ElevationInfo, FreeHeights>;
+
+// The reprojection from WGS 84 with ellipsoidal heights to the DEM's system
+// and heights (its elevation info: geoid heights, unit), left null when that
+// does nothing (a geographic WGS 84 DEM of ellipsoidal metres).
+bool DemReprojection(const std::wstring& dem_file, const Etxt_Char* wkt, DemGrid& grid,
+                     kzdv::ErrorFrame& frame) {
+  ParamsPtr dem(eprj_ProParametersFromWkt(kzdv::ToUtf8(wkt).c_str(), frame.Callee()));
+  EERR_CHECK(dem, frame, false,
+             L"The coordinate system of the DEM %s is not one the library can relate to WGS 84",
+             dem_file.c_str());
+  HeightsPtr heights(eprj_ElevationInfoRead(dem_file.c_str(), 1, frame.Callee()));
+  EERR_CHECK(heights, frame, false, L"eprj_ElevationInfoRead failed");
+  ParamsPtr wgs84(eprj_ProParametersCreate(EPRJ_LATLONG, L"Geographic (Lat/Lon)", 0, nullptr,
+                                           L"WGS 84", L"WGS 84", frame.Callee()));
+  EERR_CHECK(wgs84, frame, false, L"eprj_ProParametersCreate failed");
+  Eprj_3DProjection* p =
+      eprj_3DProjectionCreate(wgs84.get(), nullptr, dem.get(), heights.get(), frame.Callee());
+  EERR_CHECK(p, frame, false, L"The DEM %s cannot be related to WGS 84 longitude and latitude",
+             dem_file.c_str());
+  grid.from_wgs84.reset(p, eprj_3DProjectionFree);
+  grid.degrees = dem->proType == EPRJ_INTERNAL && dem->proNumber == EPRJ_LATLONG;
+  if (grid.degrees && std::strcmp(eprj_3DProjectionDefinitionGet(p), "+proj=noop") == 0)
+    grid.from_wgs84.reset();
+  return true;
 }
 
 // Reads the first layer of `dem_file` into memory.
@@ -104,19 +127,18 @@ std::shared_ptr<const DemGrid> ReadDem(const std::wstring& dem_file, kzdv::Error
   EERR_FAIL_IF(static_cast<long long>(layer->width) * layer->height > kMaxDemCells, frame, nullptr,
                L"The DEM %s has more than %lld cells", dem_file.c_str(), kMaxDemCells);
   kzdv::HeapPtr<Etxt_Char> wkt(eimg_LayerMapProjectionRead(layer.get(), frame.Callee()));
-  EERR_CHECK(wkt, frame, nullptr, L"The DEM %s has no coordinate system", dem_file.c_str());
-  EERR_FAIL_IF(!IsGeographicWkt(kzdv::ToUtf8(wkt.get())), frame, nullptr,
-               L"The DEM %s is not in geographic coordinates (longitude, latitude in degrees)",
-               dem_file.c_str());
+  EERR_CHECK(wkt && *wkt.get(), frame, nullptr, L"The DEM %s has no coordinate system",
+             dem_file.c_str());
+  auto grid = std::make_shared<DemGrid>();
+  if (!DemReprojection(dem_file, wkt.get(), *grid, frame)) return nullptr;
   std::unique_ptr<Eimg_MapInfo, void (*)(Eimg_MapInfo*)> info(
       eimg_LayerMapInformationRead(layer.get(), frame.Callee()), eimg_MapInfoFree);
   EERR_CHECK(info, frame, nullptr, L"eimg_LayerMapInformationRead failed");
-  auto grid = std::make_shared<DemGrid>();
   const double* g = info->geoTransform;
   const double det = g[1] * g[5] - g[2] * g[4];
   EERR_FAIL_IF(!(std::fabs(det) > 0), frame, nullptr, L"The DEM %s has a singular georeference",
                dem_file.c_str());
-  // Inverse of lon = g0 + col g1 + row g2, lat = g3 + col g4 + row g5.
+  // Inverse of x = g0 + col g1 + row g2, y = g3 + col g4 + row g5.
   grid->to_file[1] = g[5] / det;
   grid->to_file[2] = -g[2] / det;
   grid->to_file[0] = -(grid->to_file[1] * g[0] + grid->to_file[2] * g[3]);
@@ -139,33 +161,25 @@ std::shared_ptr<const DemGrid> ReadDem(const std::wstring& dem_file, kzdv::Error
   return grid;
 }
 
-// Height of the surface at (lon, lat): the DEM's, or the constant.
-bool SurfaceHeight(const Epho_RpcModel* m, double lon, double lat, double* h) {
-  if (!m->dem) {
-    *h = m->constant_height;
-    return true;
-  }
-  return m->dem->HeightAt(lon, lat, h);
-}
-
 // One image point onto the surface: the height is iterated on
 // f(h) = surface(ground(h)) - h, a plain substitution step first and secant
 // steps after it (quadratic-like convergence where the terrain is smooth,
 // and no failure where the ray meets the terrain at a grazing angle that
 // makes substitution alone oscillate).
-bool OntoSurface(const Epho_RpcModel* m, const Epho_RpcEntryPoints* table, double x, double y,
-                 double* ground, kzdv::ErrorFrame& frame, long index) {
+bool OntoSurface(const Epho_RpcModel* m, const HeightSource& source,
+                 const Epho_RpcEntryPoints* table, double x, double y, double* ground,
+                 kzdv::ErrorFrame& frame, long index) {
   const double xy[2] = {x, y};
-  double h = m->dem ? m->numbers[EPHO_RPC_HEIGHT_OFF] : m->constant_height;
+  double h = source.dem ? m->numbers[EPHO_RPC_HEIGHT_OFF] : source.constant_height;
   double h_prev = 0, f_prev = 0, f = 0;
   for (int it = 0; it < EPHO_RPC_HEIGHT_MAX_ITERATIONS; ++it) {
     double g[2], s;
     EERR_CHECK(table->imageToGround(m->numbers, 1, xy, &h, g, frame.Callee()), frame, false,
                L"Image point %ld: imageToGround failed", index);
-    EERR_FAIL_IF(
-        !SurfaceHeight(m, g[0], g[1], &s), frame, false,
-        L"Image point %ld: no DEM height at lon %f, lat %f (outside the DEM or a null cell)", index,
-        g[0], g[1]);
+    EERR_FAIL_IF(!source.At(g[0], g[1], &s), frame, false,
+                 L"Image point %ld: no DEM height at lon %f, lat %f (outside the DEM or a null "
+                 L"cell)",
+                 index, g[0], g[1]);
     f = s - h;
     if (std::fabs(f) < EPHO_RPC_HEIGHT_TOLERANCE_M) {
       ground[0] = g[0];
@@ -225,12 +239,13 @@ Emsc_Boolean OpsTransform2D(void* model, Efga_Matrix* points, Eerr_ErrorReport**
   static const Etxt_Char* const kFn = L"epho_RpcTransform";
   kzdv::ErrorFrame frame(kFn, err);
   const auto* m = static_cast<const Epho_RpcModel*>(model);
+  const std::shared_ptr<const HeightSource> source = m->Heights();
   const long n = points->numrows * points->numcolumns / 2;
   std::vector<double> ground(3 * size_t(n));
   for (long i = 0; i < n; ++i) {
     ground[3 * i] = points->data[2 * i];
     ground[3 * i + 1] = points->data[2 * i + 1];
-    EERR_FAIL_IF(!SurfaceHeight(m, ground[3 * i], ground[3 * i + 1], &ground[3 * i + 2]), frame,
+    EERR_FAIL_IF(!source->At(ground[3 * i], ground[3 * i + 1], &ground[3 * i + 2]), frame,
                  EMSC_FALSE, L"Ground point %ld: no DEM height (outside the DEM or a null cell)",
                  i);
   }
@@ -282,7 +297,9 @@ Epho_RpcModel* epho_RpcModelCreate(const double* numbers, Eerr_ErrorReport** err
   EERR_FAIL_IF(!problem.empty(), frame, nullptr, L"%s", problem.c_str());
   auto model = std::make_unique<Epho_RpcModel>();
   std::memcpy(model->numbers, numbers, sizeof model->numbers);
-  model->constant_height = numbers[EPHO_RPC_HEIGHT_OFF];
+  auto source = std::make_shared<HeightSource>();
+  source->constant_height = numbers[EPHO_RPC_HEIGHT_OFF];
+  model->SetHeights(std::move(source));
   return model.release();
 }
 EERR_BOUNDARY(err, nullptr)
@@ -326,7 +343,7 @@ Epho_RpcModel* epho_RpcModelCopy(const Epho_RpcModel* model, Eerr_ErrorReport** 
   static const Etxt_Char* const kFn = L"epho_RpcModelCopy";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF_NULL(model, frame, nullptr);
-  return new Epho_RpcModel(*model);  // the DEM grid is shared: it never changes
+  return new Epho_RpcModel(*model);  // the height source is shared: it never changes
 }
 EERR_BOUNDARY(err, nullptr)
 
@@ -349,16 +366,16 @@ Emsc_Boolean epho_RpcModelHeightSourceSet(Epho_RpcModel* model, const Etxt_Char*
   static const Etxt_Char* const kFn = L"epho_RpcModelHeightSourceSet";
   kzdv::ErrorFrame frame(kFn, err);
   EERR_FAIL_IF_NULL(model, frame, EMSC_FALSE);
-  if (!dem_file) {
+  auto source = std::make_shared<HeightSource>();
+  if (dem_file) {
+    source->dem = ReadDem(dem_file, frame);
+    if (!source->dem) return EMSC_FALSE;
+  } else {
     EERR_FAIL_IF(!std::isfinite(constant_height), frame, EMSC_FALSE,
                  L"The constant height is not finite");
-    model->dem.reset();
-    model->constant_height = constant_height;
-    return EMSC_TRUE;
+    source->constant_height = constant_height;
   }
-  std::shared_ptr<const DemGrid> grid = ReadDem(dem_file, frame);
-  if (!grid) return EMSC_FALSE;
-  model->dem = std::move(grid);
+  model->SetHeights(std::move(source));
   return EMSC_TRUE;
 }
 EERR_BOUNDARY(err, EMSC_FALSE)
@@ -404,9 +421,10 @@ Emsc_Boolean epho_RpcImageToGroundOnSurface(const Epho_RpcModel* model, long cou
   EERR_FAIL_IF_NULL(image_xy, frame, EMSC_FALSE);
   EERR_FAIL_IF_NULL(ground_xyz, frame, EMSC_FALSE);
   const Epho_RpcEntryPoints* table = Table();
+  const std::shared_ptr<const HeightSource> source = model->Heights();
   for (long i = 0; i < count; ++i)
-    if (!OntoSurface(model, table, image_xy[2 * i], image_xy[2 * i + 1], &ground_xyz[3 * i], frame,
-                     i))
+    if (!OntoSurface(model, *source, table, image_xy[2 * i], image_xy[2 * i + 1],
+                     &ground_xyz[3 * i], frame, i))
       return EMSC_FALSE;
   return EMSC_TRUE;
 }

@@ -6,6 +6,7 @@
 #include <gdal_alg.h>
 #include <gtest/gtest.h>
 #include <ogr_srs_api.h>
+#include <proj.h>
 
 #include <algorithm>
 #include <atomic>
@@ -115,16 +116,18 @@ double WorstPixelDifference(const std::vector<double>& a, const std::vector<doub
 // heights from `height(lon, lat)` at cell centres), written through GDAL.
 template <typename F>
 void WriteGeographicRaster(const std::string& path, int width, int height, const double gt[6],
-                           F heightAt, char** options = nullptr, int epsg = 4326) {
+                           F heightAt, char** options = nullptr, const char* crs = "EPSG:4326") {
   GDALAllRegister();
   GDALDatasetH ds = GDALCreate(GDALGetDriverByName("GTiff"), path.c_str(), width, height, 1,
                                GDT_Float64, options);
   ASSERT_TRUE(ds);
   GDALSetGeoTransform(ds, const_cast<double*>(gt));
   OGRSpatialReferenceH srs = OSRNewSpatialReference(nullptr);
-  OSRImportFromEPSG(srs, epsg);
-  OSRSetAxisMappingStrategy(srs, OAMS_TRADITIONAL_GIS_ORDER);
-  GDALSetSpatialRef(ds, srs);
+  if (*crs) {
+    ASSERT_EQ(OSRSetFromUserInput(srs, crs), OGRERR_NONE) << crs;
+    OSRSetAxisMappingStrategy(srs, OAMS_TRADITIONAL_GIS_ORDER);
+    GDALSetSpatialRef(ds, srs);
+  }
   OSRDestroySpatialReference(srs);
   std::vector<double> z(size_t(width) * height);
   for (int r = 0; r < height; ++r)
@@ -361,6 +364,113 @@ TEST(RpcModel, InverseOnADemLandsOnTheSurface) {
   EXPECT_EQ(found[2], 321.0);
 }
 
+// PROJ operations as independent truth: UTM zone 32 on WGS 84, the EGM96
+// undulation.
+struct ProjOp {
+  PJ_CONTEXT* ctx = proj_context_create();
+  PJ* pj;
+  explicit ProjOp(const char* def) : pj(proj_create(ctx, def)) { EXPECT_NE(pj, nullptr) << def; }
+  ~ProjOp() {
+    proj_destroy(pj);
+    proj_context_destroy(ctx);
+  }
+  PJ_XYZ Fwd(double lon_deg, double lat_deg) const {
+    const double r = M_PI / 180.0;
+    return proj_trans(pj, PJ_FWD, proj_coord(lon_deg * r, lat_deg * r, 0, 0)).xyz;
+  }
+};
+
+// The same terrain as a UTM DEM (with ellipsoidal or EGM96 heights) and as a
+// geographic one: the inverse lands on the surface of each, and the ground
+// points agree. The terrain is a plane in UTM, which bilinear interpolation
+// on the UTM grid reproduces exactly.
+TEST(RpcModel, InverseOnAProjectedDemLandsOnTheSurface) {
+  testutil::ScratchDir dir("rpc_utm_dem");
+  const Numbers n = SampleRpc();
+  const double lon0 = n[EPHO_RPC_LONG_OFF], lat0 = n[EPHO_RPC_LAT_OFF];
+  const ProjOp utm("+proj=utm +zone=32 +ellps=WGS84");
+  const ProjOp geoid("+proj=vgridshift +grids=egm96_15.gtx +multiplier=1");
+  const PJ_XYZ c = utm.Fwd(lon0, lat0);
+  auto plane = [&](double e, double nn) { return 700.0 + 0.05 * (e - c.x) - 0.03 * (nn - c.y); };
+  auto terrain = [&](double lon, double lat) {
+    const PJ_XYZ p = utm.Fwd(lon, lat);
+    return plane(p.x, p.y);
+  };
+  const double utm_gt[6] = {std::floor(c.x / 50) * 50 - 12000, 50, 0,
+                            std::floor(c.y / 50) * 50 + 14000, 0,  -50};
+  const std::string ellipsoidal = dir.File("utm_dem.tif"), egm96 = dir.File("utm_egm96.tif");
+  WriteGeographicRaster(ellipsoidal, 480, 560, utm_gt, plane, nullptr, "EPSG:32632");
+  // Orthometric heights: the geoid undulation at each cell centre taken off.
+  const ProjOp inv_utm("+proj=utm +zone=32 +ellps=WGS84 +inv");
+  WriteGeographicRaster(
+      egm96, 480, 560, utm_gt,
+      [&](double e, double nn) {
+        const PJ_XY ll = proj_trans(inv_utm.pj, PJ_FWD, proj_coord(e, nn, 0, 0)).xy;
+        const double r = 180.0 / M_PI;
+        return plane(e, nn) - geoid.Fwd(ll.x * r, ll.y * r).z;
+      },
+      nullptr, "EPSG:32632+5773");
+  const std::string geographic = dir.File("geo_dem.tif");
+  const double geo_gt[6] = {lon0 - 0.1, 0.0005, 0, lat0 + 0.08, 0, -0.0005};
+  WriteGeographicRaster(geographic, 400, 320, geo_gt, terrain);
+
+  std::vector<double> ground;
+  for (int i = -3; i <= 3; ++i)
+    for (int j = -3; j <= 3; ++j) {
+      const double lon = lon0 + 0.02 * i + 0.001, lat = lat0 + 0.015 * j - 0.002;
+      ground.insert(ground.end(), {lon, lat, terrain(lon, lat)});
+    }
+  const long count = long(ground.size() / 3);
+  ModelPtr m = Model(n);
+  std::vector<double> image(2 * count);
+  ErrSlot err;
+  ASSERT_TRUE(epho_RpcGroundToImage(m.get(), count, ground.data(), image.data(), &err));
+  std::vector<double> on_geographic(3 * count);
+  ASSERT_TRUE(epho_RpcModelHeightSourceSet(m.get(), kzdv::FromUtf8(geographic).c_str(), 0, &err));
+  ASSERT_TRUE(
+      epho_RpcImageToGroundOnSurface(m.get(), count, image.data(), on_geographic.data(), &err))
+      << err.Text();
+  for (const std::string& dem : {ellipsoidal, egm96}) {
+    SCOPED_TRACE(dem);
+    ASSERT_TRUE(epho_RpcModelHeightSourceSet(m.get(), kzdv::FromUtf8(dem).c_str(), 0, &err))
+        << err.Text();
+    std::vector<double> found(3 * count);
+    ASSERT_TRUE(epho_RpcImageToGroundOnSurface(m.get(), count, image.data(), found.data(), &err))
+        << err.Text();
+    for (long i = 0; i < count; ++i) {
+      EXPECT_NEAR(found[3 * i], ground[3 * i], 1e-7);  // degrees: about 1 cm
+      EXPECT_NEAR(found[3 * i + 1], ground[3 * i + 1], 1e-7);
+      EXPECT_NEAR(found[3 * i + 2], terrain(found[3 * i], found[3 * i + 1]), 5e-3);  // metres
+      for (int k = 0; k < 3; ++k)
+        EXPECT_NEAR(found[3 * i + k], on_geographic[3 * i + k], k < 2 ? 1e-7 : 5e-3);
+    }
+  }
+}
+
+// Evaluations on several threads while another swaps the height source:
+// each point lands on one of the two surfaces, never on a mixture.
+TEST(RpcModel, HeightSourceSwapsWhileThreadsEvaluate) {
+  ModelPtr m = Model();
+  const double image[2] = {6000.5, 5000.5};
+  std::atomic<bool> stop{false};
+  std::atomic<long> bad{0};
+  std::vector<std::thread> workers;
+  for (int t = 0; t < 2; ++t)
+    workers.emplace_back([&] {
+      while (!stop.load()) {
+        double g[3];
+        if (!epho_RpcImageToGroundOnSurface(m.get(), 1, image, g, nullptr) ||
+            (g[2] != 300.0 && g[2] != 900.0))
+          ++bad;
+      }
+    });
+  for (int k = 0; k < 2000; ++k)
+    ASSERT_TRUE(epho_RpcModelHeightSourceSet(m.get(), nullptr, k % 2 ? 300.0 : 900.0, nullptr));
+  stop = true;
+  for (std::thread& w : workers) w.join();
+  EXPECT_EQ(bad.load(), 0);
+}
+
 TEST(RpcModel, BadInputIsReportedNeverCrashes) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   struct Case {
@@ -401,8 +511,9 @@ TEST(RpcModel, BadInputIsReportedNeverCrashes) {
   std::ofstream(dir.File("cut_RPC.TXT")) << "LINE_OFF: 10\nSAMP_OFF: 10\nLAT_OFF: 45\n";
   EXPECT_FALSE(epho_RpcModelRead(kzdv::FromUtf8(cut).c_str(), &err));
 
-  // Points: a NaN ground point, an image point the inverse cannot reach, a
-  // DEM in a projected system, a DEM that does not cover the scene.
+  // Points: a NaN ground point, an image point the inverse cannot reach, DEMs
+  // with no coordinate system or heights of a geoid with no model here, a DEM
+  // that does not cover the scene.
   ModelPtr m = Model();
   const double bad_ground[6] = {7.3, 45.2, 800, 7.3, nan, 800};
   double image[4];
@@ -415,12 +526,22 @@ TEST(RpcModel, BadInputIsReportedNeverCrashes) {
   EXPECT_FALSE(epho_RpcImageToGround(m.get(), 1, far_image, &h, out, &err));
   EXPECT_TRUE(err.Mentions(L"did not converge")) << err.Text();
   (void)ground_xy;
-  const std::string utm = dir.File("utm.tif");
   const double utm_gt[6] = {350000, 30, 0, 5010000, 0, -30};
-  WriteGeographicRaster(
-      utm, 16, 16, utm_gt, [](double, double) { return 1.0; }, nullptr, 32632);
-  EXPECT_FALSE(epho_RpcModelHeightSourceSet(m.get(), kzdv::FromUtf8(utm).c_str(), 0, &err));
-  EXPECT_TRUE(err.Mentions(L"not in geographic coordinates")) << err.Text();
+  const struct {
+    const char* file;
+    const char* crs;
+    const wchar_t* message;
+  } unusable[] = {{"nowhere.tif", "", L"has no coordinate system"},
+                  {"navd88.tif", "EPSG:32632+5703",
+                   L"\"North American Vertical Datum 1988\" has no geoid model"}};
+  for (const auto& u : unusable) {
+    SCOPED_TRACE(u.file);
+    const std::string path = dir.File(u.file);
+    WriteGeographicRaster(
+        path, 16, 16, utm_gt, [](double, double) { return 1.0; }, nullptr, u.crs);
+    EXPECT_FALSE(epho_RpcModelHeightSourceSet(m.get(), kzdv::FromUtf8(path).c_str(), 0, &err));
+    EXPECT_TRUE(err.Mentions(u.message)) << err.Text();
+  }
   const std::string small = dir.File("corner.tif");
   const double corner_gt[6] = {7.35, 0.001, 0, 45.25, 0, -0.001};
   WriteGeographicRaster(small, 10, 10, corner_gt, [](double, double) { return 900.0; });

@@ -1,14 +1,17 @@
 // Internals of the sensor models shared by their sources and tests: the RPC
-// arithmetic, the in-memory DEM of the RPC height source, the 3D polynomial
+// arithmetic, the in-memory DEM and the height source of the RPC model, the 3D polynomial
 // terms.
 #ifndef EPHO_SENSORS_SENSORS_INTERNAL_H_
 #define EPHO_SENSORS_SENSORS_INTERNAL_H_
 
+#include <algorithm>
+#include <atomic>
 #include <memory>
 #include <vector>
 
 #include "epho/kernel/vector_path.h"
 #include "epho/sensors.h"
+#include "eprj.h"
 
 namespace epho::sensors {
 
@@ -49,16 +52,41 @@ bool RpcInverseAt(const double* rpc, double image_x, double image_y, double h, d
 // Checks the 90 numbers; returns an empty string or the problem.
 std::wstring RpcNumbersProblem(const double* rpc);
 
-// A DEM read whole, georeferenced in geographic degrees.
+// A DEM read whole, in its own coordinate system.
 struct DemGrid {
   long width = 0, height = 0;
-  std::vector<double> cells;  // row-major heights, metres
-  double to_file[6] = {0};    // col = t0 + t1 lon + t2 lat, row = t3 + t4 lon + t5 lat (corners)
+  std::vector<double> cells;  // row-major heights, the DEM's own unit and kind
+  double to_file[6] = {0};    // col = t0 + t1 x + t2 y, row = t3 + t4 x + t5 y (corners)
   bool has_null = false;
   double null_value = 0;
-  // Bilinear height between cell centres at (lon, lat); false outside the
-  // grid or next to a null cell.
-  bool HeightAt(double lon, double lat, double* h) const;
+  // Null when the DEM holds ellipsoidal heights in metres on geographic WGS 84
+  // degrees; otherwise the reprojection from WGS 84 (longitude, latitude in
+  // radians, ellipsoidal height) to the DEM's map coordinates and heights.
+  // Safe for concurrent use.
+  std::shared_ptr<Eprj_3DProjection> from_wgs84;
+  bool degrees = true;  // the DEM's map coordinates are degrees (a geographic DEM)
+  // Bilinear height between cell centres at (x, y) of the DEM's system;
+  // false outside the grid or next to a null cell.
+  bool HeightAt(double x, double y, double* h) const;
+  // The surface's ellipsoidal height in metres at WGS 84 (lon, lat) in
+  // degrees; false where HeightAt is, or where the point does not convert.
+  bool EllipsoidalHeightAt(double lon, double lat, double* h) const;
+};
+
+// Where the surface heights of an RPC model come from: a DEM, or a constant
+// ellipsoidal height when `dem` is null. Never changed once made: a model
+// swaps the whole source atomically.
+struct HeightSource {
+  std::shared_ptr<const DemGrid> dem;
+  double constant_height = 0;
+  // The surface's ellipsoidal height at (lon, lat) in degrees.
+  bool At(double lon, double lat, double* h) const {
+    if (!dem) {
+      *h = constant_height;
+      return true;
+    }
+    return dem->EllipsoidalHeightAt(lon, lat, h);
+  }
 };
 
 // ---- 3D polynomial terms (order 1..3, total-degree order of sensors.h).
@@ -71,9 +99,23 @@ void Poly3DTermDerivatives(long order, double u, double v, double w, double* du,
 
 // The opaque model objects.
 struct Epho_RpcModel {
+  Epho_RpcModel() = default;
+  Epho_RpcModel(const Epho_RpcModel& other) : heights(other.Heights()) {
+    std::copy(other.numbers, other.numbers + EPHO_RPC_NUMBER_COUNT, numbers);
+  }
+  Epho_RpcModel& operator=(const Epho_RpcModel&) = delete;
+
+  // The height source in force, and its replacement: atomic, so that
+  // evaluations on other threads keep the source they started with.
+  std::shared_ptr<const epho::sensors::HeightSource> Heights() const {
+    return std::atomic_load(&heights);
+  }
+  void SetHeights(std::shared_ptr<const epho::sensors::HeightSource> source) {
+    std::atomic_store(&heights, std::move(source));
+  }
+
   double numbers[EPHO_RPC_NUMBER_COUNT];
-  std::shared_ptr<const epho::sensors::DemGrid> dem;  // null: constant height
-  double constant_height = 0;
+  std::shared_ptr<const epho::sensors::HeightSource> heights;  // never null once created
 };
 
 struct Epho_Poly3DModel {
