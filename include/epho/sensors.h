@@ -113,10 +113,20 @@ EPHO_EXPORT Emsc_Boolean epho_RpcModelNumbersGet(const Epho_RpcModel* model, dou
                                                  Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
 /* Where heights come from when a point is taken to the surface: the first
- * layer of `dem_file` (a raster georeferenced in geographic degrees, heights
- * in metres above the ellipsoid, read whole into memory and interpolated
- * bilinearly between cell centres), or `constant_height` when `dem_file` is
- * null. Not thread-safe against calls on the same model. */
+ * layer of `dem_file` (read whole into memory and interpolated bilinearly
+ * between cell centres), or `constant_height` (ellipsoidal metres) when
+ * `dem_file` is null. The DEM may be in any coordinate system the toolkit
+ * relates to WGS 84 (eprj_3DProjectionCreate: geographic or projected, any
+ * datum with a known shift); its heights are those of its elevation info
+ * (eprj_ElevationInfoRead): ellipsoidal, or above the EGM96 or EGM2008 geoid
+ * when its coordinate system has that vertical part, in the band's unit.
+ * Each ground point is carried into the DEM's system, the DEM read there and
+ * the height carried back to a WGS 84 ellipsoidal height. Fails, leaving the
+ * source in force, on a DEM with no coordinate system, a system or vertical
+ * datum that cannot be related to WGS 84, or a geoid grid that is not
+ * installed (named in the report). Safe while other threads evaluate the
+ * model: the source is swapped whole, and each call uses the source in force
+ * when it started. */
 EPHO_EXPORT Emsc_Boolean epho_RpcModelHeightSourceSet(Epho_RpcModel* model,
                                                       const Etxt_Char* dem_file,
                                                       double constant_height,

@@ -158,7 +158,9 @@ bool DatumSteps(const System& s, std::vector<Step>& steps, std::vector<Grid>& gr
     }
     case EPRJ_SHIFT_REGRESSION:
       EERR_FAIL(frame, false,
-                L"Datum \"%ls\" has a polynomial regression shift, which is not supported",
+                L"Datum \"%ls\" has a polynomial regression shift, which is not supported: the "
+                L"record keeps bare coefficients without the polynomial's order, term layout or "
+                L"normalisation",
                 name.c_str());
     default:
       EERR_FAIL(frame, false, L"Unknown datum \"%ls\": it has no known shift to WGS 84",

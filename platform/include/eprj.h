@@ -82,7 +82,7 @@ typedef enum {
   EPRJ_SHIFT_3_PARAMETER = 1, /* geocentric translation dx, dy, dz */
   EPRJ_SHIFT_7_PARAMETER = 2, /* translation, rotations and scale (Helmert) */
   EPRJ_SHIFT_GRID = 3,        /* horizontal offset grid(s) in `grids` */
-  EPRJ_SHIFT_REGRESSION = 4,  /* polynomial regression: not converted here */
+  EPRJ_SHIFT_REGRESSION = 4,  /* polynomial regression: refused (see below) */
   EPRJ_SHIFT_UNKNOWN = 5      /* no shift known: the datum cannot be left */
 } Eprj_DatumShiftKind;
 
@@ -302,7 +302,12 @@ KZDV_EXPORT Emsc_Boolean eprj_ProjectionFromLL(const Eprj_MapProjection* project
  * of heights is the info's elevationUnit (meters, feet, US survey feet).
  * Fails on missing parameters or spheroids, a datum with no known shift when
  * one is needed ("unknown datum"), regression shifts, other vertical datums,
- * and missing grids (the report names the grid). */
+ * and missing grids (the report names the grid). A regression record keeps
+ * bare coefficients in `params`, without the polynomial's order, its term
+ * layout, the normalisation of its inputs or the frames it maps between, so
+ * no shift can be evaluated from it exactly; rather than guess at a layout,
+ * such datums are refused (a regression record that names a grid runs as
+ * that grid). */
 KZDV_EXPORT Eprj_3DProjection* eprj_3DProjectionCreate(const Eprj_ProParameters* source,
                                                        const Eprj_ElevationInfo* sourceHeights,
                                                        const Eprj_ProParameters* target,
