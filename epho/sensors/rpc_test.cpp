@@ -310,6 +310,36 @@ TEST(RpcModel, ReadsTiffTagsRpbAndRpcTxtThroughOnePath) {
   EXPECT_TRUE(err.Mentions(L"no RPC metadata")) << err.Text();
 }
 
+// A 7 x 7 spread of ground points over the sample scene on the terrain
+// `height(lon, lat)`, and their image positions through `m`.
+template <typename F>
+void SceneOnTerrain(const Epho_RpcModel* m, const Numbers& n, F height, std::vector<double>& ground,
+                    std::vector<double>& image) {
+  ground.clear();
+  for (int i = -3; i <= 3; ++i)
+    for (int j = -3; j <= 3; ++j) {
+      const double lon = n[EPHO_RPC_LONG_OFF] + 0.02 * i + 0.001;
+      const double lat = n[EPHO_RPC_LAT_OFF] + 0.015 * j - 0.002;
+      ground.insert(ground.end(), {lon, lat, height(lon, lat)});
+    }
+  image.resize(ground.size() / 3 * 2);
+  ASSERT_TRUE(
+      epho_RpcGroundToImage(m, long(image.size() / 2), ground.data(), image.data(), nullptr));
+}
+
+// Points found on a surface against the ground points they were seen from:
+// the same place to 1e-7 degrees (about 1 cm), the height within `dh` of
+// `height_at(found lon, found lat)`.
+template <typename F>
+void ExpectLandsOn(const std::vector<double>& found, const std::vector<double>& ground, F height_at,
+                   double dh) {
+  for (size_t i = 0; i + 2 < found.size(); i += 3) {
+    EXPECT_NEAR(found[i], ground[i], 1e-7) << i / 3;
+    EXPECT_NEAR(found[i + 1], ground[i + 1], 1e-7) << i / 3;
+    EXPECT_NEAR(found[i + 2], height_at(found[i], found[i + 1]), dh) << i / 3;
+  }
+}
+
 TEST(RpcModel, InverseOnADemLandsOnTheSurface) {
   testutil::ScratchDir dir("rpc_dem");
   const Numbers n = SampleRpc();
@@ -327,22 +357,12 @@ TEST(RpcModel, InverseOnADemLandsOnTheSurface) {
   ASSERT_TRUE(epho_RpcModelHeightSourceSet(m.get(), kzdv::FromUtf8(dem).c_str(), 0, &err))
       << err.Text();
   std::vector<double> ground, image;
-  for (int i = -3; i <= 3; ++i)
-    for (int j = -3; j <= 3; ++j) {
-      const double lon = lon0 + 0.02 * i + 0.001, lat = lat0 + 0.015 * j - 0.002;
-      ground.insert(ground.end(), {lon, lat, plane(lon, lat)});
-    }
+  SceneOnTerrain(m.get(), n, plane, ground, image);
   const long count = long(ground.size() / 3);
-  image.resize(2 * count);
-  ASSERT_TRUE(epho_RpcGroundToImage(m.get(), count, ground.data(), image.data(), &err));
   std::vector<double> found(3 * count);
   ASSERT_TRUE(epho_RpcImageToGroundOnSurface(m.get(), count, image.data(), found.data(), &err))
       << err.Text();
-  for (long i = 0; i < count; ++i) {
-    EXPECT_NEAR(found[3 * i], ground[3 * i], 1e-7);  // degrees: about 1 cm
-    EXPECT_NEAR(found[3 * i + 1], ground[3 * i + 1], 1e-7);
-    EXPECT_NEAR(found[3 * i + 2], ground[3 * i + 2], 2e-3);  // metres
-  }
+  ExpectLandsOn(found, ground, plane, 2e-3);
   // Rough terrain (slopes up to 50 degrees): the point found projects back
   // into its pixel and lies on the terrain.
   auto ridge = [&](double lon, double lat) {
@@ -414,22 +434,17 @@ TEST(RpcModel, InverseOnAProjectedDemLandsOnTheSurface) {
   const double geo_gt[6] = {lon0 - 0.1, 0.0005, 0, lat0 + 0.08, 0, -0.0005};
   WriteGeographicRaster(geographic, 400, 320, geo_gt, terrain);
 
-  std::vector<double> ground;
-  for (int i = -3; i <= 3; ++i)
-    for (int j = -3; j <= 3; ++j) {
-      const double lon = lon0 + 0.02 * i + 0.001, lat = lat0 + 0.015 * j - 0.002;
-      ground.insert(ground.end(), {lon, lat, terrain(lon, lat)});
-    }
-  const long count = long(ground.size() / 3);
   ModelPtr m = Model(n);
-  std::vector<double> image(2 * count);
+  std::vector<double> ground, image;
+  SceneOnTerrain(m.get(), n, terrain, ground, image);
+  const long count = long(ground.size() / 3);
   ErrSlot err;
-  ASSERT_TRUE(epho_RpcGroundToImage(m.get(), count, ground.data(), image.data(), &err));
   std::vector<double> on_geographic(3 * count);
   ASSERT_TRUE(epho_RpcModelHeightSourceSet(m.get(), kzdv::FromUtf8(geographic).c_str(), 0, &err));
   ASSERT_TRUE(
       epho_RpcImageToGroundOnSurface(m.get(), count, image.data(), on_geographic.data(), &err))
       << err.Text();
+  ExpectLandsOn(on_geographic, ground, terrain, 5e-3);
   for (const std::string& dem : {ellipsoidal, egm96}) {
     SCOPED_TRACE(dem);
     ASSERT_TRUE(epho_RpcModelHeightSourceSet(m.get(), kzdv::FromUtf8(dem).c_str(), 0, &err))
@@ -437,13 +452,8 @@ TEST(RpcModel, InverseOnAProjectedDemLandsOnTheSurface) {
     std::vector<double> found(3 * count);
     ASSERT_TRUE(epho_RpcImageToGroundOnSurface(m.get(), count, image.data(), found.data(), &err))
         << err.Text();
-    for (long i = 0; i < count; ++i) {
-      EXPECT_NEAR(found[3 * i], ground[3 * i], 1e-7);  // degrees: about 1 cm
-      EXPECT_NEAR(found[3 * i + 1], ground[3 * i + 1], 1e-7);
-      EXPECT_NEAR(found[3 * i + 2], terrain(found[3 * i], found[3 * i + 1]), 5e-3);  // metres
-      for (int k = 0; k < 3; ++k)
-        EXPECT_NEAR(found[3 * i + k], on_geographic[3 * i + k], k < 2 ? 1e-7 : 5e-3);
-    }
+    ExpectLandsOn(found, ground, terrain, 5e-3);
+    ExpectLandsOn(found, on_geographic, terrain, 5e-3);
   }
 }
 
