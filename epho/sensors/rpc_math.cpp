@@ -202,12 +202,18 @@ bool DemGrid::HeightAt(double x, double y, double* h) const {
 bool DemGrid::EllipsoidalHeightAt(double lon, double lat, double* h) const {
   if (!from_wgs84) return HeightAt(lon, lat, h);
   constexpr double kRad = M_PI / 180.0;
+  // A point that does not convert is a point with no height: the caller
+  // reports it, so the toolkit's report is dropped rather than printed.
+  struct Quiet {
+    Eerr_ErrorReport* report = nullptr;
+    ~Quiet() { eerr_DeleteErrorReport(report); }
+  } quiet;
   double x = lon * kRad, y = lat * kRad, z = 0.0;
-  if (!eprj_3DProject(from_wgs84.get(), 1, &x, &y, &z, nullptr)) return false;
+  if (!eprj_3DProject(from_wgs84.get(), 1, &x, &y, &z, &quiet.report)) return false;
   const double scale = degrees ? 1.0 / kRad : 1.0;
   double height = 0.0;
   if (!HeightAt(x * scale, y * scale, &height)) return false;
-  if (!eprj_3DProjectInverse(from_wgs84.get(), 1, &x, &y, &height, nullptr)) return false;
+  if (!eprj_3DProjectInverse(from_wgs84.get(), 1, &x, &y, &height, &quiet.report)) return false;
   *h = height;
   return true;
 }

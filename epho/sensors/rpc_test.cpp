@@ -461,6 +461,7 @@ TEST(RpcModel, InverseOnAProjectedDemLandsOnTheSurface) {
 // each point lands on one of the two surfaces, never on a mixture.
 TEST(RpcModel, HeightSourceSwapsWhileThreadsEvaluate) {
   ModelPtr m = Model();
+  ASSERT_TRUE(epho_RpcModelHeightSourceSet(m.get(), nullptr, 300.0, nullptr));
   const double image[2] = {6000.5, 5000.5};
   std::atomic<bool> stop{false};
   std::atomic<long> bad{0};
