@@ -1,5 +1,5 @@
 // Demo stages "fiducials" and "photograph pyramids". On every scan the eight
-// fiducial marks are found the way an operator would: predict a mark, find
+// fiducial marks of the camera file are found the way an operator would: predict a mark, find
 // the symmetry centre of the mark near the prediction, let the measured
 // marks predict the next one better; then the film-to-scan affine is fitted
 // on all eight and compared with the affine the scan was rendered with. The
@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "demo_setup.h"
+#include "epho/camerafile.h"
 #include "epho/fiducial.h"
 #include "epho/matching.h"
 #include "epho/pyramid.h"
@@ -36,8 +37,27 @@ bool ReadScan(const std::string& path, std::vector<uint32_t>* pixels) {
   return ok;
 }
 
+// The calibrated film positions of the marks, from the camera file.
+bool CalibratedMarks(const epho_tool::DemoContext& demo, std::vector<point2DWithID>* film) {
+  auto file = demo.files.find("camera_file");
+  if (file == demo.files.end()) return false;
+  Eerr_ErrorReport* err = nullptr;
+  Epho_CameraFrameInfo* camera =
+      CameraInfoFileRead(kzdv::FromUtf8(file->second).c_str(), nullptr, &err);
+  if (!camera) return PrintReport(err);
+  for (int m = 0; m < camera->fiducialValueCount / 2; ++m)
+    film->push_back({m + 1, camera->fiducials_mm[2 * m], camera->fiducials_mm[2 * m + 1]});
+  epho_CameraFrameInfoDelete(camera);
+  return film->size() == size_t(kMarkCount);
+}
+
 bool DemoFiducials(epho_tool::DemoContext& demo) {
   constexpr uint32_t kHalf = 14;  // window about a mark (its ring is 7.4 px across)
+  std::vector<point2DWithID> film;
+  if (!CalibratedMarks(demo, &film)) {
+    std::printf("  the camera file holds no %d fiducial marks\n", kMarkCount);
+    return false;
+  }
   double first_miss = 0, later_miss = 0, worst_rms = 0, worst_affine = 0, worst_coefficient = 1;
   for (int k = 0; k < kPhotos; ++k) {
     auto scanFile = demo.files.find("scan." + std::to_string(k));
@@ -50,9 +70,6 @@ bool DemoFiducials(epho_tool::DemoContext& demo) {
     TrueScanToFilm(k, scanToFilm);
     InvertAffine(scanToFilm, filmToScan);
     FiducialPrediction fiducials;
-    std::vector<point2DWithID> film;
-    for (int m = 0; m < kMarkCount; ++m)
-      film.push_back({m + 1, kMarksMm[2 * m], kMarksMm[2 * m + 1]});
     fiducials.put_AllFilmCoordinates(kMarkCount, film.data());
     fiducials.put_ImageSize(kScanSize, kScanSize);
     // The marks sit about 5 % of the scan in from its edges.
