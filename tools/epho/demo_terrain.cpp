@@ -78,7 +78,7 @@ bool DemoTerrain(epho_tool::DemoContext& demo) {
   demo.files["dem"] = dem_path;
   demo.files["ortho"] = ortho_path;
   demo.values["dem.cell_m"] = kDemCell;
-  demo.Summary("terrain: DEM %dx%d cells of %.0f m, ortho %dx%d RGB at %.1f m (UTM 32N)", kDemSize,
+  demo.Summary("terrain: DEM %dx%d cells of %.0f m, ortho %dx%d RGB at %.2f m (UTM 32N)", kDemSize,
                kDemSize, kDemCell, kOrthoSize, kOrthoSize, kOrthoCell);
   return true;
 }
