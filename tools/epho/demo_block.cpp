@@ -3,11 +3,10 @@
 // triangulation refinement of that block; and the check points against the
 // truth beside the image noise the demo simulates.
 //
-// The block's cameras are the ones a project starts with: exposures off by a
-// metre or two and a few tenths of a milliradian (as navigation data would
-// give them) and the scan affines fitted on the fiducial marks. Control and
-// check points are terrain points measured in every scan that shows them at
-// their true projections plus Gaussian noise of kImageNoisePx.
+// The block's cameras are the ones a project starts with: exposures off by
+// up to 0.6 m and 0.1 mrad (as navigation data would give them) and the scan affines fitted on the
+// fiducial marks. Control and check points are terrain points measured in every scan that shows
+// them at their true projections plus Gaussian noise of kImageNoisePx.
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -173,7 +172,7 @@ bool DemoBlock(epho_tool::DemoContext& demo) {
   }
   demo.files["block"] = path;
   demo.Summary(
-      "block: %s with %d frame cameras (exposures off by up to 1.5 m and 0.3 mrad, scan affines "
+      "block: %s with %d frame cameras (exposures off by up to 0.6 m and 0.1 mrad, scan affines "
       "from the fiducials), %d control and %d check points (%ld measurements, %.1f px noise), "
       "%zu tie points (%ld rays); saved, closed, reopened and identical",
       path.c_str(), kPhotos, control, check, measures, kImageNoisePx, ties.size(), tieRays);

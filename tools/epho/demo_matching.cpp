@@ -140,7 +140,7 @@ bool DemoMatching(epho_tool::DemoContext& demo) {
   epho_AutoTieParamsDefault(&p);
   p.grid_spacing = 48;
   p.search_radius = 16;
-  p.epipolar_tolerance = 3.0;  // the approximate orientations bend the lines by a pixel or two
+  p.epipolar_tolerance = 3.0;  // the approximate orientations move the lines by about a pixel
   const int32_t capacity = epho_AutoTieGridSize(kWindowSize, kWindowSize, p.grid_spacing,
                                                 p.template_half, nullptr, nullptr);
   std::vector<Epho_AutoTiePoint> found(static_cast<size_t>(capacity));

@@ -46,12 +46,12 @@ Exposure TrueExposure(int k) {
 
 Exposure ApproximateExposure(int k) {
   Exposure e = TrueExposure(k);
-  e.X += 1.5 * std::sin(3.1 * k + 1.0);
-  e.Y += 1.5 * std::cos(2.7 * k);
-  e.Z += 0.8 * std::sin(1.3 * k + 2.0);
-  e.omega += 3e-4 * std::sin(2.2 * k + 0.5);
-  e.phi += 3e-4 * std::cos(1.9 * k + 0.2);
-  e.kappa += 3e-4 * std::sin(1.1 * k + 1.4);
+  e.X += 0.6 * std::sin(3.1 * k + 1.0);
+  e.Y += 0.6 * std::cos(2.7 * k);
+  e.Z += 0.4 * std::sin(1.3 * k + 2.0);
+  e.omega += 1e-4 * std::sin(2.2 * k + 0.5);
+  e.phi += 1e-4 * std::cos(1.9 * k + 0.2);
+  e.kappa += 1e-4 * std::sin(1.1 * k + 1.4);
   return e;
 }
 

@@ -51,8 +51,8 @@ double Footprint();
 double ForwardBase();
 double StripSpacing();
 Exposure TrueExposure(int photo);
-// The true exposure moved by a metre or two and a few tenths of a
-// milliradian, as navigation data would give it.
+// The true exposure moved by up to 0.6 m and 0.1 mrad, as navigation data
+// would give it (about a pixel of y-parallax between neighbours).
 Exposure ApproximateExposure(int photo);
 // True scan-pixel-to-film affine of a scan (x' = c0 x + c1 y + c2, file
 // pixels with centres at k + 0.5 to film mm): each scan lies a little turned,
