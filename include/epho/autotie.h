@@ -46,7 +46,9 @@ typedef struct Epho_AutoTieParams {
    * window is also cut to the band this wide around the line. */
   double epipolar_tolerance;
   /* Height range of the epipolar line; zmin >= zmax: the left DEM's minimum
-   * to maximum, or z_mean +-100 m without a DEM. */
+   * to maximum, or z_mean +-100 m without a DEM (`height` +-100 m with
+   * EPHO_AUTOTIE_HEIGHT_CONSTANT). Matches beyond the range are not found:
+   * the search window is cut to the line's extent. */
   double zmin, zmax;
   int32_t height_source; /* EPHO_AUTOTIE_HEIGHT_... */
   double height;         /* metres, with EPHO_AUTOTIE_HEIGHT_CONSTANT */

@@ -2,6 +2,7 @@
 // subsystem adds its stage (registry.h); stages run in their order in one work
 // folder and print a short summary.
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -32,15 +33,23 @@ int RunDemo(const DemoArgs& args) {
                    [](const auto& a, const auto& b) { return a.order < b.order; });
   std::printf("epho demo: synthetic aerial project in %s\n", demo.workdir.c_str());
   int failed = 0;
+  using Clock = std::chrono::steady_clock;
+  const auto started = Clock::now();
+  auto since = [](Clock::time_point t) {
+    return std::chrono::duration<double>(Clock::now() - t).count();
+  };
   for (const auto& s : stages) {
     std::printf("[%s]\n", s.name);
     std::fflush(stdout);
+    const auto stage_started = Clock::now();
     if (!s.run(demo)) {
       std::printf("  stage %s FAILED\n", s.name);
       ++failed;
     }
+    std::printf("  (%.1f s)\n", since(stage_started));
   }
-  std::printf("epho demo: %zu stages, %d failed\n", stages.size(), failed);
+  std::printf("epho demo: %zu stages, %d failed, %.1f s in all\n", stages.size(), failed,
+              since(started));
   return failed ? epho_tool::kExitFailure : epho_tool::kExitOk;
 }
 

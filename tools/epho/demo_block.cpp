@@ -1,21 +1,23 @@
-// Demo stages "block" and "triangulation": the photographs, their cameras,
-// control, check and the matched tie points as a block file, then the
-// triangulation refinement of that block.
+// Demo stages "block", "triangulation" and "summary": the scans, their
+// cameras, control, check and the matched tie points as a block file; the
+// triangulation refinement of that block; and the check points against the
+// truth beside the image noise the demo simulates.
 //
-// The block's cameras are the true ones moved by a metre or two and a few
-// tenths of a milliradian, as approximate orientations from navigation data
-// would be; control and check points are known terrain points (DEM heights)
-// measured at their true projections, tie points are the matching stage's.
-// The refinement must bring the check and tie points back to the terrain.
+// The block's cameras are the ones a project starts with: exposures off by
+// up to 0.6 m and 0.1 mrad (as navigation data would give them) and the scan affines fitted on the
+// fiducial marks. Control and check points are terrain points measured in every scan that shows
+// them at their true projections plus Gaussian noise of kImageNoisePx.
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <map>
+#include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#include "demo_photo.h"
-#include "gdal.h"
+#include "demo_setup.h"
 #include "platform/eerr/error_frame.h"
 #include "platform/estr/utf8.h"
 #include "registry.h"
@@ -24,104 +26,109 @@
 namespace {
 
 using epho_tool::ImageMeasure;
+using namespace epho_tool::demo;
 
 struct TiePoint {
-  int32_t id;
-  double lx, ly, rx, ry, x, y, z;
+  int32_t id = 0;
+  std::vector<ImageMeasure> rays;
+  double x = 0, y = 0, z = 0;
 };
 
 std::vector<TiePoint> ReadTies(const std::string& path) {
   std::vector<TiePoint> out;
   std::ifstream in(path);
-  TiePoint t;
-  while (in >> t.id >> t.lx >> t.ly >> t.rx >> t.ry >> t.x >> t.y >> t.z) out.push_back(t);
+  std::string line;
+  while (std::getline(in, line)) {
+    std::istringstream s(line);
+    TiePoint t;
+    size_t n = 0;
+    if (!(s >> t.id >> n)) continue;
+    for (size_t k = 0; k < n; ++k) {
+      ImageMeasure m{};
+      s >> m.image >> m.x >> m.y;
+      t.rays.push_back(m);
+    }
+    if (s >> t.x >> t.y >> t.z) out.push_back(t);
+  }
   return out;
 }
 
-std::string BlockPath(const epho_tool::DemoContext& demo) { return demo.workdir + "/demo.blk"; }
+bool Fail(const char* what) {
+  std::printf("  %s\n", what);
+  return false;
+}
 
 bool DemoBlock(epho_tool::DemoContext& demo) {
   auto tiesFile = demo.files.find("tie_points");
   auto demFile = demo.files.find("dem");
-  if (tiesFile == demo.files.end() || demFile == demo.files.end()) {
-    std::printf("  the matching stage made no tie points\n");
-    return false;
-  }
+  if (tiesFile == demo.files.end() || demFile == demo.files.end())
+    return Fail("the matching stage made no tie points");
   const std::vector<TiePoint> ties = ReadTies(tiesFile->second);
-  const char* names[2] = {"left", "right"};
-  epho_tool::CameraPtr truth[2];
   std::vector<epho_tool::BlockFrame> frames;
-  // Approximate orientations: centre and attitude errors of each photograph.
-  const double dX[2] = {1.2, -0.8}, dY[2] = {-0.9, 1.1}, dZ[2] = {0.7, -0.5};
-  const double dAngle[2][3] = {{3e-4, -2e-4, 4e-4}, {-2e-4, 3e-4, -3e-4}};
-  for (int k = 0; k < 2; ++k) {
-    truth[k].reset(epho_tool::DemoPhotoCamera(demo, names[k], EMOD_FORWARD));
+  std::vector<epho_tool::CameraPtr> truth;
+  for (int k = 0; k < kPhotos; ++k) {
     epho_tool::BlockFrame f;
-    f.image = demo.files["photo." + std::string(names[k])];
-    f.id = k + 1;
-    f.columns = f.rows = epho_tool::kDemoPhotoSize;
-    f.camera.reset(epho_CameraCopy(truth[k].get(), nullptr));
-    if (!truth[k] || !f.camera) return false;
-    f.camera->coeffs[3] += dX[k], f.camera->coeffs[4] += dY[k], f.camera->coeffs[5] += dZ[k];
-    for (int a = 0; a < 3; ++a) f.camera->coeffs[6 + a] += dAngle[k][a];
+    f.image = demo.files["scan." + std::to_string(k)];
+    f.id = PhotoId(k);
+    f.columns = f.rows = kScanSize;
+    f.camera.reset(BlockCamera(demo, k, EMOD_FORWARD));
+    double scanToFilm[6];
+    TrueScanToFilm(k, scanToFilm);
+    truth.emplace_back(MakeCamera(TrueExposure(k), scanToFilm, std::string(), EMOD_FORWARD));
+    if (!f.camera || !truth.back()) return Fail("the block's cameras cannot be made");
     frames.push_back(std::move(f));
   }
 
-  // Control and check: terrain points on a grid over the overlap, their
-  // heights from the DEM cells, measured at their true projections.
-  GDALDatasetH ds = GDALOpen(demFile->second.c_str(), GA_ReadOnly);
-  if (!ds) return false;
-  double gt[6];
-  GDALGetGeoTransform(ds, gt);
-  const int dw = GDALGetRasterXSize(ds), dh = GDALGetRasterYSize(ds);
-  std::vector<float> dem(size_t(dw) * dh);
-  const bool read = GDALRasterIO(GDALGetRasterBand(ds, 1), GF_Read, 0, 0, dw, dh, dem.data(), dw,
-                                 dh, GDT_Float32, 0, 0) == CE_None;
-  GDALClose(ds);
-  if (!read) return false;
-  auto height = [&](double e, double n) {
-    const long c = long(std::floor((e - gt[0]) / gt[1])), r = long(std::floor((n - gt[3]) / gt[5]));
-    return double(dem[size_t(std::min(std::max(r, 0L), long(dh - 1))) * dw +
-                      size_t(std::min(std::max(c, 0L), long(dw - 1)))]);
-  };
-  Epho_CameraXform* xf[2];
-  for (int k = 0; k < 2; ++k)
-    xf[k] = epho_CameraXformGetFromCameraData(epho_CameraCopy(truth[k].get(), nullptr), nullptr);
-  const double xl = demo.values["photo.left.X0"], xr = demo.values["photo.right.X0"];
-  const double y0 = demo.values["photo.Y0"];
+  // Control and check: terrain points on a 7 x 5 grid over the block (the
+  // corners, edge midpoints and centre are control), measured in each scan
+  // whose image area shows them.
+  std::vector<Epho_CameraXform*> xf;
+  for (const auto& c : truth)
+    xf.push_back(epho_CameraXformGetFromCameraData(epho_CameraCopy(c.get(), nullptr), nullptr));
+  std::mt19937 rng(2026);
+  std::normal_distribution<double> noise(0.0, kImageNoisePx);
   EdlmList points(EphoBlockFile::freeGroundPoint);
   points.Reset(edlm_InitList(sizeof(void*), 0, EphoBlockFile::freeGroundPoint,
                              EphoBlockFile::copyGroundPoint, nullptr));
+  const Exposure sw = TrueExposure(0), ne = TrueExposure(kPhotos - 1);
   int control = 0, check = 0;
-  bool ok = xf[0] && xf[1];
+  long measures = 0;
+  bool ok = true;
+  for (auto* x : xf) ok = ok && x;
   for (int i = 0; ok && i < 5; ++i)
-    for (int j = 0; ok && j < 5; ++j) {
-      const double e = xl + (xr - xl) * (j / 4.0) + (j == 0 ? 150 : j == 4 ? -150 : 0);
-      const double n = y0 - 800 + 400.0 * i;
-      double g[3] = {e, n, height(e, n)}, p[2][2];
-      for (int k = 0; ok && k < 2; ++k)
-        ok = epho_CameraXformTransform3DTo2D(xf[k], 1, g, p[k], nullptr) != 0;
-      const bool isControl = (i % 2 == 0) && (j % 2 == 0);
-      const std::vector<ImageMeasure> m = {{1, p[0][0], p[0][1]}, {2, p[1][0], p[1][1]}};
+    for (int j = 0; ok && j < 7; ++j) {
+      const double e = sw.X - 50 + (ne.X - sw.X + 100) * j / 6.0;
+      const double n = sw.Y - 150 + (ne.Y - sw.Y + 300) * i / 4.0;
+      double g[3] = {e, n, TerrainHeight(e, n)};
+      std::vector<ImageMeasure> m;
+      for (int k = 0; ok && k < kPhotos; ++k) {
+        double p[2], scanToFilm[6];
+        ok = epho_CameraXformTransform3DTo2D(xf[size_t(k)], 1, g, p, nullptr) != 0;
+        TrueScanToFilm(k, scanToFilm);
+        const double fx = scanToFilm[0] * p[0] + scanToFilm[1] * p[1] + scanToFilm[2];
+        const double fy = scanToFilm[3] * p[0] + scanToFilm[4] * p[1] + scanToFilm[5];
+        if (std::fabs(fx) < kFrameHalfMm - 1 && std::fabs(fy) < kFrameHalfMm - 1)
+          m.push_back({PhotoId(k), p[0] + noise(rng), p[1] + noise(rng)});
+      }
+      if (m.size() < 2) continue;
+      const bool isControl = i % 2 == 0 && j % 3 == 0;
       edlm_Add(points.Get(),
-               epho_tool::MakeGroundPoint(100 + 5 * i + j, isControl ? GCP_CONTROL : GCP_CHECK,
+               epho_tool::MakeGroundPoint(100 + 10 * i + j, isControl ? GCP_CONTROL : GCP_CHECK,
                                           g[0], g[1], g[2], 0.05f, m),
                nullptr);
       ++(isControl ? control : check);
+      measures += long(m.size());
     }
-  epho_CameraXformDelete(xf[0]);
-  epho_CameraXformDelete(xf[1]);
-  if (!ok) {
-    std::printf("  a control point does not project\n");
-    return false;
-  }
-  for (const TiePoint& t : ties)
-    edlm_Add(points.Get(),
-             epho_tool::MakeGroundPoint(t.id, GCP_TIE, 0, 0, 0, 0.0f,
-                                        {{1, t.lx, t.ly}, {2, t.rx, t.ry}}),
+  for (auto* x : xf) epho_CameraXformDelete(x);
+  if (!ok) return Fail("a control point does not project");
+  long tieRays = 0;
+  for (const TiePoint& t : ties) {
+    edlm_Add(points.Get(), epho_tool::MakeGroundPoint(t.id, GCP_TIE, 0, 0, 0, 0.0f, t.rays),
              nullptr);
+    tieRays += long(t.rays.size());
+  }
 
-  const std::string path = BlockPath(demo);
+  const std::string path = demo.workdir + "/demo.blk";
   std::remove(path.c_str());
   EtxtTextU name(kzdv::FromUtf8(path));
   std::string error;
@@ -136,20 +143,17 @@ bool DemoBlock(epho_tool::DemoContext& demo) {
       b->Save();
     }
     b->Close();
-    if (!put) {
-      std::printf("  %s\n", error.c_str());
-      return false;
-    }
+    if (!put) return Fail(error.c_str());
     // Reopened: the frames' cameras and the points as written.
     b = EphoBlockFile::Open(name, false);
     std::vector<epho_tool::BlockFrame> back;
     EdlmList readPoints(EphoBlockFile::freeGroundPoint);
-    ok = b && epho_tool::GetBlockFrames(b, &back, &error) && back.size() == 2;
+    ok = b && epho_tool::GetBlockFrames(b, &back, &error) && back.size() == frames.size();
     if (ok) b->GetObjectPointsListCopy(readPoints);
     if (b) b->Close();
-    for (size_t k = 0; ok && k < 2; ++k)
+    for (size_t k = 0; ok && k < frames.size(); ++k)
       ok = epho_CamerasAreSame(back[k].camera.get(), frames[k].camera.get()) &&
-           back[k].image == frames[k].image;
+           back[k].image == frames[k].image && back[k].id == frames[k].id;
     ok = ok && readPoints.Count() == points.Count();
     for (long k = 0; ok && k < points.Count(); ++k) {
       auto* a = static_cast<Epho_GroundPoint*>(edlm_GetAddr(points.Get(), k, nullptr));
@@ -168,27 +172,30 @@ bool DemoBlock(epho_tool::DemoContext& demo) {
   }
   demo.files["block"] = path;
   demo.Summary(
-      "block: %s with 2 frame cameras (orientations off by up to %.1f m), %d control, %d check, "
-      "%zu tie points; saved, reopened and identical",
-      path.c_str(), 1.2, control, check, ties.size());
-  return true;
+      "block: %s with %d frame cameras (exposures off by up to 0.6 m and 0.1 mrad, scan affines "
+      "from the fiducials), %d control and %d check points (%ld measurements, %.1f px noise), "
+      "%zu tie points (%ld rays); saved, closed, reopened and identical",
+      path.c_str(), kPhotos, control, check, measures, kImageNoisePx, ties.size(), tieRays);
+  return control >= 4 && check >= 10;
 }
 
 bool DemoTriangulation(epho_tool::DemoContext& demo) {
   auto block = demo.files.find("block");
   auto tiesFile = demo.files.find("tie_points");
-  if (block == demo.files.end() || tiesFile == demo.files.end()) {
-    std::printf("  the block stage made no block\n");
-    return false;
-  }
+  if (block == demo.files.end() || tiesFile == demo.files.end())
+    return Fail("the block stage made no block");
   epho_tool::TriangulateOptions o;
   o.block = block->second;
   o.report = demo.workdir + "/demo_triangulation.txt";
   o.json = demo.workdir + "/demo_triangulation.json";
   o.plot = demo.workdir + "/demo_triangulation.svg";
+  o.imageStd = kImageNoisePx;
   o.quiet = !demo.verbose;
   epho_tool::TriangulateResult r;
+  const auto started = std::chrono::steady_clock::now();
   if (epho_tool::Triangulate(o, &r) != 0) return false;
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 
   // Tie points against the terrain they were matched on.
   std::map<int32_t, TiePoint> truth;
@@ -215,22 +222,49 @@ bool DemoTriangulation(epho_tool::DemoContext& demo) {
     for (int a = 0; a < 3; ++a) sq[a] += d[a] * d[a];
     ++ties;
   }
-  const double tie[3] = {std::sqrt(sq[0] / std::max(ties, 1)), std::sqrt(sq[1] / std::max(ties, 1)),
-                         std::sqrt(sq[2] / std::max(ties, 1))};
+  for (double& v : sq) v = std::sqrt(v / std::max(ties, 1));
   demo.values["triangulation.s0"] = r.s0;
-  demo.values["triangulation.check_rmse_z"] = r.checkRmse[2];
+  for (int a = 0; a < 3; ++a)
+    demo.values[std::string("triangulation.check_rmse.") + "xyz"[a]] = r.checkRmse[a];
+  demo.values["triangulation.check_points"] = r.check;
   demo.Summary(
-      "triangulation: converged in %d iterations, s0 %.4f mm; check points RMSE against the "
-      "truth X %.2f Y %.2f Z %.2f m, tie points X %.2f Y %.2f Z %.2f m (a ground pixel is "
-      "%.1f m); report %s",
-      r.iterations, r.s0, r.checkRmse[0], r.checkRmse[1], r.checkRmse[2], tie[0], tie[1], tie[2],
-      demo.values["photo.pixel_mm"] * demo.values["photo.Z0"] / demo.values["photo.focal_mm"],
-      r.report.c_str());
-  const double horizontal = std::hypot(r.checkRmse[0], r.checkRmse[1]);
-  return r.converged && ties > 0 && horizontal < 1.0 && r.checkRmse[2] < 3.0;
+      "triangulation: %d images, %d control, %d check, %d tie points; converged in %d iterations "
+      "(%.1f s), s0 %.4g; tie points against the terrain: RMSE X %.2f Y %.2f Z %.2f m",
+      r.images, r.control, r.check, r.tie, r.iterations, seconds, r.s0, sq[0], sq[1], sq[2]);
+  demo.Summary("report %s, JSON %s, plot %s", r.report.c_str(), o.json.c_str(), o.plot.c_str());
+  return r.converged && ties > 0;
+}
+
+// The check points against the truth, beside the simulated image noise
+// taken to the ground: one ground pixel per pixel in X and Y, and the
+// height-to-base ratio more in Z.
+bool DemoSummary(epho_tool::DemoContext& demo) {
+  auto x = demo.values.find("triangulation.check_rmse.x");
+  if (x == demo.values.end()) return Fail("the triangulation stage did not run");
+  const double rmse[3] = {x->second, demo.values["triangulation.check_rmse.y"],
+                          demo.values["triangulation.check_rmse.z"]};
+  const double gsd = kScanPixelMm / kFocalMm * (kFlyingZ - kMeanTerrainZ);
+  const double hb = (kFlyingZ - kMeanTerrainZ) / ForwardBase();
+  const double noise[3] = {kImageNoisePx * gsd, kImageNoisePx * gsd, kImageNoisePx * gsd * hb};
+  double worst = 0;
+  for (int a = 0; a < 3; ++a) worst = std::max(worst, rmse[a] / noise[a]);
+  demo.values["summary.noise_xy_m"] = noise[0];
+  demo.values["summary.noise_z_m"] = noise[2];
+  demo.values["summary.worst_ratio"] = worst;
+  demo.Summary(
+      "check point RMSE against the known truth: X %.3f m, Y %.3f m, Z %.3f m (%d check points)",
+      rmse[0], rmse[1], rmse[2], int(demo.values["triangulation.check_points"]));
+  demo.Summary(
+      "simulated image noise %.2f px on the ground: %.3f m in X and Y (ground pixel %.3f m), "
+      "%.3f m in Z (height/base %.2f)",
+      kImageNoisePx, noise[0], gsd, noise[2], hb);
+  demo.Summary("check point RMSE / ground noise: X %.2f, Y %.2f, Z %.2f (%s 2)", rmse[0] / noise[0],
+               rmse[1] / noise[1], rmse[2] / noise[2], worst <= 2.0 ? "all within" : "NOT within");
+  return worst <= 2.0;
 }
 
 }  // namespace
 
 EPHO_DEMO_STAGE(45, "block", DemoBlock);
 EPHO_DEMO_STAGE(47, "triangulation", DemoTriangulation);
+EPHO_DEMO_STAGE(90, "summary", DemoSummary);

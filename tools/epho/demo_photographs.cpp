@@ -1,29 +1,27 @@
-// Demo stage "photographs": two overlapping vertical photographs rendered
-// through the frame camera model from the terrain stage's ortho texture and
-// DEM. Every photograph pixel goes image -> ground through the camera's
-// transform object (heights iterated against the DEM) and takes the ortho's
-// value there; the summary checks ground -> photograph -> ground at known
-// terrain points. The photographs and their cameras (as values) are left in
-// the demo context for the stages after it.
+// Demo stage "photographs": the block's 3 strips of 5 photographs, rendered
+// as film scans through the frame camera model. Every scan pixel goes to the
+// film through the scan's true scan-to-film affine; inside the image area it
+// goes on to the ground through the camera (lens distortion, heights
+// iterated against the DEM) and takes the ortho's value there; outside it,
+// the fiducial marks are drawn at their calibrated film positions. A little
+// sensor noise is added. The summary checks ground -> scan -> ground at
+// known terrain points.
 #include <gdal.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <random>
 #include <string>
 #include <vector>
 
-#include "demo_photo.h"
+#include "demo_setup.h"
 #include "epho/camera.h"
-#include "platform/estr/utf8.h"
 #include "registry.h"
 
 namespace {
 
-constexpr int kPhoto = epho_tool::kDemoPhotoSize;
-constexpr double kPixelMm = 0.05;  // film pixel
-constexpr double kFocalMm = 50.0;
-constexpr double kBase = 600.0;  // m between the two exposures
-constexpr double kCentreE = 481280.0, kCentreN = 5298720.0, kFlying = 2000.0;
+using namespace epho_tool::demo;
 
 struct Raster {
   int width = 0, height = 0;
@@ -54,82 +52,99 @@ struct Raster {
   }
 };
 
-Epho_Camera* PhotoCamera(double e, const std::string& dem, int direction) {
-  Epho_Camera* c = epho_CameraCreate(nullptr);
-  if (!c) return nullptr;
-  const double half = kPhoto * kPixelMm / 2;
-  const double src[6] = {kPixelMm, 0, -half, 0, -kPixelMm, half};
-  const double inv[6] = {1 / kPixelMm, 0, half / kPixelMm, 0, -1 / kPixelMm, half / kPixelMm};
-  std::copy(src, src + 6, c->forSrcAffine);
-  std::copy(inv, inv + 6, c->invSrcAffine);
-  c->direction = direction;
-  c->coeffs[0] = kFocalMm;
-  c->coeffs[3] = e, c->coeffs[4] = kCentreN, c->coeffs[5] = kFlying;
-  c->coeffs[6] = 0.004, c->coeffs[7] = -0.006, c->coeffs[8] = 0.02;
-  // A slight barrel of the lens: f(r) = p1 + p2 r^2 + p3 r^4 on film millimetres.
-  const double lens[5] = {0.0, 0.0, -2e-6, 1e-10, 0.0};
-  c->LensDistortion.data = static_cast<double*>(emsc_MemDup(lens, sizeof lens));
-  c->LensDistortion.count = c->LensDistortion.data ? 5 : 0;
-  c->demsource = EMOD_DEM_FILE;
-  const std::wstring name = kzdv::FromUtf8(dem);
-  c->demfilename.data = etxt_Text_strdup(name.c_str());
-  c->demfilename.count = static_cast<int32_t>(name.size() + 1);
-  return c;
+// Brightness of a fiducial mark at film offset (dx, dy) mm from its centre:
+// a ring, a cross and a centre dot, symmetric about both film axes.
+double MarkCover(double dx, double dy) {
+  const double r = std::hypot(dx, dy);
+  const bool ring = std::fabs(r - 0.32) < 0.05;
+  const bool cross = (std::fabs(dx) < 0.035 && std::fabs(dy) < 0.22) ||
+                     (std::fabs(dy) < 0.035 && std::fabs(dx) < 0.22);
+  return ring || cross || r < 0.06 ? 1.0 : 0.0;
 }
 
-bool Report(Eerr_ErrorReport* err) {
-  eerr_PrintErrorReport(err, nullptr, 0);
-  eerr_DeleteErrorReport(err);
-  return false;
+constexpr double kBackground = 12.0, kMarkGrey = 235.0, kSensorNoise = 1.5;
+
+// Draws the marks (4 x 4 samples a pixel) into the scan's border.
+void DrawMarks(const double scanToFilm[6], const double filmToScan[6], std::vector<float>* scan) {
+  const double* c = scanToFilm;
+  for (int m = 0; m < kMarkCount; ++m) {
+    const double fx = kMarksMm[2 * m], fy = kMarksMm[2 * m + 1];
+    const double u = filmToScan[0] * fx + filmToScan[1] * fy + filmToScan[2];
+    const double v = filmToScan[3] * fx + filmToScan[4] * fy + filmToScan[5];
+    for (int row = int(v) - 12; row <= int(v) + 12; ++row)
+      for (int col = int(u) - 12; col <= int(u) + 12; ++col) {
+        double cover = 0;
+        for (int i = 0; i < 4; ++i)
+          for (int j = 0; j < 4; ++j) {
+            const double su = col + (j + 0.5) / 4, sv = row + (i + 0.5) / 4;
+            cover +=
+                MarkCover(c[0] * su + c[1] * sv + c[2] - fx, c[3] * su + c[4] * sv + c[5] - fy);
+          }
+        float& px = (*scan)[size_t(row) * kScanSize + col];
+        px = float(kBackground + (kMarkGrey - kBackground) * cover / 16.0);
+      }
+  }
 }
 
 bool DemoPhotographs(epho_tool::DemoContext& demo) {
+  const auto started = std::chrono::steady_clock::now();
   auto dem = demo.files.find("dem");
   auto ortho = demo.files.find("ortho");
   if (dem == demo.files.end() || ortho == demo.files.end()) {
     std::printf("  the terrain stage made no rasters\n");
     return false;
   }
-  Raster texture, terrain;
-  if (!texture.Read(ortho->second, 2) || !terrain.Read(dem->second, 1)) {
-    std::printf("  cannot read the terrain rasters\n");
+  Raster texture;
+  if (!texture.Read(ortho->second, 2)) {
+    std::printf("  cannot read the ortho\n");
     return false;
   }
   double worst_m = 0;
   int checked = 0;
-  const char* names[2] = {"left", "right"};
-  for (int k = 0; k < 2; ++k) {
-    const double e = kCentreE + (k ? kBase / 2 : -kBase / 2);
+  for (int k = 0; k < kPhotos; ++k) {
+    double scanToFilm[6], filmToScan[6];
+    TrueScanToFilm(k, scanToFilm);
+    InvertAffine(scanToFilm, filmToScan);
     Eerr_ErrorReport* err = nullptr;
-    Epho_CameraXform* inverse =
-        epho_CameraXformGetFromCameraData(PhotoCamera(e, dem->second, EMOD_INVERSE), &err);
+    Epho_CameraXform* inverse = epho_CameraXformGetFromCameraData(
+        MakeCamera(TrueExposure(k), scanToFilm, dem->second, EMOD_INVERSE), &err);
     if (!inverse || !epho_CameraXformFillNoMIFData(inverse, &err)) {
       epho_CameraXformDelete(inverse);
-      return Report(err);
+      return PrintReport(err);
     }
-    // Every pixel centre to the ground, then the ortho's value there.
-    std::vector<uint8_t> photo(size_t(kPhoto) * kPhoto, 0);
-    std::vector<double> row(2 * kPhoto), ground(2 * kPhoto);
-    for (int r = 0; r < kPhoto; ++r) {
-      for (int c = 0; c < kPhoto; ++c) row[2 * c] = c + 0.5, row[2 * c + 1] = r + 0.5;
-      if (!epho_CameraXformTransform(inverse, kPhoto, row.data(), ground.data(), &err)) {
-        epho_CameraXformDelete(inverse);
-        return Report(err);
+    std::vector<float> scan(size_t(kScanSize) * kScanSize, float(kBackground));
+    std::vector<double> points;
+    std::vector<int> columns;
+    bool ok = true;
+    for (int r = 0; ok && r < kScanSize; ++r) {
+      // The pixel centres of this row inside the image area, to the ground.
+      points.clear(), columns.clear();
+      for (int c = 0; c < kScanSize; ++c) {
+        const double u = c + 0.5, v = r + 0.5;
+        const double fx = scanToFilm[0] * u + scanToFilm[1] * v + scanToFilm[2];
+        const double fy = scanToFilm[3] * u + scanToFilm[4] * v + scanToFilm[5];
+        if (std::fabs(fx) > kFrameHalfMm || std::fabs(fy) > kFrameHalfMm) continue;
+        points.insert(points.end(), {u, v});
+        columns.push_back(c);
       }
-      for (int c = 0; c < kPhoto; ++c) {
-        double v;
-        if (texture.At(ground[2 * c], ground[2 * c + 1], &v))
-          photo[size_t(r) * kPhoto + c] = uint8_t(std::lround(std::fmin(255.0, std::fmax(0.0, v))));
+      if (columns.empty()) continue;
+      ok = epho_CameraXformTransform(inverse, long(columns.size()), points.data(), nullptr, &err);
+      for (size_t i = 0; ok && i < columns.size(); ++i) {
+        double value = 0;
+        if (texture.At(points[2 * i], points[2 * i + 1], &value))
+          scan[size_t(r) * kScanSize + columns[i]] = float(value);
       }
     }
-    // Known terrain points: ground -> photograph -> ground through the model.
-    Epho_CameraXform* forward =
-        epho_CameraXformGetFromCameraData(PhotoCamera(e, dem->second, EMOD_FORWARD), &err);
-    bool ok = forward != nullptr;
-    for (int i = 0; ok && i < 100; ++i) {
-      double g[3] = {e - 500 + 97.3 * (i % 10) + 3.1, kCentreN - 480 + 101.7 * (i / 10), 0}, p[2],
+    DrawMarks(scanToFilm, filmToScan, &scan);
+    // Known terrain points: ground -> scan -> ground through the model.
+    Epho_CameraXform* forward = epho_CameraXformGetFromCameraData(
+        MakeCamera(TrueExposure(k), scanToFilm, dem->second, EMOD_FORWARD), &err);
+    ok = ok && forward != nullptr;
+    const Exposure e = TrueExposure(k);
+    for (int i = 0; ok && i < 25; ++i) {
+      double g[3] = {e.X - 400 + 200 * (i % 5) + 3.1, e.Y - 400 + 200 * (i / 5) - 2.3, 0}, p[2],
              back[2];
-      if (!terrain.At(g[0], g[1], &g[2])) continue;
+      g[2] = TerrainHeight(g[0], g[1]);
       ok = epho_CameraXformTransform3DTo2D(forward, 1, g, p, &err) &&
            epho_CameraXformTransform(inverse, 1, p, back, &err);
       if (ok) {
@@ -139,50 +154,48 @@ bool DemoPhotographs(epho_tool::DemoContext& demo) {
     }
     epho_CameraXformDelete(forward);
     epho_CameraXformDelete(inverse);
-    if (!ok) return Report(err);
+    if (!ok) return PrintReport(err);
 
-    const std::string path = demo.workdir + "/photo_" + names[k] + ".tif";
-    GDALDatasetH ds = GDALCreate(GDALGetDriverByName("GTiff"), path.c_str(), kPhoto, kPhoto, 1,
-                                 GDT_Byte, nullptr);
+    std::mt19937 rng(7000 + k);
+    std::normal_distribution<double> noise(0.0, kSensorNoise);
+    std::vector<uint8_t> bytes(scan.size());
+    for (size_t i = 0; i < scan.size(); ++i)
+      bytes[i] = uint8_t(std::lround(std::fmin(255.0, std::fmax(0.0, scan[i] + noise(rng)))));
+    const std::string path = demo.workdir + "/" + PhotoName(k) + ".tif";
+    GDALDatasetH ds = GDALCreate(GDALGetDriverByName("GTiff"), path.c_str(), kScanSize, kScanSize,
+                                 1, GDT_Byte, nullptr);
     const bool written =
-        ds && GDALRasterIO(GDALGetRasterBand(ds, 1), GF_Write, 0, 0, kPhoto, kPhoto, photo.data(),
-                           kPhoto, kPhoto, GDT_Byte, 0, 0) == CE_None;
+        ds && GDALRasterIO(GDALGetRasterBand(ds, 1), GF_Write, 0, 0, kScanSize, kScanSize,
+                           bytes.data(), kScanSize, kScanSize, GDT_Byte, 0, 0) == CE_None;
     if (ds) GDALClose(ds);
     if (!written) {
       std::printf("  cannot write %s\n", path.c_str());
       return false;
     }
-    demo.files[std::string("photo.") + names[k]] = path;
-    demo.values[std::string("photo.") + names[k] + ".X0"] = e;
+    demo.files["scan." + std::to_string(k)] = path;
+    if (demo.verbose) std::printf("  %s rendered\n", path.c_str());
   }
-  demo.values["photo.Y0"] = kCentreN;
-  demo.values["photo.Z0"] = kFlying;
-  demo.values["photo.focal_mm"] = kFocalMm;
-  demo.values["photo.pixel_mm"] = kPixelMm;
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   // The DEM cells are flat steps and the height iteration stops within 1 m,
   // so a point comes back within the lean of the ray over a metre or two.
-  if (checked < 100 || worst_m > 2.0) {
-    std::printf("  ground -> photograph -> ground misses by %.3f m\n", worst_m);
+  if (checked < 25 * kPhotos || worst_m > 2.0) {
+    std::printf("  ground -> scan -> ground misses by %.3f m\n", worst_m);
     return false;
   }
+  const double gsd = kScanPixelMm / kFocalMm * (kFlyingZ - kMeanTerrainZ);
   demo.Summary(
-      "photographs: 2 of %dx%d px rendered through the frame camera (f %.0f mm, base %.0f m);"
-      " %d ground points back within %.2f m",
-      kPhoto, kPhoto, kFocalMm, kBase, checked, worst_m);
+      "photographs: %d scans (%d strips x %d) of %dx%d px with %d fiducial marks, rendered "
+      "through the frame camera (f %.0f mm, lens distortion) in %.1f s",
+      kPhotos, kStrips, kPhotosPerStrip, kScanSize, kScanSize, kMarkCount, kFocalMm, seconds);
+  demo.Summary(
+      "flight plan: %.0f %% forward and %.0f %% side overlap, base %.0f m, strips %.0f m apart, "
+      "ground pixel %.2f m, height/base %.2f; %d ground points back within %.2f m",
+      100 * kForwardOverlap, 100 * kSideOverlap, ForwardBase(), StripSpacing(), gsd,
+      (kFlyingZ - kMeanTerrainZ) / ForwardBase(), checked, worst_m);
   return true;
 }
 
 }  // namespace
-
-namespace epho_tool {
-
-Epho_Camera* DemoPhotoCamera(const DemoContext& demo, const std::string& which, int direction) {
-  auto x0 = demo.values.find("photo." + which + ".X0");
-  auto dem = demo.files.find("dem");
-  if (x0 == demo.values.end() || dem == demo.files.end()) return nullptr;
-  return PhotoCamera(x0->second, dem->second, direction);
-}
-
-}  // namespace epho_tool
 
 EPHO_DEMO_STAGE(35, "photographs", DemoPhotographs);

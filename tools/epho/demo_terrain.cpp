@@ -1,6 +1,6 @@
 // Demo stages "terrain" and "pyramids": a synthetic DEM and ortho texture in
-// UTM zone 32N, the binomial pyramid levels of the ortho, and heights read
-// back through the DEM cache.
+// UTM zone 32N (demo_setup.h), the binomial pyramid levels of the ortho, and
+// heights read back through the DEM cache.
 #include <gdal.h>
 #include <ogr_srs_api.h>
 
@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "demo_setup.h"
 #include "eimg.h"
 #include "epho/dtm.h"
 #include "epho/pyramid.h"
@@ -16,17 +17,7 @@
 
 namespace {
 
-// Terrain of the demo: gentle hills over a tilted plane, metres.
-constexpr double kOriginE = 480000.0, kOriginN = 5300000.0;  // upper-left corner
-constexpr int kDemSize = 256;
-constexpr double kDemCell = 10.0;  // m
-constexpr int kOrthoSize = 1024;
-constexpr double kOrthoCell = 2.5;  // m
-
-double TerrainHeight(double e, double n) {
-  double x = e - kOriginE, y = kOriginN - n;
-  return 450.0 + 0.02 * x - 0.01 * y + 35.0 * std::sin(x / 400.0) * std::cos(y / 300.0);
-}
+using namespace epho_tool::demo;
 
 bool WriteGeoTiff(const std::string& path, int size, int bands, GDALDataType type, double cell,
                   const std::vector<std::vector<double>>& data, const char* unit) {
@@ -68,8 +59,8 @@ bool DemoTerrain(epho_tool::DemoContext& demo) {
       double slope = TerrainHeight(e + 5, n) - TerrainHeight(e - 5, n);
       seed = seed * 1103515245u + 12345u;
       double noise = double((seed >> 16) & 31) - 16.0;
-      int field = ((c / 96) + (r / 80)) % 3;
-      bool road = (c + r) % 257 < 4;
+      int field = ((c / 192) + (r / 160)) % 3;
+      bool road = (c + r) % 514 < 8;
       double base = road ? 200.0 : 70.0 + 40.0 * field;
       double shade = std::max(0.0, std::min(255.0, base + 6.0 * slope + noise));
       rgb[0][r * kOrthoSize + c] = shade * (field == 2 ? 1.1 : 0.8);
@@ -87,7 +78,7 @@ bool DemoTerrain(epho_tool::DemoContext& demo) {
   demo.files["dem"] = dem_path;
   demo.files["ortho"] = ortho_path;
   demo.values["dem.cell_m"] = kDemCell;
-  demo.Summary("terrain: DEM %dx%d cells of %.0f m, ortho %dx%d RGB at %.1f m (UTM 32N)", kDemSize,
+  demo.Summary("terrain: DEM %dx%d cells of %.0f m, ortho %dx%d RGB at %.2f m (UTM 32N)", kDemSize,
                kDemSize, kDemCell, kOrthoSize, kOrthoSize, kOrthoCell);
   return true;
 }
