@@ -17,22 +17,6 @@ def read_ties(path):
     return p["id"][tie], p["xyz"][tie], p["measurements"]
 
 
-def test_serial_pair_matching_equals_the_demo_matcher(demo_dir):
-    # The demo's own matcher (C++) measured its tie points on the first pair
-    # with the same settings; the Python pair step must find the same ones.
-    try:
-        ref = np.loadtxt(demo_dir / "tie_points.txt", ndmin=2)
-    except ValueError:  # rows of different lengths: multi-ray tie points
-        pytest.skip("the demo's tie file is not of the two-photograph layout")
-    with k.Block.open(str(demo_dir / "demo.blk")) as b:
-        frames = b.images()
-    assert (0, 1) in dask_block.overlapping_pairs(frames)
-    ties = dask_block.match_pair(str(demo_dir / "demo.blk"), 0, 1, engine="python")
-    if ref.shape[1] != 8 or len(ref) != len(ties):
-        pytest.skip("the demo's tie file is not of the two-photograph layout")
-    np.testing.assert_allclose(ties[:, :4], ref[:, 1:5], atol=1e-3)
-
-
 def test_library_pair_measurement_agrees_with_the_composed_one(demo_dir):
     # On one grid (first candidate at half + 1) both find the same matches to
     # a small fraction of a pixel where both accept the candidate.
