@@ -117,37 +117,20 @@ void Normalisation(long count, const double* values, int stride, double* offset,
 
 // ---- exfr routines.
 
-Emsc_Boolean OpsGroundToImage(void* model, long count, const double* ground_xyz, double* image_xy,
-                              Eerr_ErrorReport** err) {
-  if (count == 0) return EMSC_TRUE;  // exfr passes empty batches on
-  return epho_Poly3DGroundToImage(static_cast<const Epho_Poly3DModel*>(model), count, ground_xyz,
-                                  image_xy, err);
-}
+using Poly3DModelOps =
+    HeightModelOps<Epho_Poly3DModel, epho_Poly3DGroundToImage, epho_Poly3DImageToGround>;
 
+// The ray through the ground points at the offset height and one scale above.
 Emsc_Boolean OpsImageToGroundRay(void* model, double image_x, double image_y, double origin[3],
                                  double direction[3], Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"epho_Poly3DImageToGroundRay";
   kzdv::ErrorFrame frame(kFn, err);
   const auto* m = static_cast<const Epho_Poly3DModel*>(model);
-  const double xy[4] = {image_x, image_y, image_x, image_y};
-  const double z[2] = {m->c.groundOffset[2], m->c.groundOffset[2] + m->c.groundScale[2]};
-  double g[4];
-  EERR_CHECK(epho_Poly3DImageToGround(m, 2, xy, z, g, frame.Callee()), frame, EMSC_FALSE,
-             L"epho_Poly3DImageToGround failed");
-  origin[0] = g[0];
-  origin[1] = g[1];
-  origin[2] = z[0];
-  direction[0] = g[2] - g[0];
-  direction[1] = g[3] - g[1];
-  direction[2] = z[1] - z[0];
+  EERR_CHECK(Poly3DModelOps::RayBetweenHeights(m, image_x, image_y, m->c.groundOffset[2],
+                                               m->c.groundOffset[2] + m->c.groundScale[2], origin,
+                                               direction, frame.Callee()),
+             frame, EMSC_FALSE, L"epho_Poly3DImageToGround failed");
   return EMSC_TRUE;
-}
-
-Emsc_Boolean OpsImageAndZToXY(void* model, long count, const double* image_xy,
-                              const double* ground_z, double* ground_xy, Eerr_ErrorReport** err) {
-  if (count == 0) return EMSC_TRUE;
-  return epho_Poly3DImageToGround(static_cast<const Epho_Poly3DModel*>(model), count, image_xy,
-                                  ground_z, ground_xy, err);
 }
 
 Emsc_Boolean OpsTransform2D(void* model, Efga_Matrix* points, Eerr_ErrorReport** err) {
@@ -173,8 +156,9 @@ void* OpsCopy(const void* model, Eerr_ErrorReport** err) {
 
 void OpsDestroy(void* model) { epho_Poly3DModelFree(static_cast<Epho_Poly3DModel*>(model)); }
 
-const Exfr_SensorModelOps kPoly3DOps = {"3D polynomial",  OpsGroundToImage, OpsImageToGroundRay,
-                                        OpsImageAndZToXY, OpsTransform2D,   OpsCopy,
+const Exfr_SensorModelOps kPoly3DOps = {"3D polynomial",     Poly3DModelOps::GroundToImage,
+                                        OpsImageToGroundRay, Poly3DModelOps::ImageAndZToXY,
+                                        OpsTransform2D,      OpsCopy,
                                         OpsDestroy};
 
 }  // namespace

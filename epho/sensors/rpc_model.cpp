@@ -201,38 +201,20 @@ bool OntoSurface(const Epho_RpcModel* m, const HeightSource& source,
 
 // ---- exfr routines.
 
-Emsc_Boolean OpsGroundToImage(void* model, long count, const double* ground_xyz, double* image_xy,
-                              Eerr_ErrorReport** err) {
-  if (count == 0) return EMSC_TRUE;  // exfr passes empty batches on
-  return epho_RpcGroundToImage(static_cast<const Epho_RpcModel*>(model), count, ground_xyz,
-                               image_xy, err);
-}
+using RpcModelOps = HeightModelOps<Epho_RpcModel, epho_RpcGroundToImage, epho_RpcImageToGround>;
 
+// The ray through the ground points at the offset height and one scale above.
 Emsc_Boolean OpsImageToGroundRay(void* model, double image_x, double image_y, double origin[3],
                                  double direction[3], Eerr_ErrorReport** err) {
   static const Etxt_Char* const kFn = L"epho_RpcImageToGroundRay";
   kzdv::ErrorFrame frame(kFn, err);
   const auto* m = static_cast<const Epho_RpcModel*>(model);
-  const double xy[4] = {image_x, image_y, image_x, image_y};
-  const double h[2] = {m->numbers[EPHO_RPC_HEIGHT_OFF],
-                       m->numbers[EPHO_RPC_HEIGHT_OFF] + m->numbers[EPHO_RPC_HEIGHT_SCALE]};
-  double g[4];
-  EERR_CHECK(epho_RpcImageToGround(m, 2, xy, h, g, frame.Callee()), frame, EMSC_FALSE,
-             L"epho_RpcImageToGround failed");
-  origin[0] = g[0];
-  origin[1] = g[1];
-  origin[2] = h[0];
-  direction[0] = g[2] - g[0];
-  direction[1] = g[3] - g[1];
-  direction[2] = h[1] - h[0];
+  EERR_CHECK(RpcModelOps::RayBetweenHeights(
+                 m, image_x, image_y, m->numbers[EPHO_RPC_HEIGHT_OFF],
+                 m->numbers[EPHO_RPC_HEIGHT_OFF] + m->numbers[EPHO_RPC_HEIGHT_SCALE], origin,
+                 direction, frame.Callee()),
+             frame, EMSC_FALSE, L"epho_RpcImageToGround failed");
   return EMSC_TRUE;
-}
-
-Emsc_Boolean OpsImageAndZToXY(void* model, long count, const double* image_xy,
-                              const double* ground_z, double* ground_xy, Eerr_ErrorReport** err) {
-  if (count == 0) return EMSC_TRUE;
-  return epho_RpcImageToGround(static_cast<const Epho_RpcModel*>(model), count, image_xy, ground_z,
-                               ground_xy, err);
 }
 
 Emsc_Boolean OpsTransform2D(void* model, Efga_Matrix* points, Eerr_ErrorReport** err) {
@@ -262,8 +244,9 @@ void* OpsCopy(const void* model, Eerr_ErrorReport** err) {
 
 void OpsDestroy(void* model) { epho_RpcModelFree(static_cast<Epho_RpcModel*>(model)); }
 
-const Exfr_SensorModelOps kRpcOps = {"rational function", OpsGroundToImage, OpsImageToGroundRay,
-                                     OpsImageAndZToXY,    OpsTransform2D,   OpsCopy,
+const Exfr_SensorModelOps kRpcOps = {"rational function", RpcModelOps::GroundToImage,
+                                     OpsImageToGroundRay, RpcModelOps::ImageAndZToXY,
+                                     OpsTransform2D,      OpsCopy,
                                      OpsDestroy};
 
 }  // namespace

@@ -95,6 +95,39 @@ void Poly3DTerms(long order, double u, double v, double w, double* t);
 // Derivatives of those terms with respect to u and v.
 void Poly3DTermDerivatives(long order, double u, double v, double w, double* du, double* dv);
 
+// ---- exfr routines of a model whose image-to-ground call takes a height per
+// point (the RPC and 3D polynomial models): the model's own batch calls, and
+// the ray of an image point through the ground points at two heights.
+template <class Model,
+          Emsc_Boolean (*ToImage)(const Model*, long, const double*, double*, Eerr_ErrorReport**),
+          Emsc_Boolean (*ToGround)(const Model*, long, const double*, const double*, double*,
+                                   Eerr_ErrorReport**)>
+struct HeightModelOps {
+  static Emsc_Boolean GroundToImage(void* model, long count, const double* ground_xyz,
+                                    double* image_xy, Eerr_ErrorReport** err) {
+    if (count == 0) return EMSC_TRUE;  // exfr passes empty batches on
+    return ToImage(static_cast<const Model*>(model), count, ground_xyz, image_xy, err);
+  }
+  static Emsc_Boolean ImageAndZToXY(void* model, long count, const double* image_xy,
+                                    const double* ground_z, double* ground_xy,
+                                    Eerr_ErrorReport** err) {
+    if (count == 0) return EMSC_TRUE;
+    return ToGround(static_cast<const Model*>(model), count, image_xy, ground_z, ground_xy, err);
+  }
+  // Origin at height h0, direction towards the point at h1 (not normalised).
+  static Emsc_Boolean RayBetweenHeights(const Model* model, double image_x, double image_y,
+                                        double h0, double h1, double origin[3], double direction[3],
+                                        Eerr_ErrorReport** err) {
+    const double xy[4] = {image_x, image_y, image_x, image_y};
+    const double h[2] = {h0, h1};
+    double g[4];
+    if (!ToGround(model, 2, xy, h, g, err)) return EMSC_FALSE;
+    origin[0] = g[0], origin[1] = g[1], origin[2] = h0;
+    direction[0] = g[2] - g[0], direction[1] = g[3] - g[1], direction[2] = h1 - h0;
+    return EMSC_TRUE;
+  }
+};
+
 }  // namespace epho::sensors
 
 // The opaque model objects.
