@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <random>
 #include <string>
@@ -26,6 +27,10 @@
 namespace {
 
 volatile double g_sink = 0;
+
+// Search windows to measure (all of 64, 128, 256, 1024 unless the command
+// line names some).
+std::vector<int> g_windows = {64, 128, 256, 1024};
 
 constexpr int kImage = 256;
 
@@ -216,7 +221,7 @@ void SwitchPoint() {
   const int W = 1100;
   auto img8 = Texture(21, W);
   std::vector<float> imgf(img8.begin(), img8.end());
-  for (int s : {64, 128, 256, 1024})
+  for (int s : g_windows)
     for (int t : {11, 21, 31, 41}) {
       const int h = t / 2, cand = s - t + 1, x0 = 30 + h;
       std::vector<char> scratch(
@@ -262,7 +267,7 @@ void Search() {
   for (auto& v : right8) v = uint8_t(std::min(255, v + (v % 5)));  // near copy
   std::vector<float> leftf(left8.begin(), left8.end()), rightf(right8.begin(), right8.end());
   std::vector<char> scratch;
-  for (int s : {64, 128, 256, 1024})
+  for (int s : g_windows)
     for (int t : {11, 21, 31, 41}) {
       const int h = t / 2;
       const int x0 = 20, y0 = 16;                          // search area origin in the right image
@@ -345,8 +350,13 @@ void Search() {
 }  // namespace
 
 // Without arguments every part; otherwise only the parts named
-// ("kernels", "lsc", "switch", "search").
+// ("kernels", "lsc", "switch", "search"), and numbers name the search
+// windows of "switch" and "search" (e.g. `matching_bench search 64 128`).
 int main(int argc, char** argv) {
+  std::vector<int> windows;
+  for (int i = 1; i < argc; ++i)
+    if (std::atoi(argv[i]) > 0) windows.push_back(std::atoi(argv[i]));
+  if (!windows.empty()) g_windows = windows;
   auto wanted = [&](const char* part) {
     if (argc < 2) return true;
     for (int i = 1; i < argc; ++i)

@@ -13,7 +13,8 @@
 // (the spectra of two real images share one complex transform):
 //   P(k) = conj(F_T(k)) F_A(k) = Im(Z(k) Z(-k)) / 2 + i (|Z(k)|^2 - |Z(-k)|^2) / 4,
 // and the inverse (decimation in time, bit-reversed in, natural out) gives
-// nr * nc * sum_{r,c} T(r, c) A(y + r, x + c) at (x, y), circularly; the
+// nr * nc * sum_{r,c} T(r, c) A(y + r, x + c) at (x, y), circularly (two
+// rows to one complex row, see Correlate); the
 // positions whose window lies inside A never wrap. A search area cut into
 // several tiles takes them two at a time instead (CorrelatePair below), with
 // the template's spectrum computed once. Every lane does the same
@@ -134,13 +135,14 @@ void Vertical(const FftPlan& p, float* re, float* im) {
   }
 }
 
+// (Rows 0 .. rows - 1 only, rounded up to whole groups of 2 L.)
 template <class V, int L, bool kForward>
-void Horizontal(const FftPlan& p, float* re, float* im) {
+void Horizontal(const FftPlan& p, float* re, float* im, int rows) {
   constexpr int E = 2 * L;
   float* br = p.strip;
   float* bi = p.strip + static_cast<std::size_t>(p.nc) * E;
   const std::size_t nc = p.nc;
-  for (int r0 = 0; r0 < p.nr; r0 += E) {
+  for (int r0 = 0; r0 < rows; r0 += E) {
 #ifdef EPHO_FFT_TRANSPOSE8
     if (L == 8) {
       EPHO_FFT_TRANSPOSE8(re + r0 * nc, nc, br, E, p.nc, true);
@@ -224,21 +226,39 @@ void Product(const FftPlan& p, float* re, float* im) {
   }
 }
 
-// Z = A + iT in (re, im) -> nr * nc times the correlation in re.
+// Z = A + iT in (re, im) -> nr * nc times the correlation, rows 0 .. rows - 1
+// (at least), row 2m in row m of re, row 2m + 1 in row m of im. After the
+// vertical inverse every row's spectrum is Hermitian (its inverse is real),
+// so two rows share one complex horizontal inverse: Q(2m) + i Q(2m+1) has
+// the inverse q(2m) + i q(2m+1), and only half the rows are transformed.
 template <class V, int L>
-void Correlate(const FftPlan& p, float* re, float* im) {
+void Correlate(const FftPlan& p, float* re, float* im, int rows) {
   Vertical<V, L, true>(p, re, im);
-  Horizontal<V, L, true>(p, re, im);
+  Horizontal<V, L, true>(p, re, im, p.nr);
   Product<V, L>(p, re, im);
-  Horizontal<V, L, false>(p, re, im);
   Vertical<V, L, false>(p, re, im);
+  const int pairs = (rows + 1) / 2;
+  const std::size_t nc = p.nc;
+  for (int m = 0; m < pairs; ++m) {
+    const float* ar = re + 2 * m * nc;
+    const float* ai = im + 2 * m * nc;
+    const float* br = ar + nc;
+    const float* bi = ai + nc;
+    float* cr = re + m * nc;
+    float* ci = im + m * nc;
+    for (std::size_t c = 0; c < nc; c += L) {
+      const V zr = Load<V>(ar + c) - Load<V>(bi + c), zi = Load<V>(ai + c) + Load<V>(br + c);
+      Store(cr + c, zr), Store(ci + c, zi);
+    }
+  }
+  Horizontal<V, L, false>(p, re, im, pairs);
 }
 
 // The spectrum of (re, im), bit-reversed along both axes.
 template <class V, int L>
 void Spectrum(const FftPlan& p, float* re, float* im) {
   Vertical<V, L, true>(p, re, im);
-  Horizontal<V, L, true>(p, re, im);
+  Horizontal<V, L, true>(p, re, im, p.nr);
 }
 
 // Two search-area tiles A1 (re) and A2 (im) against one template whose
@@ -255,7 +275,7 @@ void CorrelatePair(const FftPlan& p, float* re, float* im, const float* sr, cons
     Store(re + k, zr * tr + zi * ti);
     Store(im + k, zi * tr - zr * ti);
   }
-  Horizontal<V, L, false>(p, re, im);
+  Horizontal<V, L, false>(p, re, im, p.nr);
   Vertical<V, L, false>(p, re, im);
 }
 

@@ -86,6 +86,49 @@ double WholePixelReal(const P* left, const P* right, uint32_t ls, uint32_t rs, u
       [&](int j, int i) { return static_cast<double>(pr[(i + hh) * sr + (j + hw)]); });
 }
 
+// WholePixelReal of one left window against up to kMaxRightWindows right
+// windows in one walk: each right window's sums take exactly the operations
+// CorrelateReal performs for it, in the same order (nothing fused or
+// regrouped), so every coefficient equals that of its own call; the left
+// sums are formed once, and the right windows' addition chains overlap.
+constexpr int kMaxRightWindows = 5;
+template <typename P>
+void WholePixelRealMany(const P* left, const P* right, uint32_t ls, uint32_t rs, uint32_t lx,
+                        uint32_t ly, const uint32_t* rx, const uint32_t* ry, int count,
+                        int16_t width, int16_t height, double* out) {
+  const int hw = width / 2, hh = height / 2;
+  if (hw < 0 || hh < 0) {
+    for (int k = 0; k < count; ++k) out[k] = 0.0;
+    return;
+  }
+  const ptrdiff_t sl = ls, sr = rs;
+  const P* pl = Corner(left, ls, lx, ly, hw, hh);
+  const P* pr[kMaxRightWindows];
+  double r0[kMaxRightWindows], s_r[kMaxRightWindows], s_rr[kMaxRightWindows],
+      s_lr[kMaxRightWindows];
+  for (int k = 0; k < kMaxRightWindows; ++k) {  // missing windows repeat the first
+    pr[k] = Corner(right, rs, rx[k < count ? k : 0], ry[k < count ? k : 0], hw, hh);
+    r0[k] = static_cast<double>(pr[k][0]);
+    s_r[k] = s_rr[k] = s_lr[k] = 0.0;
+  }
+  const double l0 = static_cast<double>(pl[0]);
+  double s_l = 0, s_ll = 0;
+  for (int i = 0; i <= 2 * hh; ++i)
+    for (int j = 0; j <= 2 * hw; ++j) {
+      const double l = static_cast<double>(pl[i * sl + j]) - l0;
+      s_l += l;
+      s_ll += l * l;
+      for (int k = 0; k < kMaxRightWindows; ++k) {
+        const double r = static_cast<double>(pr[k][i * sr + j]) - r0[k];
+        s_r[k] += r;
+        s_rr[k] += r * r;
+        s_lr[k] += l * r;
+      }
+    }
+  for (int k = 0; k < count; ++k)
+    out[k] = CrossCoefficient(WindowCount(hw, hh), s_l, s_ll, s_r[k], s_rr[k], s_lr[k]);
+}
+
 // Rounds an interpolated grey value half up to a whole number.
 inline int32_t RoundGrey(double v) { return static_cast<int32_t>(v + 0.5); }
 
@@ -303,4 +346,14 @@ double epho::matching::CrossCoefByteNoResample(epho::VectorPath path, const uint
                                                uint32_t rx, uint32_t ry, int16_t width,
                                                int16_t height) {
   return ByteWholePixel(path, left, right, leftStride, rightStride, lx, ly, rx, ry, width, height);
+}
+
+void epho::matching::CrossCoefFloatNoResampleMany(const float* left, const float* right,
+                                                  uint32_t leftStride, uint32_t rightStride,
+                                                  uint32_t lx, uint32_t ly, const uint32_t* rx,
+                                                  const uint32_t* ry, int count, int16_t width,
+                                                  int16_t height, double* coefficients) {
+  for (int k0 = 0; k0 < count; k0 += kMaxRightWindows)
+    WholePixelRealMany(left, right, leftStride, rightStride, lx, ly, rx + k0, ry + k0,
+                       std::min(kMaxRightWindows, count - k0), width, height, coefficients + k0);
 }

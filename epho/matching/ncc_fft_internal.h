@@ -20,10 +20,11 @@ struct FftPlan {
 };
 
 // re holds the search area, im the template, both nr x nc (row stride nc),
-// zero-padded; on return re holds nr * nc times sum T(r, c) A(y + r, x + c)
-// at (x, y), im is spent. Bit-identical on both bodies.
-void CorrelateFftPortable(const FftPlan& plan, float* re, float* im);
-void CorrelateFftAvx2(const FftPlan& plan, float* re, float* im);
+// zero-padded; on return nr * nc times sum T(r, c) A(y + r, x + c) at (x, y)
+// for y < rows (rows <= nr): rows 2m in row m of re, rows 2m + 1 in row m of
+// im. Bit-identical on both bodies.
+void CorrelateFftPortable(const FftPlan& plan, float* re, float* im, int rows);
+void CorrelateFftAvx2(const FftPlan& plan, float* re, float* im, int rows);
 
 // The spectrum of (re, im) in place, bit-reversed along both axes.
 void SpectrumFftPortable(const FftPlan& plan, float* re, float* im);

@@ -5,9 +5,9 @@
 
 namespace epho::matching {
 
-void CorrelateFftPortable(const FftPlan& plan, float* re, float* im) {
+void CorrelateFftPortable(const FftPlan& plan, float* re, float* im, int rows) {
   typedef float V4 __attribute__((vector_size(16)));
-  portable::Correlate<V4, 4>(plan, re, im);
+  portable::Correlate<V4, 4>(plan, re, im, rows);
 }
 
 void SpectrumFftPortable(const FftPlan& plan, float* re, float* im) {

@@ -71,9 +71,9 @@ void RowsToLanes(float* rows, std::size_t stride, float* lanes, int width, int c
 
 namespace epho::matching {
 
-void CorrelateFftAvx2(const FftPlan& plan, float* re, float* im) {
+void CorrelateFftAvx2(const FftPlan& plan, float* re, float* im, int rows) {
   typedef float V8 __attribute__((vector_size(32)));
-  avx2::Correlate<V8, 8>(plan, re, im);
+  avx2::Correlate<V8, 8>(plan, re, im, rows);
 }
 
 void SpectrumFftAvx2(const FftPlan& plan, float* re, float* im) {

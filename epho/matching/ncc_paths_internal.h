@@ -60,6 +60,15 @@ double CrossCoefByteNoResample(epho::VectorPath path, const uint8_t* left, const
                                uint32_t leftStride, uint32_t rightStride, uint32_t lx, uint32_t ly,
                                uint32_t rx, uint32_t ry, int16_t width, int16_t height);
 
+// epho_CrossCoefFloatNoResample of one left window at (lx, ly) against the
+// right windows at (rx[k], ry[k]), k < count, each coefficient bit for bit
+// that of its own call; the windows are walked together (a peak and its
+// neighbours cost little more than the peak alone).
+void CrossCoefFloatNoResampleMany(const float* left, const float* right, uint32_t leftStride,
+                                  uint32_t rightStride, uint32_t lx, uint32_t ly,
+                                  const uint32_t* rx, const uint32_t* ry, int count, int16_t width,
+                                  int16_t height, double* coefficients);
+
 // ---- template search: cross products of one candidate row ----------------
 
 constexpr std::size_t kSearchBlock = 32;  // candidate columns computed together

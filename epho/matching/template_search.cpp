@@ -318,24 +318,29 @@ double ParabolaOffset(double before, double at, double after) {
 }
 
 // Best position done: exact coefficient and sub-pixel peak from the kernel.
+// `kernel(xs, ys, count, out)` gives the kernel's coefficients at `count`
+// positions: the peak, then its inner neighbours along x, then along y.
 template <class Kernel>
 void FinishPeak(Kernel kernel, uint32_t rxMin, uint32_t ryMin, uint32_t rxMax, uint32_t ryMax,
                 int32_t bx, int32_t by, Epho_NccPeak* peak) {
+  const bool inner_x = static_cast<uint32_t>(bx) > rxMin && static_cast<uint32_t>(bx) < rxMax;
+  const bool inner_y = static_cast<uint32_t>(by) > ryMin && static_cast<uint32_t>(by) < ryMax;
+  uint32_t xs[5] = {static_cast<uint32_t>(bx)}, ys[5] = {static_cast<uint32_t>(by)};
+  int count = 1;
+  if (inner_x)
+    for (int d : {-1, 1}) xs[count] = static_cast<uint32_t>(bx + d), ys[count++] = by;
+  if (inner_y)
+    for (int d : {-1, 1}) xs[count] = static_cast<uint32_t>(bx), ys[count++] = by + d;
+  double c[5];
+  kernel(xs, ys, count, c);
   peak->column = bx;
   peak->row = by;
-  peak->coefficient = kernel(bx, by);
-  peak->on_border = 0;
+  peak->coefficient = c[0];
+  peak->on_border = (inner_x ? 0 : 1) | (inner_y ? 0 : 2);
   peak->subpixel_column = bx;
   peak->subpixel_row = by;
-  if (static_cast<uint32_t>(bx) > rxMin && static_cast<uint32_t>(bx) < rxMax)
-    peak->subpixel_column +=
-        ParabolaOffset(kernel(bx - 1, by), peak->coefficient, kernel(bx + 1, by));
-  else
-    peak->on_border |= 1;
-  if (static_cast<uint32_t>(by) > ryMin && static_cast<uint32_t>(by) < ryMax)
-    peak->subpixel_row += ParabolaOffset(kernel(bx, by - 1), peak->coefficient, kernel(bx, by + 1));
-  else
-    peak->on_border |= 2;
+  if (inner_x) peak->subpixel_column += ParabolaOffset(c[1], c[0], c[2]);
+  if (inner_y) peak->subpixel_row += ParabolaOffset(c[inner_x ? 3 : 1], c[0], c[inner_x ? 4 : 2]);
 }
 
 char* Aligned(void* scratch) {
@@ -684,9 +689,40 @@ inline __attribute__((always_inline)) void RowBoundsBody(const float* num_row, d
                                                          size_t cols, double scale, double bound,
                                                          double vt, float* high, double* best_low,
                                                          bool* nonzero, float* top_high) {
-  // Branch-free, so that the loop runs on vector lanes; var_low's variances
-  // become the lower bounds.
-  for (size_t x = 0; x < cols; ++x) {
+  // Four candidates per step on explicit vectors (the compiler keeps the
+  // selects and the division of a scalar loop scalar); every lane does the
+  // scalar operations, so the bounds do not depend on the lane count.
+  // var_low's variances become the lower bounds; the largest lower and the
+  // smallest and largest upper bound are kept per lane.
+  typedef double D4 __attribute__((vector_size(32)));
+  typedef float F4 __attribute__((vector_size(16)));
+  const D4 zero = {0, 0, 0, 0}, one = {1, 1, 1, 1};
+  const float none = -std::numeric_limits<float>::infinity();
+  D4 best = {*best_low, *best_low, *best_low, *best_low};
+  F4 least = {1.0f, 1.0f, 1.0f, 1.0f}, most = {none, none, none, none};
+  size_t x = 0;
+  for (; x + 4 <= cols; x += 4) {
+    D4 var;
+    F4 nf;
+    std::memcpy(&var, var_low + x, sizeof var);
+    std::memcpy(&nf, num_row + x, sizeof nf);
+    const auto varies = var > zero;
+    const D4 den = varies ? vt * var : one;
+    const D4 inv = (varies ? one : zero) / den;
+    const D4 num = __builtin_convertvector(nf, D4) * scale;
+    const D4 lo = num - bound, up = num + bound;
+    const D4 low = lo * (lo < zero ? -lo : lo) * inv;
+    const F4 hi = __builtin_convertvector(up * (up < zero ? -up : up) * inv, F4);
+    std::memcpy(var_low + x, &low, sizeof low);
+    std::memcpy(high + x, &hi, sizeof hi);
+    best = best > low ? best : low;
+    least = least < hi ? least : hi;
+    most = most > hi ? most : hi;
+  }
+  double best1 = std::max(std::max(best[0], best[1]), std::max(best[2], best[3]));
+  float least1 = std::min(std::min(least[0], least[1]), std::min(least[2], least[3]));
+  float most1 = std::max(std::max(most[0], most[1]), std::max(most[2], most[3]));
+  for (; x < cols; ++x) {
     const double var = var_low[x];
     const double den = var > 0.0 ? vt * var : 1.0;
     const double inv = (var > 0.0 ? 1.0 : 0.0) / den;
@@ -694,28 +730,13 @@ inline __attribute__((always_inline)) void RowBoundsBody(const float* num_row, d
     const double lo = num - bound, up = num + bound;
     var_low[x] = lo * std::fabs(lo) * inv;
     high[x] = static_cast<float>(up * std::fabs(up) * inv);
+    best1 = best1 > var_low[x] ? best1 : var_low[x];
+    least1 = least1 < high[x] ? least1 : high[x];
+    most1 = most1 > high[x] ? most1 : high[x];
   }
-  // Largest lower and smallest upper bound, four chains.
-  double best[4] = {*best_low, *best_low, *best_low, *best_low};
-  float least[4] = {1.0f, 1.0f, 1.0f, 1.0f};
-  const float none = -std::numeric_limits<float>::infinity();
-  float most[4] = {none, none, none, none};
-  size_t x = 0;
-  for (; x + 4 <= cols; x += 4)
-    for (int k = 0; k < 4; ++k) {
-      best[k] = best[k] > var_low[x + k] ? best[k] : var_low[x + k];
-      least[k] = least[k] < high[x + k] ? least[k] : high[x + k];
-      most[k] = most[k] > high[x + k] ? most[k] : high[x + k];
-    }
-  for (; x < cols; ++x) {
-    best[0] = best[0] > var_low[x] ? best[0] : var_low[x];
-    least[0] = least[0] < high[x] ? least[0] : high[x];
-    most[0] = most[0] > high[x] ? most[0] : high[x];
-  }
-  *top_high = std::max(std::max(most[0], most[1]), std::max(most[2], most[3]));
-  *best_low = std::max(std::max(best[0], best[1]), std::max(best[2], best[3]));
-  const float low_high = std::min(std::min(least[0], least[1]), std::min(least[2], least[3]));
-  *nonzero = *nonzero || *best_low > 0.0 || low_high < 0.0f;
+  *top_high = most1;
+  *best_low = best1;
+  *nonzero = *nonzero || *best_low > 0.0 || least1 < 0.0f;
 }
 
 void RowBoundsBase(const float* num_row, double* var_low, size_t cols, double scale, double bound,
@@ -807,26 +828,37 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
   const P* a0 = right + (static_cast<ptrdiff_t>(ryMin) - g.hh) * rst + (rxMin - g.hw);
   const int64_t n = static_cast<int64_t>(g.tw) * g.th;
 
-  // Template: zero mean, its sums (exact for 8-bit, as the direct search).
-  double mt = 0;
+  // Template: zero mean, its sums (exact integers for 8-bit, as the direct
+  // search; in double over four chains for float).
   Sum st = 0, stt = 0;
-  for (int r = 0; r < g.th; ++r)
-    for (int c = 0; c < g.tw; ++c) {
-      const Sum v = static_cast<Sum>(t0[r * lst + c]);
-      st += v, stt += v * v;
-      mt += static_cast<double>(t0[r * lst + c]);
+  if (kByte) {
+    for (int r = 0; r < g.th; ++r)
+      for (int c = 0; c < g.tw; ++c) {
+        const Sum v = static_cast<Sum>(t0[r * lst + c]);
+        st += v, stt += v * v;
+      }
+    if (n * stt - st * st == 0) {
+      *any = false;
+      return EPHO_NCC_SEARCH_OK;
     }
-  mt /= static_cast<double>(n);
-  if (kByte ? n * stt - st * st == 0 : false) {
-    *any = false;
-    return EPHO_NCC_SEARCH_OK;
   }
+  const double mt =
+      (kByte ? static_cast<double>(st) : BlockSum(t0, lst, g.tw, g.th)) / static_cast<double>(n);
   double vt = 0;
-  for (int r = 0; r < g.th; ++r)
-    for (int c = 0; c < g.tw; ++c) {
+  for (int r = 0; r < g.th; ++r) {
+    double e[4] = {0, 0, 0, 0};
+    int c = 0;
+    for (; c + 4 <= g.tw; c += 4)
+      for (int k = 0; k < 4; ++k) {
+        const double d = static_cast<double>(t0[r * lst + c + k]) - mt;
+        e[k] += d * d;
+      }
+    for (; c < g.tw; ++c) {
       const double d = static_cast<double>(t0[r * lst + c]) - mt;
-      vt += d * d;
+      e[0] += d * d;
     }
+    vt += (e[0] + e[1]) + (e[2] + e[3]);
+  }
   if (!(vt > 0.0)) {
     *any = false;
     return EPHO_NCC_SEARCH_OK;
@@ -864,13 +896,16 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
     return CopyShifted(a0 + static_cast<ptrdiff_t>(ty) * rst + static_cast<ptrdiff_t>(tx), rst, w,
                        h, ma, plane, f.nc);
   };
-  // Tile k's cross products from `plane`, scaled to sum T' A.
-  auto keep_tile = [&](size_t k, const float* plane, float scale) {
+  // Tile k's cross products from `plane`, scaled to sum T' A (`odd`: rows
+  // paired, the even ones in `plane`, the odd ones in `odd`).
+  auto keep_tile = [&](size_t k, const float* plane, const float* odd, float scale) {
     const size_t ty = k / tiles_x * f.step_r, tx = k % tiles_x * f.step_c;
     const size_t rows = std::min(f.step_r, g.rows - ty), cols = std::min(f.step_c, g.cols - tx);
-    for (size_t r = 0; r < rows; ++r)
-      for (size_t c = 0; c < cols; ++c)
-        cross[(ty + r) * g.cols + tx + c] = plane[r * f.nc + c] * scale;
+    for (size_t r = 0; r < rows; ++r) {
+      const float* in = odd ? ((r & 1) ? odd : plane) + (r >> 1) * f.nc : plane + r * f.nc;
+      float* out = cross + (ty + r) * g.cols + tx;
+      for (size_t c = 0; c < cols; ++c) out[c] = in[c] * scale;
+    }
   };
   // Rounding bound of the single-precision transform on one cross product:
   // a few units of rounding per level on the product of the two norms (and
@@ -886,14 +921,15 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
     for (int r = 0; r < g.th; ++r)
       for (int c = 0; c < g.tw; ++c)
         im[r * f.nc + c] = static_cast<float>((static_cast<double>(t0[r * lst + c]) - mt) * gain);
+    const int rows = static_cast<int>(g.rows);
 #if EPHO_NCC_X86
     if (path == VectorPath::kAvx2)
-      epho::matching::CorrelateFftAvx2(plan, re, im);
+      epho::matching::CorrelateFftAvx2(plan, re, im, rows);
     else
 #endif
-      epho::matching::CorrelateFftPortable(plan, re, im);
+      epho::matching::CorrelateFftPortable(plan, re, im, rows);
     bound = units * std::sqrt(aa * vt);
-    keep_tile(0, re, static_cast<float>(1.0 / (points * gain)));
+    keep_tile(0, re, im, static_cast<float>(1.0 / (points * gain)));
   } else {
     // The template's spectrum once, then the tiles two at a time.
     float* sr = reinterpret_cast<float*>(base + f.spec_re);
@@ -923,8 +959,8 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
 #endif
         epho::matching::CorrelatePairFftPortable(plan, re, im, sr, si);
       bound = std::max(bound, units * std::sqrt(aa * vt));
-      keep_tile(k, re, scale);
-      if (k + 1 < f.tiles) keep_tile(k + 1, im, scale);
+      keep_tile(k, re, nullptr, scale);
+      if (k + 1 < f.tiles) keep_tile(k + 1, im, nullptr, scale);
     }
   }
   (void)path;
@@ -981,12 +1017,25 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
         best.Offer(static_cast<double>(n * sti - static_cast<int64_t>(st) * si),
                    static_cast<double>(n * sii - si * si), x, y);
       } else {
-        double si = 0, sii = 0, sti = 0;
-        for (int r = 0; r < g.th; ++r)
-          for (int c = 0; c < g.tw; ++c) {
-            const double v = static_cast<double>(w[r * rst + c]) - mt;
-            si += v, sii += v * v, sti += v * (static_cast<double>(t0[r * lst + c]) - mt);
+        // Four chains of sums along the row (the additions overlap).
+        double s4[4] = {0, 0, 0, 0}, ss4[4] = {0, 0, 0, 0}, st4[4] = {0, 0, 0, 0};
+        for (int r = 0; r < g.th; ++r) {
+          const P* wr = w + r * rst;
+          const P* tr = t0 + r * lst;
+          int c = 0;
+          for (; c + 4 <= g.tw; c += 4)
+            for (int k = 0; k < 4; ++k) {
+              const double v = static_cast<double>(wr[c + k]) - mt;
+              s4[k] += v, ss4[k] += v * v, st4[k] += v * (static_cast<double>(tr[c + k]) - mt);
+            }
+          for (; c < g.tw; ++c) {
+            const double v = static_cast<double>(wr[c]) - mt;
+            s4[0] += v, ss4[0] += v * v, st4[0] += v * (static_cast<double>(tr[c]) - mt);
           }
+        }
+        const double si = (s4[0] + s4[1]) + (s4[2] + s4[3]);
+        const double sii = (ss4[0] + ss4[1]) + (ss4[2] + ss4[3]);
+        const double sti = (st4[0] + st4[1]) + (st4[2] + st4[3]);
         const double vr = sii - si * inv_n * si;
         best.Offer(sti, vr > 1e-9 * sii ? vr : 0.0, x, y);
       }
@@ -1082,9 +1131,10 @@ int epho::matching::NccSearchByte(VectorPath path, SearchMethod method, const ui
                 h = static_cast<int16_t>(2 * halfHeight + 1);
   return RunSearch(path, method, left, right, leftStride, rightStride, lx, ly, halfWidth,
                    halfHeight, rxMin, ryMin, rxMax, ryMax, scratch, scratchBytes, peak, SearchByte,
-                   [&](int32_t x, int32_t y) {
-                     return CrossCoefByteNoResample(path, left, right, leftStride, rightStride, lx,
-                                                    ly, x, y, w, h);
+                   [&](const uint32_t* xs, const uint32_t* ys, int count, double* out) {
+                     for (int k = 0; k < count; ++k)
+                       out[k] = CrossCoefByteNoResample(path, left, right, leftStride, rightStride,
+                                                        lx, ly, xs[k], ys[k], w, h);
                    });
 }
 
@@ -1098,9 +1148,9 @@ int epho::matching::NccSearchFloat(VectorPath path, SearchMethod method, const f
                 h = static_cast<int16_t>(2 * halfHeight + 1);
   return RunSearch(path, method, left, right, leftStride, rightStride, lx, ly, halfWidth,
                    halfHeight, rxMin, ryMin, rxMax, ryMax, scratch, scratchBytes, peak, SearchFloat,
-                   [&](int32_t x, int32_t y) {
-                     return epho_CrossCoefFloatNoResample(left, right, leftStride, rightStride, lx,
-                                                          ly, x, y, w, h);
+                   [&](const uint32_t* xs, const uint32_t* ys, int count, double* out) {
+                     CrossCoefFloatNoResampleMany(left, right, leftStride, rightStride, lx, ly, xs,
+                                                  ys, count, w, h, out);
                    });
 }
 

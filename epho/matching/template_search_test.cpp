@@ -315,16 +315,20 @@ TEST(TransformCorrelation, EveryBodyGivesTheSameBits) {
   for (int r = 0; r < th; ++r)
     for (int c = 0; c < tw; ++c) templ[r * nc + c] = u(rng);
   std::vector<float> re4 = area, im4 = templ, re8 = area, im8 = templ;
-  epho::matching::CorrelateFftPortable(plan, re4.data(), im4.data());
-  epho::matching::CorrelateFftAvx2(plan, re8.data(), im8.data());
+  // Every row whose window lies inside the area: even rows in re, odd in im.
+  const int rows = nr - th + 1;
+  epho::matching::CorrelateFftPortable(plan, re4.data(), im4.data(), rows);
+  epho::matching::CorrelateFftAvx2(plan, re8.data(), im8.data(), rows);
   EXPECT_EQ(std::memcmp(re4.data(), re8.data(), re4.size() * sizeof(float)), 0);
-  for (int y = 0; y + th <= nr; y += 3)
+  EXPECT_EQ(std::memcmp(im4.data(), im8.data(), im4.size() * sizeof(float)), 0);
+  for (int y = 0; y < rows; ++y)
     for (int x = 0; x + tw <= nc; x += 5) {
       double direct = 0;
       for (int r = 0; r < th; ++r)
         for (int c = 0; c < tw; ++c)
           direct += double(templ[r * nc + c]) * area[(y + r) * nc + x + c];
-      EXPECT_NEAR(re4[y * nc + x] / double(nr * nc), direct, 1e-5) << x << " " << y;
+      const float got = (y & 1 ? im4 : re4)[(y >> 1) * nc + x];
+      EXPECT_NEAR(got / double(nr * nc), direct, 1e-5) << x << " " << y;
     }
   // The pair form: two areas against the template's spectrum.
   std::vector<float> sr = templ, si(nr * nc, 0.0f), sr8 = templ, si8 = si;
@@ -338,6 +342,43 @@ TEST(TransformCorrelation, EveryBodyGivesTheSameBits) {
   EXPECT_EQ(std::memcmp(a4.data(), a8.data(), a4.size() * sizeof(float)), 0);
   EXPECT_EQ(std::memcmp(b4.data(), b8.data(), b4.size() * sizeof(float)), 0);
   EXPECT_NEAR(a4[0] / double(nr * nc), re4[0] / double(nr * nc), 1e-5);
+}
+
+// The peak and its neighbours walked together give each window's own
+// kernel value bit for bit: window sizes (odd, even, one row), counts below,
+// at and above the five windows of one walk, windows at the image edge, and
+// a flat right window (coefficient exactly 0).
+TEST(TemplateSearch, NeighbourCoefficientsEqualTheKernel) {
+  const int W = 90;
+  std::vector<float> left = Render<float>(Waves(7), W, W, 0, 0);
+  std::vector<float> right = Render<float>(Waves(7), W, W, 1.3, -0.6);
+  for (int r = 60; r < 90; ++r)
+    for (int c = 60; c < 90; ++c) right[r * W + c] = 42.5f;
+  struct Case {
+    int16_t w, h;
+    std::vector<uint32_t> xs, ys;
+  } cases[] = {
+      {21, 21, {40, 39, 41, 40, 40}, {40, 40, 40, 39, 41}},
+      {11, 7, {30, 31}, {20, 20}},
+      {8, 1, {4, 5, 6, 40, 41, 42, 43}, {0, 1, 89, 2, 3, 4, 5}},
+      {41,
+       41,
+       {20, 69, 20, 69, 45, 45, 44, 46, 45, 20, 69},
+       {20, 20, 69, 69, 45, 44, 45, 45, 46, 45, 45}},
+      {9, 9, {75, 74, 76, 40}, {75, 75, 75, 40}},
+  };
+  for (const Case& c : cases) {
+    const int count = static_cast<int>(c.xs.size());
+    std::vector<double> got(count);
+    epho::matching::CrossCoefFloatNoResampleMany(left.data(), right.data(), W, W, 45, 44,
+                                                 c.xs.data(), c.ys.data(), count, c.w, c.h,
+                                                 got.data());
+    for (int k = 0; k < count; ++k) {
+      const double want = epho_CrossCoefFloatNoResample(left.data(), right.data(), W, W, 45, 44,
+                                                        c.xs[k], c.ys[k], c.w, c.h);
+      EXPECT_EQ(got[k], want) << c.w << "x" << c.h << " window " << k;
+    }
+  }
 }
 
 TEST(TemplateSearch, SubPixelPeakFindsKnownShift) {
