@@ -764,7 +764,8 @@ void RowBounds(VectorPath path, const float* num_row, double* var_low, size_t co
 
 // Sum of a block of pixels (exact integers for 8-bit pixels).
 template <typename P>
-double BlockSum(const P* a, ptrdiff_t stride, size_t w, size_t h) {
+inline __attribute__((always_inline)) double BlockSum(const P* a, ptrdiff_t stride, size_t w,
+                                                      size_t h) {
   using Acc = typename std::conditional<std::is_integral<P>::value, int64_t, double>::type;
   double total = 0;
   for (size_t r = 0; r < h; ++r) {
@@ -783,8 +784,9 @@ double BlockSum(const P* a, ptrdiff_t stride, size_t w, size_t h) {
 // nc) and returns its energy (sum of squares; it only scales the rounding
 // bound, so single-precision partial sums serve).
 template <typename P>
-double CopyShifted(const P* a, ptrdiff_t stride, size_t w, size_t h, float shift, float* out,
-                   size_t nc) {
+inline __attribute__((always_inline)) double CopyShifted(const P* a, ptrdiff_t stride, size_t w,
+                                                         size_t h, float shift, float* out,
+                                                         size_t nc) {
   double energy = 0;
   for (size_t r = 0; r < h; ++r) {
     const P* row = a + static_cast<ptrdiff_t>(r) * stride;
@@ -808,10 +810,13 @@ double CopyShifted(const P* a, ptrdiff_t stride, size_t w, size_t h, float shift
   return energy;
 }
 
+// The body is compiled for the baseline and, taken on the AVX2 path, for
+// AVX2 (wider lanes for its copies and sums; nothing fused, same bits).
 template <typename P>
-int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls, uint32_t rs,
-                    uint32_t lx, uint32_t ly, const Geometry& g, uint32_t rxMin, uint32_t ryMin,
-                    char* base, const FftLayout& f, int32_t* best_x, int32_t* best_y, bool* any) {
+inline __attribute__((always_inline)) int SearchTransformBody(
+    VectorPath path, const P* left, const P* right, uint32_t ls, uint32_t rs, uint32_t lx,
+    uint32_t ly, const Geometry& g, uint32_t rxMin, uint32_t ryMin, char* base, const FftLayout& f,
+    int32_t* best_x, int32_t* best_y, bool* any) {
   constexpr bool kByte = std::is_same<P, uint8_t>::value;
   using Sum = typename std::conditional<kByte, int64_t, double>::type;
   float* re = reinterpret_cast<float*>(base + f.re);
@@ -1045,6 +1050,37 @@ int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls,
   *best_y = static_cast<int32_t>(ryMin + best.y);
   *any = best.any || nonzero;
   return EPHO_NCC_SEARCH_OK;
+}
+
+template <typename P>
+int SearchTransformBase(VectorPath path, const P* left, const P* right, uint32_t ls, uint32_t rs,
+                        uint32_t lx, uint32_t ly, const Geometry& g, uint32_t rxMin, uint32_t ryMin,
+                        char* base, const FftLayout& f, int32_t* best_x, int32_t* best_y,
+                        bool* any) {
+  return SearchTransformBody(path, left, right, ls, rs, lx, ly, g, rxMin, ryMin, base, f, best_x,
+                             best_y, any);
+}
+#if EPHO_NCC_X86
+template <typename P>
+EPHO_TS_AVX2 int SearchTransformAvx2(VectorPath path, const P* left, const P* right, uint32_t ls,
+                                     uint32_t rs, uint32_t lx, uint32_t ly, const Geometry& g,
+                                     uint32_t rxMin, uint32_t ryMin, char* base, const FftLayout& f,
+                                     int32_t* best_x, int32_t* best_y, bool* any) {
+  return SearchTransformBody(path, left, right, ls, rs, lx, ly, g, rxMin, ryMin, base, f, best_x,
+                             best_y, any);
+}
+#endif
+template <typename P>
+int SearchTransform(VectorPath path, const P* left, const P* right, uint32_t ls, uint32_t rs,
+                    uint32_t lx, uint32_t ly, const Geometry& g, uint32_t rxMin, uint32_t ryMin,
+                    char* base, const FftLayout& f, int32_t* best_x, int32_t* best_y, bool* any) {
+#if EPHO_NCC_X86
+  if (path == VectorPath::kAvx2)
+    return SearchTransformAvx2(path, left, right, ls, rs, lx, ly, g, rxMin, ryMin, base, f, best_x,
+                               best_y, any);
+#endif
+  return SearchTransformBase(path, left, right, ls, rs, lx, ly, g, rxMin, ryMin, base, f, best_x,
+                             best_y, any);
 }
 
 bool TransformPaysOnSomePath(const Geometry& g, const FftLayout& f) {
