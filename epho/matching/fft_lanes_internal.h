@@ -47,64 +47,173 @@ inline void Store(float* p, V v) {
 // Forward transform of n elements of E = K * L lanes (element k's real
 // parts at br[k * E], imaginary at bi[k * E]), natural order in,
 // bit-reversed order out; w holds cos and sin of -2 pi k / n for k < n / 2,
-// interleaved.
+// interleaved. Radix-2 decimation in frequency; two levels at a time (spans
+// h and h / 2 on four elements held in registers), which performs the very
+// operations of the levels taken one by one, so the bits are the same. The
+// first butterfly of a block (twiddle 1) only adds and subtracts.
+
+// One level, span h (radix-2 form, for an odd number of levels).
 template <class V, int L, int K>
-void Forward(float* br, float* bi, int n, const float* w) {
+inline void ForwardLevel(float* br, float* bi, int n, const float* w, int h, int step) {
   constexpr int E = K * L;
-  for (int h = n / 2, step = 1; h >= 1; h >>= 1, step <<= 1) {
-    for (int b = 0; b < n; b += 2 * h) {
-      float* r0 = br + b * E;
-      float* i0 = bi + b * E;
-      float* r1 = r0 + h * E;
-      float* i1 = i0 + h * E;
-      for (int q = 0; q < E; q += L) {
-        const V ar = Load<V>(r0 + q), ai = Load<V>(i0 + q), cr = Load<V>(r1 + q),
-                ci = Load<V>(i1 + q);
+  for (int b = 0; b < n; b += 2 * h) {
+    float* r0 = br + b * E;
+    float* i0 = bi + b * E;
+    float* r1 = r0 + h * E;
+    float* i1 = i0 + h * E;
+    for (int q = 0; q < E; q += L) {
+      const V ar = Load<V>(r0 + q), ai = Load<V>(i0 + q), cr = Load<V>(r1 + q),
+              ci = Load<V>(i1 + q);
+      Store(r0 + q, ar + cr), Store(i0 + q, ai + ci);
+      Store(r1 + q, ar - cr), Store(i1 + q, ai - ci);
+    }
+    for (int j = 1; j < h; ++j) {
+      const float wr = w[2 * j * step], wi = w[2 * j * step + 1];
+      for (int q = j * E; q < j * E + E; q += L) {
+        const V ar = Load<V>(r0 + q), ai = Load<V>(i0 + q);
+        const V cr = Load<V>(r1 + q), ci = Load<V>(i1 + q);
+        const V dr = ar - cr, di = ai - ci;
         Store(r0 + q, ar + cr), Store(i0 + q, ai + ci);
-        Store(r1 + q, ar - cr), Store(i1 + q, ai - ci);
-      }
-      for (int j = 1; j < h; ++j) {
-        const float wr = w[2 * j * step], wi = w[2 * j * step + 1];
-        for (int q = j * E; q < j * E + E; q += L) {
-          const V ar = Load<V>(r0 + q), ai = Load<V>(i0 + q);
-          const V cr = Load<V>(r1 + q), ci = Load<V>(i1 + q);
-          const V dr = ar - cr, di = ai - ci;
-          Store(r0 + q, ar + cr), Store(i0 + q, ai + ci);
-          Store(r1 + q, dr * wr - di * wi), Store(i1 + q, dr * wi + di * wr);
-        }
+        Store(r1 + q, dr * wr - di * wi), Store(i1 + q, dr * wi + di * wr);
       }
     }
   }
 }
 
-// Inverse of Forward without the 1/n: bit-reversed in, natural order out.
-template <class V, int L, int K>
-void Inverse(float* br, float* bi, int n, const float* w) {
+// Butterfly of decimation in frequency: (a, c) -> (a + c, (a - c) w), or
+// (a + c, a - c) when kOne.
+template <class V, bool kOne>
+inline void ForwardButterfly(V& ar, V& ai, V& cr, V& ci, float wr, float wi) {
+  const V dr = ar - cr, di = ai - ci;
+  ar = ar + cr, ai = ai + ci;
+  if (kOne) {
+    cr = dr, ci = di;
+  } else {
+    cr = dr * wr - di * wi, ci = dr * wi + di * wr;
+  }
+}
+
+// Levels of spans h and g = h / 2 on the four elements j, j + g, j + h,
+// j + h + g of every block; kFirst: j = 0.
+template <class V, int L, int K, bool kFirst>
+inline void ForwardPairAt(float* r, float* i, int j, int g, const float* w, int step) {
   constexpr int E = K * L;
-  for (int h = 1, step = n / 2; h < n; h <<= 1, step >>= 1) {
+  const int h = 2 * g;
+  const float ar = w[2 * j * step], ai = w[2 * j * step + 1];
+  const float br = w[2 * (j + g) * step], bi = w[2 * (j + g) * step + 1];
+  const float cr = w[4 * j * step], ci = w[4 * j * step + 1];
+  for (int q = j * E; q < j * E + E; q += L) {
+    V x0r = Load<V>(r + q), x0i = Load<V>(i + q);
+    V x1r = Load<V>(r + q + g * E), x1i = Load<V>(i + q + g * E);
+    V x2r = Load<V>(r + q + h * E), x2i = Load<V>(i + q + h * E);
+    V x3r = Load<V>(r + q + (h + g) * E), x3i = Load<V>(i + q + (h + g) * E);
+    ForwardButterfly<V, kFirst>(x0r, x0i, x2r, x2i, ar, ai);
+    ForwardButterfly<V, false>(x1r, x1i, x3r, x3i, br, bi);
+    ForwardButterfly<V, kFirst>(x0r, x0i, x1r, x1i, cr, ci);
+    ForwardButterfly<V, kFirst>(x2r, x2i, x3r, x3i, cr, ci);
+    Store(r + q, x0r), Store(i + q, x0i);
+    Store(r + q + g * E, x1r), Store(i + q + g * E, x1i);
+    Store(r + q + h * E, x2r), Store(i + q + h * E, x2i);
+    Store(r + q + (h + g) * E, x3r), Store(i + q + (h + g) * E, x3i);
+  }
+}
+
+template <class V, int L, int K>
+void Forward(float* br, float* bi, int n, const float* w) {
+  constexpr int E = K * L;
+  int h = n / 2, step = 1;
+  for (; h >= 2; h >>= 2, step <<= 2) {
+    const int g = h / 2;
     for (int b = 0; b < n; b += 2 * h) {
-      float* r0 = br + b * E;
-      float* i0 = bi + b * E;
-      float* r1 = r0 + h * E;
-      float* i1 = i0 + h * E;
-      for (int q = 0; q < E; q += L) {
-        const V ar = Load<V>(r0 + q), ai = Load<V>(i0 + q), cr = Load<V>(r1 + q),
-                ci = Load<V>(i1 + q);
-        Store(r0 + q, ar + cr), Store(i0 + q, ai + ci);
-        Store(r1 + q, ar - cr), Store(i1 + q, ai - ci);
-      }
-      for (int j = 1; j < h; ++j) {
-        const float wr = w[2 * j * step], wi = w[2 * j * step + 1];
-        for (int q = j * E; q < j * E + E; q += L) {
-          const V ar = Load<V>(r0 + q), ai = Load<V>(i0 + q);
-          const V cr = Load<V>(r1 + q), ci = Load<V>(i1 + q);
-          const V er = cr * wr + ci * wi, ei = ci * wr - cr * wi;  // times conj(w)
-          Store(r0 + q, ar + er), Store(i0 + q, ai + ei);
-          Store(r1 + q, ar - er), Store(i1 + q, ai - ei);
-        }
+      float* r = br + b * E;
+      float* i = bi + b * E;
+      ForwardPairAt<V, L, K, true>(r, i, 0, g, w, step);
+      for (int j = 1; j < g; ++j) ForwardPairAt<V, L, K, false>(r, i, j, g, w, step);
+    }
+  }
+  if (h == 1) ForwardLevel<V, L, K>(br, bi, n, w, 1, step);
+}
+
+// Inverse of Forward without the 1/n: bit-reversed in, natural order out.
+// Radix-2 decimation in time, two levels at a time (spans g and 2 g) in the
+// same way.
+template <class V, int L, int K>
+inline void InverseLevel(float* br, float* bi, int n, const float* w, int h, int step) {
+  constexpr int E = K * L;
+  for (int b = 0; b < n; b += 2 * h) {
+    float* r0 = br + b * E;
+    float* i0 = bi + b * E;
+    float* r1 = r0 + h * E;
+    float* i1 = i0 + h * E;
+    for (int q = 0; q < E; q += L) {
+      const V ar = Load<V>(r0 + q), ai = Load<V>(i0 + q), cr = Load<V>(r1 + q),
+              ci = Load<V>(i1 + q);
+      Store(r0 + q, ar + cr), Store(i0 + q, ai + ci);
+      Store(r1 + q, ar - cr), Store(i1 + q, ai - ci);
+    }
+    for (int j = 1; j < h; ++j) {
+      const float wr = w[2 * j * step], wi = w[2 * j * step + 1];
+      for (int q = j * E; q < j * E + E; q += L) {
+        const V ar = Load<V>(r0 + q), ai = Load<V>(i0 + q);
+        const V cr = Load<V>(r1 + q), ci = Load<V>(i1 + q);
+        const V er = cr * wr + ci * wi, ei = ci * wr - cr * wi;  // times conj(w)
+        Store(r0 + q, ar + er), Store(i0 + q, ai + ei);
+        Store(r1 + q, ar - er), Store(i1 + q, ai - ei);
       }
     }
   }
+}
+
+// Butterfly of decimation in time: (a, c) -> (a + c conj(w), a - c conj(w)),
+// or (a + c, a - c) when kOne.
+template <class V, bool kOne>
+inline void InverseButterfly(V& ar, V& ai, V& cr, V& ci, float wr, float wi) {
+  V er = cr, ei = ci;
+  if (!kOne) er = cr * wr + ci * wi, ei = ci * wr - cr * wi;
+  cr = ar - er, ci = ai - ei;
+  ar = ar + er, ai = ai + ei;
+}
+
+// Levels of spans g and h = 2 g on the four elements j, j + g, j + h,
+// j + h + g of every block; kFirst: j = 0.
+template <class V, int L, int K, bool kFirst>
+inline void InversePairAt(float* r, float* i, int j, int g, const float* w, int step) {
+  constexpr int E = K * L;
+  const int h = 2 * g;
+  // Span g takes twiddle j at step 2 * step (= 2 * (step of span h)).
+  const float ar = w[4 * j * step], ai = w[4 * j * step + 1];
+  const float br = w[2 * j * step], bi = w[2 * j * step + 1];
+  const float cr = w[2 * (j + g) * step], ci = w[2 * (j + g) * step + 1];
+  for (int q = j * E; q < j * E + E; q += L) {
+    V x0r = Load<V>(r + q), x0i = Load<V>(i + q);
+    V x1r = Load<V>(r + q + g * E), x1i = Load<V>(i + q + g * E);
+    V x2r = Load<V>(r + q + h * E), x2i = Load<V>(i + q + h * E);
+    V x3r = Load<V>(r + q + (h + g) * E), x3i = Load<V>(i + q + (h + g) * E);
+    InverseButterfly<V, kFirst>(x0r, x0i, x1r, x1i, ar, ai);
+    InverseButterfly<V, kFirst>(x2r, x2i, x3r, x3i, ar, ai);
+    InverseButterfly<V, kFirst>(x0r, x0i, x2r, x2i, br, bi);
+    InverseButterfly<V, false>(x1r, x1i, x3r, x3i, cr, ci);
+    Store(r + q, x0r), Store(i + q, x0i);
+    Store(r + q + g * E, x1r), Store(i + q + g * E, x1i);
+    Store(r + q + h * E, x2r), Store(i + q + h * E, x2i);
+    Store(r + q + (h + g) * E, x3r), Store(i + q + (h + g) * E, x3i);
+  }
+}
+
+template <class V, int L, int K>
+void Inverse(float* br, float* bi, int n, const float* w) {
+  constexpr int E = K * L;
+  // step is that of span h = 2 g; span g has twice it.
+  int g = 1, step = n / 4;
+  for (; 2 * g < n; g <<= 2, step >>= 2) {
+    for (int b = 0; b < n; b += 4 * g) {
+      float* r = br + b * E;
+      float* i = bi + b * E;
+      InversePairAt<V, L, K, true>(r, i, 0, g, w, step);
+      for (int j = 1; j < g; ++j) InversePairAt<V, L, K, false>(r, i, j, g, w, step);
+    }
+  }
+  if (g < n) InverseLevel<V, L, K>(br, bi, n, w, g, n / (2 * g));
 }
 
 // One 2D pass. Along rows' index (vertical): strips of L columns copied into
