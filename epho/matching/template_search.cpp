@@ -813,6 +813,50 @@ inline __attribute__((always_inline)) double CopyShifted(const P* a, ptrdiff_t s
   return energy;
 }
 
+// 8-bit column sums (and sums of squares) moved down one row, as in
+// StepColumns, in 32-bit integers (on vector lanes where the caller's
+// target has them).
+inline __attribute__((always_inline)) void StepColumnsBytes(uint32_t* __restrict colsum,
+                                                            uint32_t* __restrict colsq,
+                                                            const uint8_t* __restrict leave,
+                                                            const uint8_t* __restrict enter,
+                                                            size_t w) {
+  if (leave)
+    for (size_t c = 0; c < w; ++c) {
+      const uint32_t v = leave[c];
+      colsum[c] -= v, colsq[c] -= v * v;
+    }
+  for (size_t c = 0; c < w; ++c) {
+    const uint32_t v = enter[c];
+    colsum[c] += v, colsq[c] += v * v;
+  }
+}
+
+// The 8-bit windows' n * variance / n along one row of column sums, from
+// running sums along the row modulo 2^32: a window's sum of squares is at
+// most 255^2 * 255^2 < 2^32 (templates of at most 255 x 255 pixels), so the
+// differences are the exact sums, and so are their products in double
+// (below 2^53): the same values as the double running sums give.
+inline __attribute__((always_inline)) void WindowRowBytes(const uint32_t* __restrict colsum,
+                                                          const uint32_t* __restrict colsq,
+                                                          const Geometry& g,
+                                                          uint32_t* __restrict run_s,
+                                                          uint32_t* __restrict run_q, double dn,
+                                                          double inv_n, double* __restrict var) {
+  uint32_t a = 0, b = 0;
+  run_s[0] = run_q[0] = 0;
+  for (size_t c = 0; c < g.area_w; ++c) {
+    a += colsum[c], b += colsq[c];
+    run_s[c + 1] = a, run_q[c + 1] = b;
+  }
+  const size_t tw = static_cast<size_t>(g.tw);
+  for (size_t x = 0; x < g.cols; ++x) {
+    const double ws = static_cast<double>(run_s[x + tw] - run_s[x]);
+    const double wss = static_cast<double>(run_q[x + tw] - run_q[x]);
+    var[x] = (dn * wss - ws * ws) * inv_n;
+  }
+}
+
 // The body is compiled for the baseline and, taken on the AVX2 path, for
 // AVX2 (wider lanes for its copies and sums; nothing fused, same bits).
 template <typename P>
@@ -976,32 +1020,48 @@ inline __attribute__((always_inline)) int SearchTransformBody(
 
   // Pass 1: bounds of every coefficient; the upper one replaces the cross
   // product in `cross`.
-  std::fill(colsum, colsum + g.area_w, 0.0);
-  std::fill(colsq, colsq + g.area_w, 0.0);
-  // Window statistics in double: exact integers for 8-bit pixels.
-  auto value = [mt](P v) { return kByte ? static_cast<double>(v) : static_cast<double>(v) - mt; };
-  for (int r = 0; r < g.th - 1; ++r)
-    StepColumns(path, colsum, colsq, static_cast<const P*>(nullptr), a0 + r * rst, g.area_w, value);
   const double inv_n = 1.0 / static_cast<double>(n), dn = static_cast<double>(n);
   double best_low = -std::numeric_limits<double>::infinity();
   bool nonzero = false;  // some coefficient is certainly not 0
-  for (size_t y = 0; y < g.rows; ++y) {
-    StepColumns(path, colsum, colsq, y > 0 ? a0 + (y - 1) * rst : nullptr,
-                a0 + (y + g.th - 1) * rst, g.area_w, value);
-    // Window variances of the row, then the bounds of its coefficients.
-    float* row_high = cross + y * g.cols;
-    WindowRow(path, colsum, colsq, g, run_s, run_q, row_s, row_var);
-    for (size_t x = 0; x < g.cols; ++x) {
-      const double ws = row_s[x], wss = row_var[x];
-      if (kByte) {
-        row_var[x] = (dn * wss - ws * ws) * inv_n;
-      } else {
+  if constexpr (kByte) {
+    // Window sums as 32-bit integers (exact: see WindowRowBytes).
+    uint32_t* col_s = reinterpret_cast<uint32_t*>(colsum);
+    uint32_t* col_q = reinterpret_cast<uint32_t*>(colsq);
+    std::fill(col_s, col_s + g.area_w, 0u);
+    std::fill(col_q, col_q + g.area_w, 0u);
+    for (int r = 0; r < g.th - 1; ++r)
+      StepColumnsBytes(col_s, col_q, nullptr, a0 + r * rst, g.area_w);
+    for (size_t y = 0; y < g.rows; ++y) {
+      StepColumnsBytes(col_s, col_q, y > 0 ? a0 + (y - 1) * rst : nullptr,
+                       a0 + (y + g.th - 1) * rst, g.area_w);
+      float* row_high = cross + y * g.cols;
+      WindowRowBytes(col_s, col_q, g, reinterpret_cast<uint32_t*>(run_s),
+                     reinterpret_cast<uint32_t*>(run_q), dn, inv_n, row_var);
+      RowBounds(path, row_high, row_var, g.cols, scale, bound, vt, row_high, &best_low, &nonzero,
+                &row_top[y]);
+    }
+  } else {
+    std::fill(colsum, colsum + g.area_w, 0.0);
+    std::fill(colsq, colsq + g.area_w, 0.0);
+    // Window statistics in double, about the template's mean.
+    auto value = [mt](P v) { return static_cast<double>(v) - mt; };
+    for (int r = 0; r < g.th - 1; ++r)
+      StepColumns(path, colsum, colsq, static_cast<const P*>(nullptr), a0 + r * rst, g.area_w,
+                  value);
+    for (size_t y = 0; y < g.rows; ++y) {
+      StepColumns(path, colsum, colsq, y > 0 ? a0 + (y - 1) * rst : nullptr,
+                  a0 + (y + g.th - 1) * rst, g.area_w, value);
+      // Window variances of the row, then the bounds of its coefficients.
+      float* row_high = cross + y * g.cols;
+      WindowRow(path, colsum, colsq, g, run_s, run_q, row_s, row_var);
+      for (size_t x = 0; x < g.cols; ++x) {
+        const double ws = row_s[x], wss = row_var[x];
         const double vr = wss - ws * inv_n * ws;
         row_var[x] = vr > 1e-9 * wss ? vr : 0.0;
       }
+      RowBounds(path, row_high, row_var, g.cols, scale, bound, vt, row_high, &best_low, &nonzero,
+                &row_top[y]);
     }
-    RowBounds(path, row_high, row_var, g.cols, scale, bound, vt, row_high, &best_low, &nonzero,
-              &row_top[y]);
   }
   // Pass 2: exact values of the candidates that may be best, offered in the
   // direct search's visiting order so that rounding in the comparison of
