@@ -381,6 +381,37 @@ TEST(TemplateSearch, NeighbourCoefficientsEqualTheKernel) {
   }
 }
 
+// The largest template on bright 8-bit pixels (window sums of squares
+// beyond 2^31, the largest transform tile): both methods find the planted
+// copy and give the kernel's coefficient there.
+TEST(TemplateSearch, LargestTemplateOnBrightPixels) {
+  using epho::matching::SearchMethod;
+  const int W = 300, half = EPHO_NCC_SEARCH_MAX_HALF;
+  std::mt19937 rng(11);
+  std::uniform_int_distribution<int> bright(235, 255);
+  std::vector<uint8_t> left(W * W), right(W * W);
+  for (auto& v : left) v = uint8_t(bright(rng));
+  for (auto& v : right) v = uint8_t(bright(rng));
+  const int lx = 140, ly = 145, bx = 150, by = 139;  // the template copied to (bx, by)
+  for (int r = -half; r <= half; ++r)
+    for (int c = -half; c <= half; ++c) right[(by + r) * W + bx + c] = left[(ly + r) * W + lx + c];
+  const uint32_t x0 = 140, y0 = 130, x1 = 160, y1 = 150;
+  std::vector<char> scratch(
+      epho::matching::NccSearchScratchBytes(SearchMethod::kTransform, half, half, 21, 21));
+  for (SearchMethod m : {SearchMethod::kDirect, SearchMethod::kTransform}) {
+    Epho_NccPeak peak{};
+    ASSERT_EQ(epho::matching::NccSearchByte(epho::BestVectorPath(), m, left.data(), right.data(), W,
+                                            W, lx, ly, half, half, x0, y0, x1, y1, scratch.data(),
+                                            scratch.size(), &peak),
+              EPHO_NCC_SEARCH_OK);
+    EXPECT_EQ(peak.column, bx);
+    EXPECT_EQ(peak.row, by);
+    EXPECT_EQ(peak.coefficient,
+              epho_CrossCoefByteNoResample(left.data(), right.data(), W, W, lx, ly, bx, by,
+                                           2 * half + 1, 2 * half + 1));
+  }
+}
+
 TEST(TemplateSearch, SubPixelPeakFindsKnownShift) {
   Waves waves(9);
   const int W = 100;
