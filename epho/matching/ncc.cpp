@@ -89,13 +89,16 @@ double WholePixelReal(const P* left, const P* right, uint32_t ls, uint32_t rs, u
 // WholePixelReal of one left window against up to kMaxRightWindows right
 // windows in one walk: each right window's sums take exactly the operations
 // CorrelateReal performs for it, in the same order (nothing fused or
-// regrouped), so every coefficient equals that of its own call; the left
-// sums are formed once, and the right windows' addition chains overlap.
+// regrouped), so every coefficient equals that of its own call. The
+// windows ride two to a vector (lanes do the scalar operations), the left
+// window in the lane beside the fifth: its sums are the same operations on
+// l (l * l in the lane of l * r).
 constexpr int kMaxRightWindows = 5;
 template <typename P>
 void WholePixelRealMany(const P* left, const P* right, uint32_t ls, uint32_t rs, uint32_t lx,
                         uint32_t ly, const uint32_t* rx, const uint32_t* ry, int count,
                         int16_t width, int16_t height, double* out) {
+  typedef double D2 __attribute__((vector_size(16)));
   const int hw = width / 2, hh = height / 2;
   if (hw < 0 || hh < 0) {
     for (int k = 0; k < count; ++k) out[k] = 0.0;
@@ -104,29 +107,30 @@ void WholePixelRealMany(const P* left, const P* right, uint32_t ls, uint32_t rs,
   const ptrdiff_t sl = ls, sr = rs;
   const P* pl = Corner(left, ls, lx, ly, hw, hh);
   const P* pr[kMaxRightWindows];
-  double r0[kMaxRightWindows], s_r[kMaxRightWindows], s_rr[kMaxRightWindows],
-      s_lr[kMaxRightWindows];
-  for (int k = 0; k < kMaxRightWindows; ++k) {  // missing windows repeat the first
+  for (int k = 0; k < kMaxRightWindows; ++k)  // missing windows repeat the first
     pr[k] = Corner(right, rs, rx[k < count ? k : 0], ry[k < count ? k : 0], hw, hh);
-    r0[k] = static_cast<double>(pr[k][0]);
-    s_r[k] = s_rr[k] = s_lr[k] = 0.0;
-  }
-  const double l0 = static_cast<double>(pl[0]);
-  double s_l = 0, s_ll = 0;
+  auto at = [](const P* p, ptrdiff_t i) { return static_cast<double>(p[i]); };
+  // Lanes: (window 0, window 1), (window 2, window 3), (window 4, left).
+  const D2 o01 = {at(pr[0], 0), at(pr[1], 0)}, o23 = {at(pr[2], 0), at(pr[3], 0)},
+           o4l = {at(pr[4], 0), at(pl, 0)};
+  D2 s01 = {0, 0}, s23 = s01, s4l = s01, q01 = s01, q23 = s01, q4l = s01, c01 = s01, c23 = s01,
+     c4l = s01;
   for (int i = 0; i <= 2 * hh; ++i)
     for (int j = 0; j <= 2 * hw; ++j) {
-      const double l = static_cast<double>(pl[i * sl + j]) - l0;
-      s_l += l;
-      s_ll += l * l;
-      for (int k = 0; k < kMaxRightWindows; ++k) {
-        const double r = static_cast<double>(pr[k][i * sr + j]) - r0[k];
-        s_r[k] += r;
-        s_rr[k] += r * r;
-        s_lr[k] += l * r;
-      }
+      const ptrdiff_t r = i * sr + j;
+      const D2 v4l = D2{at(pr[4], r), at(pl, i * sl + j)} - o4l;
+      const D2 v01 = D2{at(pr[0], r), at(pr[1], r)} - o01;
+      const D2 v23 = D2{at(pr[2], r), at(pr[3], r)} - o23;
+      const double l = v4l[1];
+      s01 += v01, q01 += v01 * v01, c01 += l * v01;
+      s23 += v23, q23 += v23 * v23, c23 += l * v23;
+      s4l += v4l, q4l += v4l * v4l, c4l += l * v4l;
     }
-  for (int k = 0; k < count; ++k)
-    out[k] = CrossCoefficient(WindowCount(hw, hh), s_l, s_ll, s_r[k], s_rr[k], s_lr[k]);
+  const double n = WindowCount(hw, hh), s_l = s4l[1], s_ll = q4l[1];
+  const double s_r[kMaxRightWindows] = {s01[0], s01[1], s23[0], s23[1], s4l[0]};
+  const double s_rr[kMaxRightWindows] = {q01[0], q01[1], q23[0], q23[1], q4l[0]};
+  const double s_lr[kMaxRightWindows] = {c01[0], c01[1], c23[0], c23[1], c4l[0]};
+  for (int k = 0; k < count; ++k) out[k] = CrossCoefficient(n, s_l, s_ll, s_r[k], s_rr[k], s_lr[k]);
 }
 
 // Rounds an interpolated grey value half up to a whole number.
