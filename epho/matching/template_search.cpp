@@ -832,8 +832,9 @@ inline __attribute__((always_inline)) void StepColumnsBytes(uint32_t* __restrict
   }
 }
 
-// The 8-bit windows' n * variance / n along one row of column sums, from
-// running sums along the row modulo 2^32: a window's sum of squares is at
+// The 8-bit windows' sums of squared deviations from their mean, (n sum(I^2)
+// - sum(I)^2) / n, along one row of column sums, from running sums along
+// the row modulo 2^32: a window's sum of squares is at
 // most 255^2 * 255^2 < 2^32 (templates of at most 255 x 255 pixels), so the
 // differences are the exact sums, and so are their products in double
 // (below 2^53): the same values as the double running sums give.
