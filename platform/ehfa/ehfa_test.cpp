@@ -521,7 +521,11 @@ bool ReadsCompletely(const std::wstring& path) {
     const Emif_Design* d = nullptr;
     void* rec = nullptr;
     Ehfa_EntryInfo info;
-    ehfa_EntryInfoGet(f, &info, &err);
+    ErrGuard info_err;  // a damaged family fails here, each time with its own report
+    if (!ehfa_EntryInfoGet(f, &info, &info_err)) {
+      ok = false;
+      continue;
+    }
     if (info.data_size == 0) continue;
     ErrGuard read_err;
     if (ehfa_ObjectRead(f, EHFA_SEEK_INTO, nullptr, nullptr, &d, &rec, &read_err)) {
