@@ -245,6 +245,24 @@ EERR_BOUNDARY(err, EMSC_FALSE)
 
 namespace epho::camera {
 
+// The DEM refinement shared by both inverse transforms: at most kMaxDemReads
+// reads, stopping once the height moves by kHeightSettled or less. `map_at`
+// gives the map position of the current ground point, `move_to` puts the
+// ground point at a new height (leaving it where it was when it cannot).
+template <class MapAt, class MoveTo>
+void RefineOnDem(const Epho_CameraXform* xform, DemBuffers& buffers, double Z, MapAt map_at,
+                 MoveTo move_to) {
+  for (int r = 0; r < kMaxDemReads; ++r) {
+    double mx, my;
+    map_at(&mx, &my);
+    const double Zn = IterationHeight(xform, buffers, mx, my, Z);
+    move_to(Zn);
+    const bool settled = std::fabs(Zn - Z) <= kHeightSettled;
+    Z = Zn;
+    if (settled) break;
+  }
+}
+
 Emsc_Boolean InvTransCartesianImpl(const Epho_CameraXform* xform, double* heights,
                                    const Efga_Matrix* in, Efga_Matrix* out, bool use_dem,
                                    Eerr_ErrorReport** err) {
@@ -280,18 +298,14 @@ Emsc_Boolean InvTransCartesianImpl(const Epho_CameraXform* xform, double* height
         continue;
       }
       if (use_dem) {
-        for (int r = 0; r < kMaxDemReads; ++r) {
-          const double Zn = IterationHeight(xform, buffers, X, Y, Z);
-          double Xn, Yn;
-          if (!epho_CameraImageAndZToXY(xform->orientation, cam->PhotoDirection, ix[i], iy[i], Zn,
-                                        &Xn, &Yn)) {
-            X = Xn;
-            Y = Yn;
-          }
-          const bool settled = std::fabs(Zn - Z) <= kHeightSettled;
-          Z = Zn;
-          if (settled) break;
-        }
+        RefineOnDem(
+            xform, buffers, Z, [&](double* mx, double* my) { *mx = X, *my = Y; },
+            [&](double Zn) {
+              double Xn, Yn;
+              if (!epho_CameraImageAndZToXY(xform->orientation, cam->PhotoDirection, ix[i], iy[i],
+                                            Zn, &Xn, &Yn))
+                X = Xn, Y = Yn;
+            });
       }
       out->data[2 * j] = X;
       out->data[2 * j + 1] = Y;
@@ -337,25 +351,22 @@ Emsc_Boolean InvTransTangentImpl(const Epho_CameraXform* xform, double* heights,
         continue;
       }
       if (use_dem) {
-        for (int k = 0; k < kMaxDemReads; ++k) {
-          double mx = lon, my = lat;
-          if (proj && proj->fromLL) {
-            Eerr_ErrorReport* report = nullptr;
-            if (!eprj_ProjectionFromLL(proj, 1, &mx, &my, &report) && report) {
-              eerr_PrintErrorReport(report, nullptr, 0);
-            }
-            eerr_DeleteErrorReport(report);
-          }
-          const double Zn = IterationHeight(xform, buffers, mx, my, Z);
-          double ln, lt;
-          if (TangentInverseOnce(xform, x, y, Zn, a, e2, &ln, &lt)) {
-            lon = ln;
-            lat = lt;
-          }
-          const bool settled = std::fabs(Zn - Z) <= kHeightSettled;
-          Z = Zn;
-          if (settled) break;
-        }
+        RefineOnDem(
+            xform, buffers, Z,
+            [&](double* mx, double* my) {
+              *mx = lon, *my = lat;
+              if (proj && proj->fromLL) {
+                Eerr_ErrorReport* report = nullptr;
+                if (!eprj_ProjectionFromLL(proj, 1, mx, my, &report) && report) {
+                  eerr_PrintErrorReport(report, nullptr, 0);
+                }
+                eerr_DeleteErrorReport(report);
+              }
+            },
+            [&](double Zn) {
+              double ln, lt;
+              if (TangentInverseOnce(xform, x, y, Zn, a, e2, &ln, &lt)) lon = ln, lat = lt;
+            });
       }
       out->data[2 * i] = lon;
       out->data[2 * i + 1] = lat;
