@@ -90,50 +90,51 @@ void SameLength(const CArray<double>& a, const CArray<double>& b, const CArray<d
   if (a.shape(0) > INT32_MAX) throw py::value_error(std::string(names) + ": too many points");
 }
 
+// A batch collinearity call: three coordinate arrays in, two out and the
+// failed flags, the arrays named as the caller sees them.
+using BatchCall = int32_t (*)(const Epho_FilmProjection*, int32_t, const double*, const double*,
+                              const double*, double*, double*, uint8_t*);
+
+py::tuple RunBatch(BatchCall call, const char* const names[4], const py::object& matrixObj,
+                   const py::object& aObj, const py::object& bObj, const py::object& cObj,
+                   const std::optional<py::object>& lensObj,
+                   const std::optional<py::object>& additionalObj, int32_t mode, int32_t correction,
+                   double flyingHeight, double focal) {
+  auto matrix = kzpy::Doubles(matrixObj, "matrix", {12});
+  auto a = kzpy::Strict<double>(aObj, names[0], {-1}),
+       b = kzpy::Strict<double>(bObj, names[1], {-1}),
+       c = kzpy::Strict<double>(cObj, names[2], {-1});
+  SameLength(a, b, c, names[3]);
+  CountedView lens(lensObj, "lens"), additional(additionalObj, "additional");
+  const Epho_FilmProjection p =
+      Projection(matrix, lens, additional, mode, correction, flyingHeight, focal);
+  const auto n = static_cast<int32_t>(a.shape(0));
+  CArray<double> first(n), second(n);
+  py::array_t<bool> failed(n);
+  {
+    py::gil_scoped_release release;
+    call(&p, n, a.data(), b.data(), c.data(), first.mutable_data(), second.mutable_data(),
+         reinterpret_cast<uint8_t*>(failed.mutable_data()));
+  }
+  return py::make_tuple(first, second, failed);
+}
+
 py::tuple ObjectToImage(const py::object& matrixObj, const py::object& X, const py::object& Y,
                         const py::object& Z, const std::optional<py::object>& lensObj,
                         const std::optional<py::object>& additionalObj, int32_t mode,
                         int32_t correction, double flyingHeight, double focal) {
-  auto matrix = kzpy::Doubles(matrixObj, "matrix", {12});
-  auto x = kzpy::Strict<double>(X, "X", {-1}), y = kzpy::Strict<double>(Y, "Y", {-1}),
-       z = kzpy::Strict<double>(Z, "Z", {-1});
-  SameLength(x, y, z, "X, Y, Z");
-  CountedView lens(lensObj, "lens"), additional(additionalObj, "additional");
-  const Epho_FilmProjection p =
-      Projection(matrix, lens, additional, mode, correction, flyingHeight, focal);
-  const auto n = static_cast<int32_t>(x.shape(0));
-  CArray<double> fx(n), fy(n);
-  py::array_t<bool> failed(n);
-  {
-    py::gil_scoped_release release;
-    epho_CameraObjectToImageBatch(&p, n, x.data(), y.data(), z.data(), fx.mutable_data(),
-                                  fy.mutable_data(),
-                                  reinterpret_cast<uint8_t*>(failed.mutable_data()));
-  }
-  return py::make_tuple(fx, fy, failed);
+  static const char* const kNames[4] = {"X", "Y", "Z", "X, Y, Z"};
+  return RunBatch(epho_CameraObjectToImageBatch, kNames, matrixObj, X, Y, Z, lensObj, additionalObj,
+                  mode, correction, flyingHeight, focal);
 }
 
 py::tuple ImageAndZToXY(const py::object& matrixObj, const py::object& xObj, const py::object& yObj,
                         const py::object& hObj, const std::optional<py::object>& lensObj,
                         const std::optional<py::object>& additionalObj, int32_t mode,
                         int32_t correction, double flyingHeight, double focal) {
-  auto matrix = kzpy::Doubles(matrixObj, "matrix", {12});
-  auto x = kzpy::Strict<double>(xObj, "x", {-1}), y = kzpy::Strict<double>(yObj, "y", {-1}),
-       h = kzpy::Strict<double>(hObj, "height", {-1});
-  SameLength(x, y, h, "x, y, height");
-  CountedView lens(lensObj, "lens"), additional(additionalObj, "additional");
-  const Epho_FilmProjection p =
-      Projection(matrix, lens, additional, mode, correction, flyingHeight, focal);
-  const auto n = static_cast<int32_t>(x.shape(0));
-  CArray<double> first(n), second(n);
-  py::array_t<bool> failed(n);
-  {
-    py::gil_scoped_release release;
-    epho_CameraImageAndZToXYBatch(&p, n, x.data(), y.data(), h.data(), first.mutable_data(),
-                                  second.mutable_data(),
-                                  reinterpret_cast<uint8_t*>(failed.mutable_data()));
-  }
-  return py::make_tuple(first, second, failed);
+  static const char* const kNames[4] = {"x", "y", "height", "x, y, height"};
+  return RunBatch(epho_CameraImageAndZToXYBatch, kNames, matrixObj, xObj, yObj, hObj, lensObj,
+                  additionalObj, mode, correction, flyingHeight, focal);
 }
 
 py::tuple Distortion(const py::object& xObj, const py::object& yObj,
