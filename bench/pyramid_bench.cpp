@@ -184,7 +184,8 @@ void Compare(const fs::path& dir, int bands) {
     auto fresh = [&] {
       fs::copy_file(src, a, fs::copy_options::overwrite_existing);
       fs::copy_file(src, b, fs::copy_options::overwrite_existing);
-      fs::remove(b + ".ovr");
+      for (const std::string& f : {a, b})
+        for (const char* sidecar : {".ovr", ".aux.xml"}) fs::remove(f + sidecar);
     };
     bench::WaitForIdle();
     Run o, p;

@@ -2,6 +2,8 @@
 // on one layer stack.
 #include "epho/pyramid.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <memory>
@@ -153,20 +155,27 @@ std::vector<std::string> Companions(const std::string& image) {
   return files;
 }
 
-// The whole computation on the file `work`, the meter naming the image by
-// `shown` (its file name part).
-bool BuildLevels(const Etxt_Char* work, const Etxt_Char* shown, Emet_MeterInfo* meter,
-                 Eint_InitToolkitData* init, kzdv::ErrorFrame& frame) {
+// The whole computation on the file `work`, opened with `access`, the meter
+// naming the image by `shown` (its file name part). With EIMG_ACCESS_LEVELS
+// a file that shows levels of its own is left alone: *own_levels is set and
+// false returned with nothing reported.
+bool BuildLevels(const Etxt_Char* work, const Etxt_Char* shown, int access, Emet_MeterInfo* meter,
+                 Eint_InitToolkitData* init, bool* own_levels, kzdv::ErrorFrame& frame) {
   NamesPtr names(eimg_LayerGetNames(work, init, frame.Callee()), estr_StringListDelete);
   if (!names) {
     frame.Fail(__LINE__, L"Cannot get layer names from file %s!", shown);
     return false;
   }
-  StackPtr stack(eimg_LayerStackOpen(names.get(), init, EIMG_ACCESS_UPDATE, frame.Callee()),
-                 CloseStack);
+  StackPtr stack(eimg_LayerStackOpen(names.get(), init, access, frame.Callee()), CloseStack);
   if (!stack) {
     frame.Fail(__LINE__, L"Cannot open image layers!");
     return false;
+  }
+  if (access == EIMG_ACCESS_LEVELS) {
+    Eerr_ErrorReport* ignored = nullptr;  // a layer that cannot tell shows none
+    *own_levels = eimg_LayerPyramidLevelCount(stack->layers[0], &ignored) > 0;
+    eerr_DeleteErrorReportEx(&ignored);
+    if (*own_levels) return false;
   }
   kzdv::HeapPtr<Etxt_Char> order(eimg_FileRasterDataOrderGet(work, init, frame.Callee()));
   if (!order) {
@@ -215,6 +224,156 @@ bool BuildLevels(const Etxt_Char* work, const Etxt_Char* shown, Emet_MeterInfo* 
     return false;
   }
   return true;
+}
+
+// The companions `built` of the work file `work` (its level file, its
+// .aux.xml, copies of its other companions), and then `work` itself when
+// `with_work`, replace the same files of `image`, each flushed to disk
+// first; a level file the work no longer has goes too.
+bool MoveCompanions(std::vector<std::string> built, const std::string& work,
+                    const std::string& image, bool with_work, kzdv::ErrorFrame& frame) {
+  std::wstring why;
+  const std::vector<std::string> companions = built;
+  if (with_work) built.push_back(work);
+  for (const std::string& c : built) {
+    const std::string target = Companion(c, work, image);
+    std::error_code ec;
+    if (!kzdv::efio::SyncFile(c, &why)) {
+      frame.Fail(__LINE__, L"%s", why.c_str());
+      return false;
+    }
+    if (!target.empty()) std::filesystem::rename(c, target, ec);
+    if (target.empty() || ec) {
+      frame.Fail(__LINE__, L"Cannot replace %hs: %hs", target.c_str(), ec.message().c_str());
+      return false;
+    }
+  }
+  for (const char* s : kSidecars) {
+    std::error_code ec;
+    if (std::find(companions.begin(), companions.end(), work + s) == companions.end())
+      std::filesystem::remove(image + s, ec);
+  }
+  kzdv::efio::SyncFolderOf(image);
+  return true;
+}
+
+// Copies the companions of `image` (but its level file, which is built
+// anew) to the same companions of `work`, adding each copy to *made.
+bool CopyCompanions(const std::string& image, const std::string& work,
+                    std::vector<std::string>* made, std::wstring* message) {
+  for (const std::string& c : Companions(image)) {
+    const std::string copy = Companion(c, image, work);
+    if (copy.empty() || c == image + ".ovr") continue;
+    made->push_back(copy);
+    if (!kzdv::efio::CopyFileContents(c, copy, message)) return false;
+  }
+  return true;
+}
+
+void RemoveWork(const std::string& work, const std::vector<std::string>& made) {
+  std::error_code ec;
+  for (const std::string& m : made) std::filesystem::remove(m, ec);
+  if (work.empty()) return;
+  for (const char* s : kSidecars) std::filesystem::remove(work + s, ec);
+}
+
+// Work files of an earlier run on `image` that was killed before it could
+// remove them: hidden second names of the image (".<name>.tmpXXXXXX.<ext>",
+// the very same file) with their level files and .aux.xml. Called with the
+// image's lock held, so no live run owns them.
+void RemoveStaleWork(const std::string& image) {
+  namespace fs = std::filesystem;
+  struct stat target {};
+  if (::stat(image.c_str(), &target) != 0) return;
+  const fs::path path(image);
+  const std::string prefix = "." + path.stem().string() + ".tmp", ext = path.extension().string();
+  const fs::path folder = path.has_parent_path() ? path.parent_path() : fs::path(".");
+  std::error_code ec;
+  std::vector<std::string> stale;
+  for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    struct stat st {};
+    if (name.size() != prefix.size() + 6 + ext.size() || name.compare(0, prefix.size(), prefix) ||
+        name.compare(name.size() - ext.size(), ext.size(), ext) ||
+        ::lstat(it->path().c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
+        st.st_dev != target.st_dev || st.st_ino != target.st_ino)
+      continue;
+    stale.push_back(it->path().string());
+  }
+  for (const std::string& work : stale) {
+    RemoveWork(work, {});
+    fs::remove(work, ec);
+  }
+}
+
+enum class Outcome { kDone, kFailed, kNotHere };
+
+// The levels in GDAL's companion level file "<image>.ovr", built under a
+// hidden second name of the image (a hard link, ".<name>.tmpXXXXXX.<ext>")
+// that GDAL opens read-only, so that the image's bytes are never written and
+// never copied. The new level file and .aux.xml replace the image's only when
+// every level is done. kNotHere, with nothing changed, when the image holds
+// levels of its own (they are rebuilt where they are) or its folder cannot
+// take a second name for it.
+Outcome BuildBeside(const std::string& image, const Etxt_Char* shown, Emet_MeterInfo* meter,
+                    Eint_InitToolkitData* init, kzdv::ErrorFrame& frame) {
+  std::wstring why;
+  RemoveStaleWork(image);
+  const std::string work = kzdv::efio::LinkBeside(image, &why);
+  if (work.empty()) return Outcome::kNotHere;
+  std::vector<std::string> made;
+  bool own_levels = false;
+  bool ok = CopyCompanions(image, work, &made, &why);
+  if (!ok) frame.Fail(__LINE__, L"%s (the image is unchanged)", why.c_str());
+  ok = ok && BuildLevels(kzdv::FromUtf8(work).c_str(), shown, EIMG_ACCESS_LEVELS, meter, init,
+                         &own_levels, frame);
+  std::vector<std::string> built;
+  if (ok) {
+    built = Companions(work);
+    ok = MoveCompanions(built, work, image, false, frame);
+  }
+  std::error_code ec;
+  std::filesystem::remove(work, ec);
+  if (!ok) RemoveWork(work, made);
+  if (own_levels) return Outcome::kNotHere;
+  return ok ? Outcome::kDone : Outcome::kFailed;
+}
+
+// The levels rebuilt inside a copy of the image. The copy and the copies of
+// its companions keep their own names, in a hidden folder beside the image
+// (".<name>.tmpXXXXXX.<ext>/"), so that the names a file holds of itself or
+// of its companions (an HFA image's level references, a raw format's header)
+// lead GDAL to the copies, never to the originals. Every file is flushed to
+// disk and renamed over its original once every level is done, the image
+// last; on failure the folder goes and the originals stay as they were.
+void BuildInCopy(const std::string& image, const Etxt_Char* shown, Emet_MeterInfo* meter,
+                 Eint_InitToolkitData* init, kzdv::ErrorFrame& frame) {
+  namespace fs = std::filesystem;
+  std::wstring why;
+  const std::string folder = kzdv::efio::MakeFolderBeside(image, &why);
+  if (folder.empty()) {
+    frame.Fail(__LINE__, L"%s (the image is unchanged)", why.c_str());
+    return;
+  }
+  const std::string work = (fs::path(folder) / fs::path(image).filename()).string();
+  std::vector<std::string> made;
+  struct stat st {};
+  bool ok = kzdv::efio::CopyFileContents(image, work, &why) &&
+            CopyCompanions(image, work, &made, &why) && ::stat(image.c_str(), &st) == 0 &&
+            ::chmod(work.c_str(), st.st_mode & 07777) == 0;
+  if (!ok) frame.Fail(__LINE__, L"%s (the image is unchanged)", why.c_str());
+  bool own_levels = false;
+  ok = ok && BuildLevels(kzdv::FromUtf8(work).c_str(), shown, EIMG_ACCESS_UPDATE, meter, init,
+                         &own_levels, frame);
+  if (ok) {
+    // The owner is kept where the process may set it (a run by root on a
+    // user's image).
+    const bool owned = ::chown(work.c_str(), st.st_uid, st.st_gid) == 0;
+    (void)owned;
+    ok = MoveCompanions(Companions(work), work, image, true, frame);
+  }
+  std::error_code ec;
+  fs::remove_all(folder, ec);
 }
 
 // What refuses the work, checked on the image itself before anything is
@@ -283,52 +442,15 @@ void epho_ComputePyramidLayers3x3(const Etxt_Char* file_name, Emet_MeterInfo* me
                  frame, , L"%s", why.c_str());
   }
 
-  // The levels are built in a copy beside the image (with copies of its
-  // companions: a raw format's header, the .aux.xml), which replaces the
-  // image only when every level is done: a failed or cancelled run leaves the
-  // image and its companions exactly as they were.
-  std::string work;
-  std::vector<std::string> made, built;
-  const bool ok = kzdv::efio::ReplaceFile(
-      image,
-      [&](const std::string& temp, std::wstring* message) {
-        work = temp;
-        if (!kzdv::efio::CopyFileContents(image, temp, message)) return false;
-        for (const std::string& c : Companions(image)) {
-          const std::string copy = Companion(c, image, temp);
-          if (copy.empty()) continue;
-          made.push_back(copy);
-          if (!kzdv::efio::CopyFileContents(c, copy, message)) return false;
-        }
-        if (!BuildLevels(kzdv::FromUtf8(temp).c_str(), file.get(), meter, init, frame)) {
-          *message = L"the pyramid levels were not built";
-          return false;
-        }
-        built = Companions(temp);
-        return true;
-      },
-      &why);
-  if (!ok) {
-    std::error_code ec;
-    for (const std::string& m : made) std::filesystem::remove(m, ec);
-    if (!work.empty())
-      for (const char* s : kSidecars) std::filesystem::remove(work + s, ec);
-    if (!frame.Failed()) frame.Fail(__LINE__, L"%s", why.c_str());
-    return;
+  // Levels go beside the image, which is then only read; an image that holds
+  // levels of its own has them rebuilt inside a copy of it.
+  switch (BuildBeside(image, file.get(), meter, init, frame)) {
+    case Outcome::kDone:
+    case Outcome::kFailed:
+      return;
+    case Outcome::kNotHere:
+      break;
   }
-  // The copy's companions replace the image's; a level file the copy no
-  // longer has goes too.
-  for (const std::string& c : built) {
-    const std::string target = Companion(c, work, image);
-    std::error_code ec;
-    if (!target.empty()) std::filesystem::rename(c, target, ec);
-    EERR_FAIL_IF(target.empty() || ec, frame, , L"Cannot replace %hs: %hs", target.c_str(),
-                 ec.message().c_str());
-  }
-  for (const char* s : kSidecars) {
-    std::error_code ec;
-    if (std::find(built.begin(), built.end(), work + s) == built.end())
-      std::filesystem::remove(image + s, ec);
-  }
+  BuildInCopy(image, file.get(), meter, init, frame);
 }
 EERR_BOUNDARY(err, )

@@ -6,6 +6,7 @@
 #include <gdal_alg.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstring>
@@ -251,6 +252,49 @@ long FilesIn(const testutil::ScratchDir& dir) {
   return std::distance(std::filesystem::directory_iterator(dir.path()), {});
 }
 
+// The levels go in GDAL's level file beside the image, whose bytes are never
+// written, and a second run replaces them there; an image that holds levels
+// of its own (internal GeoTIFF overviews) has them rebuilt inside it.
+TEST(PyramidLayers, LevelsGoBesideTheImageUnlessItHoldsItsOwn) {
+  testutil::ScratchDir dir("pyr_beside");
+  Raster r = RandomRaster(700, 600, 2, GDT_Byte, 51);
+  const std::string plain = WriteTiff(dir.File("plain.tif"), r, GDT_Byte);
+  const std::string bytes = Slurp(plain);
+  // What a run killed while it worked leaves: a hidden second name of the
+  // image and a part of its level file. The next run removes them.
+  const std::string killed = dir.File(".plain.tmpk1lled.tif");
+  ASSERT_EQ(::link(plain.c_str(), killed.c_str()), 0);
+  std::ofstream(killed + ".ovr") << "part of a level file";
+  for (int run = 0; run < 2; ++run) {
+    ExpectLevelsMatch(plain, r, true);
+    EXPECT_TRUE(Slurp(plain) == bytes) << "run " << run;
+    EXPECT_TRUE(std::filesystem::exists(plain + ".ovr"));
+    EXPECT_EQ(FilesIn(dir), 3);  // the image, its level file and its .aux.xml
+  }
+  // Levels inside a GeoTIFF, and inside an HFA image, whose level references
+  // name the file itself: rebuilt there, through a copy that must not touch
+  // the original by that name.
+  const std::string tif = WriteTiff(dir.File("inside.tif"), r, GDT_Byte);
+  const std::string img = dir.File("inside.img");
+  GDALDatasetH src = GDALOpen(tif.c_str(), GA_ReadOnly);
+  GDALClose(GDALCreateCopy(GDALGetDriverByName("HFA"), img.c_str(), src, FALSE, nullptr, nullptr,
+                           nullptr));
+  GDALClose(src);
+  for (const std::string& inside : {tif, img}) {
+    SCOPED_TRACE(inside);
+    GDALDatasetH ds = GDALOpen(inside.c_str(), GA_Update);
+    int f[] = {2, 4, 8, 16, 32};
+    ASSERT_EQ(GDALBuildOverviews(ds, "AVERAGE", 5, f, 0, nullptr, nullptr, nullptr), CE_None);
+    GDALClose(ds);
+    ExpectLevelsMatch(inside, r, true);
+    EXPECT_FALSE(std::filesystem::exists(inside + ".ovr"));
+  }
+  std::string names;
+  for (const auto& e : std::filesystem::directory_iterator(dir.path()))
+    names += e.path().filename().string() + " ";
+  EXPECT_EQ(FilesIn(dir), 6) << names;  // no level file, no work folder left beside them
+}
+
 // Runs the pyramids with a meter that cancels at `at`; expects the report.
 void RunCancelled(const std::string& path, const CancelAt& at, const wchar_t* message) {
   Emet_MeterInfo* meter = nullptr;
@@ -272,23 +316,30 @@ TEST(PyramidLayers, CancelReportsAndLeavesTheImageAsItWas) {
   struct Case {
     CancelAt at;
     const wchar_t* message;
+    bool beside;  // the levels from before in GDAL's level file, not inside the image
   } cases[] = {
       // Inside level 1, between tiles.
-      {{L"pyramid layer 1 of", 1.0}, L"Pyramid generaton is canceled!"},
+      {{L"pyramid layer 1 of", 1.0}, L"Pyramid generaton is canceled!", false},
+      {{L"pyramid layer 1 of", 1.0}, L"Pyramid generaton is canceled!", true},
       // As level 2 starts.
-      {{L"pyramid layer 2 of", 0.0}, L"Pyramid generation has been canceled!"},
+      {{L"pyramid layer 2 of", 0.0}, L"Pyramid generation has been canceled!", false},
+      {{L"pyramid layer 2 of", 0.0}, L"Pyramid generation has been canceled!", true},
   };
   int i = 0;
   for (const auto& c : cases) {
     std::string path = WriteTiff(dir.File("c" + std::to_string(i++) + ".tif"), r, GDT_Byte);
-    GDALDatasetH ds = GDALOpen(path.c_str(), GA_Update);
+    GDALDatasetH ds = GDALOpen(path.c_str(), c.beside ? GA_ReadOnly : GA_Update);
     int f[] = {2, 4};
     ASSERT_EQ(GDALBuildOverviews(ds, "AVERAGE", 2, f, 0, nullptr, nullptr, nullptr), CE_None);
     GDALClose(ds);
-    const std::string before = Slurp(path);
+    ASSERT_EQ(std::filesystem::exists(path + ".ovr"), c.beside);
+    const std::string before = Slurp(path), levels_before = c.beside ? Slurp(path + ".ovr") : "";
     const long files_before = FilesIn(dir);
     RunCancelled(path, c.at, c.message);
     EXPECT_TRUE(Slurp(path) == before) << "the image changed";
+    if (c.beside) {
+      EXPECT_TRUE(Slurp(path + ".ovr") == levels_before) << "the levels changed";
+    }
     EXPECT_EQ(FilesIn(dir), files_before);
     ds = GDALOpen(path.c_str(), GA_ReadOnly);
     EXPECT_EQ(GDALGetOverviewCount(GDALGetRasterBand(ds, 1)), 2);
@@ -340,7 +391,7 @@ TEST(PyramidLayers, ConcurrentRunsOnOneImageGiveOneRunsLevels) {
   for (const auto& report : reports) EXPECT_EQ(report, L"");
   EXPECT_TRUE(epho_PyramidLayersCheck(kzdv::FromUtf8(path).c_str(), nullptr));
   ExpectLevelsAreReference(path, r, true);
-  EXPECT_EQ(FilesIn(dir), 1);
+  EXPECT_EQ(FilesIn(dir), 3);  // the image, its level file and its .aux.xml
 }
 
 void RecordTasks(const Etxt_Char* task, double, void* ctx) {

@@ -9,10 +9,13 @@
  * pixels gets n levels, n = the number of halvings of W + H (integer
  * division) that stay above 127: 1024 x 1024 gets 4, W + H < 256 gets none.
  *
- * The levels are stored as the image file's GDAL overviews (inside the file
- * when its format keeps them there, as GeoTIFF and HFA do), so GDAL-based
- * tools display them; each layer records the algorithm name "KordaBino3"
- * as the band metadata item PYRAMID_ALGORITHM. */
+ * The levels are GDAL overviews, so GDAL-based tools display them. They
+ * are written into GDAL's companion level file beside the image,
+ * "<image>.ovr" (for "scan.tif", "scan.tif.ovr"), and each layer records
+ * the algorithm name "KordaBino3" as the band metadata item
+ * PYRAMID_ALGORITHM in "<image>.aux.xml"; the image file itself is only
+ * read. An image that already holds levels of its own (internal GeoTIFF
+ * overviews, the levels of an HFA file) has them rebuilt there. */
 #ifndef EPHO_PYRAMID_H
 #define EPHO_PYRAMID_H
 
@@ -36,13 +39,18 @@ KZDV_BEGIN_C
  * for another writer of the image to finish"; a cancel through the meter ends
  * the wait with a report naming the file) and then builds the levels anew.
  *
- * Nothing is lost on failure: the levels are built in a copy made beside
- * the image (hidden, ".<name>.tmpXXXXXX.<ext>", holes of a sparse file kept;
- * the image's companions such as a raw format's header and its .aux.xml are
- * copied with it), and the copy replaces the image by a rename only when every
- * level is done. A failed or cancelled run therefore leaves the image, its
- * levels from before and its size exactly as they were, and removes the copy.
- * The image's folder must be writable, and must have room for the copy. */
+ * Nothing is lost on failure. Levels beside the image are built under a
+ * hidden second name of the image (a hard link,
+ * ".<name>.tmpXXXXXX.<ext>", with copies of its companions such as a raw
+ * format's header and its .aux.xml), which GDAL opens read-only: the new
+ * level file and .aux.xml are flushed to disk and renamed over the image's
+ * only when every level is done, and the hidden names are removed. Levels
+ * inside the image are built in a copy of it (holes of a sparse file kept),
+ * which replaces the image by a rename only when every level is done; the
+ * folder must have room for that copy. Either way a failed or cancelled run
+ * leaves the image, its levels from before and its companions exactly as
+ * they were. A folder without hard links (some network and FAT file
+ * systems) gets the copy. The image's folder must be writable. */
 EPHO_EXPORT void epho_ComputePyramidLayers3x3(const Etxt_Char* file_name, Emet_MeterInfo* meter,
                                               Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 

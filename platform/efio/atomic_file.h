@@ -224,6 +224,40 @@ inline std::string MakeTempBeside(const std::string& target, unsigned mode, std:
   return path;
 }
 
+// A hidden second name (hard link) of the existing file `target`, named as
+// MakeTempBeside names temporaries, for work that must reach a file under
+// another name without copying it; remove it with std::remove when done.
+// Empty, with *message set, where the file system has no hard links or the
+// folder takes no new name.
+inline std::string LinkBeside(const std::string& target, std::wstring* message) {
+  using namespace atomic_file_detail;
+  int error = 0;
+  const std::string path = NameBeside(
+      target, [&target](const char* name) { return ::link(target.c_str(), name) == 0 ? 0 : errno; },
+      &error);
+  if (path.empty() && message)
+    *message = L"Cannot give " + Wide(target) + L" a second name: " + Errno(error);
+  return path;
+}
+
+// A new hidden folder beside `target` (named as MakeTempBeside names
+// temporaries), for work files that must keep their own names; remove it
+// with std::filesystem::remove_all when done. Empty with *message set on
+// failure.
+inline std::string MakeFolderBeside(const std::string& target, std::wstring* message) {
+  using namespace atomic_file_detail;
+  int error = 0;
+  const std::string path = NameBeside(
+      target, [](const char* name) { return ::mkdir(name, 0700) == 0 ? 0 : errno; }, &error);
+  if (path.empty() && message)
+    *message = L"Cannot create a folder beside " + Wide(target) + L": " + Errno(error);
+  return path;
+}
+
+// Flushes the folder of `file` to disk, so that renames and new names in it
+// last (best effort: some file systems refuse fsync on folders).
+inline void SyncFolderOf(const std::string& file) { atomic_file_detail::SyncFolder(file); }
+
 // Copies the bytes of `from` over `to` (created or truncated), keeping the
 // holes of a sparse file as holes. False with *message on failure.
 inline bool CopyFileContents(const std::string& from, const std::string& to,

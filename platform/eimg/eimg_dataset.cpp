@@ -69,6 +69,7 @@ DatasetPtr OpenDataset(const std::string& path, int access, std::wstring* error)
   auto shared = std::make_shared<SharedDataset>();
   shared->ds = ds;
   shared->update = update;
+  shared->levels_only = access == EIMG_ACCESS_LEVELS;
   shared->path = path;
   return shared;
 }
@@ -214,7 +215,7 @@ Eimg_Layer* MakeLayer(const DatasetPtr& dataset, int band, long level, const std
   GDALGetBlockSize(h, &bw, &bh);
   layer->blockWidth = bw;
   layer->blockHeight = bh;
-  layer->readOnly = dataset->update ? EMSC_FALSE : EMSC_TRUE;
+  layer->readOnly = dataset->update || dataset->levels_only ? EMSC_FALSE : EMSC_TRUE;
   layer->pyramidLevel = level;
   return layer;
 }

@@ -20,7 +20,8 @@ struct SharedDataset {
   GDALDatasetH ds = nullptr;
   std::recursive_mutex mutex;
   bool update = false;
-  std::string path;  // UTF-8, as opened
+  bool levels_only = false;  // EIMG_ACCESS_LEVELS: read-only file, levels beside it
+  std::string path;          // UTF-8, as opened
   ~SharedDataset();
 };
 using DatasetPtr = std::shared_ptr<SharedDataset>;

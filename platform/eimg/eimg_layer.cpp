@@ -88,6 +88,11 @@ bool LayerIO(Eimg_Layer* layer, GDALRWFlag flag, long x, long y, Eimg_PixelRect*
     frame.Fail(__LINE__, L"Image layer %s is read only!", layer->name);
     return false;
   }
+  if (flag == GF_Write && layer->pyramidLevel == 0 &&
+      kzdv::eimg::LayerDataset(layer)->levels_only) {
+    frame.Fail(__LINE__, L"Image layer %s is open for its pyramid levels only", layer->name);
+    return false;
+  }
   GDALDataType t = kzdv::eimg::ToGdalType(rect->pixelType);
   if (t == GDT_Unknown) {
     frame.Fail(__LINE__, L"Unsupported pixel type of the pixel rectangle");
@@ -219,7 +224,7 @@ Emsc_Boolean eimg_LayerClose(Eimg_Layer* layer, Eerr_ErrorReport** err) KZDV_NOE
   if (layer->impl && layer->impl->dataset) {
     kzdv::eimg::SharedDataset* ds = layer->impl->dataset.get();
     std::lock_guard<std::recursive_mutex> lock(ds->mutex);
-    if (ds->update) {
+    if (!layer->readOnly) {
       GdalQuiet quiet;
       GDALRasterBandH band = kzdv::eimg::LayerBand(layer);
       if (band && GDALFlushRasterCache(band) != CE_None) {

@@ -40,6 +40,7 @@ bool BuildLevels(Eimg_Layer* layer, long count, kzdv::ErrorFrame& frame) {
   GdalQuiet quiet;
   // Flush first: GDAL rebuilds overview directories of the open file.
   GDALFlushCache(ds->ds);
+  const bool had_levels = !bands.empty() && GDALGetOverviewCount(GDALGetRasterBand(ds->ds, 1)) > 0;
   CPLErr e = GDALBuildOverviews(ds->ds, "NONE", static_cast<int>(factors.size()),
                                 factors.empty() ? nullptr : factors.data(),
                                 static_cast<int>(bands.size()), bands.data(), nullptr, nullptr);
@@ -47,6 +48,20 @@ bool BuildLevels(Eimg_Layer* layer, long count, kzdv::ErrorFrame& frame) {
     frame.Fail(__LINE__, L"%s pyramid levels of %s failed: %s", count ? L"Creating" : L"Removing",
                layer->name, quiet.Message().c_str());
     return false;
+  }
+  if (count == 0 && had_levels) {
+    // Some formats (HFA) keep records of removed levels in the open dataset,
+    // and levels made next would be added to them: the file is opened anew.
+    // Handles of the dataset find their bands again by number.
+    GDALClose(ds->ds);
+    ds->ds = GDALOpenEx(ds->path.c_str(),
+                        GDAL_OF_RASTER | (ds->update ? GDAL_OF_UPDATE : GDAL_OF_READONLY), nullptr,
+                        nullptr, nullptr);
+    if (!ds->ds) {
+      frame.Fail(__LINE__, L"Cannot open %s again after removing its pyramid levels: %s",
+                 layer->name, quiet.Message().c_str());
+      return false;
+    }
   }
   return true;
 }

@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 #include <ogr_srs_api.h>
 
+#include <filesystem>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "platform/eerr/error_frame.h"
@@ -225,45 +227,66 @@ TEST(EimgLayer, PrivateStorageSharesOneDatasetAndProxyReadsTheFile) {
   GDALClose(a);
 }
 
+// Levels inside the file (update access) or beside it in GDAL's level file
+// (levels access, the file itself never written): the same calls, the same
+// levels as GDAL sees them.
 TEST(EimgLayer, PyramidLevelsAreGdalOverviews) {
   testutil::ScratchDir dir("eimg_levels");
-  std::string path = MakeFile(dir.File("a.tif"), 100, 60, 2, GDT_UInt16);
-  std::wstring name = kzdv::FromUtf8(path) + L"(:Layer_2)";
-  Eerr_ErrorReport* err = nullptr;
-  LayerPtr layer(eimg_LayerOpen(name.c_str(), nullptr, nullptr, EIMG_ACCESS_UPDATE, &err));
-  ASSERT_TRUE(layer);
-  ASSERT_TRUE(eimg_LayerPyramidLevelsCreate(layer.get(), 3, &err)) << kzdv::ReportText(err);
-  EXPECT_EQ(eimg_LayerPyramidLevelCount(layer.get(), &err), 3);
-  LayerPtr level(eimg_LayerPyramidLevelOpen(layer.get(), 2, &err));
-  ASSERT_TRUE(level) << kzdv::ReportText(err);
-  EXPECT_EQ(level->width, 25);
-  EXPECT_EQ(level->height, 15);
-  Eimg_PixelRect* one = eimg_PixelRectCreate(1, 1, EGDA_TYPE_U16, nullptr);
-  reinterpret_cast<uint16_t*>(one->data)[0] = 4242;
-  ASSERT_TRUE(eimg_LayerWrite(level.get(), 24, 14, one, &err));
-  eimg_PixelRectDelete(one);
-  ASSERT_TRUE(eimg_SSLayerNamesSet(layer.get(), L"KordaBino3", &err));
-  level.reset();
-  layer.reset();
-  GDALDatasetH ds = GDALOpen(path.c_str(), GA_ReadOnly);
-  GDALRasterBandH b2 = GDALGetRasterBand(ds, 2);
-  ASSERT_EQ(GDALGetOverviewCount(b2), 3);
-  EXPECT_EQ(GDALGetOverviewCount(GDALGetRasterBand(ds, 1)), 3);  // levels are per file
-  double v = 0;
-  EXPECT_EQ(CE_None, GDALRasterIO(GDALGetOverview(b2, 1), GF_Read, 24, 14, 1, 1, &v, 1, 1,
-                                  GDT_Float64, 0, 0));
-  EXPECT_EQ(v, 4242.0);
-  EXPECT_STREQ(GDALGetMetadataItem(b2, "PYRAMID_ALGORITHM", nullptr), "KordaBino3");
-  GDALClose(ds);
-  // Level names open the level directly; removal leaves none.
-  LayerPtr by_name(eimg_LayerOpen((name + L":ephoPyramid_1").c_str(), nullptr, nullptr,
-                                  EIMG_ACCESS_UPDATE, &err));
-  ASSERT_TRUE(by_name) << kzdv::ReportText(err);
-  EXPECT_EQ(by_name->width, 50);
-  by_name.reset();
-  layer.reset(eimg_LayerOpen(name.c_str(), nullptr, nullptr, EIMG_ACCESS_UPDATE, &err));
-  ASSERT_TRUE(eimg_LayerPyramidLevelsRemove(layer.get(), &err)) << kzdv::ReportText(err);
-  EXPECT_EQ(eimg_LayerPyramidLevelCount(layer.get(), &err), 0);
+  for (int access : {EIMG_ACCESS_UPDATE, EIMG_ACCESS_LEVELS}) {
+    SCOPED_TRACE(access);
+    const bool beside = access == EIMG_ACCESS_LEVELS;
+    std::string path = MakeFile(dir.File(beside ? "b.tif" : "a.tif"), 100, 60, 2, GDT_UInt16);
+    const std::string bytes = testutil::Slurp(path);
+    std::wstring name = kzdv::FromUtf8(path) + L"(:Layer_2)";
+    Eerr_ErrorReport* err = nullptr;
+    LayerPtr layer(eimg_LayerOpen(name.c_str(), nullptr, nullptr, access, &err));
+    ASSERT_TRUE(layer);
+    EXPECT_FALSE(layer->readOnly);
+    ASSERT_TRUE(eimg_LayerPyramidLevelsCreate(layer.get(), 3, &err)) << kzdv::ReportText(err);
+    EXPECT_EQ(eimg_LayerPyramidLevelCount(layer.get(), &err), 3);
+    LayerPtr level(eimg_LayerPyramidLevelOpen(layer.get(), 2, &err));
+    ASSERT_TRUE(level) << kzdv::ReportText(err);
+    EXPECT_EQ(level->width, 25);
+    EXPECT_EQ(level->height, 15);
+    Eimg_PixelRect* one = eimg_PixelRectCreate(1, 1, EGDA_TYPE_U16, nullptr);
+    reinterpret_cast<uint16_t*>(one->data)[0] = 4242;
+    ASSERT_TRUE(eimg_LayerWrite(level.get(), 24, 14, one, &err));
+    // The pixels of the layer itself stay as they are under levels access.
+    EXPECT_EQ(eimg_LayerWrite(layer.get(), 0, 0, one, &err), beside ? EMSC_FALSE : EMSC_TRUE);
+    if (beside) {
+      EXPECT_TRUE(kzdv::ReportContains(
+          err, L"Image layer " + name + L" is open for its pyramid levels only"))
+          << kzdv::ReportText(err);
+    }
+    eerr_DeleteErrorReportEx(&err);
+    eimg_PixelRectDelete(one);
+    ASSERT_TRUE(eimg_SSLayerNamesSet(layer.get(), L"KordaBino3", &err));
+    level.reset();
+    layer.reset();
+    if (beside) {
+      EXPECT_TRUE(testutil::Slurp(path) == bytes);
+    }
+    EXPECT_EQ(std::filesystem::exists(path + ".ovr"), beside);
+    GDALDatasetH ds = GDALOpen(path.c_str(), GA_ReadOnly);
+    GDALRasterBandH b2 = GDALGetRasterBand(ds, 2);
+    ASSERT_EQ(GDALGetOverviewCount(b2), 3);
+    EXPECT_EQ(GDALGetOverviewCount(GDALGetRasterBand(ds, 1)), 3);  // levels are per file
+    double v = 0;
+    EXPECT_EQ(CE_None, GDALRasterIO(GDALGetOverview(b2, 1), GF_Read, 24, 14, 1, 1, &v, 1, 1,
+                                    GDT_Float64, 0, 0));
+    EXPECT_EQ(v, 4242.0);
+    EXPECT_STREQ(GDALGetMetadataItem(b2, "PYRAMID_ALGORITHM", nullptr), "KordaBino3");
+    GDALClose(ds);
+    // Level names open the level directly; removal leaves none.
+    LayerPtr by_name(
+        eimg_LayerOpen((name + L":ephoPyramid_1").c_str(), nullptr, nullptr, access, &err));
+    ASSERT_TRUE(by_name) << kzdv::ReportText(err);
+    EXPECT_EQ(by_name->width, 50);
+    by_name.reset();
+    layer.reset(eimg_LayerOpen(name.c_str(), nullptr, nullptr, access, &err));
+    ASSERT_TRUE(eimg_LayerPyramidLevelsRemove(layer.get(), &err)) << kzdv::ReportText(err);
+    EXPECT_EQ(eimg_LayerPyramidLevelCount(layer.get(), &err), 0);
+  }
 }
 
 }  // namespace

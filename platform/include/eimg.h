@@ -47,6 +47,14 @@ typedef enum {
  * privileged user, so that a user can protect an image with chmod. */
 #define EIMG_ACCESS_READ 0
 #define EIMG_ACCESS_UPDATE 1
+/* EIMG_ACCESS_LEVELS opens the file itself read-only (nothing ever writes
+ * it) while its pyramid levels and layer records are written beside it, in
+ * GDAL's companion files "<file>.ovr" (the levels) and "<file>.aux.xml" (the
+ * records, such as the pyramid algorithm). Its layers are not readOnly: levels
+ * may be removed, made and written and records set, but a write to the
+ * pixels of a layer itself is refused. Removing levels that the file holds
+ * itself fails, as GDAL cannot change a file opened read-only. */
+#define EIMG_ACCESS_LEVELS 2
 
 /* Algorithm name recorded on a layer whose levels are 3x3 binomial. */
 #define EIMG_PYRAMID_ALGORITHM_BINOMIAL3 L"KordaBino3"

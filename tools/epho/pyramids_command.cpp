@@ -74,8 +74,9 @@ epho_tool::Run DeclarePyramids(CLI::App& app) {
                "only tell whether usable levels exist (exit 1 when some image has none)");
   app.add_option("IMAGE", args->images, "image files")->required();
   app.footer(
-      "Builds the 3x3 binomial pyramid levels of every layer of each image (stored as GDAL "
-      "overviews). Ctrl-C cancels.");
+      "Builds the 3x3 binomial pyramid levels of every layer of each image (GDAL overviews, "
+      "written to IMAGE.ovr beside it; levels already inside an image are rebuilt there). "
+      "Ctrl-C cancels.");
   return [args] { return RunPyramids(*args); };
 }
 
