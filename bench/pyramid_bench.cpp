@@ -6,7 +6,9 @@
 //    is the process's own maximum resident set (ru_maxrss from wait4);
 //  - in process: epho_ComputePyramidLayers3x3 against GDALBuildOverviews,
 //    each in a forked child that does only that call, timed around the call.
-// The target compares the whole processes.
+// The target compares the whole processes on the RGB image. Our levels go to
+// the image's .ovr level file (the image is only read); gdaladdo writes them
+// into the GeoTIFF itself. Each run gets fresh copies without level files.
 #include <cpl_conv.h>
 #include <fcntl.h>
 #include <gdal.h>
@@ -206,8 +208,12 @@ void Compare(const fs::path& dir, int bands) {
     return;
   }
   const std::string what = "pyramids 8000x8000 u8 " + std::to_string(bands) + " band(s), 6 levels";
+  // The 4x target is set on the RGB image; the one-band row shows the same
+  // comparison where reading the source weighs most.
   bench::PrintComparison(what + ", process", "gdaladdo -r gauss (1 thr)", ours.seconds,
-                         peer.seconds, bench::Target(peer.seconds / ours.seconds, 4.0),
+                         peer.seconds,
+                         bands == 3 ? bench::Target(peer.seconds / ours.seconds, 4.0)
+                                    : std::string("(no target: the 4x target is for RGB)"),
                          bench::BusyNote(others, 0));
   bench::PrintComparison(what + ", in-process", "GDALBuildOverviews GAUSS", ours_in.seconds,
                          peer_in.seconds, "(no target: in-process view)");
