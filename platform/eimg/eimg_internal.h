@@ -5,6 +5,7 @@
 
 #include <gdal.h>
 
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -21,7 +22,8 @@ struct SharedDataset {
   std::recursive_mutex mutex;
   bool update = false;
   bool levels_only = false;  // EIMG_ACCESS_LEVELS: read-only file, levels beside it
-  std::string path;          // UTF-8, as opened
+  std::chrono::steady_clock::time_point last_write_back{};  // of written levels
+  std::string path;                                         // UTF-8, as opened
   ~SharedDataset();
 };
 using DatasetPtr = std::shared_ptr<SharedDataset>;

@@ -1,7 +1,10 @@
 // Layer names, private storages, opening and closing layers, and pixel I/O
 // by rectangle.
+#include <fcntl.h>
 #include <gdal.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <cwctype>
 #include <new>
 #include <vector>
@@ -215,6 +218,34 @@ Eimg_Layer* eimg_LayerOpen(const Etxt_Char* layer_name, Eint_InitToolkitData* in
 }
 EERR_BOUNDARY(err, nullptr)
 
+namespace {
+
+// Asks the system to start writing the file behind `band` to disk, without
+// waiting for it. Pyramid levels are written once and not touched again, so
+// their pages can go to disk while the rest is computed (at most every 2 ms
+// while a level is written, and when it is closed), and the flush to disk
+// that ends a safe replacement finds most of the file written. Best effort:
+// nothing happens where the file has no local name. The caller holds the
+// dataset's mutex.
+void StartWriteBack(kzdv::eimg::SharedDataset* ds, GDALRasterBandH band, bool now) {
+#ifdef SYNC_FILE_RANGE_WRITE
+  const auto time = std::chrono::steady_clock::now();
+  if (!now && time - ds->last_write_back < std::chrono::milliseconds(2)) return;
+  ds->last_write_back = time;
+  GDALDatasetH owner = GDALGetBandDataset(band);
+  const char* path = owner ? GDALGetDescription(owner) : nullptr;
+  if (!path || !*path) return;
+  const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return;
+  ::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);
+  ::close(fd);
+#else
+  (void)ds, (void)band, (void)now;
+#endif
+}
+
+}  // namespace
+
 Emsc_Boolean eimg_LayerClose(Eimg_Layer* layer, Eerr_ErrorReport** err) KZDV_NOEXCEPT try {
   static const Etxt_Char* const kFn = L"eimg_LayerClose";
   kzdv::ErrorFrame frame(kFn, err);
@@ -230,6 +261,8 @@ Emsc_Boolean eimg_LayerClose(Eimg_Layer* layer, Eerr_ErrorReport** err) KZDV_NOE
       if (band && GDALFlushRasterCache(band) != CE_None) {
         ok = false;
         message = quiet.Message();
+      } else if (band && layer->pyramidLevel > 0) {
+        StartWriteBack(ds, band, true);
       }
     }
   }
@@ -282,6 +315,7 @@ Emsc_Boolean eimg_LayerFlush(Eimg_Layer* layer, Eerr_ErrorReport** err) KZDV_NOE
   EERR_FAIL_IF(!band, frame, EMSC_FALSE, L"Pyramid level of %s no longer exists", layer->name);
   EERR_FAIL_IF(GDALFlushRasterCache(band) != CE_None, frame, EMSC_FALSE, L"Writing %s failed: %s",
                layer->name, quiet.Message().c_str());
+  if (!layer->readOnly && layer->pyramidLevel > 0) StartWriteBack(ds, band, false);
   return EMSC_TRUE;
 }
 EERR_BOUNDARY(err, EMSC_FALSE)

@@ -120,7 +120,8 @@ void BindImage(py::module_& m) {
       },
       py::arg("file"),
       "Builds the 3x3 binomial pyramid levels of every layer of the image file (replacing\n"
-      "any levels it had). The GIL is released meanwhile; the image is locked against a\n"
+      "any levels it had), as GDAL overviews in the level file <file>.ovr beside it (the\n"
+      "image is only read). The GIL is released meanwhile; the image is locked against a\n"
       "second writer.");
   m.def(
       "pyramid_level_count", [](long w, long h) { return epho_PyramidLevelCount(w, h); },
