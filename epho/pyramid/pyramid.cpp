@@ -233,6 +233,8 @@ bool BuildLevels(const Etxt_Char* work, const Etxt_Char* shown, int access, Emet
 bool MoveCompanions(std::vector<std::string> built, const std::string& work,
                     const std::string& image, bool with_work, kzdv::ErrorFrame& frame) {
   std::wstring why;
+  struct stat owner {};
+  const bool has_owner = ::stat(image.c_str(), &owner) == 0;
   const std::vector<std::string> companions = built;
   if (with_work) built.push_back(work);
   for (const std::string& c : built) {
@@ -242,6 +244,10 @@ bool MoveCompanions(std::vector<std::string> built, const std::string& work,
       frame.Fail(__LINE__, L"%s", why.c_str());
       return false;
     }
+    // The image's owner keeps its companions where the process may set it
+    // (a run by root on a user's image).
+    const bool owned = has_owner && ::chown(c.c_str(), owner.st_uid, owner.st_gid) == 0;
+    (void)owned;
     if (!target.empty()) std::filesystem::rename(c, target, ec);
     if (target.empty() || ec) {
       frame.Fail(__LINE__, L"Cannot replace %hs: %hs", target.c_str(), ec.message().c_str());
@@ -284,7 +290,7 @@ void RemoveWork(const std::string& work, const std::vector<std::string>& made) {
 void RemoveStaleWork(const std::string& image) {
   namespace fs = std::filesystem;
   struct stat target {};
-  if (::stat(image.c_str(), &target) != 0) return;
+  if (::lstat(image.c_str(), &target) != 0) return;
   const fs::path path(image);
   const std::string prefix = "." + path.stem().string() + ".tmp", ext = path.extension().string();
   const fs::path folder = path.has_parent_path() ? path.parent_path() : fs::path(".");
@@ -295,8 +301,9 @@ void RemoveStaleWork(const std::string& image) {
     struct stat st {};
     if (name.size() != prefix.size() + 6 + ext.size() || name.compare(0, prefix.size(), prefix) ||
         name.compare(name.size() - ext.size(), ext.size(), ext) ||
-        ::lstat(it->path().c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
-        st.st_dev != target.st_dev || st.st_ino != target.st_ino)
+        ::lstat(it->path().c_str(), &st) != 0 ||
+        (st.st_mode & S_IFMT) != (target.st_mode & S_IFMT) || st.st_dev != target.st_dev ||
+        st.st_ino != target.st_ino)
       continue;
     stale.push_back(it->path().string());
   }
@@ -366,14 +373,18 @@ void BuildInCopy(const std::string& image, const Etxt_Char* shown, Emet_MeterInf
   ok = ok && BuildLevels(kzdv::FromUtf8(work).c_str(), shown, EIMG_ACCESS_UPDATE, meter, init,
                          &own_levels, frame);
   if (ok) {
-    // The owner is kept where the process may set it (a run by root on a
-    // user's image).
-    const bool owned = ::chown(work.c_str(), st.st_uid, st.st_gid) == 0;
-    (void)owned;
     ok = MoveCompanions(Companions(work), work, image, true, frame);
   }
   std::error_code ec;
   fs::remove_all(folder, ec);
+}
+
+// The file `path` names, through any symbolic links.
+std::string RealFile(const std::string& path) {
+  std::error_code ec;
+  if (!std::filesystem::is_symlink(std::filesystem::symlink_status(path, ec))) return path;
+  const std::filesystem::path real = std::filesystem::canonical(path, ec);
+  return ec ? path : real.string();
 }
 
 // What refuses the work, checked on the image itself before anything is
@@ -451,6 +462,8 @@ void epho_ComputePyramidLayers3x3(const Etxt_Char* file_name, Emet_MeterInfo* me
     case Outcome::kNotHere:
       break;
   }
-  BuildInCopy(image, file.get(), meter, init, frame);
+  // A symbolic link stays a link: levels inside the image are rebuilt in the
+  // file it names (a level file goes beside the link, where GDAL looks).
+  BuildInCopy(RealFile(image), file.get(), meter, init, frame);
 }
 EERR_BOUNDARY(err, )

@@ -271,6 +271,13 @@ TEST(PyramidLayers, LevelsGoBesideTheImageUnlessItHoldsItsOwn) {
     EXPECT_TRUE(std::filesystem::exists(plain + ".ovr"));
     EXPECT_EQ(FilesIn(dir), 3);  // the image, its level file and its .aux.xml
   }
+  // Through a symbolic link: the link stays a link and gets its own level
+  // file, where GDAL looks when it opens the link.
+  const std::string alias = dir.File("alias.tif");
+  std::filesystem::create_symlink("plain.tif", alias);
+  ExpectLevelsMatch(alias, r, true);
+  EXPECT_TRUE(std::filesystem::is_symlink(alias));
+  EXPECT_TRUE(std::filesystem::exists(alias + ".ovr"));
   // Levels inside a GeoTIFF, and inside an HFA image, whose level references
   // name the file itself: rebuilt there, through a copy that must not touch
   // the original by that name.
@@ -292,7 +299,7 @@ TEST(PyramidLayers, LevelsGoBesideTheImageUnlessItHoldsItsOwn) {
   std::string names;
   for (const auto& e : std::filesystem::directory_iterator(dir.path()))
     names += e.path().filename().string() + " ";
-  EXPECT_EQ(FilesIn(dir), 6) << names;  // no level file, no work folder left beside them
+  EXPECT_EQ(FilesIn(dir), 9) << names;  // no level file, no work folder left beside them
 }
 
 // Runs the pyramids with a meter that cancels at `at`; expects the report.

@@ -15,7 +15,10 @@
  * the algorithm name "KordaBino3" as the band metadata item
  * PYRAMID_ALGORITHM in "<image>.aux.xml"; the image file itself is only
  * read. An image that already holds levels of its own (internal GeoTIFF
- * overviews, the levels of an HFA file) has them rebuilt there. */
+ * overviews, the levels of an HFA file) has them rebuilt there. An image
+ * named through a symbolic link gets its level file beside the link, where
+ * GDAL looks when it opens that name; levels inside an image are rebuilt in
+ * the file the link names, and the link stays a link. */
 #ifndef EPHO_PYRAMID_H
 #define EPHO_PYRAMID_H
 
