@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -130,6 +132,14 @@ const char* const kSidecars[] = {".aux.xml", ".ovr", ".rrd"};
 bool Exists(const std::string& path) {
   std::error_code ec;
   return std::filesystem::exists(path, ec);
+}
+
+// The file `path` names, through any symbolic links.
+std::string RealFile(const std::string& path) {
+  std::error_code ec;
+  if (!std::filesystem::is_symlink(std::filesystem::symlink_status(path, ec))) return path;
+  const std::filesystem::path real = std::filesystem::canonical(path, ec);
+  return ec ? path : real.string();
 }
 
 // `file`, a companion of the image `from` (same folder, named after it), as
@@ -285,7 +295,8 @@ void RemoveWork(const std::string& work, const std::vector<std::string>& made) {
 
 // Work files of an earlier run on `image` that was killed before it could
 // remove them: hidden second names of the image (".<name>.tmpXXXXXX.<ext>",
-// the very same file) with their level files and .aux.xml. Called with the
+// the very same file) with their level files and .aux.xml, and hidden work
+// folders of that name that hold a copy of the image. Called with the
 // image's lock held, so no live run owns them.
 void RemoveStaleWork(const std::string& image) {
   namespace fs = std::filesystem;
@@ -295,22 +306,27 @@ void RemoveStaleWork(const std::string& image) {
   const std::string prefix = "." + path.stem().string() + ".tmp", ext = path.extension().string();
   const fs::path folder = path.has_parent_path() ? path.parent_path() : fs::path(".");
   std::error_code ec;
-  std::vector<std::string> stale;
+  std::vector<std::string> links, folders;
   for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
     const std::string name = it->path().filename().string();
     struct stat st {};
     if (name.size() != prefix.size() + 6 + ext.size() || name.compare(0, prefix.size(), prefix) ||
         name.compare(name.size() - ext.size(), ext.size(), ext) ||
-        ::lstat(it->path().c_str(), &st) != 0 ||
-        (st.st_mode & S_IFMT) != (target.st_mode & S_IFMT) || st.st_dev != target.st_dev ||
-        st.st_ino != target.st_ino)
+        ::lstat(it->path().c_str(), &st) != 0)
       continue;
-    stale.push_back(it->path().string());
+    if (S_ISDIR(st.st_mode) && Exists((it->path() / path.filename()).string())) {
+      folders.push_back(it->path().string());
+      continue;
+    }
+    if ((st.st_mode & S_IFMT) == (target.st_mode & S_IFMT) && st.st_dev == target.st_dev &&
+        st.st_ino == target.st_ino)
+      links.push_back(it->path().string());
   }
-  for (const std::string& work : stale) {
+  for (const std::string& work : links) {
     RemoveWork(work, {});
     fs::remove(work, ec);
   }
+  for (const std::string& folder : folders) fs::remove_all(folder, ec);
 }
 
 enum class Outcome { kDone, kFailed, kNotHere };
@@ -325,7 +341,6 @@ enum class Outcome { kDone, kFailed, kNotHere };
 Outcome BuildBeside(const std::string& image, const Etxt_Char* shown, Emet_MeterInfo* meter,
                     Eint_InitToolkitData* init, kzdv::ErrorFrame& frame) {
   std::wstring why;
-  RemoveStaleWork(image);
   const std::string work = kzdv::efio::LinkBeside(image, &why);
   if (work.empty()) return Outcome::kNotHere;
   std::vector<std::string> made;
@@ -365,9 +380,13 @@ void BuildInCopy(const std::string& image, const Etxt_Char* shown, Emet_MeterInf
   const std::string work = (fs::path(folder) / fs::path(image).filename()).string();
   std::vector<std::string> made;
   struct stat st {};
-  bool ok = kzdv::efio::CopyFileContents(image, work, &why) &&
-            CopyCompanions(image, work, &made, &why) && ::stat(image.c_str(), &st) == 0 &&
-            ::chmod(work.c_str(), st.st_mode & 07777) == 0;
+  bool ok =
+      kzdv::efio::CopyFileContents(image, work, &why) && CopyCompanions(image, work, &made, &why);
+  if (ok && (::stat(image.c_str(), &st) != 0 || ::chmod(work.c_str(), st.st_mode & 07777) != 0)) {
+    why = L"Cannot give the copy of " + kzdv::FromUtf8(image) + L" its permissions: " +
+          kzdv::FromUtf8(std::strerror(errno));
+    ok = false;
+  }
   if (!ok) frame.Fail(__LINE__, L"%s (the image is unchanged)", why.c_str());
   bool own_levels = false;
   ok = ok && BuildLevels(kzdv::FromUtf8(work).c_str(), shown, EIMG_ACCESS_UPDATE, meter, init,
@@ -377,14 +396,6 @@ void BuildInCopy(const std::string& image, const Etxt_Char* shown, Emet_MeterInf
   }
   std::error_code ec;
   fs::remove_all(folder, ec);
-}
-
-// The file `path` names, through any symbolic links.
-std::string RealFile(const std::string& path) {
-  std::error_code ec;
-  if (!std::filesystem::is_symlink(std::filesystem::symlink_status(path, ec))) return path;
-  const std::filesystem::path real = std::filesystem::canonical(path, ec);
-  return ec ? path : real.string();
 }
 
 // What refuses the work, checked on the image itself before anything is
@@ -453,6 +464,8 @@ void epho_ComputePyramidLayers3x3(const Etxt_Char* file_name, Emet_MeterInfo* me
                  frame, , L"%s", why.c_str());
   }
 
+  RemoveStaleWork(image);
+  if (RealFile(image) != image) RemoveStaleWork(RealFile(image));
   // Levels go beside the image, which is then only read; an image that holds
   // levels of its own has them rebuilt inside a copy of it.
   switch (BuildBeside(image, file.get(), meter, init, frame)) {

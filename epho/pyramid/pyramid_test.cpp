@@ -265,6 +265,9 @@ TEST(PyramidLayers, LevelsGoBesideTheImageUnlessItHoldsItsOwn) {
   const std::string killed = dir.File(".plain.tmpk1lled.tif");
   ASSERT_EQ(::link(plain.c_str(), killed.c_str()), 0);
   std::ofstream(killed + ".ovr") << "part of a level file";
+  const std::string killed_copy = dir.File(".plain.tmpk1ll3d.tif");
+  std::filesystem::create_directory(killed_copy);
+  std::ofstream(killed_copy + "/plain.tif") << "part of a copy";
   for (int run = 0; run < 2; ++run) {
     ExpectLevelsMatch(plain, r, true);
     EXPECT_TRUE(Slurp(plain) == bytes) << "run " << run;
