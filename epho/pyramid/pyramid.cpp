@@ -340,6 +340,7 @@ enum class Outcome { kDone, kFailed, kNotHere };
 // take a second name for it.
 Outcome BuildBeside(const std::string& image, const Etxt_Char* shown, Emet_MeterInfo* meter,
                     Eint_InitToolkitData* init, kzdv::ErrorFrame& frame) {
+  kzdv::efio::FileSizeSignalGuard no_sigxfsz;  // a file size limit fails a write
   std::wstring why;
   const std::string work = kzdv::efio::LinkBeside(image, &why);
   if (work.empty()) return Outcome::kNotHere;
@@ -371,6 +372,7 @@ Outcome BuildBeside(const std::string& image, const Etxt_Char* shown, Emet_Meter
 void BuildInCopy(const std::string& image, const Etxt_Char* shown, Emet_MeterInfo* meter,
                  Eint_InitToolkitData* init, kzdv::ErrorFrame& frame) {
   namespace fs = std::filesystem;
+  kzdv::efio::FileSizeSignalGuard no_sigxfsz;  // a file size limit fails a write
   std::wstring why;
   const std::string folder = kzdv::efio::MakeFolderBeside(image, &why);
   if (folder.empty()) {

@@ -5,6 +5,7 @@
 #include <gdal.h>
 #include <gdal_alg.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -379,6 +380,39 @@ TEST(PyramidLayers, CancelReportsAndLeavesTheImageAsItWas) {
   EXPECT_LE(after.st_blocks, before.st_blocks + before.st_blocks / 20 + 8);
   EXPECT_TRUE(Slurp(sparse) == bytes);
   EXPECT_EQ(FilesIn(dir), files_before);
+}
+
+// A file size limit below the size of the level file (or of the copy of an
+// image with levels inside) fails the run with a report, not a signal, and
+// leaves the image, its levels from before and the folder as they were.
+TEST(PyramidLayers, FileSizeLimitFailsTheRunAndKeepsTheLevels) {
+  testutil::ScratchDir dir("pyr_fsize");
+  Raster r = RandomRaster(1200, 1000, 1, GDT_Byte, 61);
+  for (bool inside : {false, true}) {
+    SCOPED_TRACE(inside ? "levels inside" : "levels beside");
+    const std::string path = WriteTiff(dir.File(inside ? "in.tif" : "be.tif"), r, GDT_Byte);
+    GDALDatasetH ds = GDALOpen(path.c_str(), inside ? GA_Update : GA_ReadOnly);
+    int f[] = {2, 4};
+    ASSERT_EQ(GDALBuildOverviews(ds, "AVERAGE", 2, f, 0, nullptr, nullptr, nullptr), CE_None);
+    GDALClose(ds);
+    const std::string image = Slurp(path), levels = inside ? "" : Slurp(path + ".ovr");
+    const long files = FilesIn(dir);
+    rlimit old{};
+    getrlimit(RLIMIT_FSIZE, &old);
+    rlimit small = old;
+    small.rlim_cur = 64 * 1024;
+    setrlimit(RLIMIT_FSIZE, &small);
+    Eerr_ErrorReport* err = nullptr;
+    epho_ComputePyramidLayers3x3(kzdv::FromUtf8(path).c_str(), nullptr, &err);
+    setrlimit(RLIMIT_FSIZE, &old);
+    EXPECT_NE(err, nullptr);
+    eerr_DeleteErrorReportEx(&err);
+    EXPECT_TRUE(Slurp(path) == image);
+    if (!inside) {
+      EXPECT_TRUE(Slurp(path + ".ovr") == levels);
+    }
+    EXPECT_EQ(FilesIn(dir), files);
+  }
 }
 
 // Two runs on one image at once (two users, a batch started twice): the
