@@ -48,12 +48,16 @@ KZDV_BEGIN_C
  * format's header and its .aux.xml), which GDAL opens read-only: the new
  * level file and .aux.xml are flushed to disk and renamed over the image's
  * only when every level is done, and the hidden names are removed. Levels
- * inside the image are built in a copy of it (holes of a sparse file kept),
- * which replaces the image by a rename only when every level is done; the
- * folder must have room for that copy. Either way a failed or cancelled run
- * leaves the image, its levels from before and its companions exactly as
- * they were. A folder without hard links (some network and FAT file
- * systems) gets the copy. The image's folder must be writable. */
+ * inside the image are built in a copy of it (holes of a sparse file kept)
+ * that keeps the image's name in a hidden folder beside it
+ * (".<name>.tmpXXXXXX.<ext>/"), and the copy replaces the image by a rename
+ * only when every level is done; the folder must have room for that copy.
+ * A folder without hard links (some network and FAT file systems) gets
+ * the copy too, and the levels inside the image. Either way a failed or
+ * cancelled run, a full disk or a file size limit (a report, never
+ * SIGXFSZ) leaves the image, its levels from before and its companions
+ * exactly as they were; what a killed run leaves behind is removed by the
+ * next run on the image. The image's folder must be writable. */
 EPHO_EXPORT void epho_ComputePyramidLayers3x3(const Etxt_Char* file_name, Emet_MeterInfo* meter,
                                               Eerr_ErrorReport** err) KZDV_NOEXCEPT;
 
