@@ -243,6 +243,7 @@ TEST(DTMCacheConcurrent, EightThreadsOpenAndReadSameDemConsistently) {
   const int kThreads = 8;
   std::vector<boost::shared_ptr<EphoLib::DTMCache>> slots(kThreads);
   std::vector<long> mismatches(kThreads, -1);
+  std::vector<std::wstring> reports(kThreads);
   std::vector<std::thread> threads;
   std::wstring wpath = kzdv::FromUtf8(path);
   for (int t = 0; t < kThreads; ++t)
@@ -250,6 +251,7 @@ TEST(DTMCacheConcurrent, EightThreadsOpenAndReadSameDemConsistently) {
       Eerr_ErrorReport* err = nullptr;
       Eimg_Layer* layer = EphoLib::CachedDEMLayerGet(wpath.c_str(), slots[t], &err);
       if (!layer) {
+        reports[t] = kzdv::ReportText(err);
         eerr_DeleteErrorReport(err);
         return;
       }
@@ -267,7 +269,7 @@ TEST(DTMCacheConcurrent, EightThreadsOpenAndReadSameDemConsistently) {
     });
   for (auto& th : threads) th.join();
   for (int t = 0; t < kThreads; ++t) {
-    EXPECT_EQ(mismatches[t], 0) << "thread " << t;
+    EXPECT_EQ(mismatches[t], 0) << "thread " << t << ": " << reports[t];
     ASSERT_TRUE(slots[t]);
     EXPECT_EQ(slots[t].get(), slots[0].get()) << "thread " << t;
   }
